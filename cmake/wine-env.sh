@@ -1,0 +1,22 @@
+# Read by the scripts beside it: finds Wine and sets the environment for every run under it.
+# WINEPREFIX may be set by the caller; the default lies in the build folder.
+
+for folder in /usr/lib/wine /usr/bin; do
+  [ -x "$folder/wine64" ] && WINE_LOADER=$folder/wine64 && break
+done
+if [ -z "${WINE_LOADER:-}" ]; then
+  WINE_LOADER=$(command -v wine64 || command -v wine) || {
+    echo "Wine is not installed (Debian: wine64)" >&2
+    exit 1
+  }
+fi
+for server in /usr/lib/wine/wineserver64 /usr/lib/wine/wineserver /usr/bin/wineserver; do
+  [ -x "$server" ] && WINE_SERVER=$server && break
+done
+
+: "${WINEPREFIX:=$(cd "$(dirname "$0")/.." && pwd)/build/wine}"
+WINEARCH=win64
+WINEDEBUG=${WINEDEBUG:--all}
+# Without winedbg.exe switched off, most crashed programs end with status 0.
+WINEDLLOVERRIDES="mscoree,mshtml,winedbg.exe="
+export WINEPREFIX WINEARCH WINEDEBUG WINEDLLOVERRIDES WINE_LOADER WINE_SERVER

@@ -1,0 +1,83 @@
+// A format text with the place of the call that it came from, checked by the compiler against the
+// arguments of that call.
+#pragma once
+
+#include <cstddef>
+#include <type_traits>
+
+namespace trace_format {
+
+// Whether conversion `conversion` ("u", "lu" given as 'l' + 'u', ...) takes an argument of type T.
+template <typename T>
+consteval bool Takes(bool isLong, char conversion, bool isWideFormat) {
+  using Value = std::remove_cv_t<T>;
+  switch (conversion) {
+    case 'u':
+    case 'X':
+    case 'd':
+      return isLong ? std::is_same_v<Value, unsigned long> || std::is_same_v<Value, long>
+                    : std::is_integral_v<Value> && sizeof(Value) == sizeof(int);
+    case 's':
+      return isWideFormat
+                 ? std::is_same_v<Value, const wchar_t*> || std::is_same_v<Value, wchar_t*>
+                 : std::is_same_v<Value, const char*> || std::is_same_v<Value, char*>;
+    case 'S':
+      return !isWideFormat &&
+             (std::is_same_v<Value, const wchar_t*> || std::is_same_v<Value, wchar_t*>);
+    default:
+      return false;
+  }
+}
+
+// Moves `text` behind its next conversion and says whether that conversion takes a T.
+template <typename T, typename Char>
+consteval bool NextTakes(const Char*& text) {
+  while (*text != 0 && *text != '%') {
+    ++text;
+  }
+  if (*text == 0) {
+    return false;
+  }
+  ++text;
+  const bool isLong = *text == 'l';
+  if (isLong) {
+    ++text;
+  }
+  const char conversion = static_cast<char>(*text);
+  if (*text != 0) {
+    ++text;
+  }
+  return Takes<T>(isLong, conversion, std::is_same_v<Char, wchar_t>);
+}
+
+template <typename... Args, typename Char>
+consteval bool Matches(const Char* text) {
+  const bool allTaken = (NextTakes<Args>(text) && ...);
+  while (*text != 0 && *text != '%') {
+    ++text;
+  }
+  return allTaken && *text == 0;
+}
+
+// Not consteval: calling it stops the compiler, which then names it.
+inline void FormatDoesNotMatchItsArguments() {}
+
+}  // namespace trace_format
+
+template <typename Char, typename... Args>
+struct TraceFormat {
+  // Converts at the call site, which the default arguments therefore name.
+  // NOLINTNEXTLINE(google-explicit-constructor): the conversion is the purpose.
+  consteval TraceFormat(const Char* formatText, const char* callFile = __builtin_FILE(),
+                        int callLine = __builtin_LINE())
+      : text(formatText), file(callFile), line(callLine) {
+    // Without arguments a text is no format: a "%" in it stands for itself.
+    if (sizeof...(Args) != 0 && !trace_format::Matches<Args...>(formatText)) {
+      trace_format::FormatDoesNotMatchItsArguments();
+    }
+  }
+
+  const Char* text;
+  const char* file;
+  int line;
+};
