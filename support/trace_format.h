@@ -18,9 +18,8 @@ consteval bool Takes(bool isLong, char conversion, bool isWideFormat) {
       return isLong ? std::is_same_v<Value, unsigned long> || std::is_same_v<Value, long>
                     : std::is_integral_v<Value> && sizeof(Value) == sizeof(int);
     case 's':
-      return isWideFormat
-                 ? std::is_same_v<Value, const wchar_t*> || std::is_same_v<Value, wchar_t*>
-                 : std::is_same_v<Value, const char*> || std::is_same_v<Value, char*>;
+      return isWideFormat ? std::is_same_v<Value, const wchar_t*> || std::is_same_v<Value, wchar_t*>
+                          : std::is_same_v<Value, const char*> || std::is_same_v<Value, char*>;
     case 'S':
       return !isWideFormat &&
              (std::is_same_v<Value, const wchar_t*> || std::is_same_v<Value, wchar_t*>);

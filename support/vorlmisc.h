@@ -47,11 +47,11 @@ static_assert(offsetof(CLIENT_AGENT_STARTUP_OPTIONS, Dword5) == 1366);
 static_assert(offsetof(CLIENT_AGENT_STARTUP_OPTIONS, Byte1) == 1370);
 static_assert(offsetof(CLIENT_AGENT_STARTUP_OPTIONS, Dword6) == 1371);
 
-// What the program's callers of the two folder functions provide: a buffer of
-// kFolderBufferLength characters, announced with a capacity of kFolderCapacity. A folder must leave
-// room in the buffer for the 13 characters of a file name.
-constexpr DWORD kFolderBufferLength = 264;
+// What the program's callers of the two folder functions announce as the capacity, and the
+// characters that their buffers really hold: room for a file name of 13 characters to be appended
+// even to a folder that fills the whole capacity.
 constexpr DWORD kFolderCapacity = 520;
+constexpr DWORD kFolderBufferLength = kFolderCapacity + 16;
 
 extern "C" {
 

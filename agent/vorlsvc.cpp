@@ -1,0 +1,293 @@
+#include "agent/vorlsvc.h"
+
+#include <io.h>
+#include <process.h>
+
+#include "agent/cathdsvc.h"
+#include "agent/coremodule.h"
+#include "agent/secattrb.h"
+#include "support/procaddress.h"
+#include "support/vorlinfo.h"
+#include "support/vorlmisc.h"
+
+namespace {
+
+// The user control that makes the service save its status.
+constexpr DWORD kControlSaveStatus = 128;
+
+constexpr unsigned kRegistryPathSize = 1024;
+
+constexpr int kExistenceOnly = 0;  // the access mode of _waccess
+
+// The path of the module `file` (with its backslash) in the agent's root folder.
+bool GetModulePath(const wchar_t* file, wchar_t (&path)[kFolderBufferLength]) {
+  path[0] = L'\0';
+  return GetClientAgentRootDir(path, kFolderCapacity) != 0 &&
+         SUCCEEDED(StringCchCatW(path, kFolderBufferLength, file));
+}
+
+}  // namespace
+
+CAcAsSvc::CAcAsSvc(const char* serviceName)
+    : CNTService(serviceName), m_dwFlag1(0), m_dwFlag2(1), m_dwCurrentStatus(0), m_dwReserved(0) {
+  constexpr Trace trace{"CAcAsSvc::CAcAsSvc"};
+  trace.Info("Entry");
+  trace.Info("Exit");
+}
+
+CAcAsSvc::~CAcAsSvc() {
+  constexpr Trace trace{"CAcAsSvc::~CAcAsSvc"};
+  trace.Info("Entry");
+  if (m_hCloseEvent != nullptr) {
+    CloseHandle(m_hCloseEvent);
+  }
+  if (m_hSignalledCloseEvent != nullptr) {
+    CloseHandle(m_hSignalledCloseEvent);
+  }
+  trace.Info("Exit");
+}
+
+BOOL CAcAsSvc::OnInit() {
+  constexpr Trace trace{"CAcAsSvc::OnInit"};
+  trace.Info("Entry");
+  if (!CreateSecurityAttributeForEveryone(&m_SecurityAttributes, &m_pEveryoneSid, &m_pAcl,
+                                          &m_pSecurityDescriptor, EVENT_ALL_ACCESS)) {
+    trace.Error("CreateSecurityAttributeForEveryone Failed");
+    return FALSE;
+  }
+  // Support engineers know this operation's end by a second "Entry".
+  trace.Info("Entry");
+  return TRUE;
+}
+
+void CAcAsSvc::Run() {
+  constexpr Trace trace{"CAcAsSvc::Run"};
+  trace.Info("Entry");
+
+  unsigned threadId = 0;
+  const auto threadHandle = reinterpret_cast<HANDLE>(
+      _beginthreadex(/*security=*/nullptr, /*stack_size=*/0, &WaitForServiceClosure, this,
+                     /*initflag=*/0, &threadId));
+  if (threadHandle == nullptr) {
+    trace.Error("_beginthreadex Failed %u", GetLastError());
+    return;
+  }
+
+  trace.Info("Before calling GetClientAgentStartUpOptions");
+  CLIENT_AGENT_STARTUP_OPTIONS options{};
+  if (GetClientAgentStartUpOptions(&options) == 0) {
+    trace.Error("GetClientAgentStartUpOptions Failed");
+    SignalCloseEvent(trace);
+    return;
+  }
+
+  trace.Info("Calling for pending update...");
+  if (!DoPendingPatchTasks()) {
+    trace.Info("DoPendingPatchTasks failed...");
+  }
+  trace.Info("After calling GetClientAgentStartUpOptions");
+
+  const HMODULE module = LoadVorlcoreDll();
+  if (module == nullptr) {
+    trace.Error("LoadAcresDll() failed.");
+    return;
+  }
+  auto* const startUp = ProcAddress<ClientAgentCoreStartUpFn>(module, "ClientAgentCoreStartUp");
+  if (startUp == nullptr) {
+    trace.Error("GetProcAddress() failed for ClientAgentCoreStartUp.");
+    FreeLibrary(module);
+    return;
+  }
+
+  trace.Info("Before calling ClientAgentCoreStartUp");
+  if (startUp(options.Text1, options.Text2, options.Text3, options.Text4, options.Word1,
+              options.Word2, options.Word3, options.Word4, options.Dword1, options.Dword2,
+              options.Dword3, options.Dword4, options.Dword5, options.Byte1, options.Dword6) == 0) {
+    trace.Error("ClientAgentCoreStartUp Failed");
+    FreeLibrary(module);
+    SignalCloseEvent(trace);
+    return;
+  }
+  trace.Info("After calling ClientAgentCoreStartUp");
+
+  trace.Info("Before Calling WaitForSingleObject");
+  WaitForSingleObject(threadHandle, INFINITE);
+  trace.Info("After Calling WaitForSingleObject");
+  CloseHandle(threadHandle);
+
+  trace.Info("Before calling ClientAgentCoreCleanUp");
+  auto* const cleanUp = ProcAddress<ClientAgentCoreCleanUpFn>(module, "ClientAgentCoreCleanUp");
+  if (cleanUp == nullptr) {
+    trace.Error("GetProcAddress() failed for ClientAgentCoreCleanUp.");
+    // There is no event to signal any more; both calls fail without effect.
+    SetEvent(nullptr);
+    CloseHandle(nullptr);
+    FreeLibrary(module);
+    return;
+  }
+  BYTE notify = kNotifyNone;
+  if (m_bNotifyServer) {
+    trace.Info("Notify server is TRUE");
+    notify = kNotifyServer;
+  } else {
+    trace.Info("Notify server is false");
+  }
+  if (cleanUp(options.Text1, options.Text2, options.Text3, options.Text4, options.Word1,
+              options.Dword1, options.Dword2, options.Dword3, options.Dword6, notify) == 0) {
+    trace.Error("ClientAgentCoreCleanUp Failed");
+  }
+  trace.Info("After calling ClientAgentCoreCleanUp");
+
+  trace.Info("Before calling FreeSecurityAttributeForEveryone");
+  FreeLibrary(module);
+  FreeSecurityAttributeForEveryone(&m_SecurityAttributes, m_pEveryoneSid, m_pAcl,
+                                   m_pSecurityDescriptor);
+  trace.Info("After calling FreeSecurityAttributeForEveryone");
+  trace.Info("Exit");
+}
+
+// The close event by its name, created when the closure watcher has not done so yet. Null, with a
+// trace line, on failure.
+KernelHandle CAcAsSvc::CreateCloseEvent(const Trace& trace) {
+  char szEventName[kEventNameSize] = {};
+  static_cast<void>(StringCchCopyA(szEventName, kEventNameSize, kCloseEventBaseName));
+  char szVersionedName[kEventNameSize] = {};
+  if (GetEventNameByVersion(szEventName, szVersionedName, kEventNameSize) == 0) {
+    trace.Error("GetEventNameByVersion Failed");
+    return KernelHandle();
+  }
+  static_cast<void>(StringCchCopyA(szEventName, kEventNameSize, szVersionedName));
+
+  KernelHandle closeEvent(CreateEventA(&m_SecurityAttributes, /*bManualReset=*/TRUE,
+                                       /*bInitialState=*/FALSE, szEventName));
+  if (!closeEvent) {
+    trace.Error("CreateEvent Failed for Close Event : %u", GetLastError());
+    return closeEvent;
+  }
+
+  HANDLE second = nullptr;
+  if (DuplicateHandle(GetCurrentProcess(), closeEvent.Get(), GetCurrentProcess(), &second,
+                      /*dwDesiredAccess=*/0, /*bInheritHandle=*/FALSE, DUPLICATE_SAME_ACCESS)) {
+    // A failed start and a stop control may signal at the same time, from two threads.
+    const KernelHandle previous(InterlockedExchangePointer(&m_hSignalledCloseEvent, second));
+  }
+  return closeEvent;
+}
+
+void CAcAsSvc::SignalCloseEvent(const Trace& trace) {
+  const KernelHandle closeEvent = CreateCloseEvent(trace);
+  if (closeEvent) {
+    SetEvent(closeEvent.Get());
+  }
+}
+
+void CAcAsSvc::OnStop() {
+  constexpr Trace trace{"CAcAsSvc::OnStop"};
+  trace.Info("Entry");
+  KernelHandle closeEvent = CreateCloseEvent(trace);
+  if (!closeEvent) {
+    return;
+  }
+  trace.Info("Before setting close Event");
+  SetEvent(closeEvent.Get());
+  trace.Info("After setting close Event");
+  closeEvent.Reset();
+  trace.Info("Exit");
+}
+
+void CAcAsSvc::OnShutdown() { OnStop(); }
+
+BOOL CAcAsSvc::OnUserControl(DWORD code) {
+  constexpr Trace trace{"CAcAsSvc::OnUserControl"};
+  trace.Info("Entry");
+  if (code == kControlSaveStatus) {
+    trace.Info("Before calling SaveStatus");
+    SaveStatus();
+    trace.Info("After calling SaveStatus");
+    return TRUE;
+  }
+  trace.Info("Case default");
+  trace.Info("Exit");
+  return FALSE;
+}
+
+void CAcAsSvc::SaveStatus() {
+  constexpr Trace trace{"CAcAsSvc::SaveStatus"};
+  trace.Info("Entry");
+  char szKeyPath[kRegistryPathSize];
+  static_cast<void>(StringCchPrintfA(szKeyPath, kRegistryPathSize,
+                                     R"(SYSTEM\CurrentControlSet\Services\%s\Status)",
+                                     m_szServiceName));
+  trace.Info("Before calling RegCreateKeyEx");
+  RegistryKey key;
+  DWORD disposition = 0;
+  char emptyClass[] = "";
+  if (RegCreateKeyExA(HKEY_LOCAL_MACHINE, szKeyPath, /*Reserved=*/0, emptyClass,
+                      REG_OPTION_NON_VOLATILE, KEY_WRITE, /*lpSecurityAttributes=*/nullptr,
+                      key.Receive(), &disposition) != ERROR_SUCCESS) {
+    trace.Error("RegCreateKeyEx Failed %u", GetLastError());
+    return;
+  }
+  trace.Info("Before aclling RegSetValueEx");
+  if (RegSetValueExA(key.Get(), "Current", /*Reserved=*/0, REG_DWORD,
+                     reinterpret_cast<const BYTE*>(&m_dwCurrentStatus),
+                     sizeof(m_dwCurrentStatus)) != ERROR_SUCCESS) {
+    trace.Info("RegSetValueEx Failed");
+  }
+  key.Reset();
+  trace.Info("Exit");
+}
+
+HMODULE LoadVorlcoreDll() {
+  constexpr Trace trace{"LoadVorlcoreDll"};
+  trace.Info("Entry.");
+  wchar_t wszFilePath[kFolderBufferLength];
+  if (!GetModulePath(kCoreModuleFile, wszFilePath)) {
+    trace.Error("GetClientAgentRootDir Fail...");
+    return nullptr;
+  }
+  trace.VerboseDirect(L"wszFilePath: %s", wszFilePath);
+
+  const HMODULE module =
+      LoadLibraryExW(wszFilePath, /*hFile=*/nullptr, LOAD_WITH_ALTERED_SEARCH_PATH);
+  if (module == nullptr) {
+    trace.ErrorDirect("Load Library Fail... with error (%lu)", GetLastError());
+    return nullptr;
+  }
+  trace.Info("Exit.");
+  return module;
+}
+
+bool DoPendingPatchTasks() {
+  constexpr Trace trace{"DoPendingPatchTasks"};
+  trace.Info("Entry.");
+  wchar_t wszFilePath[kFolderBufferLength];
+  if (!GetModulePath(kUpdateModuleFile, wszFilePath)) {
+    trace.Error("GetAdmnConRootDir Fail...");
+    return false;
+  }
+  trace.InfoDirect(L"wszFilePath: %s", wszFilePath);
+  if (_waccess(wszFilePath, kExistenceOnly) != 0) {
+    trace.ErrorDirect(L"File not exist (%s)", wszFilePath);
+    return false;
+  }
+
+  Module module(LoadLibraryExW(wszFilePath, /*hFile=*/nullptr, LOAD_WITH_ALTERED_SEARCH_PATH));
+  if (!module) {
+    trace.ErrorDirect("Load Library Fail... with error (%lu)", GetLastError());
+    return false;
+  }
+  auto* const update =
+      ProcAddress<UpdateBeforeClientServiceFn>(module.Get(), "UpdateBeforeClientService");
+  if (update == nullptr) {
+    trace.ErrorDirect("GetProcAddress Fail... with error (%lu)", GetLastError());
+    return false;
+  }
+  if (update() == 0) {
+    trace.Error("pfn_UpdateBeforeServerService Fail.");
+    return false;
+  }
+  module.Reset();
+  trace.Info("Exit.");
+  return true;
+}

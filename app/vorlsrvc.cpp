@@ -1,0 +1,148 @@
+#include "app/vorlsrvc.h"
+
+#include <cstring>
+#include <cwchar>
+
+#include "agent/vorlsvc.h"
+#include "identity/ztuuid.h"
+#include "support/textconv.h"
+#include "support/trace.h"
+#include "support/vorlinfo.h"
+#include "support/vorlmisc.h"
+#include "support/windows_api.h"
+
+namespace {
+
+constexpr char kServiceBaseName[] = "Client Agent";
+constexpr unsigned kServiceNameBufferSize = 100;
+
+constexpr wchar_t kConfigurationFile[] = L"\\vorlconf.ini";
+constexpr wchar_t kSection[] = L"ADMIN_CONSOLE_CLIENT_AGENT_SECTION";
+constexpr wchar_t kIdentifierKey[] = L"clientuniqueid";
+
+// An identifier, as it is computed and as it may stand in the file.
+constexpr unsigned kIdentifierBufferSize = 40;
+constexpr DWORD kStoredIdentifierLength = 260;
+constexpr int kWideIdentifierLength = 520;
+
+// The path of vorlconf.ini.
+bool GetConfigurationFile(wchar_t (&path)[kFolderBufferLength]) {
+  path[0] = L'\0';
+  return GetClientAgentConfigDir(path, kFolderCapacity) != 0 &&
+         SUCCEEDED(StringCchCatW(path, kFolderBufferLength, kConfigurationFile));
+}
+
+// Makes sure that an identifier is stored. The program goes on whatever happens here.
+void EnsureClientUUID(const Trace& trace) noexcept {
+  try {
+    if (!IsClientUUIDPresent()) {
+      static_cast<void>(CreateAndSetClientUUID());  // it traced why it failed
+    }
+  } catch (...) {
+    // Out of memory on the way through WMI; the next start tries again.
+    trace.Error("CreateAndSetClientUUID Failed");
+  }
+}
+
+}  // namespace
+
+bool IsClientUUIDPresent() {
+  constexpr Trace trace{"IsClientUUIDPresent"};
+  trace.Info("Entry");
+  wchar_t wszFilePath[kFolderBufferLength];
+  if (!GetConfigurationFile(wszFilePath)) {
+    trace.Error("GetClientAgentConfigDir failed");
+    return false;
+  }
+  wchar_t wszClientId[kStoredIdentifierLength];
+  if (GetPrivateProfileStringW(kSection, kIdentifierKey, /*lpDefault=*/L"", wszClientId,
+                               kStoredIdentifierLength, wszFilePath) == 0) {
+    trace.Error("Client UUID is not present in INI .Creating new ...");
+    return false;
+  }
+  char szClientId[kStoredIdentifierLength];
+  // What cannot be converted is traced as empty; it is an identifier all the same.
+  static_cast<void>(WideToNarrow(wszClientId, szClientId, kStoredIdentifierLength));
+  trace.InfoDirect("ClientUUID fetched : %s", szClientId);
+  trace.Info("Exit");
+  return true;
+}
+
+bool SetClientUUID(const char* clientId) {
+  constexpr Trace trace{"SetClientUUID"};
+  trace.Verbose(" Entry");
+  if (clientId == nullptr) {
+    trace.Error("Invalid parameters");
+    return false;
+  }
+  wchar_t wszClientId[kWideIdentifierLength];
+  // Identifiers are plain ASCII text of 32 characters.
+  static_cast<void>(NarrowToWide(clientId, wszClientId, kWideIdentifierLength));
+
+  wchar_t wszFilePath[kFolderBufferLength];
+  if (!GetConfigurationFile(wszFilePath)) {
+    trace.Error("GetClientAgentConfigDir failed");
+    return false;
+  }
+  if (!WritePrivateProfileStringW(kSection, kIdentifierKey, wszClientId, wszFilePath)) {
+    trace.Error("WritePrivateProfileString failed.");
+    return false;
+  }
+  trace.Verbose(" Exit");
+  return true;
+}
+
+bool CreateAndSetClientUUID() {
+  constexpr Trace trace{"CreateAndSetClientUUID"};
+  CZTUUID CZTUUIDobj;
+  trace.Info("Entry");
+  char szZTUUIDA[kIdentifierBufferSize] = {};
+  if (!CZTUUIDobj.GetZTUUID(szZTUUIDA, kIdentifierBufferSize)) {
+    trace.Error("CZTUUIDobj.GetZTUUID failed.");
+    return false;
+  }
+  // At the error level, so that a new identifier stands in every trace.
+  trace.ErrorDirect("Client Unique ID: %s", szZTUUIDA);
+  if (!SetClientUUID(szZTUUIDA)) {
+    trace.Error("SetClientUUID failed.");
+    return false;
+  }
+  trace.Info("Exit");
+  return true;
+}
+
+int main(int argc, char** argv) {
+  constexpr Trace trace{"main"};
+  trace.Info("Entry");
+
+  trace.Info("Before Calling SetClientAgentLogOptions");
+  if (SetClientAgentLogOptions() == 0) {
+    trace.Error("SetClientAgentLogOptions Failed");
+  }
+  trace.Info("After Calling SetClientAgentLogOptions");
+
+  char szBaseName[kServiceNameBufferSize] = {};
+  static_cast<void>(StringCchCopyA(szBaseName, kServiceNameBufferSize, kServiceBaseName));
+  char szServiceName[kServiceNameBufferSize] = {};
+  if (GetServiceNameByVersion(szBaseName, szServiceName, kServiceNameBufferSize) == 0) {
+    return 0;
+  }
+
+  EnsureClientUUID(trace);
+
+  trace.Info("Before Creating CAcAsSvc Object");
+  CAcAsSvc asServiceObj(szServiceName);
+  trace.Info("After Creating CAcAsSvc Object");
+
+  trace.Info("Before Calling asServiceObj.ParseStandardArgs");
+  if (!asServiceObj.ParseStandardArgs(argc, argv)) {
+    // Also the ordinary path of the service process.
+    trace.Error("asServiceObj.ParseStandardArgs Failed");
+    trace.Info("Before Calling asServiceObj.StartService");
+    static_cast<void>(asServiceObj.StartService());  // there is nobody to tell
+    trace.Info("After Calling asServiceObj.StartService");
+  }
+  trace.Info("After Calling asServiceObj.ParseStandardArgs");
+  trace.Info("Exit");
+  return static_cast<int>(asServiceObj.ExitCode());
+}

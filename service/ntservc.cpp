@@ -1,0 +1,485 @@
+#include "service/ntservc.h"
+
+#include <cstdarg>
+#include <cstdio>
+#include <cstring>
+#include <cwchar>
+#include <iterator>
+
+#include "service/helperpipe.h"
+#include "service/vorlfun.h"
+#include "support/handle.h"
+#include "support/textconv.h"
+#include "support/trace.h"
+
+namespace {
+
+constexpr Trace parseTrace{"CNTService::ParseStandardArgs"};
+
+constexpr DWORD kRestartPauseMilliseconds = 100;
+
+// How long the service thread waits for a control in the handler ahead of its last report. The
+// handler only signals an event and reports the status.
+constexpr DWORD kHandlerWaitMilliseconds = 5000;
+
+constexpr unsigned kDebugMessageSize = 1024;
+constexpr unsigned kConsoleMessageSize = 500;
+
+constexpr unsigned kPathLength = 260;
+// A path with its two quotes.
+constexpr unsigned kCommandPathLength = kPathLength + 2;
+constexpr unsigned kWideServiceNameLength = 260;
+
+constexpr char kEventLogKey[] = R"(SYSTEM\CurrentControlSet\Services\EventLog\Application\)";
+constexpr unsigned kEventLogKeySize = sizeof(kEventLogKey) + kServiceNameSize;
+
+ServiceHandle OpenManager() {
+  return ServiceHandle(
+      OpenSCManagerA(/*lpMachineName=*/nullptr, /*lpDatabaseName=*/nullptr, SC_MANAGER_ALL_ACCESS));
+}
+
+// The program's own path as a service command: in quotes when it contains a blank, because the
+// service control manager would otherwise try the parts in front of each blank as programs.
+bool GetCommandPath(wchar_t (&commandPath)[kCommandPathLength]) {
+  wchar_t wszModulePath[kPathLength];
+  const DWORD length = GetModuleFileNameW(/*hModule=*/nullptr, wszModulePath, kPathLength);
+  if (length == 0 || length >= kPathLength) {
+    return false;
+  }
+  const bool hasBlank = std::wcschr(wszModulePath, L' ') != nullptr;
+  return SUCCEEDED(StringCchPrintfW(commandPath, kCommandPathLength, hasBlank ? L"\"%s\"" : L"%s",
+                                    wszModulePath));
+}
+
+bool IsOption(const char* argument, const char* option) { return _stricmp(argument, option) == 0; }
+
+}  // namespace
+
+CNTService* CNTService::s_pThis = nullptr;
+RemovalHooks CNTService::s_removalHooks = {};
+
+CNTService::CNTService(const char* serviceName)
+    : m_szServiceName{},
+      m_nSpare1(1),
+      m_nSpare2(0),
+      m_hServiceStatus(nullptr),
+      m_ServiceStatus{},
+      m_bRunning(FALSE),
+      m_bNotifyServer(false),
+      m_hEventLogSource(nullptr),
+      m_dwHandlerActive(0) {
+  constexpr Trace trace{"CNTService::CNTService"};
+  trace.Info("Entry");
+  s_pThis = this;
+  // A name that is too long is cut.
+  static_cast<void>(StringCchCopyA(m_szServiceName, kServiceNameSize, serviceName));
+  m_ServiceStatus.dwServiceType = SERVICE_WIN32_OWN_PROCESS;
+  m_ServiceStatus.dwCurrentState = SERVICE_STOPPED;
+  m_ServiceStatus.dwControlsAccepted = SERVICE_ACCEPT_STOP | SERVICE_ACCEPT_SHUTDOWN;
+  trace.Info("Exit");
+}
+
+CNTService::~CNTService() {
+  constexpr Trace trace{"CNTService::~CNTService"};
+  trace.Info("Entry");
+  if (m_hEventLogSource != nullptr) {
+    DeregisterEventSource(m_hEventLogSource);
+  }
+  trace.Info("Exit");
+}
+
+BOOL CNTService::ParseStandardArgs(int argc, char** argv) {
+  parseTrace.Info("Entry");
+  if (argc <= 1) {
+    parseTrace.Info("No Arguments hence returning");
+    parseTrace.Info("Exit");
+    return FALSE;
+  }
+  const char* const option = argv[1];
+  if (IsOption(option, "-install")) {
+    CommandInstall();
+  } else if (IsOption(option, "-start") || IsOption(option, "-reset")) {
+    CommandStart();
+  } else if (IsOption(option, "-stop")) {
+    CommandStop();
+  } else if (IsOption(option, "-stopmanual")) {
+    CommandStopManual();
+  } else if (IsOption(option, "-restart")) {
+    CommandRestart();
+  } else if (IsOption(option, "-uninstall")) {
+    CommandUninstall();
+  } else {
+    parseTrace.Info("Exit");
+    return FALSE;
+  }
+  return TRUE;
+}
+
+void CNTService::CommandInstall() {
+  parseTrace.Info("-install");
+  if (IsInstalled()) {
+    parseTrace.Info("Service is Already installed");
+    std::printf("%s is already installed\n", m_szServiceName);
+    parseTrace.Info("Exit");
+    return;
+  }
+
+  parseTrace.Info("Service not installed hence Insatalling client agent");
+  if (!Install()) {
+    const DWORD error = GetLastError();
+    char szMessage[kConsoleMessageSize];
+    // A name of 63 characters fits.
+    static_cast<void>(StringCchPrintfA(szMessage, kConsoleMessageSize,
+                                       "Unable to install %s. (Error %d)\n", m_szServiceName,
+                                       error));
+    // The message is the format, so that a "%" in the service name is interpreted again, as the
+    // scripts that read this line have always seen it.
+#ifdef __GNUC__
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wformat-nonliteral"
+#pragma GCC diagnostic ignored "-Wformat-security"
+#endif
+    std::printf(szMessage);
+#ifdef __GNUC__
+#pragma GCC diagnostic pop
+#endif
+    parseTrace.Info("%s", szMessage);
+    return;
+  }
+  parseTrace.Info("Service installed successfully");
+  std::printf("%s is installed successfully\n", m_szServiceName);
+  parseTrace.Info("Exit");
+}
+
+void CNTService::CommandStart() {
+  parseTrace.Info("-start");
+  parseTrace.Info("Before calling StartServiceByName");
+  static_cast<void>(StartServiceByName(m_szServiceName));  // it traced why it failed
+  parseTrace.Info("After calling StartServiceByName");
+  parseTrace.Info("Exit");
+}
+
+void CNTService::CommandStop() {
+  parseTrace.Info("-stop");
+  if (!IsInstalled()) {
+    return;
+  }
+  NotifyHelper(kHelperActionStopping);
+  parseTrace.Info("Before calling StopServiceByName");
+  if (!StopServiceByName(m_szServiceName)) {
+    parseTrace.Info("Stop service Failed");
+  }
+  parseTrace.Info("After calling StopServiceByName returning");
+  NotifyHelper(kHelperActionStopped);
+  parseTrace.Info("Exit");
+}
+
+void CNTService::CommandStopManual() {
+  parseTrace.Info("-stopmanual");
+  if (!IsInstalled()) {
+    return;
+  }
+  NotifyHelper(kHelperActionStopping);
+  parseTrace.Info("Before calling StopServiceByName");
+  m_bNotifyServer = true;
+  if (!StopServiceByNameEx(m_szServiceName)) {
+    parseTrace.Info("Stop service Failed");
+  }
+  parseTrace.Info("After calling StopServiceByName returning");
+  NotifyHelper(kHelperActionStopped);
+  parseTrace.Info("Exit");
+}
+
+void CNTService::CommandRestart() {
+  parseTrace.Info("-restart");
+  if (IsInstalled()) {
+    NotifyHelper(kHelperActionStopping);
+    parseTrace.Info("Before calling StopServiceByName");
+    if (!StopServiceByName(m_szServiceName)) {
+      parseTrace.Info("Stop service Failed");
+    }
+    parseTrace.Info("After calling StopServiceByName");
+    NotifyHelper(kHelperActionStopped);
+  }
+
+  Sleep(kRestartPauseMilliseconds);
+  parseTrace.Info("Before calling StartServiceByName");
+  if (!StartServiceByName(m_szServiceName)) {
+    parseTrace.Info("StartServiceByName Failed");
+  }
+  parseTrace.Info("After calling StartServiceByName");
+  parseTrace.Info("Exit");
+}
+
+void CNTService::CommandUninstall() {
+  parseTrace.Info("-uninstall");
+  if (!IsInstalled()) {
+    std::printf("%s is not installed\n", m_szServiceName);
+    parseTrace.Info("Service Not Found :: Unable to uninstall the service bcoz");
+    return;
+  }
+  if (!Uninstall()) {
+    const DWORD error = GetLastError();
+    parseTrace.Info("Uninstall Failed");
+    std::printf("Could not remove %s. Error %lu\n", m_szServiceName, error);
+    return;
+  }
+  parseTrace.Info("Uninstall Success");
+  parseTrace.Info("Exit");
+}
+
+void CNTService::NotifyHelper(DWORD actionCode) {
+  wchar_t wszServiceName[kWideServiceNameLength];
+  // A name that cannot be converted is sent empty, and no caller depends on the reply.
+  static_cast<void>(NarrowToWide(m_szServiceName, wszServiceName, kWideServiceNameLength));
+  static_cast<void>(NotifyHelperPipe(wszServiceName, actionCode, /*flag=*/0));
+}
+
+BOOL CNTService::StartService() {
+  constexpr Trace trace{"CNTService::StartService"};
+  trace.Info("Entry");
+  const SERVICE_TABLE_ENTRYA serviceTable[] = {{m_szServiceName, &CNTService::ServiceMain},
+                                               {nullptr, nullptr}};
+  trace.Info("Before calling StartServiceCtrlDispatcher");
+  const BOOL result = StartServiceCtrlDispatcherA(serviceTable);
+  trace.Info("After calling StartServiceCtrlDispatcher");
+  trace.Info("Exit");
+  return result;
+}
+
+void WINAPI CNTService::ServiceMain(DWORD /*argc*/, char** /*argv*/) {
+  constexpr Trace trace{"CNTService::ServiceMain"};
+  trace.Info("Entry");
+  CNTService* const service = s_pThis;
+  service->m_ServiceStatus.dwCurrentState = SERVICE_START_PENDING;
+  service->m_hServiceStatus =
+      RegisterServiceCtrlHandlerA(service->m_szServiceName, &CNTService::Handler);
+  if (service->m_hServiceStatus == nullptr) {
+    trace.Error("pService->m_hServiceStatus == NULL");
+    return;
+  }
+
+  if (service->Initialize()) {
+    service->m_bRunning = TRUE;
+    service->m_ServiceStatus.dwWin32ExitCode = NO_ERROR;
+    service->m_ServiceStatus.dwCheckPoint = 0;
+    service->m_ServiceStatus.dwWaitHint = 0;
+    service->Run();
+  }
+
+  service->WaitForHandler();
+  service->SetStatus(SERVICE_STOPPED);
+  // From here on the dispatcher may have returned and the object may be gone.
+  trace.Info("Exit");
+}
+
+BOOL CNTService::Initialize() {
+  constexpr Trace trace{"CNTService::Initialize"};
+  trace.Info("Entry");
+  SetStatus(SERVICE_START_PENDING);
+
+  const BOOL initialized = OnInit();
+  m_ServiceStatus.dwWin32ExitCode = GetLastError();
+  m_ServiceStatus.dwCheckPoint = 0;
+  m_ServiceStatus.dwWaitHint = 0;
+  if (!initialized) {
+    SetStatus(SERVICE_STOPPED);
+    return FALSE;
+  }
+
+  SetStatus(SERVICE_RUNNING);
+  trace.Info("Exit");
+  return TRUE;
+}
+
+void WINAPI CNTService::Handler(DWORD control) {
+  constexpr Trace trace{"CNTService::Handler"};
+  CNTService* const service = s_pThis;
+  service->m_dwHandlerActive = 1;
+  trace.Info("Entry");
+
+  if (control == SERVICE_CONTROL_USER_STOP) {
+    trace.Info("Got user stop notification");
+    service->m_bNotifyServer = true;
+  }
+  service->DispatchControl(control);
+  SetServiceStatus(service->m_hServiceStatus, &service->m_ServiceStatus);
+
+  service->m_dwHandlerActive = 0;
+  WakeByAddressAll(&service->m_dwHandlerActive);
+  trace.Info("Exit");
+}
+
+void CNTService::DispatchControl(DWORD control) {
+  switch (control) {
+    case SERVICE_CONTROL_STOP:
+    case SERVICE_CONTROL_USER_STOP:
+      SetStatus(SERVICE_STOP_PENDING);
+      OnStop();
+      m_bRunning = FALSE;
+      break;
+    case SERVICE_CONTROL_PAUSE:
+      OnPause();
+      break;
+    case SERVICE_CONTROL_CONTINUE:
+      OnContinue();
+      break;
+    case SERVICE_CONTROL_INTERROGATE:
+      OnInterrogate();
+      break;
+    case SERVICE_CONTROL_SHUTDOWN:
+      OnShutdown();
+      break;
+    default:
+      if (control >= kFirstUserControl) {
+        static_cast<void>(OnUserControl(control));  // there is nobody to tell
+      }
+      break;
+  }
+}
+
+// The stop wakes the service thread before the handler has made its second report. That report must
+// not arrive behind STOPPED, or the service control manager waits for the stop for ever.
+void CNTService::WaitForHandler() {
+  const ULONGLONG deadline = GetTickCount64() + kHandlerWaitMilliseconds;
+  DWORD active = m_dwHandlerActive;
+  for (ULONGLONG now = GetTickCount64(); active != 0 && now < deadline; now = GetTickCount64()) {
+    WaitOnAddress(&m_dwHandlerActive, &active, sizeof(active), static_cast<DWORD>(deadline - now));
+    active = m_dwHandlerActive;
+  }
+}
+
+void CNTService::SetStatus(DWORD state) {
+  constexpr Trace trace{"CNTService::SetStatus"};
+  trace.Info("Entry");
+  DebugMsg("CNTService::SetStatus(%lu, %lu)",
+           static_cast<unsigned long>(reinterpret_cast<ULONG_PTR>(m_hServiceStatus)), state);
+  m_ServiceStatus.dwCurrentState = state;
+  SetServiceStatus(m_hServiceStatus, &m_ServiceStatus);
+  trace.Info("Exit");
+}
+
+void CNTService::DebugMsg(const char* format, ...) {
+  constexpr Trace trace{"CNTService::DebugMsg"};
+  trace.Info("Entry");
+  char szMessage[kDebugMessageSize];
+  char* end = szMessage;
+  size_t left = kDebugMessageSize - 1;  // the line feed
+  // Cut messages are still sent.
+  static_cast<void>(StringCchPrintfExA(end, left, &end, &left, /*dwFlags=*/0,
+                                       "[%s](%lu): ", m_szServiceName, GetCurrentThreadId()));
+  va_list arguments;
+  va_start(arguments, format);
+  static_cast<void>(StringCchVPrintfExA(end, left, &end, &left, /*dwFlags=*/0, format, arguments));
+  va_end(arguments);
+  end[0] = '\n';
+  end[1] = '\0';
+  OutputDebugStringA(szMessage);
+  trace.Info("Exit");
+}
+
+BOOL CNTService::IsInstalled() {
+  constexpr Trace trace{"CNTService::IsInstalled"};
+  trace.Info("Entry");
+  const ServiceHandle manager = OpenManager();
+  if (!manager) {
+    trace.Info("Unable to open service Manager: %u", GetLastError());
+    return FALSE;
+  }
+  const ServiceHandle service(OpenServiceA(manager.Get(), m_szServiceName, SERVICE_QUERY_CONFIG));
+  if (!service) {
+    trace.Info("Unable to open service : %u", GetLastError());
+    return FALSE;
+  }
+  trace.Info("Exit");
+  return TRUE;
+}
+
+BOOL CNTService::Install() {
+  constexpr Trace trace{"CNTService::Install"};
+  trace.Info("Entry");
+  ServiceHandle manager = OpenManager();
+  if (!manager) {
+    trace.Info("Unable to open service Manager: %u", GetLastError());
+    return FALSE;
+  }
+
+  wchar_t wszCAServicePath[kCommandPathLength];
+  if (!GetCommandPath(wszCAServicePath)) {
+    trace.Error("GetModuleFileName Failed %u", GetLastError());
+    return FALSE;
+  }
+  wchar_t wszServiceName[kWideServiceNameLength];
+  // A name that cannot be converted is empty, which CreateService refuses.
+  static_cast<void>(NarrowToWide(m_szServiceName, wszServiceName, kWideServiceNameLength));
+
+  ServiceHandle service(CreateServiceW(
+      manager.Get(), wszServiceName, /*lpDisplayName=*/wszServiceName, SERVICE_ALL_ACCESS,
+      SERVICE_WIN32_OWN_PROCESS | SERVICE_INTERACTIVE_PROCESS, SERVICE_AUTO_START,
+      SERVICE_ERROR_NORMAL, wszCAServicePath, /*lpLoadOrderGroup=*/nullptr, /*lpdwTagId=*/nullptr,
+      /*lpDependencies=*/nullptr, /*lpServiceStartName=*/nullptr, /*lpPassword=*/nullptr));
+  if (!service) {
+    trace.Error("CreateService Failed %u", GetLastError());
+    return FALSE;
+  }
+
+  trace.Error("ConfigureServiceRecoveryOptions m_szServiceName (%s)", m_szServiceName);
+  trace.Error("ConfigureServiceRecoveryOptions wszCAServicePath (%S)", wszCAServicePath);
+  // A service without recovery actions is better than none; what failed is in the trace.
+  static_cast<void>(ConfigureServiceRecoveryOptionsW(service.Get(), wszCAServicePath,
+                                                     SC_ACTION_RUN_COMMAND, SC_ACTION_RUN_COMMAND,
+                                                     SC_ACTION_NONE));
+  service.Reset();
+  manager.Reset();
+
+  char szKeyPath[kEventLogKeySize];
+  static_cast<void>(
+      StringCchPrintfA(szKeyPath, kEventLogKeySize, "%s%s", kEventLogKey, m_szServiceName));
+  RegistryKey key;
+  if (RegCreateKeyA(HKEY_LOCAL_MACHINE, szKeyPath, key.Receive()) != ERROR_SUCCESS) {
+    trace.Error("RegCreateKey Failed %u", GetLastError());
+    return FALSE;
+  }
+  const DWORD pathBytes = static_cast<DWORD>((std::wcslen(wszCAServicePath) + 1) * sizeof(wchar_t));
+  const DWORD typesSupported =
+      EVENTLOG_ERROR_TYPE | EVENTLOG_WARNING_TYPE | EVENTLOG_INFORMATION_TYPE;
+  // The event log shows raw texts without these values; the service does not depend on them.
+  static_cast<void>(RegSetValueExW(key.Get(), L"EventMessageFile", /*Reserved=*/0, REG_EXPAND_SZ,
+                                   reinterpret_cast<const BYTE*>(wszCAServicePath), pathBytes));
+  static_cast<void>(RegSetValueExA(key.Get(), "TypesSupported", /*Reserved=*/0, REG_DWORD,
+                                   reinterpret_cast<const BYTE*>(&typesSupported),
+                                   sizeof(typesSupported)));
+  key.Reset();
+  trace.Info("Exit");
+  return TRUE;
+}
+
+BOOL CNTService::Uninstall() {
+  constexpr Trace trace{"CNTService::Uninstall"};
+  trace.Info("Entry");
+  ServiceHandle manager = OpenManager();
+  if (!manager) {
+    trace.Info("Unable to open service Manager: %u", GetLastError());
+    return FALSE;
+  }
+  NotifyHelper(kHelperActionUninstalling);
+
+  ServiceHandle service(OpenServiceA(manager.Get(), m_szServiceName, DELETE));
+  if (!service) {
+    manager.Reset();
+    trace.Info("Exit");
+    return FALSE;
+  }
+
+  std::uint64_t token = 0;
+  const bool admitted = s_removalHooks.admit != nullptr && s_removalHooks.admit(&token);
+  const BOOL deleted = DeleteService(service.Get());
+  if (admitted && s_removalHooks.release != nullptr) {
+    const LastErrorKeeper keeper;
+    s_removalHooks.release(token);
+  }
+  service.Reset();
+  manager.Reset();
+  trace.Info("Exit");
+  return deleted ? TRUE : FALSE;
+}

@@ -1,0 +1,11 @@
+// Text between the ANSI code page (CP_ACP) and UTF-16.
+#pragma once
+
+#include "support/windows_api.h"
+
+// Converts null-terminated `narrow` into `wide`, which holds `capacity` characters with the
+// terminator. False, with `wide` empty, when the text does not fit or cannot be converted.
+bool NarrowToWide(const char* narrow, wchar_t* wide, int capacity) noexcept;
+
+// The same the other way; `capacity` counts bytes.
+bool WideToNarrow(const wchar_t* wide, char* narrow, int capacity) noexcept;
