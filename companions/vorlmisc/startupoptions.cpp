@@ -1,0 +1,162 @@
+#include "companions/vorlmisc/startupoptions.h"
+
+#include <cstring>
+#include <limits>
+#include <optional>
+
+#include "companions/vorlmisc/misctrace.h"
+
+namespace {
+
+constexpr wchar_t kSection[] = L"STARTUP_OPTIONS";
+
+// More than any field holds: a value that is cut here is too long for its field in any case.
+constexpr DWORD kValueSize = 1024;
+
+int DigitValue(wchar_t digit) noexcept {
+  if (digit >= L'0' && digit <= L'9') {
+    return digit - L'0';
+  }
+  if (digit >= L'a' && digit <= L'f') {
+    return digit - L'a' + 10;
+  }
+  if (digit >= L'A' && digit <= L'F') {
+    return digit - L'A' + 10;
+  }
+  return std::numeric_limits<int>::max();
+}
+
+// The number that the whole of `text` states, or nothing when it states none from 0 to `largest`.
+std::optional<DWORD> ParseNumber(const wchar_t* text, DWORD largest) noexcept {
+  int base = 10;
+  if (text[0] == L'0' && (text[1] == L'x' || text[1] == L'X')) {
+    base = 16;
+    text += 2;
+  }
+  if (*text == L'\0') {
+    return std::nullopt;
+  }
+  ULONGLONG number = 0;
+  for (; *text != L'\0'; ++text) {
+    const int digit = DigitValue(*text);
+    if (digit >= base) {
+      return std::nullopt;
+    }
+    number = number * static_cast<unsigned>(base) + static_cast<unsigned>(digit);
+    if (number > largest) {
+      return std::nullopt;
+    }
+  }
+  return static_cast<DWORD>(number);
+}
+
+// Reads single fields of one file for one exported operation.
+class OptionReader {
+ public:
+  OptionReader(const char* functionName, const wchar_t* file) noexcept
+      : m_functionName(functionName), m_file(file) {}
+
+  template <typename Number>
+  Number ReadNumber(const wchar_t* key) const noexcept {
+    constexpr DWORD largest = std::numeric_limits<Number>::max();
+    wchar_t value[kValueSize];
+    if (ReadValue(key, value) == 0) {
+      return 0;
+    }
+    const std::optional<DWORD> number = ParseNumber(value, largest);
+    if (!number) {
+      TraceError(m_functionName, L"Start-up option %s is no number from 0 to %u: %s", key,
+                 static_cast<unsigned>(largest), value);
+    }
+    return static_cast<Number>(number.value_or(0));
+  }
+
+  // `field` is all zero and stays so unless the text fits with its terminator.
+  template <std::size_t Size>
+  void ReadText(const wchar_t* key, char (&field)[Size]) const noexcept {
+    CopyText(key, field, static_cast<int>(Size));
+  }
+
+ private:
+  DWORD ReadValue(const wchar_t* key, wchar_t (&value)[kValueSize]) const noexcept {
+    return GetPrivateProfileStringW(kSection, key, L"", value, kValueSize, m_file);
+  }
+
+  void CopyText(const wchar_t* key, char* field, int fieldSize) const noexcept {
+    wchar_t value[kValueSize];
+    if (ReadValue(key, value) == 0) {
+      return;
+    }
+    // A character that the code page lacks must not turn into another one. UTF-8 has them all and
+    // allows neither the flag nor the question.
+    const bool isUtf8 = GetACP() == CP_UTF8;
+    const DWORD flags = isUtf8 ? 0 : WC_NO_BEST_FIT_CHARS;
+    BOOL replaced = FALSE;
+    BOOL* const askReplaced = isUtf8 ? nullptr : &replaced;
+    const int size =
+        WideCharToMultiByte(CP_ACP, flags, value, -1, nullptr, 0, nullptr, askReplaced);
+    if (size <= 0 || replaced) {
+      TraceError(m_functionName, L"Start-up option %s has characters outside of code page %u", key,
+                 GetACP());
+    } else if (size > fieldSize) {
+      TraceError(m_functionName, L"Start-up option %s has more than %u characters", key,
+                 static_cast<unsigned>(fieldSize - 1));
+    } else {
+      WideCharToMultiByte(CP_ACP, flags, value, -1, field, fieldSize, nullptr, nullptr);
+    }
+  }
+
+  const char* m_functionName;
+  const wchar_t* m_file;
+};
+
+enum class Availability { kThere, kMissing, kClosed };
+
+// Reading single values does not tell a closed file from one without the value.
+Availability Probe(const char* functionName, const wchar_t* file) noexcept {
+  const HANDLE handle =
+      CreateFileW(file, GENERIC_READ, FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE,
+                  nullptr, OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL, nullptr);
+  if (handle != INVALID_HANDLE_VALUE) {
+    CloseHandle(handle);
+    return Availability::kThere;
+  }
+  const DWORD error = GetLastError();
+  if (error == ERROR_FILE_NOT_FOUND || error == ERROR_PATH_NOT_FOUND) {
+    return Availability::kMissing;
+  }
+  TraceError(functionName, L"Configuration file cannot be opened (%u): %s",
+             static_cast<unsigned>(error), file);
+  return Availability::kClosed;
+}
+
+}  // namespace
+
+bool ReadStartUpOptions(const char* functionName, const wchar_t* configurationFile,
+                        CLIENT_AGENT_STARTUP_OPTIONS& options) noexcept {
+  switch (Probe(functionName, configurationFile)) {
+    case Availability::kMissing:
+      return true;
+    case Availability::kClosed:
+      return false;
+    case Availability::kThere:
+      break;
+  }
+  const OptionReader reader(functionName, configurationFile);
+  reader.ReadText(L"Text1", options.Text1);
+  reader.ReadText(L"Text2", options.Text2);
+  reader.ReadText(L"Text3", options.Text3);
+  reader.ReadText(L"Text4", options.Text4);
+  options.Word1 = reader.ReadNumber<WORD>(L"Word1");
+  options.Word2 = reader.ReadNumber<WORD>(L"Word2");
+  options.Word3 = reader.ReadNumber<WORD>(L"Word3");
+  options.Word4 = reader.ReadNumber<WORD>(L"Word4");
+  options.Dword1 = reader.ReadNumber<DWORD>(L"Dword1");
+  options.Dword2 = reader.ReadNumber<DWORD>(L"Dword2");
+  options.Dword3 = reader.ReadNumber<DWORD>(L"Dword3");
+  options.Dword4 = reader.ReadNumber<DWORD>(L"Dword4");
+  options.Dword5 = reader.ReadNumber<DWORD>(L"Dword5");
+  options.Dword6 = reader.ReadNumber<DWORD>(L"Dword6");
+  options.Byte1 = reader.ReadNumber<BYTE>(L"Byte1");
+  return true;
+}
