@@ -29,4 +29,13 @@ struct FingerprintStatus {
       ErrorStage = stage;
     }
   }
+
+  // Records `result` when it is a failure (negative). Returns whether it was a success.
+  bool Check(std::int32_t result, std::uint32_t stage) noexcept {
+    if (result < 0) {
+      RecordFailure(result, stage);
+      return false;
+    }
+    return true;
+  }
 };

@@ -24,6 +24,9 @@ constexpr std::size_t kOptimumHddSerialSize = 57;
 constexpr std::size_t kBiosUuidSize = 37;
 constexpr std::size_t kPrimaryHddSerialSize = 100;
 
+// The size of a buffer for the four parameters in one text.
+constexpr std::size_t kCombinedSize = 260;
+
 // The size of a buffer that takes the identifier, terminator included.
 constexpr unsigned kIdentifierSize = 33;
 
@@ -132,8 +135,9 @@ class CZTUUID : public FingerprintFields {
   enum class ForeignCom { Refused, Accepted };
 
   bool CollectParameters(const Trace& trace, ForeignCom foreignCom);
-  void CollectThroughWmi(const Trace& trace);
-  bool ComposeIdentifier(const Trace& trace, char* out, unsigned int outChars);
+  bool CollectThroughWmi(const Trace& trace, ForeignCom foreignCom);
+  bool CombineParameters(const Trace& trace, char (&combined)[kCombinedSize]);
+  bool HashCombined(const Trace& trace, const char* combined, char* out, unsigned int outChars);
 };
 
 // Each computes the identifier with a record of its own and writes it into `out` (`outChars`
