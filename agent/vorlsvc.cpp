@@ -120,6 +120,7 @@ void CAcAsSvc::Run() {
   if (cleanUp == nullptr) {
     trace.Error("GetProcAddress() failed for ClientAgentCoreCleanUp.");
     // There is no event to signal any more; both calls fail without effect.
+    // cppcheck-suppress nullPointer
     SetEvent(nullptr);
     CloseHandle(nullptr);
     FreeLibrary(module);

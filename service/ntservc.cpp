@@ -41,7 +41,7 @@ ServiceHandle OpenManager() {
 // The program's own path as a service command: in quotes when it contains a blank, because the
 // service control manager would otherwise try the parts in front of each blank as programs.
 bool GetCommandPath(wchar_t (&commandPath)[kCommandPathLength]) {
-  wchar_t wszModulePath[kPathLength];
+  wchar_t wszModulePath[kPathLength] = {};
   const DWORD length = GetModuleFileNameW(/*hModule=*/nullptr, wszModulePath, kPathLength);
   if (length == 0 || length >= kPathLength) {
     return false;

@@ -7,22 +7,24 @@
 
 namespace trace_format {
 
-// Whether conversion `conversion` ("u", "lu" given as 'l' + 'u', ...) takes an argument of type T.
+template <typename T, typename... Choices>
+constexpr bool isOneOf = (std::is_same_v<std::remove_cv_t<T>, Choices> || ...);
+
+// Whether the conversion `conversion`, with an "l" in front of it when `isLong`, takes a T.
 template <typename T>
-consteval bool Takes(bool isLong, char conversion, bool isWideFormat) {
-  using Value = std::remove_cv_t<T>;
+constexpr bool Takes(bool isLong, char conversion, bool isWideFormat) {
+  constexpr bool isNarrowText = isOneOf<T, const char*, char*>;
+  constexpr bool isWideText = isOneOf<T, const wchar_t*, wchar_t*>;
   switch (conversion) {
+    case 'd':
     case 'u':
     case 'X':
-    case 'd':
-      return isLong ? std::is_same_v<Value, unsigned long> || std::is_same_v<Value, long>
-                    : std::is_integral_v<Value> && sizeof(Value) == sizeof(int);
+      return isLong ? isOneOf<T, long, unsigned long>
+                    : std::is_integral_v<T> && sizeof(T) == sizeof(int);
     case 's':
-      return isWideFormat ? std::is_same_v<Value, const wchar_t*> || std::is_same_v<Value, wchar_t*>
-                          : std::is_same_v<Value, const char*> || std::is_same_v<Value, char*>;
+      return isWideFormat ? isWideText : isNarrowText;
     case 'S':
-      return !isWideFormat &&
-             (std::is_same_v<Value, const wchar_t*> || std::is_same_v<Value, wchar_t*>);
+      return !isWideFormat && isWideText;
     default:
       return false;
   }
@@ -30,7 +32,7 @@ consteval bool Takes(bool isLong, char conversion, bool isWideFormat) {
 
 // Moves `text` behind its next conversion and says whether that conversion takes a T.
 template <typename T, typename Char>
-consteval bool NextTakes(const Char*& text) {
+constexpr bool NextTakes(const Char*& text) {
   while (*text != 0 && *text != '%') {
     ++text;
   }
@@ -50,7 +52,7 @@ consteval bool NextTakes(const Char*& text) {
 }
 
 template <typename... Args, typename Char>
-consteval bool Matches(const Char* text) {
+constexpr bool Matches(const Char* text) {
   const bool allTaken = (NextTakes<Args>(text) && ...);
   while (*text != 0 && *text != '%') {
     ++text;

@@ -37,8 +37,14 @@ std::string Utf8(const wchar_t* text) {
 }
 
 FakeTraceLine View(const Line& line) {
-  return {line.level,  line.moduleName.c_str(), line.functionName.c_str(), line.sourceFile.c_str(),
-          line.line,   line.isWide,             line.format.c_str(),       line.text.c_str(),
+  return {line.level,
+          line.moduleName.c_str(),
+          line.functionName.c_str(),
+          line.sourceFile.c_str(),
+          line.line,
+          line.isWide,
+          line.format.c_str(),
+          line.text.c_str(),
           line.threadId};
 }
 

@@ -16,12 +16,14 @@ void** FindSlot(const char* library, const char* function) {
   const IMAGE_DATA_DIRECTORY& directory =
       headers->OptionalHeader.DataDirectory[IMAGE_DIRECTORY_ENTRY_IMPORT];
 
-  auto* descriptor = reinterpret_cast<const IMAGE_IMPORT_DESCRIPTOR*>(base + directory.VirtualAddress);
+  auto* descriptor =
+      reinterpret_cast<const IMAGE_IMPORT_DESCRIPTOR*>(base + directory.VirtualAddress);
   for (; descriptor->Name != 0; ++descriptor) {
     if (_stricmp(reinterpret_cast<const char*>(base + descriptor->Name), library) != 0) {
       continue;
     }
-    auto* names = reinterpret_cast<const IMAGE_THUNK_DATA64*>(base + descriptor->OriginalFirstThunk);
+    auto* names =
+        reinterpret_cast<const IMAGE_THUNK_DATA64*>(base + descriptor->OriginalFirstThunk);
     auto* slots = reinterpret_cast<void**>(base + descriptor->FirstThunk);
     for (; names->u1.AddressOfData != 0; ++names, ++slots) {
       if ((names->u1.Ordinal & IMAGE_ORDINAL_FLAG64) != 0) {

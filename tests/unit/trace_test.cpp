@@ -28,29 +28,29 @@ TEST(Trace, TextWithValuesIsFormattedBeforeItIsHandedOver) {
   const DWORD error = 4294967295U;
   trace.Error("CreateService Failed %u", error);
   trace.Info("path (%S)", L"C:\\Program Files\\x.exe");
-  EXPECT_THAT(recorder.Lines(),
-              ElementsAre(Line(1, "CSample::Operation", kSource, "CreateService Failed 4294967295"),
-                          Line(2, "CSample::Operation", kSource, "path (C:\\Program Files\\x.exe)")));
+  EXPECT_THAT(
+      recorder.Lines(),
+      ElementsAre(Line(1, "CSample::Operation", kSource, "CreateService Failed 4294967295"),
+                  Line(2, "CSample::Operation", kSource, "path (C:\\Program Files\\x.exe)")));
 }
 
 TEST(Trace, FormattedTextIsCutAt499Characters) {
   const TraceRecorder recorder;
   const std::string text(600, 'x');
   trace.Info("<%s>", text.c_str());
-  EXPECT_THAT(recorder.Lines(), ElementsAre(Line(2, "CSample::Operation", kSource,
-                                                 "<" + std::string(498, 'x'))));
+  EXPECT_THAT(recorder.Lines(),
+              ElementsAre(Line(2, "CSample::Operation", kSource, "<" + std::string(498, 'x'))));
 }
 
 TEST(Trace, DirectFormatsReachTheLibraryAsTheyAre) {
   const TraceRecorder recorder;
   trace.ErrorDirect("Load Library Fail... with error (%lu)", 126UL);
   trace.InfoDirect(L"wszFilePath: %s", L"C:\\x");
-  EXPECT_THAT(recorder.Lines(),
-              ElementsAre(DirectLine(1, "CSample::Operation", kSource,
-                                     "Load Library Fail... with error (%lu)",
-                                     "Load Library Fail... with error (126)"),
-                          WideLine(2, "CSample::Operation", kSource, "wszFilePath: %s",
-                                   "wszFilePath: C:\\x")));
+  EXPECT_THAT(recorder.Lines(), ElementsAre(DirectLine(1, "CSample::Operation", kSource,
+                                                       "Load Library Fail... with error (%lu)",
+                                                       "Load Library Fail... with error (126)"),
+                                            WideLine(2, "CSample::Operation", kSource,
+                                                     "wszFilePath: %s", "wszFilePath: C:\\x")));
 }
 
 TEST(Trace, NamesTheLineOfTheCall) {

@@ -1,0 +1,169 @@
+#include "tests/e2e/installation.h"
+
+#include <fstream>
+#include <regex>
+#include <stdexcept>
+
+#include "support/handle.h"
+#include "support/procaddress.h"
+#include "support/vorlinfo.h"
+
+namespace fs = std::filesystem;
+
+namespace {
+
+fs::path TestFolder() {
+  wchar_t path[MAX_PATH];
+  GetModuleFileNameW(nullptr, path, MAX_PATH);
+  return fs::path(path).parent_path();
+}
+
+// What the build has staged: build/<preset>/bin, seen from build/<preset>/tests/e2e.
+fs::path StagedFolder() { return TestFolder().parent_path().parent_path() / "bin"; }
+
+int LevelOf(const std::string& word) {
+  static const std::map<std::string, int> levels = {{"ERROR", 1}, {"INFO", 2}, {"VERBOSE", 8}};
+  const auto found = levels.find(word);
+  return found != levels.end() ? found->second : 0;
+}
+
+}  // namespace
+
+Installation::Installation(const std::string& name) : m_folder(TestFolder() / "stage" / name) {
+  fs::remove_all(m_folder);
+  fs::create_directories(m_folder);
+  for (const auto& file : fs::directory_iterator(StagedFolder())) {
+    if (file.is_regular_file()) {
+      fs::copy_file(file.path(), m_folder / file.path().filename());
+    }
+  }
+}
+
+void Installation::Replace(const std::string& source, const std::string& target) const {
+  fs::copy_file(TestFolder() / source, m_folder / target, fs::copy_options::overwrite_existing);
+}
+
+CommandResult Installation::Run(const std::string& arguments) const {
+  return BackgroundProgram(Program(), arguments).Finish();
+}
+
+std::vector<TraceEntry> Installation::Trace() const {
+  static const std::regex pattern(
+      R"(^\S+ \S+ (?:\S+ )?(ERROR|INFO|VERBOSE) (\d+) (\d+) \S+ (\S+) (\S+):\d+ (.*?)\r?$)");
+  std::ifstream file(m_folder / "logs" / "vorltrace.log", std::ios::binary);
+  std::vector<TraceEntry> entries;
+  for (std::string line; std::getline(file, line);) {
+    std::smatch match;
+    if (!std::regex_match(line, match, pattern)) {
+      throw std::runtime_error("not a trace line: " + line);
+    }
+    entries.push_back({std::stoul(match[2]), std::stoul(match[3]), LevelOf(match[1]), match[4],
+                       match[5], match[6]});
+  }
+  return entries;
+}
+
+std::vector<std::string> Installation::TextsOf(const std::string& function) const {
+  std::vector<std::string> texts;
+  for (const TraceEntry& entry : Trace()) {
+    if (entry.function == function) {
+      texts.push_back(entry.text);
+    }
+  }
+  return texts;
+}
+
+std::vector<std::vector<std::string>> Installation::TraceByThread() const {
+  std::vector<std::vector<std::string>> threads;
+  std::map<std::pair<unsigned long, unsigned long>, std::size_t> index;
+  for (const TraceEntry& entry : Trace()) {
+    const auto [place, isNew] =
+        index.try_emplace({entry.processId, entry.threadId}, threads.size());
+    if (isNew) {
+      threads.emplace_back();
+    }
+    threads[place->second].push_back(std::to_string(entry.level) + " " + entry.function + ": " +
+                                     entry.text);
+  }
+  return threads;
+}
+
+std::string Installation::ServiceName() const {
+  constexpr WORD kGetServiceNameByVersionOrdinal = 9;
+  const Module library(LoadLibraryW((m_folder / "vorlinfo.dll").c_str()));
+  auto* const getName = ProcAddress<decltype(GetServiceNameByVersion)>(
+      library.Get(), MAKEINTRESOURCEA(kGetServiceNameByVersionOrdinal));
+  char name[100] = {};
+  if (getName == nullptr || getName("Client Agent", name, sizeof(name)) == 0) {
+    throw std::runtime_error("vorlinfo.dll gives no service name");
+  }
+  return name;
+}
+
+BackgroundProgram::BackgroundProgram(const fs::path& program, const std::string& arguments) {
+  SECURITY_ATTRIBUTES inheritable{sizeof(inheritable), nullptr, TRUE};
+  FileHandle write;
+  if (!CreatePipe(&m_output, write.Receive(), &inheritable, 0)) {
+    throw std::runtime_error("no pipe");
+  }
+  SetHandleInformation(m_output, HANDLE_FLAG_INHERIT, 0);
+
+  STARTUPINFOW startup{};
+  startup.cb = sizeof(startup);
+  startup.dwFlags = STARTF_USESTDHANDLES;
+  startup.hStdOutput = write.Get();
+  startup.hStdError = write.Get();
+  PROCESS_INFORMATION process{};
+  std::wstring commandLine =
+      L"\"" + program.wstring() + L"\" " + std::wstring(arguments.begin(), arguments.end());
+  if (!CreateProcessW(program.c_str(), commandLine.data(), nullptr, nullptr,
+                      /*bInheritHandles=*/TRUE, CREATE_NEW_PROCESS_GROUP, nullptr, nullptr,
+                      &startup, &process)) {
+    throw std::runtime_error("cannot start " + program.string());
+  }
+  CloseHandle(process.hThread);
+  m_process = process.hProcess;
+  m_processId = process.dwProcessId;
+}
+
+BackgroundProgram::~BackgroundProgram() {
+  if (m_process != nullptr) {
+    if (WaitForSingleObject(m_process, 0) == WAIT_TIMEOUT) {
+      TerminateProcess(m_process, 1);
+      WaitForSingleObject(m_process, INFINITE);
+    }
+    CloseHandle(m_process);
+  }
+  CloseHandle(m_output);
+}
+
+bool BackgroundProgram::ReadMore() {
+  char buffer[4096];
+  DWORD read = 0;
+  if (!ReadFile(m_output, buffer, sizeof(buffer), &read, nullptr) || read == 0) {
+    return false;
+  }
+  m_text.append(buffer, read);
+  return true;
+}
+
+bool BackgroundProgram::WaitForOutput(const std::string& text) {
+  for (;;) {
+    const std::size_t found = m_text.find(text);
+    if (found != std::string::npos && m_text.find('\n', found) != std::string::npos) {
+      return true;
+    }
+    if (!ReadMore()) {
+      return false;
+    }
+  }
+}
+
+CommandResult BackgroundProgram::Finish() {
+  while (ReadMore()) {
+  }
+  WaitForSingleObject(m_process, INFINITE);
+  DWORD exitCode = 0;
+  GetExitCodeProcess(m_process, &exitCode);
+  return {exitCode, m_text};
+}

@@ -1,0 +1,84 @@
+// A staged copy of the installation, and what its trace says.
+#pragma once
+
+#include <filesystem>
+#include <map>
+#include <string>
+#include <vector>
+
+#include "support/windows_api.h"
+
+// One line of the trace file. `level` is the number behind the word.
+struct TraceEntry {
+  unsigned long processId;
+  unsigned long threadId;
+  int level;
+  std::string function;
+  std::string source;  // without the line number
+  std::string text;
+};
+
+struct CommandResult {
+  DWORD exitCode;
+  std::string output;  // standard output and error, line ends as written
+};
+
+// A folder of its own with everything that is staged beside the tests. The folder stays behind for
+// the engineer who looks for the reason of a failure; the next run of the test removes it.
+class Installation {
+ public:
+  // `name`: of the folder; may contain blanks.
+  explicit Installation(const std::string& name);
+
+  const std::filesystem::path& Folder() const { return m_folder; }
+  std::filesystem::path Program() const { return m_folder / "vorlsrvc.exe"; }
+  std::filesystem::path ConfigurationFile() const { return m_folder / "conf" / "vorlconf.ini"; }
+
+  // Puts the file `source`, from beside the tests, into the installation as `target`.
+  void Replace(const std::string& source, const std::string& target) const;
+
+  // Runs the program with `arguments` to its end.
+  CommandResult Run(const std::string& arguments) const;
+
+  // All lines of the trace so far, oldest first.
+  std::vector<TraceEntry> Trace() const;
+
+  // The texts of `function`, oldest first.
+  std::vector<std::string> TextsOf(const std::string& function) const;
+
+  // "level function: text" for every line of each thread, in the order of its first line.
+  std::vector<std::vector<std::string>> TraceByThread() const;
+
+  // The name under which this installation's service is registered.
+  std::string ServiceName() const;
+
+ private:
+  std::filesystem::path m_folder;
+};
+
+// A program that runs beside the test, with its standard output in a pipe. It is ended with the
+// object when it still runs.
+class BackgroundProgram {
+ public:
+  BackgroundProgram(const std::filesystem::path& program, const std::string& arguments);
+  ~BackgroundProgram();
+  BackgroundProgram(const BackgroundProgram&) = delete;
+  BackgroundProgram& operator=(const BackgroundProgram&) = delete;
+
+  // Waits until the program has written a whole line that contains `text`; false when it ends
+  // first.
+  bool WaitForOutput(const std::string& text);
+
+  // Waits for the program's end.
+  CommandResult Finish();
+
+  DWORD ProcessId() const { return m_processId; }
+
+ private:
+  bool ReadMore();
+
+  HANDLE m_process = nullptr;
+  HANDLE m_output = nullptr;
+  DWORD m_processId = 0;
+  std::string m_text;
+};
