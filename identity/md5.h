@@ -35,7 +35,7 @@ class IMd5 {
                            unsigned char* digest) = 0;
 
   // Compare with the 16 bytes of `expected`: `*matches` becomes 1 when all are equal, else 0. The
-  // result says whether the digest could be computed.
+  // result says whether the digest could be computed; when not, `*matches` stays as it was.
   virtual int VerifyFileMD5(const char* path, const unsigned char* expected,
                             std::uint32_t* matches) = 0;
   virtual int VerifyMD5(const unsigned char* data, std::uint32_t length,
@@ -78,9 +78,6 @@ class CMd5 : public IMd5 {
   // The same digests through CryptoAPI. The file may be shared with readers only.
   int CryptFileMD5W(const wchar_t* path, unsigned char* digest);
   int CryptFileMD5(const char* path, unsigned char* digest);
-
- private:
-  int CalculateDescriptorMD5(int descriptor, unsigned char* digest);
 };
 
 // The digest of a file: through CryptoAPI or, when that fails, through CMd5's own computation.
