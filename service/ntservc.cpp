@@ -53,6 +53,12 @@ bool GetCommandPath(wchar_t (&commandPath)[kCommandPathLength]) {
 
 bool IsOption(const char* argument, const char* option) { return _stricmp(argument, option) == 0; }
 
+// All that a hook does when no derived class replaces it.
+void TraceHook(const Trace& trace) {
+  trace.Info("Entry");
+  trace.Info("Exit");
+}
+
 }  // namespace
 
 CNTService* CNTService::s_pThis = nullptr;
@@ -347,6 +353,28 @@ void CNTService::WaitForHandler() {
     WaitOnAddress(&m_dwHandlerActive, &active, sizeof(active), static_cast<DWORD>(deadline - now));
     active = m_dwHandlerActive;
   }
+}
+
+void CNTService::Run() { TraceHook(Trace{"CNTService::Run"}); }
+
+BOOL CNTService::OnInit() {
+  TraceHook(Trace{"CNTService::OnInit"});
+  return TRUE;
+}
+
+void CNTService::OnStop() { TraceHook(Trace{"CNTService::OnStop"}); }
+
+void CNTService::OnInterrogate() { TraceHook(Trace{"CNTService::OnInterrogate"}); }
+
+void CNTService::OnPause() { TraceHook(Trace{"CNTService::OnPause"}); }
+
+void CNTService::OnContinue() { TraceHook(Trace{"CNTService::OnContinue"}); }
+
+void CNTService::OnShutdown() { TraceHook(Trace{"CNTService::OnShutdown"}); }
+
+BOOL CNTService::OnUserControl(DWORD /*code*/) {
+  TraceHook(Trace{"CNTService::OnUserControl"});
+  return FALSE;
 }
 
 void CNTService::SetStatus(DWORD state) {
