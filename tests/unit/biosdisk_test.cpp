@@ -1,0 +1,419 @@
+// The readers of the BIOS UUID and of the system disk's serial number, against a WMI server in this
+// process.
+#include <gmock/gmock.h>
+
+#include <cerrno>
+#include <cstdlib>
+
+#include "identity/ztuuid.h"
+#include "tests/support/collector_test.h"
+#include "tests/support/import_patch.h"
+
+// wbemidl.h needs the COM interfaces that the headers above bring.
+#include <wbemidl.h>
+
+using ::testing::Contains;
+using ::testing::ElementsAre;
+using ::testing::Not;
+
+namespace {
+
+using std::string_literals::operator""s;
+
+constexpr HRESULT kCut = static_cast<HRESULT>(0x8007007A);
+constexpr HRESULT kShuttingDown = static_cast<HRESULT>(WBEM_E_SHUTTING_DOWN);
+
+// ---- BIOS UUID ----
+
+class GetBiosUuid : public CollectorTest {
+ protected:
+  void AddProducts(std::vector<FakeObject> products) {
+    server.Add({"products",
+                L"ROOT\\CIMV2",
+                L"SELECT * FROM Win32_ComputerSystemProduct",
+                std::move(products),
+                {}});
+  }
+  static FakeObject Product(const std::string& name, FakeValue uuid) {
+    return {name, {{L"UUID", std::move(uuid)}}};
+  }
+};
+
+TEST_F(GetBiosUuid, StoresTheTextExactlyAsWmiGivesIt) {
+  AddProducts({Product("product", Text(L"4c4C4544-0035-3010-8048-b4C04F4B3732"))});
+  EXPECT_TRUE(fingerprint.GetBiosUuid());
+  EXPECT_STREQ(fingerprint.BiosUuid, "4c4C4544-0035-3010-8048-b4C04F4B3732");
+  ExpectRecorded(1, 1);
+}
+
+TEST_F(GetBiosUuid, DoesNotCareWhatTheTextLooksLike) {
+  AddProducts({Product("product", Text(L"To be filled by O.E.M."))});
+  EXPECT_TRUE(fingerprint.GetBiosUuid());
+  EXPECT_STREQ(fingerprint.BiosUuid, "To be filled by O.E.M.");
+}
+
+TEST_F(GetBiosUuid, FirstObjectWithAValueEndsTheWalk) {
+  AddProducts({Product("product 1", Fails(E_ACCESSDENIED)), Product("product 2", Null()),
+               Product("product 3", Text(L"third")), Product("product 4", Text(L"fourth"))});
+  EXPECT_TRUE(fingerprint.GetBiosUuid());
+  EXPECT_STREQ(fingerprint.BiosUuid, "third");
+  EXPECT_THAT(
+      server.Journal(),
+      ElementsAre("create locator", "ConnectServer ROOT\\CIMV2", "SetBlanket", "ExecQuery products",
+                  "Next products", "Get UUID of product 1", "release product 1", "Next products",
+                  "Get UUID of product 2", "release product 2", "Next products",
+                  "Get UUID of product 3", "release product 3", "release products",
+                  "release services", "release locator"));
+  ExpectRecorded(0, 9);
+}
+
+TEST_F(GetBiosUuid, NoObjectIsSuccessAndLeavesTheFieldEmpty) {
+  AddProducts({});
+  EXPECT_TRUE(fingerprint.GetBiosUuid());
+  EXPECT_STREQ(fingerprint.BiosUuid, "");
+  ExpectRecorded(1, 8);
+}
+
+TEST_F(GetBiosUuid, WalkThatEndsWithAnErrorIsSuccessToo) {
+  AddProducts({});
+  server.Query("products").end = {kShuttingDown, 0, false};
+  StringCchCopyA(fingerprint.BiosUuid, kBiosUuidSize, "as it was");
+  EXPECT_TRUE(fingerprint.GetBiosUuid());
+  EXPECT_STREQ(fingerprint.BiosUuid, "as it was");
+  ExpectRecorded(kShuttingDown, 8);
+}
+
+TEST_F(GetBiosUuid, TextThatIsTooLongByOneIsCutAndAFailure) {
+  const std::wstring longest(36, L'x');
+  AddProducts({Product("product", Text(longest))});
+  EXPECT_TRUE(fingerprint.GetBiosUuid());
+  EXPECT_EQ(fingerprint.BiosUuid, std::string(36, 'x'));
+
+  server.Query("products").objects = {Product("product", Text(longest + L"y"))};
+  EXPECT_FALSE(fingerprint.GetBiosUuid());
+  EXPECT_EQ(fingerprint.BiosUuid, std::string(36, 'x'));
+  ExpectRecorded(kCut, 0);
+}
+
+TEST_F(GetBiosUuid, EachStepBeforeTheWalkMayFail) {
+  AddProducts({Product("product", Text(L"uuid"))});
+  ExpectEachStepToFail("products", [&] { return fingerprint.GetBiosUuid(); });
+  EXPECT_STREQ(fingerprint.BiosUuid, "");
+}
+
+TEST_F(GetBiosUuid, MissingMemoryIsThrownWithEverythingReleased) {
+  AddProducts({Product("product", Text(L"uuid"))});
+  ExpectEachAllocationToThrow(4, [&] { fingerprint.GetBiosUuid(); });
+}
+
+// ---- System disk ----
+
+class GetPrimaryHDDSrNo : public CollectorTest {
+ protected:
+  GetPrimaryHDDSrNo() {
+    const char* const present = std::getenv("SystemDrive");
+    m_systemDrive = present != nullptr ? present : "";
+    _putenv_s("SystemDrive", "C:");
+  }
+  ~GetPrimaryHDDSrNo() override { _putenv_s("SystemDrive", m_systemDrive.c_str()); }
+
+  void AddMedia(std::vector<FakeObject> media) {
+    server.Add(
+        {"media", L"ROOT\\CIMV2", L"SELECT * FROM Win32_PhysicalMedia", std::move(media), {}});
+  }
+  void AddPartitions(int disk, std::vector<FakeObject> partitions) {
+    server.Add({"partitions of disk " + std::to_string(disk),
+                L"ROOT\\CIMV2",
+                L"Associators of {Win32_DiskDrive.DeviceID='\\\\.\\PHYSICALDRIVE" +
+                    std::to_wstring(disk) + L"'} where AssocClass=Win32_DiskDriveToDiskPartition",
+                std::move(partitions),
+                {}});
+  }
+  void AddLogicalDisks(const std::string& name, const std::wstring& partition,
+                       std::vector<FakeObject> logicalDisks) {
+    server.Add({name,
+                L"ROOT\\CIMV2",
+                L"Associators of {Win32_DiskPartition.DeviceID='" + partition +
+                    L"'} where AssocClass=Win32_LogicalDiskToPartition",
+                std::move(logicalDisks),
+                {}});
+  }
+
+  static FakeObject Media(int disk, FakeValue serial) {
+    return {"media " + std::to_string(disk),
+            {{L"Tag", Text(L"\\\\.\\PHYSICALDRIVE" + std::to_wstring(disk))},
+             {L"SerialNumber", std::move(serial)}}};
+  }
+  static FakeObject Device(const std::string& name, FakeValue id) {
+    return {name, {{L"DeviceID", std::move(id)}}};
+  }
+
+  // Disk `disk` with one partition that carries the drives given.
+  void AddDisk(int disk, const std::vector<std::wstring>& drives) {
+    const std::wstring partition = L"Disk #" + std::to_wstring(disk) + L", Partition #0";
+    AddPartitions(disk, {Device("partition of disk " + std::to_string(disk), Text(partition))});
+    std::vector<FakeObject> logicalDisks;
+    for (const std::wstring& drive : drives) {
+      logicalDisks.push_back(Device("drive", Text(drive)));
+    }
+    AddLogicalDisks("drives of disk " + std::to_string(disk), partition, std::move(logicalDisks));
+  }
+
+  // Collects from one disk with drive C: and the serial number given.
+  bool CollectFromOneDisk(FakeValue serial) {
+    AddMedia({Media(0, std::move(serial))});
+    AddDisk(0, {L"C:"});
+    return fingerprint.GetPrimaryHDDSrNo();
+  }
+
+ private:
+  std::string m_systemDrive;
+};
+
+TEST_F(GetPrimaryHDDSrNo, GoesFromMediaToPartitionsToLogicalDisksAndReleasesFromTheInsideOut) {
+  AddMedia({Media(0, Text(L"WD-ABC123"))});
+  AddDisk(0, {L"C:", L"D:"});
+  EXPECT_TRUE(fingerprint.GetPrimaryHDDSrNo());
+  EXPECT_STREQ(fingerprint.PrimaryHddSerial, "WD-ABC123");
+  EXPECT_THAT(
+      server.Journal(),
+      ElementsAre("create locator", "ConnectServer ROOT\\CIMV2", "SetBlanket", "ExecQuery media",
+                  "Next media", "Get Tag of media 0", "ExecQuery partitions of disk 0",
+                  "Next partitions of disk 0", "Get DeviceID of partition of disk 0",
+                  "ExecQuery drives of disk 0", "Next drives of disk 0", "Get DeviceID of drive",
+                  "Get SerialNumber of media 0", "release drive", "release drives of disk 0",
+                  "release partition of disk 0", "release partitions of disk 0", "release media 0",
+                  "release media", "release services", "release locator"));
+  ExpectRecorded(1, 1);
+}
+
+TEST_F(GetPrimaryHDDSrNo, OnlyTheDiskOfTheSystemDriveSuppliesTheSerial) {
+  AddMedia({Media(0, Text(L"serial 0")), Media(1, Text(L"serial 1")), Media(2, Text(L"serial 2"))});
+  AddDisk(0, {L"D:", L"E:"});
+  AddPartitions(1, {Device("boot partition", Text(L"Disk #1, Partition #0")),
+                    Device("main partition", Text(L"Disk #1, Partition #1"))});
+  AddLogicalDisks("drives of the boot partition", L"Disk #1, Partition #0", {});
+  AddLogicalDisks("drives of the main partition", L"Disk #1, Partition #1",
+                  {Device("drive F", Text(L"F:")), Device("drive C", Text(L"C:"))});
+  AddDisk(2, {L"C:"});
+  EXPECT_TRUE(fingerprint.GetPrimaryHDDSrNo());
+  EXPECT_STREQ(fingerprint.PrimaryHddSerial, "serial 1");
+  EXPECT_THAT(server.Journal(), Not(Contains("Get SerialNumber of media 0")));
+  EXPECT_THAT(server.Journal(), Not(Contains("ExecQuery partitions of disk 2")));
+}
+
+TEST_F(GetPrimaryHDDSrNo, DiskWithABlankSerialIsPassedOver) {
+  AddMedia({Media(0, Text(L"   ")), Media(1, Text(L"")), Media(2, Text(L"serial 2"))});
+  AddDisk(0, {L"C:"});
+  AddDisk(1, {L"C:"});
+  AddDisk(2, {L"C:"});
+  EXPECT_TRUE(fingerprint.GetPrimaryHDDSrNo());
+  EXPECT_STREQ(fingerprint.PrimaryHddSerial, "serial 2");
+}
+
+TEST_F(GetPrimaryHDDSrNo, SerialOfOnlySpacesIsSkippedWithStage3) {
+  EXPECT_FALSE(CollectFromOneDisk(Text(L"     ")));
+  EXPECT_STREQ(fingerprint.PrimaryHddSerial, "");
+  ExpectRecorded(0, 3);
+}
+
+TEST_F(GetPrimaryHDDSrNo, SpacesAreTrimmedAtBothEnds) {
+  EXPECT_TRUE(CollectFromOneDisk(Text(L"   WD-ABC123  ")));
+  EXPECT_STREQ(fingerprint.PrimaryHddSerial, "WD-ABC123");
+}
+
+TEST_F(GetPrimaryHDDSrNo, OtherWhiteSpaceAndInnerSpacesStay) {
+  EXPECT_TRUE(CollectFromOneDisk(Text(L" \tWD ABC\n ")));
+  EXPECT_STREQ(fingerprint.PrimaryHddSerial, "\tWD ABC\n");
+}
+
+TEST_F(GetPrimaryHDDSrNo, WholeLengthOfTheSerialIsTrimmed) {
+  // The last character is a null, so that the space before it is not at the end.
+  EXPECT_TRUE(CollectFromOneDisk(Text(std::wstring(L" AB \0", 5))));
+  EXPECT_STREQ(fingerprint.PrimaryHddSerial, "AB ");
+}
+
+TEST_F(GetPrimaryHDDSrNo, CharactersThatCannotBeNarrowedBecomeQuestionMarks) {
+  EXPECT_TRUE(CollectFromOneDisk(Text(L"A\u4E2DB")));
+  EXPECT_STREQ(fingerprint.PrimaryHddSerial, "A?B");
+}
+
+TEST_F(GetPrimaryHDDSrNo, LetterCaseAndByteOrderOfTheSerialStay) {
+  EXPECT_TRUE(CollectFromOneDisk(Text(L"DWA-cb1a32")));
+  EXPECT_STREQ(fingerprint.PrimaryHddSerial, "DWA-cb1a32");
+}
+
+TEST_F(GetPrimaryHDDSrNo, SerialThatIsTooLongByOneIsNotStoredAndTheNextMatchingDiskIsTried) {
+  AddMedia({Media(0, Text(std::wstring(100, L'x'))), Media(1, Text(std::wstring(99, L'y')))});
+  AddDisk(0, {L"C:"});
+  server.Query("drives of disk 0").end = {kShuttingDown, 0, false};
+  AddDisk(1, {L"C:"});
+  EXPECT_TRUE(fingerprint.GetPrimaryHDDSrNo());
+  EXPECT_EQ(fingerprint.PrimaryHddSerial, std::string(99, 'y'));
+}
+
+TEST_F(GetPrimaryHDDSrNo, SerialThatIsTooLongIsStage0AndAFailureWithoutAnotherDisk) {
+  EXPECT_FALSE(CollectFromOneDisk(Text(std::wstring(100, L'x'))));
+  // Its stage 0 keeps the ends of the walks from being recorded.
+  ExpectRecorded(kCut, 0);
+}
+
+TEST_F(GetPrimaryHDDSrNo, DriveLettersAreComparedWithoutCase) {
+  _putenv_s("SystemDrive", "c:");
+  EXPECT_TRUE(CollectFromOneDisk(Text(L"serial")));
+}
+
+TEST_F(GetPrimaryHDDSrNo, OnlyTwoCharactersOfADriveAreCompared) {
+  _putenv_s("SystemDrive", "C:\\");
+  EXPECT_TRUE(CollectFromOneDisk(Text(L"serial")));
+}
+
+TEST_F(GetPrimaryHDDSrNo, UnsetSystemDriveFailsWithoutAWalk) {
+  _putenv_s("SystemDrive", "");
+  EXPECT_FALSE(CollectFromOneDisk(Text(L"serial")));
+  EXPECT_STREQ(fingerprint.PrimaryHddSerial, "");
+  EXPECT_THAT(server.Journal(), ElementsAre("create locator", "ConnectServer ROOT\\CIMV2",
+                                            "SetBlanket", "ExecQuery media", "release media",
+                                            "release services", "release locator"));
+  ExpectRecorded(1, 1);
+}
+
+TEST_F(GetPrimaryHDDSrNo, SystemDriveOfMoreThanFourCharactersFailsWithoutAWalk) {
+  _putenv_s("SystemDrive", "C:\\xy");
+  EXPECT_FALSE(CollectFromOneDisk(Text(L"serial")));
+  EXPECT_THAT(server.Journal(), Not(Contains("Next media")));
+}
+
+using GetEnvironment = errno_t __cdecl(std::size_t*, char*, rsize_t, const char*);
+
+TEST_F(GetPrimaryHDDSrNo, SystemDriveIsReadIntoFiveCharacters) {
+  const CallPatch<struct EnvironmentTag, GetEnvironment> environment(
+      "msvcrt.dll", "getenv_s",
+      [](std::size_t* size, char* value, rsize_t capacity, const char* name) -> errno_t {
+        EXPECT_EQ(capacity, 5U);
+        EXPECT_STREQ(name, "SystemDrive");
+        StringCchCopyA(value, capacity, "C:");
+        *size = 3;
+        return 0;
+      });
+  EXPECT_TRUE(CollectFromOneDisk(Text(L"serial")));
+}
+
+TEST_F(GetPrimaryHDDSrNo, SystemDriveThatCannotBeReadFailsWithoutAWalk) {
+  const CallPatch<struct NoEnvironmentTag, GetEnvironment> environment(
+      "msvcrt.dll", "getenv_s",
+      [](std::size_t*, char* value, rsize_t capacity, const char*) -> errno_t {
+        StringCchCopyA(value, capacity, "C:");
+        return EINVAL;
+      });
+  EXPECT_FALSE(CollectFromOneDisk(Text(L"serial")));
+  EXPECT_THAT(server.Journal(), Not(Contains("Next media")));
+}
+
+TEST_F(GetPrimaryHDDSrNo, MediaWithoutATagIsSkippedWithStage9) {
+  AddMedia({{"media 0", {{L"Tag", Fails(E_ACCESSDENIED)}, {L"SerialNumber", Text(L"serial 0")}}},
+            Media(1, Text(L"serial 1"))});
+  AddDisk(1, {L"C:"});
+  EXPECT_TRUE(fingerprint.GetPrimaryHDDSrNo());
+  EXPECT_STREQ(fingerprint.PrimaryHddSerial, "serial 1");
+  ExpectRecorded(E_ACCESSDENIED, 9);
+}
+
+TEST_F(GetPrimaryHDDSrNo, TagShorterThanItsPrefixNamesNoDisk) {
+  AddMedia({{"media 0", {{L"Tag", Text(L"\\\\.")}, {L"SerialNumber", Text(L"serial 0")}}}});
+  EXPECT_FALSE(fingerprint.GetPrimaryHDDSrNo());
+  EXPECT_THAT(server.Journal(),
+              Contains("ExecQuery Associators of {Win32_DiskDrive.DeviceID='\\\\.\\'} where "
+                       "AssocClass=Win32_DiskDriveToDiskPartition"));
+}
+
+TEST_F(GetPrimaryHDDSrNo, FailedQueryForPartitionsIsStage6AndSkipsTheMedia) {
+  AddMedia({Media(0, Text(L"serial 0")), Media(1, Text(L"serial 1"))});
+  AddDisk(0, {L"C:"});
+  server.Query("partitions of disk 0").result = E_ACCESSDENIED;
+  AddDisk(1, {L"C:"});
+  EXPECT_TRUE(fingerprint.GetPrimaryHDDSrNo());
+  EXPECT_STREQ(fingerprint.PrimaryHddSerial, "serial 1");
+  ExpectRecorded(E_ACCESSDENIED, 6);
+}
+
+TEST_F(GetPrimaryHDDSrNo, PartitionWithoutAnIdIsSkippedWithStage9) {
+  AddMedia({Media(0, Text(L"serial 0"))});
+  AddPartitions(0, {Device("partition 0", Fails(E_ACCESSDENIED)),
+                    Device("partition 1", Text(L"Disk #0, Partition #1"))});
+  AddLogicalDisks("drives", L"Disk #0, Partition #1", {Device("drive", Text(L"C:"))});
+  EXPECT_TRUE(fingerprint.GetPrimaryHDDSrNo());
+  ExpectRecorded(E_ACCESSDENIED, 9);
+}
+
+TEST_F(GetPrimaryHDDSrNo, FailedQueryForLogicalDisksIsStage6AndSkipsThePartition) {
+  AddMedia({Media(0, Text(L"serial 0"))});
+  AddPartitions(0, {Device("partition 0", Text(L"Disk #0, Partition #0")),
+                    Device("partition 1", Text(L"Disk #0, Partition #1"))});
+  AddLogicalDisks("failing", L"Disk #0, Partition #0", {});
+  server.Query("failing").givesNothing = true;
+  server.Query("failing").result = S_FALSE;
+  AddLogicalDisks("drives", L"Disk #0, Partition #1", {Device("drive", Text(L"C:"))});
+  EXPECT_TRUE(fingerprint.GetPrimaryHDDSrNo());
+  ExpectRecorded(S_FALSE, 6);
+}
+
+TEST_F(GetPrimaryHDDSrNo, LogicalDiskWithoutAnIdIsSkippedWithStage9) {
+  AddMedia({Media(0, Text(L"serial 0"))});
+  AddPartitions(0, {Device("partition", Text(L"Disk #0, Partition #0"))});
+  AddLogicalDisks("drives", L"Disk #0, Partition #0",
+                  {Device("drive 1", Fails(E_ACCESSDENIED)), Device("drive 2", Text(L"C:"))});
+  EXPECT_TRUE(fingerprint.GetPrimaryHDDSrNo());
+  ExpectRecorded(E_ACCESSDENIED, 9);
+}
+
+TEST_F(GetPrimaryHDDSrNo, SerialThatCannotBeReadIsStage9AndTheNextLogicalDiskIsTried) {
+  AddMedia({Media(0, Fails(E_ACCESSDENIED))});
+  AddDisk(0, {L"C:", L"C:"});
+  server.Query("drives of disk 0").end = {0, 0, false};
+  EXPECT_FALSE(fingerprint.GetPrimaryHDDSrNo());
+  int reads = 0;
+  for (const std::string& line : server.Journal()) {
+    reads += line == "Get SerialNumber of media 0" ? 1 : 0;
+  }
+  EXPECT_EQ(reads, 2);
+  // The end of the inner walk, whose code 0 keeps the later ones from being recorded.
+  ExpectRecorded(0, 8);
+}
+
+TEST_F(GetPrimaryHDDSrNo, InnerWalksOfferStage8AtTheirNormalEnd) {
+  AddMedia({Media(0, Text(L"serial 0"))});
+  AddDisk(0, {L"D:"});
+  server.Query("drives of disk 0").end = {0, 0, false};
+  EXPECT_FALSE(fingerprint.GetPrimaryHDDSrNo());
+  ExpectRecorded(0, 8);
+
+  fingerprint.LastError = {1, 1};
+  server.Query("drives of disk 0").end = {};
+  server.Query("partitions of disk 0").end = {0, 0, false};
+  EXPECT_FALSE(fingerprint.GetPrimaryHDDSrNo());
+  ExpectRecorded(0, 8);
+}
+
+TEST_F(GetPrimaryHDDSrNo, NoMediaIsAFailure) {
+  AddMedia({});
+  EXPECT_FALSE(fingerprint.GetPrimaryHDDSrNo());
+  ExpectRecorded(1, 8);
+}
+
+TEST_F(GetPrimaryHDDSrNo, EachStepBeforeTheWalkMayFail) {
+  AddMedia({Media(0, Text(L"serial 0"))});
+  AddDisk(0, {L"C:"});
+  ExpectEachStepToFail("media", [&] { return fingerprint.GetPrimaryHDDSrNo(); });
+  EXPECT_STREQ(fingerprint.PrimaryHddSerial, "");
+}
+
+TEST_F(GetPrimaryHDDSrNo, MissingMemoryIsThrownWithEverythingReleased) {
+  AddMedia({Media(0, Text(L"serial 0"))});
+  AddDisk(0, {L"C:"});
+  // Namespace; three queries with their language; tag, two ids and the serial.
+  ExpectEachAllocationToThrow(1 + 3 * 2 + 4, [&] { fingerprint.GetPrimaryHDDSrNo(); });
+  EXPECT_STREQ(fingerprint.PrimaryHddSerial, "serial 0");
+}
+
+}  // namespace
