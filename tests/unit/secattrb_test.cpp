@@ -1,0 +1,510 @@
+#include "agent/secattrb.h"
+
+#include <aclapi.h>
+#include <gmock/gmock.h>
+
+#include <map>
+#include <string>
+#include <vector>
+
+#include "tests/support/import_patch.h"
+#include "tests/support/timeline.h"
+#include "tests/support/trace_recorder.h"
+
+using ::testing::ElementsAre;
+using ::testing::IsEmpty;
+
+namespace {
+
+constexpr char kSource[] = "agent/secattrb.cpp";
+constexpr char kCreate[] = "CreateSecurityAttributeForEveryone";
+constexpr char kFree[] = "FreeSecurityAttributeForEveryone";
+constexpr DWORD kEventAllAccess = 0x1F0003;
+
+// What a call to create hands out, and how it is freed without the product.
+struct Attributes {
+  SECURITY_ATTRIBUTES sa{};
+  PSID sid = nullptr;
+  PACL acl = nullptr;
+  PSECURITY_DESCRIPTOR sd = nullptr;
+
+  BOOL Create(DWORD mask = kEventAllAccess) {
+    return CreateSecurityAttributeForEveryone(&sa, &sid, &acl, &sd, mask);
+  }
+  BOOL Free() { return FreeSecurityAttributeForEveryone(&sa, sid, acl, sd); }
+};
+
+// The entry of `descriptor` that a list with exactly one allowing entry has.
+struct OnlyEntry {
+  DWORD mask = 0;
+  BYTE flags = 0;
+  bool isWorld = false;
+};
+
+OnlyEntry ReadOnlyEntry(PSECURITY_DESCRIPTOR descriptor) {
+  BOOL present = FALSE;
+  BOOL defaulted = TRUE;
+  PACL acl = nullptr;
+  EXPECT_TRUE(IsValidSecurityDescriptor(descriptor));
+  EXPECT_TRUE(GetSecurityDescriptorDacl(descriptor, &present, &acl, &defaulted));
+  EXPECT_TRUE(present);
+  EXPECT_FALSE(defaulted);
+  if (acl == nullptr || acl->AceCount != 1) {
+    ADD_FAILURE() << "not exactly one entry";
+    return {};
+  }
+  void* entry = nullptr;
+  EXPECT_TRUE(GetAce(acl, 0, &entry));
+  const auto& allowed = *static_cast<const ACCESS_ALLOWED_ACE*>(entry);
+  EXPECT_EQ(allowed.Header.AceType, ACCESS_ALLOWED_ACE_TYPE);
+  // S-1-1-0
+  BYTE world[SECURITY_MAX_SID_SIZE];
+  DWORD size = sizeof(world);
+  EXPECT_TRUE(CreateWellKnownSid(WinWorldSid, nullptr, world, &size));
+  PSID sid = const_cast<DWORD*>(&allowed.SidStart);
+  return {allowed.Mask, allowed.Header.AceFlags, EqualSid(sid, world) != FALSE};
+}
+
+TEST(CreateSecurityAttributeForEveryone, GrantsTheMaskToTheWorldGroupAlone) {
+  const TraceRecorder recorder;
+  Attributes attributes;
+  attributes.sa.bInheritHandle = TRUE;
+  ASSERT_EQ(attributes.Create(), TRUE);
+  EXPECT_EQ(attributes.sa.nLength, 24U);
+  EXPECT_EQ(attributes.sa.lpSecurityDescriptor, attributes.sd);
+  EXPECT_FALSE(attributes.sa.bInheritHandle);
+  const OnlyEntry entry = ReadOnlyEntry(attributes.sd);
+  EXPECT_EQ(entry.mask, 0x1F0003U);
+  EXPECT_EQ(entry.flags, 3);
+  EXPECT_TRUE(entry.isWorld);
+  EXPECT_EQ(attributes.Free(), TRUE);
+}
+
+TEST(CreateSecurityAttributeForEveryone, PassesAnyMaskThrough) {
+  const TraceRecorder recorder;
+  Attributes attributes;
+  ASSERT_EQ(attributes.Create(EVENT_MODIFY_STATE), TRUE);
+  EXPECT_EQ(ReadOnlyEntry(attributes.sd).mask, 2U);
+  attributes.Free();
+}
+
+TEST(CreateSecurityAttributeForEveryone, AnEventMadeWithItHasExactlyThatEntry) {
+  const TraceRecorder recorder;
+  Attributes attributes;
+  ASSERT_EQ(attributes.Create(), TRUE);
+  const HANDLE event = CreateEventW(&attributes.sa, TRUE, FALSE, nullptr);
+  ASSERT_NE(event, nullptr);
+  BYTE descriptor[1024];
+  DWORD size = 0;
+  ASSERT_TRUE(GetKernelObjectSecurity(event, DACL_SECURITY_INFORMATION, descriptor,
+                                      sizeof(descriptor), &size));
+  const OnlyEntry entry = ReadOnlyEntry(descriptor);
+  EXPECT_EQ(entry.mask, 0x1F0003U);
+  EXPECT_EQ(entry.flags, 3);
+  EXPECT_TRUE(entry.isWorld);
+  CloseHandle(event);
+  attributes.Free();
+}
+
+TEST(CreateSecurityAttributeForEveryone, RefusesANullRecordAndLoadsNothing) {
+  const TraceRecorder recorder;
+  unsigned loads = 0;
+  const CallPatch<struct NullLoad, HMODULE(const char*)> load("KERNEL32.dll", "LoadLibraryA",
+                                                              [&](const char*) -> HMODULE {
+                                                                ++loads;
+                                                                return nullptr;
+                                                              });
+  PSID sid = nullptr;
+  PACL acl = nullptr;
+  PSECURITY_DESCRIPTOR sd = nullptr;
+  EXPECT_EQ(CreateSecurityAttributeForEveryone(nullptr, &sid, &acl, &sd, kEventAllAccess), FALSE);
+  EXPECT_EQ(loads, 0U);
+  EXPECT_THAT(recorder.Lines(), ElementsAre(Line(2, kCreate, kSource, "Entry"),
+                                            Line(1, kCreate, kSource, "NULL Parameters Received")));
+}
+
+// The calls that both functions make, each of which a test can make fail. The library is a row of
+// stand-ins that end in the real functions.
+class SecurityAttributeCalls : public ::testing::Test {
+ public:
+  static inline SecurityAttributeCalls* s_test = nullptr;
+
+ protected:
+  SecurityAttributeCalls() {
+    s_test = this;
+    real = GetModuleHandleW(L"advapi32.dll");
+  }
+  ~SecurityAttributeCalls() override { s_test = nullptr; }
+
+  template <typename Function>
+  Function* Real(const char* name) {
+    return reinterpret_cast<Function*>(
+        reinterpret_cast<void*>(m_getProcAddress.CallOriginal(real, name)));
+  }
+
+  static BOOL WINAPI OnAllocateSid(SID_IDENTIFIER_AUTHORITY* authority, BYTE count, DWORD sub0,
+                                   DWORD sub1, DWORD sub2, DWORD sub3, DWORD sub4, DWORD sub5,
+                                   DWORD sub6, DWORD sub7, PSID* sid) {
+    SecurityAttributeCalls& test = *s_test;
+    test.timeline.Note("AllocateAndInitializeSid");
+    test.authority.assign(authority->Value, authority->Value + 6);
+    test.subAuthorityCount = count;
+    test.subAuthorities = {sub0, sub1, sub2, sub3, sub4, sub5, sub6, sub7};
+    if (test.failing == "AllocateAndInitializeSid") {
+      return FALSE;
+    }
+    const BOOL result = test.Real<decltype(AllocateAndInitializeSid)>("AllocateAndInitializeSid")(
+        authority, count, sub0, sub1, sub2, sub3, sub4, sub5, sub6, sub7, sid);
+    test.labels[*sid] = "sid";
+    return result;
+  }
+
+  static DWORD WINAPI OnSetEntries(ULONG count, EXPLICIT_ACCESS_W* entries, PACL oldAcl,
+                                   PACL* acl) {
+    SecurityAttributeCalls& test = *s_test;
+    test.timeline.Note("SetEntriesInAclW");
+    test.entryCount = count;
+    test.entry = entries[0];
+    test.oldAcl = oldAcl;
+    if (test.failing == "SetEntriesInAclW") {
+      return ERROR_NOT_ENOUGH_MEMORY;
+    }
+    const DWORD result =
+        test.Real<decltype(SetEntriesInAclW)>("SetEntriesInAclW")(count, entries, oldAcl, acl);
+    test.labels[*acl] = "acl";
+    return result;
+  }
+
+  static BOOL WINAPI OnInitialize(PSECURITY_DESCRIPTOR descriptor, DWORD revision) {
+    SecurityAttributeCalls& test = *s_test;
+    test.timeline.Note("InitializeSecurityDescriptor " + test.labels[descriptor] + " " +
+                       std::to_string(revision));
+    return test.failing != "InitializeSecurityDescriptor" &&
+           test.Real<decltype(InitializeSecurityDescriptor)>("InitializeSecurityDescriptor")(
+               descriptor, revision);
+  }
+
+  static BOOL WINAPI OnSetDacl(PSECURITY_DESCRIPTOR descriptor, BOOL present, PACL acl,
+                               BOOL defaulted) {
+    SecurityAttributeCalls& test = *s_test;
+    test.timeline.Note("SetSecurityDescriptorDacl " + test.labels[descriptor] + " " +
+                       std::to_string(present) + " " + test.labels[acl] + " " +
+                       std::to_string(defaulted));
+    return test.failing != "SetSecurityDescriptorDacl" &&
+           test.Real<decltype(SetSecurityDescriptorDacl)>("SetSecurityDescriptorDacl")(
+               descriptor, present, acl, defaulted);
+  }
+
+  static void* WINAPI OnFreeSid(PSID sid) {
+    SecurityAttributeCalls& test = *s_test;
+    test.timeline.Note("FreeSid " + test.labels[sid]);
+    return test.Real<decltype(FreeSid)>("FreeSid")(sid);
+  }
+
+  FARPROC OnGetProcAddress(HMODULE module, const std::string& name) {
+    EXPECT_EQ(module, libraries.back());
+    names.push_back(name);
+    static const std::map<std::string, void*> kStandIns = {
+        {"AllocateAndInitializeSid", reinterpret_cast<void*>(&OnAllocateSid)},
+        {"SetEntriesInAclW", reinterpret_cast<void*>(&OnSetEntries)},
+        {"InitializeSecurityDescriptor", reinterpret_cast<void*>(&OnInitialize)},
+        {"SetSecurityDescriptorDacl", reinterpret_cast<void*>(&OnSetDacl)},
+        {"FreeSid", reinterpret_cast<void*>(&OnFreeSid)}};
+    const auto found = kStandIns.find(name);
+    if (found == kStandIns.end() || name == missing) {
+      SetLastError(ERROR_PROC_NOT_FOUND);
+      return nullptr;
+    }
+    return reinterpret_cast<FARPROC>(found->second);
+  }
+
+  const TraceRecorder recorder;
+  Timeline timeline;
+  Attributes attributes;
+
+  std::string failing;
+  std::string missing;
+  HMODULE real = nullptr;
+  // The handles that LoadLibraryA gave, in order: no addresses of anything.
+  std::vector<HMODULE> libraries;
+  std::vector<std::string> names;
+  std::map<void*, std::string> labels{{nullptr, "null"}};
+
+  std::vector<int> authority;
+  BYTE subAuthorityCount = 0;
+  std::vector<DWORD> subAuthorities;
+  ULONG entryCount = 0;
+  EXPLICIT_ACCESS_W entry{};
+  PACL oldAcl = nullptr;
+
+ private:
+  struct LoadTag;
+  struct ProcTag;
+  struct FreeTag;
+  struct AllocTag;
+  struct LocalFreeTag;
+
+  CallPatch<LoadTag, HMODULE(const char*)> m_loadLibrary{
+      "KERNEL32.dll", "LoadLibraryA", [this](const char* name) -> HMODULE {
+        timeline.Note(std::string("LoadLibraryA ") + name);
+        if (failing == "LoadLibraryA") {
+          SetLastError(ERROR_MOD_NOT_FOUND);
+          return nullptr;
+        }
+        const auto number = ULONG_PTR{libraries.size()} + 1;
+        libraries.push_back(reinterpret_cast<HMODULE>(number << 16));
+        return libraries.back();
+      }};
+  CallPatch<ProcTag, FARPROC(HMODULE, const char*)> m_getProcAddress{
+      "KERNEL32.dll", "GetProcAddress",
+      [this](HMODULE module, const char* name) { return OnGetProcAddress(module, name); }};
+  CallPatch<FreeTag, BOOL(HMODULE)> m_freeLibrary{
+      "KERNEL32.dll", "FreeLibrary", [this](HMODULE module) -> BOOL {
+        timeline.Note("FreeLibrary " + std::to_string(reinterpret_cast<ULONG_PTR>(module) >> 16));
+        return TRUE;
+      }};
+  CallPatch<AllocTag, HLOCAL(UINT, SIZE_T)> m_localAlloc{
+      "KERNEL32.dll", "LocalAlloc", [this](UINT flags, SIZE_T size) -> HLOCAL {
+        timeline.Note("LocalAlloc " + std::to_string(flags) + " " + std::to_string(size));
+        if (failing == "LocalAlloc") {
+          return nullptr;
+        }
+        const HLOCAL memory = m_localAlloc.CallOriginal(flags, size);
+        labels[memory] = "sd";
+        return memory;
+      }};
+  CallPatch<LocalFreeTag, HLOCAL(HLOCAL)> m_localFree{
+      "KERNEL32.dll", "LocalFree", [this](HLOCAL memory) {
+        timeline.Note("LocalFree " + labels[memory]);
+        return m_localFree.CallOriginal(memory);
+      }};
+};
+
+using CreateSecurityAttributeSteps = SecurityAttributeCalls;
+using FreeSecurityAttributeSteps = SecurityAttributeCalls;
+
+TEST_F(CreateSecurityAttributeSteps, RunInOrder) {
+  EXPECT_EQ(attributes.Create(), TRUE);
+  EXPECT_THAT(
+      timeline.Entries(),
+      ElementsAre("CreateSecurityAttributeForEveryone: Entry", "LoadLibraryA advapi32.dll",
+                  "AllocateAndInitializeSid", "SetEntriesInAclW", "LocalAlloc 64 40",
+                  "InitializeSecurityDescriptor sd 1", "SetSecurityDescriptorDacl sd 1 acl 0",
+                  "CreateSecurityAttributeForEveryone: Exit"));
+  EXPECT_THAT(recorder.Lines(),
+              ElementsAre(Line(2, kCreate, kSource, "Entry"), Line(2, kCreate, kSource, "Exit")));
+  EXPECT_THAT(names, ::testing::UnorderedElementsAre("AllocateAndInitializeSid", "SetEntriesInAclW",
+                                                     "InitializeSecurityDescriptor",
+                                                     "SetSecurityDescriptorDacl", "FreeSid"));
+  attributes.Free();
+}
+
+TEST_F(CreateSecurityAttributeSteps, AskForTheWorldSidAndOneGrantingEntry) {
+  ASSERT_EQ(attributes.Create(0x100002), TRUE);
+  EXPECT_THAT(authority, ElementsAre(0, 0, 0, 0, 0, 1));
+  EXPECT_EQ(subAuthorityCount, 1);
+  EXPECT_THAT(subAuthorities, ElementsAre(0U, 0U, 0U, 0U, 0U, 0U, 0U, 0U));
+  EXPECT_EQ(entryCount, 1U);
+  EXPECT_EQ(oldAcl, nullptr);
+  EXPECT_EQ(entry.grfAccessPermissions, 0x100002U);
+  EXPECT_EQ(entry.grfAccessMode, 1);
+  EXPECT_EQ(entry.grfInheritance, 3U);
+  EXPECT_EQ(entry.Trustee.pMultipleTrustee, nullptr);
+  EXPECT_EQ(entry.Trustee.MultipleTrusteeOperation, 0);
+  EXPECT_EQ(entry.Trustee.TrusteeForm, 0);
+  EXPECT_EQ(entry.Trustee.TrusteeType, 5);
+  EXPECT_EQ(static_cast<void*>(entry.Trustee.ptstrName), attributes.sid);
+  attributes.Free();
+}
+
+TEST_F(CreateSecurityAttributeSteps, ClearTheRecordAndEndWhenTheLibraryCannotBeLoaded) {
+  failing = "LoadLibraryA";
+  attributes.sa = {24, &attributes, TRUE};
+  EXPECT_EQ(attributes.Create(), FALSE);
+  EXPECT_THAT(timeline.Calls(), ElementsAre("LoadLibraryA advapi32.dll"));
+  EXPECT_THAT(recorder.Lines(),
+              ElementsAre(Line(2, kCreate, kSource, "Entry"),
+                          Line(1, kCreate, kSource, "LoadLibrary Failed For : advapi32.dll(126)")));
+  EXPECT_EQ(attributes.sa.nLength, 0U);
+  EXPECT_EQ(attributes.sa.lpSecurityDescriptor, nullptr);
+  EXPECT_FALSE(attributes.sa.bInheritHandle);
+}
+
+class MissingFunction : public SecurityAttributeCalls,
+                        public ::testing::WithParamInterface<const char*> {};
+
+TEST_P(MissingFunction, UnloadsTheLibraryAndFails) {
+  missing = GetParam();
+  EXPECT_EQ(attributes.Create(), FALSE);
+  EXPECT_THAT(timeline.Entries(),
+              ElementsAre("CreateSecurityAttributeForEveryone: Entry", "LoadLibraryA advapi32.dll",
+                          "FreeLibrary 1",
+                          "CreateSecurityAttributeForEveryone: get proc address Failed (127)"));
+  EXPECT_THAT(recorder.Lines(),
+              ElementsAre(Line(2, kCreate, kSource, "Entry"),
+                          Line(1, kCreate, kSource, "get proc address Failed (127)")));
+  EXPECT_EQ(attributes.sa.nLength, 0U);
+}
+
+INSTANTIATE_TEST_SUITE_P(CreateSecurityAttribute, MissingFunction,
+                         ::testing::Values("AllocateAndInitializeSid", "SetEntriesInAclW",
+                                           "InitializeSecurityDescriptor",
+                                           "SetSecurityDescriptorDacl", "FreeSid"),
+                         [](const auto& test) { return std::string(test.param); });
+
+TEST_F(CreateSecurityAttributeSteps, UnloadTheLibraryWhenThereIsNoSid) {
+  failing = "AllocateAndInitializeSid";
+  EXPECT_EQ(attributes.Create(), FALSE);
+  EXPECT_THAT(
+      timeline.Entries(),
+      ElementsAre("CreateSecurityAttributeForEveryone: Entry", "LoadLibraryA advapi32.dll",
+                  "AllocateAndInitializeSid", "FreeLibrary 1",
+                  "CreateSecurityAttributeForEveryone: s_pfnAllocateAndInitializeSid() Failed"));
+  EXPECT_THAT(recorder.Lines(),
+              ElementsAre(Line(2, kCreate, kSource, "Entry"),
+                          Line(1, kCreate, kSource, "s_pfnAllocateAndInitializeSid() Failed")));
+}
+
+TEST_F(CreateSecurityAttributeSteps, FreeTheSidAndKeepTheLibraryWhenThereIsNoList) {
+  failing = "SetEntriesInAclW";
+  EXPECT_EQ(attributes.Create(), FALSE);
+  EXPECT_THAT(timeline.Entries(),
+              ElementsAre("CreateSecurityAttributeForEveryone: Entry", "LoadLibraryA advapi32.dll",
+                          "AllocateAndInitializeSid", "SetEntriesInAclW",
+                          "CreateSecurityAttributeForEveryone: s_pfnSetEntriesInAcl() Failed",
+                          "FreeSid sid"));
+  EXPECT_THAT(recorder.Lines(),
+              ElementsAre(Line(2, kCreate, kSource, "Entry"),
+                          Line(1, kCreate, kSource, "s_pfnSetEntriesInAcl() Failed")));
+}
+
+TEST_F(CreateSecurityAttributeSteps, FreeListAndSidAndKeepTheLibraryWhenThereIsNoMemory) {
+  failing = "LocalAlloc";
+  EXPECT_EQ(attributes.Create(), FALSE);
+  EXPECT_THAT(timeline.Entries(),
+              ElementsAre("CreateSecurityAttributeForEveryone: Entry", "LoadLibraryA advapi32.dll",
+                          "AllocateAndInitializeSid", "SetEntriesInAclW", "LocalAlloc 64 40",
+                          "LocalFree acl", "FreeSid sid",
+                          "CreateSecurityAttributeForEveryone: LocalAlloc() Failed"));
+  EXPECT_THAT(recorder.Lines(), ElementsAre(Line(2, kCreate, kSource, "Entry"),
+                                            Line(1, kCreate, kSource, "LocalAlloc() Failed")));
+  EXPECT_EQ(attributes.sd, nullptr);
+  EXPECT_NE(attributes.acl, nullptr);  // dangling, as the caller finds it
+}
+
+TEST_F(CreateSecurityAttributeSteps, FreeEverythingWhenTheDescriptorCannotBeInitialised) {
+  failing = "InitializeSecurityDescriptor";
+  EXPECT_EQ(attributes.Create(), FALSE);
+  EXPECT_THAT(
+      timeline.Entries(),
+      ElementsAre(
+          "CreateSecurityAttributeForEveryone: Entry", "LoadLibraryA advapi32.dll",
+          "AllocateAndInitializeSid", "SetEntriesInAclW", "LocalAlloc 64 40",
+          "InitializeSecurityDescriptor sd 1", "LocalFree sd", "LocalFree acl", "FreeSid sid",
+          "CreateSecurityAttributeForEveryone: s_pfnInitializeSecurityDescriptor() Failed"));
+  EXPECT_THAT(recorder.Lines(),
+              ElementsAre(Line(2, kCreate, kSource, "Entry"),
+                          Line(1, kCreate, kSource, "s_pfnInitializeSecurityDescriptor() Failed")));
+  EXPECT_NE(attributes.sd, nullptr);
+  EXPECT_NE(attributes.acl, nullptr);
+  EXPECT_EQ(attributes.sa.lpSecurityDescriptor, nullptr);
+}
+
+TEST_F(CreateSecurityAttributeSteps, FreeEverythingWhenTheListCannotBeSet) {
+  failing = "SetSecurityDescriptorDacl";
+  EXPECT_EQ(attributes.Create(), FALSE);
+  EXPECT_THAT(
+      timeline.Entries(),
+      ElementsAre("CreateSecurityAttributeForEveryone: Entry", "LoadLibraryA advapi32.dll",
+                  "AllocateAndInitializeSid", "SetEntriesInAclW", "LocalAlloc 64 40",
+                  "InitializeSecurityDescriptor sd 1", "SetSecurityDescriptorDacl sd 1 acl 0",
+                  "LocalFree sd", "LocalFree acl", "FreeSid sid",
+                  "CreateSecurityAttributeForEveryone: s_pfnSetSecurityDescriptorDacl() Failed"));
+  EXPECT_THAT(recorder.Lines(),
+              ElementsAre(Line(2, kCreate, kSource, "Entry"),
+                          Line(1, kCreate, kSource, "s_pfnSetSecurityDescriptorDacl() Failed")));
+  EXPECT_EQ(attributes.sa.nLength, 0U);
+}
+
+TEST_F(FreeSecurityAttributeSteps, FreeSidListAndDescriptorThenUnload) {
+  ASSERT_EQ(attributes.Create(), TRUE);
+  const TraceRecorder fromHere;
+  timeline.Clear();
+  EXPECT_EQ(attributes.Free(), TRUE);
+  EXPECT_THAT(timeline.Calls(),
+              ElementsAre("FreeSid sid", "LocalFree acl", "LocalFree sd", "FreeLibrary 1"));
+  EXPECT_THAT(fromHere.Lines(), ElementsAre(Line(2, kFree, kSource, "Entry"),
+                                            Line(2, kFree, kSource, "Before calling g_pfnFreeSid"),
+                                            Line(2, kFree, kSource, "Before calling LocalFree"),
+                                            Line(2, kFree, kSource, "Before calling LocalFree"),
+                                            Line(2, kFree, kSource, "Exit")));
+}
+
+TEST_F(FreeSecurityAttributeSteps, LeaveTheRecordItselfAlone) {
+  ASSERT_EQ(attributes.Create(), TRUE);
+  EXPECT_EQ(attributes.Free(), TRUE);
+  EXPECT_EQ(attributes.sa.nLength, 24U);
+  EXPECT_EQ(attributes.sa.lpSecurityDescriptor, attributes.sd);
+}
+
+TEST_F(FreeSecurityAttributeSteps, WriteEachLineAheadOfItsCall) {
+  ASSERT_EQ(attributes.Create(), TRUE);
+  timeline.Clear();
+  attributes.Free();
+  EXPECT_THAT(
+      timeline.Entries(),
+      ElementsAre("FreeSecurityAttributeForEveryone: Entry",
+                  "FreeSecurityAttributeForEveryone: Before calling g_pfnFreeSid", "FreeSid sid",
+                  "FreeSecurityAttributeForEveryone: Before calling LocalFree", "LocalFree acl",
+                  "FreeSecurityAttributeForEveryone: Before calling LocalFree", "LocalFree sd",
+                  "FreeLibrary 1", "FreeSecurityAttributeForEveryone: Exit"));
+}
+
+TEST_F(FreeSecurityAttributeSteps, FreeNothingForANullRecord) {
+  PSID const sid = &attributes;
+  EXPECT_EQ(FreeSecurityAttributeForEveryone(nullptr, sid, nullptr, nullptr), FALSE);
+  EXPECT_THAT(timeline.Calls(), IsEmpty());
+  EXPECT_THAT(recorder.Lines(), ElementsAre(Line(2, kFree, kSource, "Entry"),
+                                            Line(1, kFree, kSource, "NULL Parameters Received")));
+}
+
+TEST_F(FreeSecurityAttributeSteps, WithAllThreePointersNullStillUnloadTheLibraryAndReturnTrue) {
+  ASSERT_EQ(attributes.Create(), TRUE);
+  const Attributes made = attributes;
+  const TraceRecorder fromHere;
+  timeline.Clear();
+  attributes.sid = nullptr;
+  attributes.acl = nullptr;
+  attributes.sd = nullptr;
+  EXPECT_EQ(attributes.Free(), TRUE);
+  EXPECT_THAT(timeline.Calls(), ElementsAre("FreeLibrary 1"));
+  EXPECT_THAT(fromHere.Lines(),
+              ElementsAre(Line(2, kFree, kSource, "Entry"), Line(2, kFree, kSource, "Exit")));
+  attributes = made;
+  attributes.Free();
+}
+
+TEST_F(FreeSecurityAttributeSteps, ForgetTheLibrary) {
+  ASSERT_EQ(attributes.Create(), TRUE);
+  attributes.Free();
+  FreeSecurityAttributeForEveryone(&attributes.sa, nullptr, nullptr, nullptr);
+  EXPECT_EQ(timeline.Calls().back(), "FreeLibrary 0");
+}
+
+TEST_F(CreateSecurityAttributeSteps, TwiceWithoutAFreeLoadTheLibraryTwiceAndKeepOnlyTheLastHandle) {
+  ASSERT_EQ(attributes.Create(), TRUE);
+  Attributes second;
+  ASSERT_EQ(second.Create(), TRUE);
+  ASSERT_EQ(libraries.size(), 2U);
+  attributes.Free();
+  second.Free();
+  std::vector<std::string> frees;
+  for (const std::string& call : timeline.Calls()) {
+    if (call.starts_with("FreeLibrary")) {
+      frees.push_back(call);
+    }
+  }
+  EXPECT_THAT(frees, ElementsAre("FreeLibrary 2", "FreeLibrary 0"));
+}
+
+}  // namespace
