@@ -8,6 +8,15 @@
 
 namespace {
 
+// Whether the imports of `name` are those of `library`. The linker takes some functions of
+// kernel32.dll from an API set, depending on which of the two import libraries it meets first.
+bool IsLibrary(const char* name, const char* library) {
+  constexpr char kApiSetPrefix[] = "api-ms-win-core-";
+  return _stricmp(name, library) == 0 ||
+         (_stricmp(library, "KERNEL32.dll") == 0 &&
+          _strnicmp(name, kApiSetPrefix, sizeof(kApiSetPrefix) - 1) == 0);
+}
+
 // The slot of the import table that holds the address of `function`, or null.
 void** FindSlot(const char* library, const char* function) {
   auto* const base = reinterpret_cast<BYTE*>(GetModuleHandleW(nullptr));
@@ -19,7 +28,7 @@ void** FindSlot(const char* library, const char* function) {
   auto* descriptor =
       reinterpret_cast<const IMAGE_IMPORT_DESCRIPTOR*>(base + directory.VirtualAddress);
   for (; descriptor->Name != 0; ++descriptor) {
-    if (_stricmp(reinterpret_cast<const char*>(base + descriptor->Name), library) != 0) {
+    if (!IsLibrary(reinterpret_cast<const char*>(base + descriptor->Name), library)) {
       continue;
     }
     auto* names =
