@@ -1,0 +1,274 @@
+#include "tests/support/fake_service_manager.h"
+
+#include <algorithm>
+#include <cwchar>
+#include <iterator>
+
+namespace {
+
+constexpr char kAdvapi[] = "ADVAPI32.dll";
+constexpr char kKernel[] = "KERNEL32.dll";
+
+// Gives every executable that links this file a slot for each patched function, whether or not the
+// product code in it calls that function.
+[[maybe_unused]] const void* volatile const kSlots[] = {
+    reinterpret_cast<const void*>(&OpenSCManagerA),
+    reinterpret_cast<const void*>(&OpenServiceA),
+    reinterpret_cast<const void*>(&CreateServiceW),
+    reinterpret_cast<const void*>(&CloseServiceHandle),
+    reinterpret_cast<const void*>(&ChangeServiceConfig2W),
+    reinterpret_cast<const void*>(&DeleteService),
+    reinterpret_cast<const void*>(&StartServiceA),
+    reinterpret_cast<const void*>(&ControlService),
+    reinterpret_cast<const void*>(&QueryServiceStatus),
+    reinterpret_cast<const void*>(&RegCreateKeyA),
+    reinterpret_cast<const void*>(&RegSetValueExW),
+    reinterpret_cast<const void*>(&RegSetValueExA),
+    reinterpret_cast<const void*>(&RegCloseKey),
+    reinterpret_cast<const void*>(&GetModuleFileNameW),
+    reinterpret_cast<const void*>(&Sleep),
+    reinterpret_cast<const void*>(&GetTickCount),
+};
+
+template <typename Handle>
+Handle AsHandle(ULONG_PTR value) {
+  return reinterpret_cast<Handle>(value);
+}
+
+// The text of a value's bytes with every null character in it, so that its end can be seen.
+std::string WideBytes(const BYTE* data, DWORD bytes) {
+  std::wstring text(reinterpret_cast<const wchar_t*>(data), bytes / sizeof(wchar_t));
+  for (std::size_t at = text.find(L'\0'); at != std::wstring::npos; at = text.find(L'\0')) {
+    text.replace(at, 1, L"\\0");
+  }
+  return Quoted(text.c_str()) + ", " + std::to_string(bytes) + " bytes";
+}
+
+std::string FailureActions(const void* record) {
+  const auto* const actions = static_cast<const SERVICE_FAILURE_ACTIONSW*>(record);
+  std::string text = "reset " + std::to_string(actions->dwResetPeriod) + ", reboot message " +
+                     Quoted(actions->lpRebootMsg) + ", command " + Quoted(actions->lpCommand) +
+                     ", actions";
+  for (DWORD i = 0; i < actions->cActions; ++i) {
+    text += " (" + std::to_string(actions->lpsaActions[i].Type) + ", " +
+            std::to_string(actions->lpsaActions[i].Delay) + ")";
+  }
+  return text;
+}
+
+}  // namespace
+
+FakeServiceManager::FakeServiceManager(Journal& journal)
+    : m_journal(journal),
+      m_openManager(kAdvapi, "OpenSCManagerA",
+                    [this](LPCSTR machine, LPCSTR database, DWORD access) -> SC_HANDLE {
+                      const std::string text = "OpenSCManagerA(" + Quoted(machine) + ", " +
+                                               Quoted(database) + ", " + Hex(access) + ") = ";
+                      DWORD error = 0;
+                      if (Fails("OpenSCManagerA", error)) {
+                        m_journal.Call(text + "error " + std::to_string(error));
+                        SetLastError(error);
+                        return nullptr;
+                      }
+                      ULONG_PTR handle = 0;
+                      m_journal.Call(text + Open("manager", handle));
+                      return AsHandle<SC_HANDLE>(handle);
+                    }),
+      m_openService(kAdvapi, "OpenServiceA",
+                    [this](SC_HANDLE manager, LPCSTR name, DWORD access) -> SC_HANDLE {
+                      const std::string text = "OpenServiceA(" + NameOf(manager) + ", " +
+                                               Quoted(name) + ", " + Hex(access) + ") = ";
+                      DWORD error = 0;
+                      if (Fails("OpenServiceA", error)) {
+                        m_journal.Call(text + "error " + std::to_string(error));
+                        SetLastError(error);
+                        return nullptr;
+                      }
+                      ULONG_PTR handle = 0;
+                      m_journal.Call(text + Open("service", handle));
+                      return AsHandle<SC_HANDLE>(handle);
+                    }),
+      m_createService(
+          kAdvapi, "CreateServiceW",
+          [this](SC_HANDLE manager, LPCWSTR name, LPCWSTR displayName, DWORD access, DWORD type,
+                 DWORD start, DWORD errorControl, LPCWSTR path, LPCWSTR group, LPDWORD tag,
+                 LPCWSTR dependencies, LPCWSTR account, LPCWSTR password) -> SC_HANDLE {
+            const std::string text =
+                "CreateServiceW(" + NameOf(manager) + ", " + Quoted(name) + ", " +
+                Quoted(displayName) + ", " + Hex(access) + ", " + Hex(type) + ", " +
+                std::to_string(start) + ", " + std::to_string(errorControl) + ", " + Quoted(path) +
+                ", " + Quoted(group) + ", " + (tag == nullptr ? "null" : "a tag") + ", " +
+                Quoted(dependencies) + ", " + Quoted(account) + ", " + Quoted(password) + ") = ";
+            DWORD error = 0;
+            if (Fails("CreateServiceW", error)) {
+              m_journal.Call(text + "error " + std::to_string(error));
+              SetLastError(error);
+              return nullptr;
+            }
+            ULONG_PTR handle = 0;
+            m_journal.Call(text + Open("service", handle));
+            return AsHandle<SC_HANDLE>(handle);
+          }),
+      m_closeServiceHandle(kAdvapi, "CloseServiceHandle",
+                           [this](SC_HANDLE handle) -> BOOL {
+                             m_journal.Call("CloseServiceHandle(" + NameOf(handle) + ")");
+                             SetLastError(kRubbishError);
+                             return Close(handle) ? TRUE : FALSE;
+                           }),
+      m_changeConfig(kAdvapi, "ChangeServiceConfig2W",
+                     [this](SC_HANDLE service, DWORD level, LPVOID record) -> BOOL {
+                       return Finish("ChangeServiceConfig2W", "(" + NameOf(service) + ", " +
+                                                                  std::to_string(level) + ", " +
+                                                                  FailureActions(record) + ")");
+                     }),
+      m_deleteService(kAdvapi, "DeleteService",
+                      [this](SC_HANDLE service) -> BOOL {
+                        return Finish("DeleteService", "(" + NameOf(service) + ")");
+                      }),
+      m_startService(kAdvapi, "StartServiceA",
+                     [this](SC_HANDLE service, DWORD count, LPCSTR* arguments) -> BOOL {
+                       return Finish("StartServiceA",
+                                     "(" + NameOf(service) + ", " + std::to_string(count) + ", " +
+                                         (arguments == nullptr ? "null" : "some") + ")");
+                     }),
+      m_controlService(kAdvapi, "ControlService",
+                       [this](SC_HANDLE service, DWORD control, LPSERVICE_STATUS status) -> BOOL {
+                         *status = {};
+                         return Finish("ControlService", "(" + NameOf(service) + ", " +
+                                                             std::to_string(control) + ")");
+                       }),
+      m_queryStatus(kAdvapi, "QueryServiceStatus",
+                    [this](SC_HANDLE service, LPSERVICE_STATUS status) -> BOOL {
+                      const FakeStatus& answer = m_statuses[m_nextStatus];
+                      m_nextStatus = std::min(m_nextStatus + 1, m_statuses.size() - 1);
+                      const std::string text = "QueryServiceStatus(" + NameOf(service) + ") = ";
+                      if (answer.error != 0) {
+                        m_journal.Call(text + "error " + std::to_string(answer.error));
+                        SetLastError(answer.error);
+                        return FALSE;
+                      }
+                      m_journal.Call(text + "state " + std::to_string(answer.state));
+                      status->dwCurrentState = answer.state;
+                      status->dwCheckPoint = answer.checkPoint;
+                      status->dwWaitHint = answer.waitHint;
+                      SetLastError(kRubbishError);
+                      return TRUE;
+                    }),
+      m_createKey(kAdvapi, "RegCreateKeyA",
+                  [this](HKEY parent, LPCSTR path, PHKEY key) -> LSTATUS {
+                    const std::string text =
+                        std::string("RegCreateKeyA(") +
+                        (parent == HKEY_LOCAL_MACHINE ? "HKEY_LOCAL_MACHINE" : "another key") +
+                        ", " + Quoted(path) + ") = ";
+                    DWORD error = 0;
+                    if (Fails("RegCreateKeyA", error)) {
+                      m_journal.Call(text + "error " + std::to_string(error));
+                      return static_cast<LSTATUS>(error);
+                    }
+                    ULONG_PTR handle = 0;
+                    m_journal.Call(text + Open("key", handle));
+                    *key = AsHandle<HKEY>(handle);
+                    return ERROR_SUCCESS;
+                  }),
+      m_setValueW(kAdvapi, "RegSetValueExW",
+                  [this](HKEY key, LPCWSTR name, DWORD reserved, DWORD type, const BYTE* data,
+                         DWORD bytes) -> LSTATUS {
+                    m_journal.Call("RegSetValueExW(" + NameOf(key) + ", " + Quoted(name) + ", " +
+                                   std::to_string(reserved) + ", " + std::to_string(type) + ", " +
+                                   WideBytes(data, bytes) + ")");
+                    DWORD error = 0;
+                    static_cast<void>(Fails("RegSetValueExW", error));
+                    return static_cast<LSTATUS>(error);
+                  }),
+      m_setValueA(kAdvapi, "RegSetValueExA",
+                  [this](HKEY key, LPCSTR name, DWORD reserved, DWORD type, const BYTE* data,
+                         DWORD bytes) -> LSTATUS {
+                    DWORD value = 0;
+                    std::copy_n(data, std::min<DWORD>(bytes, sizeof(value)),
+                                reinterpret_cast<BYTE*>(&value));
+                    m_journal.Call("RegSetValueExA(" + NameOf(key) + ", " + Quoted(name) + ", " +
+                                   std::to_string(reserved) + ", " + std::to_string(type) + ", " +
+                                   std::to_string(value) + ", " + std::to_string(bytes) +
+                                   " bytes)");
+                    DWORD error = 0;
+                    static_cast<void>(Fails("RegSetValueExA", error));
+                    return static_cast<LSTATUS>(error);
+                  }),
+      m_closeKey(kAdvapi, "RegCloseKey",
+                 [this](HKEY key) -> LSTATUS {
+                   m_journal.Call("RegCloseKey(" + NameOf(key) + ")");
+                   SetLastError(kRubbishError);
+                   return Close(key) ? ERROR_SUCCESS : ERROR_INVALID_HANDLE;
+                 }),
+      m_getModulePath(kKernel, "GetModuleFileNameW",
+                      [this](HMODULE module, LPWSTR path, DWORD size) -> DWORD {
+                        m_journal.Call(std::string("GetModuleFileNameW(") +
+                                       (module == nullptr ? "null" : "a module") + ", " +
+                                       std::to_string(size) + ")");
+                        DWORD error = 0;
+                        if (Fails("GetModuleFileNameW", error)) {
+                          SetLastError(error);
+                          return 0;
+                        }
+                        const std::size_t length =
+                            std::min<std::size_t>(m_modulePath.size(), size - 1);
+                        path[m_modulePath.copy(path, length)] = L'\0';
+                        const bool cut = length < m_modulePath.size();
+                        SetLastError(cut ? ERROR_INSUFFICIENT_BUFFER : ERROR_SUCCESS);
+                        return cut ? size : static_cast<DWORD>(length);
+                      }),
+      m_sleep(kKernel, "Sleep",
+              [this](DWORD milliseconds) {
+                m_journal.Call("Sleep(" + std::to_string(milliseconds) + ")");
+                m_tick += milliseconds;
+              }),
+      m_getTick(kKernel, "GetTickCount", [this]() -> DWORD { return m_tick; }) {}
+
+void FakeServiceManager::Fail(const std::string& function, DWORD error, unsigned call) {
+  m_failures[function] = {call, error};
+}
+
+void FakeServiceManager::AnswerStatus(std::vector<FakeStatus> answers) {
+  m_statuses = std::move(answers);
+  m_nextStatus = 0;
+}
+
+bool FakeServiceManager::Fails(const std::string& function, DWORD& error) {
+  const unsigned call = ++m_callCounts[function];
+  const auto failure = m_failures.find(function);
+  if (failure == m_failures.end() ||
+      (failure->second.first != 0 && failure->second.first != call)) {
+    return false;
+  }
+  error = failure->second.second;
+  return true;
+}
+
+// Success leaves rubbish in the last error, as the real functions may.
+std::string FakeServiceManager::Open(const char* kind, ULONG_PTR& handle) {
+  handle = m_nextHandle++;
+  m_openHandles[handle] = kind + std::to_string(++m_openCounts[kind]);
+  SetLastError(kRubbishError);
+  return m_openHandles[handle];
+}
+
+std::string FakeServiceManager::NameOf(const void* handle) const {
+  const auto open = m_openHandles.find(reinterpret_cast<ULONG_PTR>(handle));
+  return open == m_openHandles.end() ? "unknown" : open->second;
+}
+
+bool FakeServiceManager::Close(const void* handle) {
+  return m_openHandles.erase(reinterpret_cast<ULONG_PTR>(handle)) == 1;
+}
+
+BOOL FakeServiceManager::Finish(const std::string& function, const std::string& text) {
+  DWORD error = 0;
+  if (Fails(function, error)) {
+    m_journal.Call(function + text + " = error " + std::to_string(error));
+    SetLastError(error);
+    return FALSE;
+  }
+  m_journal.Call(function + text);
+  SetLastError(kRubbishError);
+  return TRUE;
+}

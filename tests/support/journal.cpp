@@ -1,0 +1,81 @@
+#include "tests/support/journal.h"
+
+#include <cstdio>
+#include <cstring>
+
+#include "support/lasterror.h"
+#include "support/windows_api.h"
+#include "tests/support/text.h"
+
+Journal::Journal() {
+  FakeTraceClear();
+  FakeTraceSetCallback(&Journal::OnTrace, this);
+}
+
+Journal::~Journal() { FakeTraceSetCallback(nullptr, nullptr); }
+
+void Journal::Call(const std::string& text) {
+  const LastErrorKeeper keeper;
+  const std::lock_guard guard(m_mutex);
+  m_entries.push_back({false, text});
+}
+
+std::vector<std::string> Journal::Entries() const { return Select(Kind::kAll); }
+
+std::vector<std::string> Journal::Traces() const { return Select(Kind::kTraces); }
+
+std::vector<std::string> Journal::Calls() const { return Select(Kind::kCalls); }
+
+void Journal::Clear() {
+  const std::lock_guard guard(m_mutex);
+  m_entries.clear();
+}
+
+void Journal::OnTrace(const FakeTraceLine* line, void* context) {
+  auto* const journal = static_cast<Journal*>(context);
+  std::string text = Traced(line->level, line->functionName, line->sourceFile, line->text);
+  if (line->isWide || std::strcmp(line->format, "%s") != 0) {
+    text += std::string(" [as format ") + line->format + "]";
+  }
+  if (std::strcmp(line->moduleName, "vorlsrvc.exe") != 0) {
+    text += std::string(" [of module ") + line->moduleName + "]";
+  }
+  if (line->line <= 0) {
+    text += " [without a line number]";
+  }
+  {
+    const std::lock_guard guard(journal->m_mutex);
+    journal->m_entries.push_back({true, text});
+  }
+  SetLastError(kRubbishError);
+}
+
+std::vector<std::string> Journal::Select(Kind kind) const {
+  const std::lock_guard guard(m_mutex);
+  std::vector<std::string> texts;
+  for (const Entry& entry : m_entries) {
+    if (kind == Kind::kAll || (kind == Kind::kTraces) == entry.isTrace) {
+      texts.push_back(entry.text);
+    }
+  }
+  return texts;
+}
+
+std::string Traced(int level, const std::string& function, const std::string& source,
+                   const std::string& text) {
+  return "level " + std::to_string(level) + " " + function + " (" + source + "): " + text;
+}
+
+std::string Hex(unsigned long long value) {
+  char text[32];
+  std::snprintf(text, sizeof(text), "0x%llX", value);
+  return text;
+}
+
+std::string Quoted(const char* text) {
+  return text == nullptr ? "null" : std::string("\"") + text + "\"";
+}
+
+std::string Quoted(const wchar_t* text) {
+  return text == nullptr ? "null" : "\"" + Utf8(text) + "\"";
+}
