@@ -1,0 +1,58 @@
+#pragma once
+
+#include <fcntl.h>
+#include <io.h>
+
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <string>
+#include <vector>
+
+#include "support/windows_api.h"
+
+using ByteVector = std::vector<unsigned char>;
+
+// A new folder that is removed with everything in it. No other process has one of this name.
+class TempFolder {
+ public:
+  TempFolder() {
+    static int counter = 0;
+    m_path = std::filesystem::temp_directory_path() /
+             ("vorltest_" + std::to_string(GetCurrentProcessId()) + "_" +
+              std::to_string(GetTickCount64()) + "_" + std::to_string(counter++));
+    std::filesystem::create_directory(m_path);
+  }
+  ~TempFolder() {
+    std::error_code ignored;
+    std::filesystem::remove_all(m_path, ignored);
+  }
+  TempFolder(const TempFolder&) = delete;
+  TempFolder& operator=(const TempFolder&) = delete;
+
+  const std::filesystem::path& Path() const { return m_path; }
+
+  // The path of a file in the folder, which need not exist.
+  std::string File(const std::string& name) const { return (m_path / name).string(); }
+
+ private:
+  std::filesystem::path m_path;
+};
+
+inline void WriteBytes(const std::string& path, const ByteVector& bytes) {
+  std::ofstream out(path, std::ios::binary | std::ios::trunc);
+  out.write(reinterpret_cast<const char*>(bytes.data()),
+            static_cast<std::streamsize>(bytes.size()));
+}
+
+inline ByteVector ReadBytes(const std::string& path) {
+  std::ifstream in(path, std::ios::binary);
+  return ByteVector(std::istreambuf_iterator<char>(in), {});
+}
+
+// The runtime gives out the lowest free descriptor, so this grows with every file left open.
+inline int LowestFreeDescriptor() {
+  const int descriptor = _open("NUL", _O_RDONLY | _O_BINARY);
+  _close(descriptor);
+  return descriptor;
+}
