@@ -1,0 +1,428 @@
+#include "companions/vlevtlog/message_format.h"
+
+#include <algorithm>
+#include <charconv>
+#include <cmath>
+#include <cstddef>
+#include <cstdint>
+#include <cstdio>
+#include <string_view>
+
+#include "companions/vlevtlog/line_text.h"
+#include "companions/vlevtlog/readable_text.h"
+
+namespace {
+
+constexpr std::string_view kNullText = "(null)";
+constexpr std::string_view kUnreadableText = "(unreadable)";
+// Reading one more than fits shows that a text must be cut.
+constexpr std::size_t kReadLimit = LineText::kMessageLimit + 1;
+constexpr int kNotGiven = -1;
+constexpr int kFloatPrecisionLimit = 64;
+constexpr int kPointerDigits = 2 * sizeof(void*);
+
+enum class ArgumentSize { kDefault, kByte, kShort, kLong, kWide, k64, k32 };
+
+struct Conversion {
+  bool isLeft = false;
+  bool hasPlus = false;
+  bool hasBlank = false;
+  bool isAlternate = false;
+  bool hasZeros = false;
+  int width = 0;
+  int precision = kNotGiven;
+  ArgumentSize size = ArgumentSize::kDefault;
+  char type = 0;
+};
+
+// The arguments of a call. A va_list cannot be handed on by reference everywhere, a structure can.
+struct Arguments {
+  explicit Arguments(va_list from) noexcept { va_copy(list, from); }
+  ~Arguments() { va_end(list); }
+  Arguments(const Arguments&) = delete;
+  Arguments& operator=(const Arguments&) = delete;
+  va_list list;
+};
+
+void AppendText(LineText& line, const char* text, std::size_t length) noexcept {
+  line.AppendNarrow(text, length);
+}
+void AppendText(LineText& line, const wchar_t* text, std::size_t length) noexcept {
+  line.AppendWide(text, length);
+}
+
+void Pad(LineText& line, const Conversion& conversion, std::size_t length, bool isBefore) noexcept {
+  const auto width = static_cast<std::size_t>(conversion.width);
+  if (isBefore != conversion.isLeft && length < width) {
+    line.AppendFill(' ', width - length);
+  }
+}
+
+template <typename Char>
+void AppendPadded(LineText& line, const Conversion& conversion, const Char* text,
+                  std::size_t length) noexcept {
+  Pad(line, conversion, length, true);
+  AppendText(line, text, length);
+  Pad(line, conversion, length, false);
+}
+
+template <typename Char>
+void AppendString(LineText& line, const Conversion& conversion, const Char* text) noexcept {
+  if (text == nullptr) {
+    AppendPadded(line, conversion, kNullText.data(), kNullText.size());
+    return;
+  }
+  const std::size_t limit =
+      conversion.precision == kNotGiven
+          ? kReadLimit
+          : std::min(kReadLimit, static_cast<std::size_t>(conversion.precision));
+  const std::size_t length = ReadableLength(text, limit);
+  if (length == kUnreadable) {
+    AppendPadded(line, conversion, kUnreadableText.data(), kUnreadableText.size());
+    return;
+  }
+  AppendPadded(line, conversion, text, length);
+}
+
+// A number's digits with everything around them.
+void AppendDigits(LineText& line, const Conversion& conversion, std::string_view prefix,
+                  std::string_view digits) noexcept {
+  std::size_t zeros = 0;
+  const auto width = static_cast<std::size_t>(conversion.width);
+  if (conversion.precision != kNotGiven) {
+    const auto precision = static_cast<std::size_t>(conversion.precision);
+    zeros = precision > digits.size() ? precision - digits.size() : 0;
+  } else if (conversion.hasZeros && !conversion.isLeft) {
+    const std::size_t length = prefix.size() + digits.size();
+    zeros = width > length ? width - length : 0;
+  }
+  const std::size_t length = prefix.size() + zeros + digits.size();
+  Pad(line, conversion, length, true);
+  line.AppendLiteral(prefix);
+  line.AppendFill('0', zeros);
+  line.AppendLiteral(digits);
+  Pad(line, conversion, length, false);
+}
+
+std::string_view SignOf(const Conversion& conversion, bool isNegative) noexcept {
+  if (isNegative) {
+    return "-";
+  }
+  if (conversion.hasPlus) {
+    return "+";
+  }
+  return conversion.hasBlank ? " " : "";
+}
+
+void AppendInteger(LineText& line, const Conversion& conversion, std::string_view sign,
+                   std::uint64_t value) noexcept {
+  char digits[24];
+  int base = 10;
+  std::string_view prefix = sign;
+  switch (conversion.type) {
+    case 'o':
+      base = 8;
+      prefix = conversion.isAlternate && value != 0 ? "0" : "";
+      break;
+    case 'x':
+      base = 16;
+      prefix = conversion.isAlternate && value != 0 ? "0x" : "";
+      break;
+    case 'X':
+      base = 16;
+      prefix = conversion.isAlternate && value != 0 ? "0X" : "";
+      break;
+    default:
+      break;
+  }
+  char* const end = std::to_chars(digits, digits + sizeof digits, value, base).ptr;
+  if (conversion.type == 'X') {
+    std::transform(digits, end, digits, [](char digit) {
+      return digit >= 'a' ? static_cast<char>(digit - 'a' + 'A') : digit;
+    });
+  }
+  const bool isNothing = value == 0 && conversion.precision == 0;
+  AppendDigits(line, conversion, prefix,
+               {digits, isNothing ? 0 : static_cast<std::size_t>(end - digits)});
+}
+
+std::int64_t TakeSigned(Arguments& arguments, ArgumentSize size) noexcept {
+  switch (size) {
+    case ArgumentSize::kByte:
+      return static_cast<signed char>(va_arg(arguments.list, int));
+    case ArgumentSize::kShort:
+      return static_cast<short>(va_arg(arguments.list, int));
+    case ArgumentSize::kLong:
+      return va_arg(arguments.list, long);
+    case ArgumentSize::k64:
+      return va_arg(arguments.list, long long);
+    default:
+      return va_arg(arguments.list, int);
+  }
+}
+
+std::uint64_t TakeUnsigned(Arguments& arguments, ArgumentSize size) noexcept {
+  switch (size) {
+    case ArgumentSize::kByte:
+      return static_cast<unsigned char>(va_arg(arguments.list, unsigned));
+    case ArgumentSize::kShort:
+      return static_cast<unsigned short>(va_arg(arguments.list, unsigned));
+    case ArgumentSize::kLong:
+      return va_arg(arguments.list, unsigned long);
+    case ArgumentSize::k64:
+      return va_arg(arguments.list, unsigned long long);
+    default:
+      return va_arg(arguments.list, unsigned);
+  }
+}
+
+int PrintFloat(char (&text)[512], char type, int precision, double value) noexcept {
+  switch (type) {
+    case 'f':
+    case 'F':
+      return std::snprintf(text, sizeof text, "%.*f", precision, value);
+    case 'e':
+      return std::snprintf(text, sizeof text, "%.*e", precision, value);
+    case 'E':
+      return std::snprintf(text, sizeof text, "%.*E", precision, value);
+    case 'G':
+      return std::snprintf(text, sizeof text, "%.*G", precision, value);
+    case 'a':
+      return std::snprintf(text, sizeof text, "%a", value);
+    case 'A':
+      return std::snprintf(text, sizeof text, "%A", value);
+    default:
+      return std::snprintf(text, sizeof text, "%.*g", precision, value);
+  }
+}
+
+void AppendFloat(LineText& line, Conversion conversion, double value) noexcept {
+  char digits[512];
+  const int precision =
+      conversion.precision == kNotGiven ? 6 : std::min(conversion.precision, kFloatPrecisionLimit);
+  const int length = PrintFloat(digits, conversion.type, precision, std::fabs(value));
+  conversion.precision = kNotGiven;
+  conversion.hasZeros = conversion.hasZeros && std::isfinite(value);
+  const auto known = static_cast<std::size_t>(std::clamp(length, 0, 511));
+  AppendDigits(line, conversion, SignOf(conversion, std::signbit(value)), {digits, known});
+}
+
+bool IsWideArgument(const Conversion& conversion, bool isWideFormat) noexcept {
+  switch (conversion.size) {
+    case ArgumentSize::kShort:
+      return false;
+    case ArgumentSize::kLong:
+    case ArgumentSize::kWide:
+      return true;
+    default:
+      return (conversion.type == 's' || conversion.type == 'c') == isWideFormat;
+  }
+}
+
+// Appends one argument; false for a conversion that is none.
+bool AppendArgument(LineText& line, const Conversion& conversion, bool isWideFormat,
+                    Arguments& arguments) noexcept {
+  switch (conversion.type) {
+    case 'd':
+    case 'i': {
+      const std::int64_t value = TakeSigned(arguments, conversion.size);
+      const auto bits = static_cast<std::uint64_t>(value);
+      AppendInteger(line, conversion, SignOf(conversion, value < 0), value < 0 ? 0 - bits : bits);
+      return true;
+    }
+    case 'u':
+    case 'o':
+    case 'x':
+    case 'X':
+      AppendInteger(line, conversion, "", TakeUnsigned(arguments, conversion.size));
+      return true;
+    case 'p': {
+      Conversion hexadecimal = conversion;
+      hexadecimal.type = 'X';
+      hexadecimal.precision = kPointerDigits;
+      AppendInteger(line, hexadecimal, "", TakeUnsigned(arguments, ArgumentSize::k64));
+      return true;
+    }
+    case 'c':
+    case 'C': {
+      const int value = va_arg(arguments.list, int);
+      if (IsWideArgument(conversion, isWideFormat)) {
+        const auto unit = static_cast<wchar_t>(value);
+        AppendPadded(line, conversion, &unit, 1);
+      } else {
+        const char byte = static_cast<char>(value);
+        AppendPadded(line, conversion, &byte, 1);
+      }
+      return true;
+    }
+    case 's':
+    case 'S':
+      if (IsWideArgument(conversion, isWideFormat)) {
+        AppendString(line, conversion, va_arg(arguments.list, const wchar_t*));
+      } else {
+        AppendString(line, conversion, va_arg(arguments.list, const char*));
+      }
+      return true;
+    case 'e':
+    case 'E':
+    case 'f':
+    case 'F':
+    case 'g':
+    case 'G':
+    case 'a':
+    case 'A':
+      AppendFloat(line, conversion, va_arg(arguments.list, double));
+      return true;
+    case 'n':
+      static_cast<void>(va_arg(arguments.list, void*));
+      return true;
+    default:
+      return false;
+  }
+}
+
+// Reads a format from its first character to `end`.
+template <typename Char>
+class FormatReader {
+ public:
+  FormatReader(const Char* format, std::size_t length) noexcept
+      : m_at(format), m_end(format + length) {}
+
+  bool IsAtEnd() const noexcept { return m_at == m_end; }
+  const Char* At() const noexcept { return m_at; }
+  std::size_t Left() const noexcept { return static_cast<std::size_t>(m_end - m_at); }
+  void SkipTo(char character) noexcept {
+    while (m_at != m_end && *m_at != static_cast<Char>(character)) {
+      ++m_at;
+    }
+  }
+  bool Take(char character) noexcept {
+    if (m_at != m_end && *m_at == static_cast<Char>(character)) {
+      ++m_at;
+      return true;
+    }
+    return false;
+  }
+
+  // Reads what stands behind a percent sign.
+  Conversion TakeConversion(Arguments& arguments) noexcept {
+    Conversion conversion;
+    TakeFlags(conversion);
+    conversion.width = TakeNumber(arguments);
+    if (conversion.width < 0) {
+      conversion.isLeft = true;
+      conversion.width = -conversion.width;
+    }
+    if (Take('.')) {
+      conversion.precision = std::max(TakeNumber(arguments), kNotGiven);
+    }
+    conversion.size = TakeSize();
+    if (m_at != m_end) {
+      conversion.type = *m_at > 0 && *m_at < 0x80 ? static_cast<char>(*m_at) : '\0';
+      ++m_at;
+    }
+    return conversion;
+  }
+
+ private:
+  static constexpr int kNumberLimit = 1'000'000;
+
+  void TakeFlags(Conversion& conversion) noexcept {
+    for (;;) {
+      if (Take('-')) {
+        conversion.isLeft = true;
+      } else if (Take('+')) {
+        conversion.hasPlus = true;
+      } else if (Take(' ')) {
+        conversion.hasBlank = true;
+      } else if (Take('#')) {
+        conversion.isAlternate = true;
+      } else if (Take('0')) {
+        conversion.hasZeros = true;
+      } else {
+        return;
+      }
+    }
+  }
+
+  int TakeNumber(Arguments& arguments) noexcept {
+    if (Take('*')) {
+      return std::clamp(va_arg(arguments.list, int), -kNumberLimit, kNumberLimit);
+    }
+    int number = 0;
+    while (m_at != m_end && *m_at >= '0' && *m_at <= '9') {
+      number = std::min(number * 10 + static_cast<int>(*m_at - '0'), kNumberLimit);
+      ++m_at;
+    }
+    return number;
+  }
+
+  bool TakeDigits(char first, char second) noexcept {
+    if (Left() >= 2 && m_at[0] == static_cast<Char>(first) &&
+        m_at[1] == static_cast<Char>(second)) {
+      m_at += 2;
+      return true;
+    }
+    return false;
+  }
+
+  ArgumentSize TakeSize() noexcept {
+    if (Take('h')) {
+      return Take('h') ? ArgumentSize::kByte : ArgumentSize::kShort;
+    }
+    if (Take('l')) {
+      return Take('l') ? ArgumentSize::k64 : ArgumentSize::kLong;
+    }
+    if (Take('I')) {
+      return TakeDigits('3', '2') ? ArgumentSize::k32 : (TakeDigits('6', '4'), ArgumentSize::k64);
+    }
+    if (Take('z') || Take('t') || Take('j')) {
+      return ArgumentSize::k64;
+    }
+    return Take('w') ? ArgumentSize::kWide : ArgumentSize::kDefault;
+  }
+
+  const Char* m_at;
+  const Char* m_end;
+};
+
+template <typename Char>
+void AppendAll(LineText& line, const Char* format, Arguments& arguments) noexcept {
+  const std::size_t length = format != nullptr ? ReadableLength(format, kReadLimit) : 0;
+  if (format == nullptr || length == kUnreadable) {
+    line.AppendLiteral(format == nullptr ? kNullText : kUnreadableText);
+    return;
+  }
+  FormatReader<Char> reader(format, length);
+  while (!reader.IsAtEnd()) {
+    const Char* const text = reader.At();
+    reader.SkipTo('%');
+    AppendText(line, text, static_cast<std::size_t>(reader.At() - text));
+    const Char* const conversionText = reader.At();
+    const std::size_t left = reader.Left();
+    if (!reader.Take('%')) {
+      return;
+    }
+    if (reader.Take('%')) {
+      line.AppendLiteral("%");
+      continue;
+    }
+    if (!AppendArgument(line, reader.TakeConversion(arguments), sizeof(Char) > 1, arguments)) {
+      // What its argument would be is unknown, and so are those behind it.
+      AppendText(line, conversionText, left);
+      return;
+    }
+  }
+}
+
+}  // namespace
+
+void AppendFormatted(LineText& line, const char* format, va_list list) noexcept {
+  Arguments arguments(list);
+  AppendAll(line, format, arguments);
+}
+
+void AppendFormatted(LineText& line, const wchar_t* format, va_list list) noexcept {
+  Arguments arguments(list);
+  AppendAll(line, format, arguments);
+}

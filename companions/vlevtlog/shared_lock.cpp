@@ -1,0 +1,146 @@
+#include "companions/vlevtlog/shared_lock.h"
+
+#include <memory>
+
+#include "support/windows_api.h"
+
+namespace {
+
+constexpr std::uint64_t kFree = 0;
+constexpr int kSpins = 100;
+constexpr int kYields = 500;
+constexpr int kSightingsOfTheDead = 2;
+
+struct CloseKernelHandle {
+  using pointer = HANDLE;
+  void operator()(HANDLE handle) const noexcept { CloseHandle(handle); }
+};
+using OwnedHandle = std::unique_ptr<HANDLE, CloseKernelHandle>;
+
+// Distinguishes threads that had the same identifier one after the other; never zero.
+std::uint32_t BirthMark(HANDLE thread) noexcept {
+  FILETIME created;
+  FILETIME exited;
+  FILETIME kernel;
+  FILETIME user;
+  if (!GetThreadTimes(thread, &created, &exited, &kernel, &user)) {
+    return 0;
+  }
+  return (created.dwLowDateTime ^ created.dwHighDateTime) | 1;
+}
+
+std::uint64_t Name(DWORD threadId, std::uint32_t birthMark) noexcept {
+  return (std::uint64_t{birthMark} << 32) | threadId;
+}
+
+bool IsGone(std::uint64_t name) noexcept {
+  const auto threadId = static_cast<DWORD>(name);
+  const OwnedHandle thread(
+      OpenThread(SYNCHRONIZE | THREAD_QUERY_LIMITED_INFORMATION, FALSE, threadId));
+  if (thread == nullptr) {
+    return GetLastError() == ERROR_INVALID_PARAMETER;
+  }
+  if (WaitForSingleObject(thread.get(), 0) == WAIT_OBJECT_0) {
+    return true;
+  }
+  const std::uint32_t birthMark = BirthMark(thread.get());
+  const bool areBothKnown = birthMark != 0 && name >> 32 != 0;
+  return areBothKnown && name != Name(threadId, birthMark);
+}
+
+bool TakeFree(SharedLockState& lock, std::uint64_t ownName) noexcept {
+  std::uint64_t expected = kFree;
+  return lock.holder.load(std::memory_order_relaxed) == kFree &&
+         lock.holder.compare_exchange_strong(expected, ownName, std::memory_order_acquire);
+}
+
+// A line takes a microsecond or two: most holders are done before a wait would have begun.
+bool TakeSoon(SharedLockState& lock, std::uint64_t ownName) noexcept {
+  for (int spin = 0; spin < kSpins; ++spin) {
+    if (TakeFree(lock, ownName)) {
+      return true;
+    }
+    YieldProcessor();
+  }
+  for (int yield = 0; yield < kYields; ++yield) {
+    if (TakeFree(lock, ownName)) {
+      return true;
+    }
+    SwitchToThread();
+  }
+  return false;
+}
+
+}  // namespace
+
+std::uint64_t ThreadNames::OwnName() noexcept {
+  std::uint32_t slot = m_slot.load(std::memory_order_acquire);
+  if (slot == 0) {
+    const DWORD index = TlsAlloc();
+    if (index != TLS_OUT_OF_INDEXES) {
+      if (m_slot.compare_exchange_strong(slot, index + 1, std::memory_order_acq_rel)) {
+        slot = index + 1;
+      } else {
+        TlsFree(index);
+      }
+    }
+  }
+  void* const stored = slot != 0 ? TlsGetValue(slot - 1) : nullptr;
+  auto birthMark = static_cast<std::uint32_t>(reinterpret_cast<std::uintptr_t>(stored));
+  if (birthMark == 0) {
+    birthMark = BirthMark(GetCurrentThread());
+    if (slot != 0) {
+      TlsSetValue(slot - 1, reinterpret_cast<void*>(static_cast<std::uintptr_t>(birthMark)));
+    }
+  }
+  return Name(GetCurrentThreadId(), birthMark);
+}
+
+void ThreadNames::Close() noexcept {
+  const std::uint32_t slot = m_slot.exchange(0);
+  if (slot != 0) {
+    TlsFree(slot - 1);
+  }
+}
+
+LockResult TakeLock(SharedLockState& lock, std::uint64_t ownName, std::uint32_t patience) noexcept {
+  std::uint64_t seenHolder = kFree;
+  std::uint64_t seenReleases = 0;
+  ULONGLONG lastMove = 0;
+  int sightings = 0;
+  for (;;) {
+    if (TakeSoon(lock, ownName)) {
+      return LockResult::kTaken;
+    }
+    std::uint64_t holder = lock.holder.load(std::memory_order_relaxed);
+    const std::uint64_t releases = lock.releases.load(std::memory_order_relaxed);
+    const ULONGLONG now = GetTickCount64();
+    if (holder == ownName) {
+      return LockResult::kNotTaken;
+    }
+    if (holder != seenHolder || releases != seenReleases) {
+      seenHolder = holder;
+      seenReleases = releases;
+      lastMove = now;
+      sightings = 0;
+    } else if (holder != kFree && IsGone(holder)) {
+      // The system can report the end of a thread a moment before its last instruction.
+      if (++sightings >= kSightingsOfTheDead &&
+          lock.holder.compare_exchange_strong(holder, ownName, std::memory_order_acquire)) {
+        return LockResult::kTakenFromTheDead;
+      }
+    } else if (now - lastMove >= patience) {
+      return LockResult::kNotTaken;
+    }
+    // The holder signals no object, which would cost it more than its line, so there is none to
+    // wait for.
+    Sleep(1);
+  }
+}
+
+void ReleaseLock(SharedLockState& lock, std::uint64_t ownName) noexcept {
+  lock.releases.fetch_add(1, std::memory_order_relaxed);
+  // Not a plain store: a thread taken for dead must not free a lock that is somebody else's now.
+  std::uint64_t expected = ownName;
+  lock.holder.compare_exchange_strong(expected, kFree, std::memory_order_release);
+}

@@ -1,0 +1,242 @@
+#include "companions/vlevtlog/trace_log.h"
+
+#include <cwchar>
+#include <utility>
+
+#include "companions/vlevtlog/line_text.h"
+#include "companions/vlevtlog/message_format.h"
+#include "support/vlevtlog.h"
+
+namespace {
+
+constexpr char kOwnModuleName[] = "vlevtlog.dll";
+constexpr ULONGLONG kLookMilliseconds = 2000;
+// Differs from every file's time of change.
+constexpr std::uint64_t kNeverSeen = static_cast<std::uint64_t>(-1);
+
+class ExclusiveLock {
+ public:
+  explicit ExclusiveLock(SRWLOCK& lock) noexcept : m_lock(lock) { AcquireSRWLockExclusive(&lock); }
+  ~ExclusiveLock() { ReleaseSRWLockExclusive(&m_lock); }
+  ExclusiveLock(const ExclusiveLock&) = delete;
+  ExclusiveLock& operator=(const ExclusiveLock&) = delete;
+
+ private:
+  SRWLOCK& m_lock;
+};
+
+// The folder in which this library lies; empty when its path is too long.
+void FindOwnFolder(wchar_t (&folder)[MAX_PATH]) noexcept {
+  folder[0] = 0;
+  HMODULE self = nullptr;
+  wchar_t path[MAX_PATH];
+  if (!GetModuleHandleExW(
+          GET_MODULE_HANDLE_EX_FLAG_FROM_ADDRESS | GET_MODULE_HANDLE_EX_FLAG_UNCHANGED_REFCOUNT,
+          reinterpret_cast<const wchar_t*>(&FindOwnFolder), &self)) {
+    return;
+  }
+  const DWORD length = GetModuleFileNameW(self, path, MAX_PATH);
+  wchar_t* const lastSeparator = length < MAX_PATH ? wcsrchr(path, L'\\') : nullptr;
+  if (lastSeparator != nullptr) {
+    *lastSeparator = 0;
+    // Shorter than the path that it was.
+    static_cast<void>(StringCchCopyW(folder, MAX_PATH, path));
+  }
+}
+
+bool JoinPath(wchar_t (&path)[MAX_PATH], const wchar_t* folder, const wchar_t* name) noexcept {
+  if (folder[0] != 0 && SUCCEEDED(StringCchPrintfW(path, MAX_PATH, L"%s\\%s", folder, name))) {
+    return true;
+  }
+  path[0] = 0;
+  return false;
+}
+
+const char* Describe(TraceFileResult::Step step) noexcept {
+  switch (step) {
+    case TraceFileResult::Step::kOpenFolder:
+      return "the logs folder cannot be used";
+    case TraceFileResult::Step::kLock:
+      return "another writer does not let go of the file";
+    case TraceFileResult::Step::kOpenFile:
+      return "the file cannot be opened";
+    default:
+      return "the file cannot be written";
+  }
+}
+
+void AppendOwn(LineText& line, const wchar_t* format, ...) noexcept {
+  va_list arguments;
+  va_start(arguments, format);
+  AppendFormatted(line, format, arguments);
+  va_end(arguments);
+}
+
+}  // namespace
+
+template <typename Char>
+void TraceLog::Write(int level, const char* moduleName, const char* functionName,
+                     const char* sourceFile, int line, const Char* format,
+                     va_list arguments) noexcept {
+  const TraceCall call = MakeCall(level, moduleName, functionName, sourceFile, line);
+  const TraceFormat layout = m_format.load(std::memory_order_relaxed);
+  LineText text;
+  BeginLine(text, layout, call);
+  AppendFormatted(text, format, arguments);
+  EndLine(text, layout, call);
+  Put(text);
+}
+
+template void TraceLog::Write(int, const char*, const char*, const char*, int, const char*,
+                              va_list) noexcept;
+template void TraceLog::Write(int, const char*, const char*, const char*, int, const wchar_t*,
+                              va_list) noexcept;
+
+bool TraceLog::SetConfigurationFile(const wchar_t* path) noexcept {
+  if (path == nullptr || path[0] == 0 || wcsnlen(path, MAX_PATH) >= MAX_PATH) {
+    return false;
+  }
+  TraceOptionProblems problems;
+  {
+    const ExclusiveLock lock(m_configurationLock);
+    Start();
+    // It fits.
+    static_cast<void>(StringCchCopyW(m_configurationFile, MAX_PATH, path));
+    m_seenChange = kNeverSeen;
+    TakeOptions(problems);
+    m_nextLook.store(GetTickCount64() + kLookMilliseconds, std::memory_order_relaxed);
+  }
+  WriteProblems(problems);
+  return true;
+}
+
+bool TraceLog::SetFolder(const wchar_t* folder) noexcept {
+  const ExclusiveLock lock(m_configurationLock);
+  m_isStarted = true;
+  m_seenChange = kNeverSeen;
+  const bool hasLogs = JoinPath(m_logsFolder, folder, L"logs");
+  const bool hasConfiguration = JoinPath(m_configurationFile, folder, L"conf\\vorlconf.ini");
+  m_file.SetFolder(m_logsFolder);
+  return hasLogs && hasConfiguration;
+}
+
+void TraceLog::LookAtConfiguration() noexcept {
+  TraceOptionProblems problems;
+  {
+    const ExclusiveLock lock(m_configurationLock);
+    const ULONGLONG now = GetTickCount64();
+    if (now < m_nextLook.load(std::memory_order_relaxed)) {
+      return;
+    }
+    Start();
+    TakeOptions(problems);
+    m_file.CheckPlaceAtNextWrite();
+    m_nextLook.store(now + kLookMilliseconds, std::memory_order_relaxed);
+  }
+  WriteProblems(problems);
+}
+
+void TraceLog::Start() noexcept {
+  if (m_isStarted) {
+    return;
+  }
+  m_isStarted = true;
+  m_seenChange = kNeverSeen;
+  wchar_t folder[MAX_PATH];
+  FindOwnFolder(folder);
+  // Where a path is too long there is no trace, and no configuration for it.
+  static_cast<void>(JoinPath(m_logsFolder, folder, L"logs"));
+  static_cast<void>(JoinPath(m_configurationFile, folder, L"conf\\vorlconf.ini"));
+  m_file.SetFolder(m_logsFolder);
+}
+
+// Reads the file when it is not the one that was read last. Without a file everything stays as it
+// is: an editor may be about to replace it.
+bool TraceLog::TakeOptions(TraceOptionProblems& problems) noexcept {
+  const bool isFirst = m_seenChange == kNeverSeen;
+  std::uint64_t change = 0;
+  std::uint64_t size = 0;
+  WIN32_FILE_ATTRIBUTE_DATA data;
+  if (GetFileAttributesExW(m_configurationFile, GetFileExInfoStandard, &data)) {
+    change = (std::uint64_t{data.ftLastWriteTime.dwHighDateTime} << 32) |
+             data.ftLastWriteTime.dwLowDateTime;
+    size = (std::uint64_t{data.nFileSizeHigh} << 32) | data.nFileSizeLow;
+  } else if (!isFirst) {
+    return false;
+  }
+  if (change == m_seenChange && size == m_seenSize) {
+    return false;
+  }
+  m_seenChange = change;
+  m_seenSize = size;
+  const TraceOptions options = ReadTraceOptions(m_configurationFile, problems);
+  m_levels.store(options.levels, std::memory_order_relaxed);
+  m_format.store(options.format, std::memory_order_relaxed);
+  m_fileSize.store(options.fileSizeKb * kBytesPerKb, std::memory_order_relaxed);
+  m_files.store(options.files, std::memory_order_relaxed);
+  return true;
+}
+
+void TraceLog::WriteProblems(const TraceOptionProblems& problems) noexcept {
+  for (std::size_t i = 0; i < problems.count; ++i) {
+    WriteOwnLine(L"[TRACE] %s=%s is not understood, the default is used", problems.list[i].key,
+                 problems.list[i].value);
+  }
+}
+
+void TraceLog::WriteOwnLine(const wchar_t* format, ...) noexcept {
+  va_list arguments;
+  va_start(arguments, format);
+  Write(kTraceLevelError, kOwnModuleName, "TraceLog::LookAtConfiguration", __FILE__, __LINE__,
+        format, arguments);
+  va_end(arguments);
+}
+
+TraceCall TraceLog::MakeCall(int level, const char* moduleName, const char* functionName,
+                             const char* sourceFile, int line) noexcept {
+  return {level,
+          moduleName,
+          functionName,
+          sourceFile,
+          line,
+          GetCurrentProcessId(),
+          GetCurrentThreadId(),
+          m_clock.Now()};
+}
+
+void TraceLog::Put(const LineText& line) noexcept {
+  const TraceFileLimits limits{m_fileSize.load(std::memory_order_relaxed),
+                               m_files.load(std::memory_order_relaxed)};
+  const TraceFileResult result = m_file.Locked(limits, [&](TraceFile::Writer& writer) {
+    const TraceFileResult told = PutLosses(writer);
+    return told ? writer.Write(line.View()) : told;
+  });
+  if (!result) {
+    CountLoss(result);
+  }
+}
+
+TraceFileResult TraceLog::PutLosses(TraceFile::Writer& writer) noexcept {
+  const std::uint64_t lost = m_lost.load(std::memory_order_relaxed);
+  if (lost == 0) {
+    return {};
+  }
+  const TraceFileResult reason = m_lossReason.load(std::memory_order_relaxed);
+  const TraceCall call =
+      MakeCall(kTraceLevelError, kOwnModuleName, "TraceLog::PutLosses", __FILE__, __LINE__);
+  const TraceFormat layout = m_format.load(std::memory_order_relaxed);
+  LineText text;
+  BeginLine(text, layout, call);
+  AppendOwn(text, L"%I64u lines lost: %S (error %lu)", lost, Describe(reason.failed), reason.error);
+  EndLine(text, layout, call);
+  const TraceFileResult result = writer.Write(text.View());
+  if (result) {
+    m_lost.fetch_sub(lost, std::memory_order_relaxed);
+  }
+  return result;
+}
+
+void TraceLog::CountLoss(const TraceFileResult& why) noexcept {
+  m_lossReason.store(why, std::memory_order_relaxed);
+  m_lost.fetch_add(1, std::memory_order_relaxed);
+}

@@ -1,0 +1,136 @@
+#include "companions/vlevtlog/trace_options.h"
+
+#include <cwchar>
+#include <iterator>
+
+#include "support/vlevtlog.h"
+#include "support/windows_api.h"
+
+namespace {
+
+constexpr wchar_t kSection[] = L"TRACE";
+constexpr std::uint32_t kSmallestFileSizeKb = 4;
+constexpr std::uint32_t kLargestFileSizeKb = 1024 * 1024;
+constexpr std::uint32_t kFewestFiles = 2;
+constexpr std::uint32_t kMostFiles = 1000;
+constexpr DWORD kValueSize = 256;
+
+struct LevelName {
+  const wchar_t* name;
+  std::uint32_t bits;
+};
+constexpr LevelName kLevelNames[] = {{L"ERROR", kErrorLevelBit},
+                                     {L"INFO", kInfoLevelBit},
+                                     {L"VERBOSE", kVerboseLevelBit},
+                                     {L"ALL", kAllLevelBits},
+                                     {L"NONE", 0},
+                                     {L"1", kErrorLevelBit},
+                                     {L"2", kInfoLevelBit},
+                                     {L"8", kVerboseLevelBit}};
+
+constexpr wchar_t kBetweenNames[] = L", \t+|";
+
+bool ParseLevels(wchar_t* text, std::uint32_t& levels) noexcept {
+  std::uint32_t bits = 0;
+  wchar_t* at = text;
+  for (;;) {
+    at += wcsspn(at, kBetweenNames);
+    if (*at == 0) {
+      break;
+    }
+    const std::size_t length = wcscspn(at, kBetweenNames);
+    const LevelName* known = nullptr;
+    for (const LevelName& candidate : kLevelNames) {
+      if (wcslen(candidate.name) == length && _wcsnicmp(at, candidate.name, length) == 0) {
+        known = &candidate;
+      }
+    }
+    if (known == nullptr) {
+      return false;
+    }
+    bits |= known->bits;
+    at += length;
+  }
+  levels = bits;
+  return true;
+}
+
+bool ParseFormat(wchar_t* text, TraceFormat& format) noexcept {
+  if (_wcsicmp(text, L"TEXT") == 0) {
+    format = TraceFormat::kText;
+    return true;
+  }
+  if (_wcsicmp(text, L"CMTRACE") == 0) {
+    format = TraceFormat::kCmTrace;
+    return true;
+  }
+  return false;
+}
+
+bool ParseNumber(const wchar_t* text, std::uint32_t lowest, std::uint32_t highest,
+                 std::uint32_t& number) noexcept {
+  std::uint64_t value = 0;
+  for (const wchar_t* at = text; *at != 0; ++at) {
+    if (*at < L'0' || *at > L'9' || value > highest) {
+      return false;
+    }
+    value = value * 10 + static_cast<std::uint64_t>(*at - L'0');
+  }
+  if (value < lowest || value > highest) {
+    return false;
+  }
+  number = static_cast<std::uint32_t>(value);
+  return true;
+}
+
+// Windows keeps a comment behind a value.
+void CutComment(wchar_t* value) noexcept {
+  wchar_t* end = value + wcscspn(value, L";");
+  while (end != value && (end[-1] == L' ' || end[-1] == L'\t')) {
+    --end;
+  }
+  *end = 0;
+}
+
+// Hands the key's value to `parse` when there is one.
+template <typename Parse>
+void ReadKey(const wchar_t* file, const wchar_t* key, TraceOptionProblems& problems,
+             Parse parse) noexcept {
+  wchar_t value[kValueSize];
+  GetPrivateProfileStringW(kSection, key, L"", value, kValueSize, file);
+  CutComment(value);
+  if (value[0] != 0 && !parse(value)) {
+    TraceOptionProblem& problem = problems.list[problems.count++];
+    problem.key = key;
+    // Enough of it to be recognised.
+    static_cast<void>(StringCchCopyW(problem.value, std::size(problem.value), value));
+  }
+}
+
+}  // namespace
+
+std::uint32_t LevelBitOf(int level) noexcept {
+  switch (level) {
+    case kTraceLevelError:
+      return kErrorLevelBit;
+    case kTraceLevelInfo:
+      return kInfoLevelBit;
+    default:
+      return kVerboseLevelBit;
+  }
+}
+
+TraceOptions ReadTraceOptions(const wchar_t* file, TraceOptionProblems& problems) noexcept {
+  TraceOptions options;
+  ReadKey(file, L"Levels", problems,
+          [&](wchar_t* value) { return ParseLevels(value, options.levels); });
+  ReadKey(file, L"Format", problems,
+          [&](wchar_t* value) { return ParseFormat(value, options.format); });
+  ReadKey(file, L"FileSizeKB", problems, [&](wchar_t* value) {
+    return ParseNumber(value, kSmallestFileSizeKb, kLargestFileSizeKb, options.fileSizeKb);
+  });
+  ReadKey(file, L"Files", problems, [&](wchar_t* value) {
+    return ParseNumber(value, kFewestFiles, kMostFiles, options.files);
+  });
+  return options;
+}
