@@ -137,14 +137,25 @@ BackgroundProgram::~BackgroundProgram() {
   CloseHandle(m_output);
 }
 
+// Does not wait for the end of the pipe: programs that Wine starts in the background, such as its
+// desktop, may hold the other end longer than the program itself.
 bool BackgroundProgram::ReadMore() {
-  char buffer[4096];
-  DWORD read = 0;
-  if (!ReadFile(m_output, buffer, sizeof(buffer), &read, nullptr) || read == 0) {
-    return false;
+  constexpr DWORD kPollMilliseconds = 5;
+  for (;;) {
+    const bool hasEnded = WaitForSingleObject(m_process, 0) == WAIT_OBJECT_0;
+    DWORD available = 0;
+    if (PeekNamedPipe(m_output, nullptr, 0, nullptr, &available, nullptr) && available != 0) {
+      std::string text(available, '\0');
+      DWORD read = 0;
+      ReadFile(m_output, text.data(), available, &read, nullptr);
+      m_text.append(text, 0, read);
+      return true;
+    }
+    if (hasEnded) {
+      return false;
+    }
+    WaitForSingleObject(m_process, kPollMilliseconds);
   }
-  m_text.append(buffer, read);
-  return true;
 }
 
 bool BackgroundProgram::WaitForOutput(const std::string& text) {

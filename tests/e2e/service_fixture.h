@@ -1,0 +1,35 @@
+#pragma once
+
+#include <gmock/gmock.h>
+
+#include <string>
+
+#include "tests/e2e/installation.h"
+#include "tests/e2e/service_manager.h"
+
+// A staged installation whose service is not registered yet. A service that a crashed run has left
+// behind is removed before the test, and the test's own afterwards.
+class ServiceTest : public ::testing::Test {
+ protected:
+  explicit ServiceTest(const std::string& folderSuffix = "")
+      : installation(::testing::UnitTest::GetInstance()->current_test_info()->name() +
+                     folderSuffix),
+        name(installation.ServiceName()),
+        service(name) {}
+
+  void SetUp() override { service.Remove(); }
+  void TearDown() override { service.Remove(); }
+
+  // What the program prints when it installs its service.
+  std::string InstalledText() const { return name + " is installed successfully\r\n"; }
+
+  void InstallAndStart() {
+    ASSERT_EQ(installation.Run("-install").output, InstalledText());
+    ASSERT_EQ(service.Start(), 0U);
+    ASSERT_TRUE(service.WaitForState(SERVICE_RUNNING));
+  }
+
+  Installation installation;
+  const std::string name;
+  ServiceUnderTest service;
+};
