@@ -7,6 +7,7 @@
 #include "identity/ztuuid.h"
 #include "tests/support/collector_test.h"
 #include "tests/support/import_patch.h"
+#include "tests/support/no_memory.h"
 #include "tests/support/reported_version.h"
 
 // iphlpapi.h needs the types of windows.h, wbemidl.h those of COM.
@@ -24,21 +25,6 @@ using std::string_literals::operator""s;
 
 constexpr HRESULT kCut = static_cast<HRESULT>(0x8007007A);
 constexpr HRESULT kShuttingDown = static_cast<HRESULT>(WBEM_E_SHUTTING_DOWN);
-
-// What an entry of a list of texts takes from the heap: two links and the text.
-constexpr std::size_t kListNodeSize = 2 * sizeof(void*) + sizeof(std::string);
-
-// While one lives, allocations of one size fail.
-class NoMemoryFor {
- public:
-  explicit NoMemoryFor(std::size_t size)
-      : m_patch("msvcrt.dll", "malloc", [this, size](std::size_t wanted) -> void* {
-          return wanted == size ? nullptr : m_patch.CallOriginal(wanted);
-        }) {}
-
- private:
-  CallPatch<NoMemoryFor, void* __cdecl(std::size_t)> m_patch;
-};
 
 // ---- IP Helper interface ----
 
