@@ -1,0 +1,21 @@
+# Tests of the staged modules, which they load or run as the product's users do.
+function(vorl_module_test unit)
+  vorl_unit_test(${unit} test_installation)
+  add_dependencies(${unit}_test ${ARGN})
+endfunction()
+
+# vorlinfo.dll as the next major version of the product will have it.
+math(EXPR VORL_NEXT_MAJOR "${PROJECT_VERSION_MAJOR} + 1")
+vorl_dll(vorlinfo_next "${PROJECT_SOURCE_DIR}/companions/vorlinfo/vorlinfo.def"
+         "${PROJECT_SOURCE_DIR}/companions/vorlinfo/vorlinfo.cpp")
+target_compile_definitions(vorlinfo_next PRIVATE VORL_MAJOR_VERSION="${VORL_NEXT_MAJOR}")
+set_target_properties(
+  vorlinfo_next PROPERTIES OUTPUT_NAME vorlinfo
+                           RUNTIME_OUTPUT_DIRECTORY "${VORL_UNIT_TEST_FOLDER}/next"
+                           ARCHIVE_OUTPUT_DIRECTORY "${CMAKE_CURRENT_BINARY_DIR}/next")
+
+vorl_module_test(vorlinfo vorlinfo vorlinfo_next)
+vorl_module_test(vorlmisc vorlmisc)
+vorl_module_test(vorlcore vorlcore)
+vorl_module_test(vorlhelper vorlhelper)
+target_link_libraries(vorlhelper_test PRIVATE helperserver)
