@@ -1,0 +1,411 @@
+#include "agent/vorlsvc.h"
+
+#include <gmock/gmock.h>
+
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "tests/fakes/vorlinfo_fake.h"
+#include "tests/support/handle_calls.h"
+#include "tests/support/import_patch.h"
+#include "tests/support/timeline.h"
+#include "tests/support/trace_recorder.h"
+#include "tests/unit/agent_service.h"
+
+using ::testing::ElementsAre;
+using ::testing::IsEmpty;
+
+namespace {
+
+constexpr char kSource[] = "agent/vorlsvc.cpp";
+
+TEST(CAcAsSvc, IsConstructedOnTopOfTheServiceBaseClass) {
+  const TraceRecorder recorder;
+  const CAcAsSvc service("Test Client Agent");
+  EXPECT_THAT(recorder.Lines(),
+              ElementsAre(Line(2, "CNTService::CNTService", "service/ntservc.cpp", "Entry"),
+                          Line(2, "CNTService::CNTService", "service/ntservc.cpp", "Exit"),
+                          Line(2, "CAcAsSvc::CAcAsSvc", kSource, "Entry"),
+                          Line(2, "CAcAsSvc::CAcAsSvc", kSource, "Exit")));
+}
+
+TEST(CAcAsSvc, StartsWithItsNumbersSetAndNoCloseEvent) {
+  const TraceRecorder recorder;
+  const TestService service;
+  EXPECT_EQ(service.m_dwFlag1, 0U);
+  EXPECT_EQ(service.m_dwFlag2, 1U);
+  EXPECT_EQ(service.m_dwCurrentStatus, 0U);
+  EXPECT_EQ(service.m_dwReserved, 0U);
+  EXPECT_EQ(service.m_hCloseEvent, nullptr);
+}
+
+TEST(CAcAsSvc, IsDestroyedThroughItsBaseClass) {
+  const TraceRecorder recorder;
+  std::unique_ptr<CNTService> service = std::make_unique<CAcAsSvc>("Test Client Agent");
+  FakeTraceClear();
+  service.reset();
+  EXPECT_THAT(recorder.Lines(),
+              ElementsAre(Line(2, "CAcAsSvc::~CAcAsSvc", kSource, "Entry"),
+                          Line(2, "CAcAsSvc::~CAcAsSvc", kSource, "Exit"),
+                          Line(2, "CNTService::~CNTService", "service/ntservc.cpp", "Entry"),
+                          Line(2, "CNTService::~CNTService", "service/ntservc.cpp", "Exit")));
+}
+
+TEST(CAcAsSvc, ClosesNothingWhenTheWatcherNeverRan) {
+  const TraceRecorder recorder;
+  Timeline timeline;
+  const HandleCalls handles(timeline);
+  auto service = std::make_unique<TestService>();
+  service.reset();
+  EXPECT_THAT(timeline.Calls(), IsEmpty());
+  EXPECT_EQ(handles.FailedCloses(), 0U);
+}
+
+class CAcAsSvcHooks : public ::testing::Test {
+ protected:
+  CAcAsSvcHooks() {
+    FakeInfoReset();
+    FakeTraceClear();
+    timeline.Clear();
+  }
+
+  const TraceRecorder recorder;
+  Timeline timeline;
+  HandleCalls handles{timeline};
+  std::unique_ptr<TestService> service = std::make_unique<TestService>();
+};
+
+using OnInit = CAcAsSvcHooks;
+
+TEST_F(OnInit, MakesTheAttributesForEveryoneAndEndsWithASecondEntry) {
+  EXPECT_EQ(service->OnInit(), TRUE);
+  EXPECT_THAT(
+      recorder.Lines(),
+      ElementsAre(Line(2, "CAcAsSvc::OnInit", kSource, "Entry"),
+                  Line(2, "CreateSecurityAttributeForEveryone", "agent/secattrb.cpp", "Entry"),
+                  Line(2, "CreateSecurityAttributeForEveryone", "agent/secattrb.cpp", "Exit"),
+                  Line(2, "CAcAsSvc::OnInit", kSource, "Entry")));
+  EXPECT_EQ(service->m_SecurityAttributes.nLength, 24U);
+  EXPECT_EQ(service->m_SecurityAttributes.lpSecurityDescriptor, service->m_pSecurityDescriptor);
+  EXPECT_NE(service->m_pSecurityDescriptor, nullptr);
+  EXPECT_NE(service->m_pEveryoneSid, nullptr);
+  EXPECT_NE(service->m_pAcl, nullptr);
+}
+
+TEST_F(OnInit, AsksForAllAccessToEvents) {
+  service->OnInit();
+  void* entry = nullptr;
+  ASSERT_TRUE(GetAce(service->m_pAcl, 0, &entry));
+  EXPECT_EQ(static_cast<const ACCESS_ALLOWED_ACE*>(entry)->Mask, 0x1F0003U);
+}
+
+TEST_F(OnInit, FailsWithoutTheAttributesAndLeavesTheLastError) {
+  const CallPatch<struct LoadTag, HMODULE(const char*)> load("KERNEL32.dll", "LoadLibraryA",
+                                                             [](const char*) -> HMODULE {
+                                                               SetLastError(ERROR_ACCESS_DENIED);
+                                                               return nullptr;
+                                                             });
+  EXPECT_EQ(service->OnInit(), FALSE);
+  EXPECT_EQ(GetLastError(), 5U);
+  EXPECT_THAT(
+      recorder.Lines(),
+      ElementsAre(
+          Line(2, "CAcAsSvc::OnInit", kSource, "Entry"),
+          Line(2, "CreateSecurityAttributeForEveryone", "agent/secattrb.cpp", "Entry"),
+          Line(1, "CreateSecurityAttributeForEveryone", "agent/secattrb.cpp",
+               "LoadLibrary Failed For : advapi32.dll(5)"),
+          Line(1, "CAcAsSvc::OnInit", kSource, "CreateSecurityAttributeForEveryone Failed")));
+}
+
+using OnStop = CAcAsSvcHooks;
+
+TraceLine StopLine(int level, const std::string& text) {
+  return Line(level, "CAcAsSvc::OnStop", kSource, text);
+}
+
+TEST_F(OnStop, SignalsTheCloseEvent) {
+  const HANDLE event = OpenOrCreateEvent(kCloseEvent);
+  EXPECT_FALSE(IsSignalled(event));
+  service->OnStop();
+  EXPECT_TRUE(IsSignalled(event));
+  CloseHandle(event);
+  EXPECT_THAT(recorder.Lines(),
+              ElementsAre(StopLine(2, "Entry"), StopLine(2, "Before setting close Event"),
+                          StopLine(2, "After setting close Event"), StopLine(2, "Exit")));
+}
+
+TEST_F(OnStop, ClosesItsHandleBetweenSignalAndExit) {
+  service->OnStop();
+  EXPECT_THAT(
+      timeline.Entries(),
+      ElementsAre("CAcAsSvc::OnStop: Entry", "CreateEventA " + kCloseEvent,
+                  "DuplicateHandle " + kCloseEvent, "CAcAsSvc::OnStop: Before setting close Event",
+                  "SetEvent " + kCloseEvent, "CAcAsSvc::OnStop: After setting close Event",
+                  "CloseHandle " + kCloseEvent, "CAcAsSvc::OnStop: Exit"));
+}
+
+TEST_F(OnStop, CreatesTheEventManualAndNotSignalledWithTheAttributes) {
+  service->OnInit();
+  service->OnStop();
+  ASSERT_EQ(handles.Creations().size(), 1U);
+  const HandleCalls::Creation creation = handles.Creations()[0];
+  EXPECT_EQ(creation.attributes, &service->m_SecurityAttributes);
+  EXPECT_EQ(creation.manualReset, TRUE);
+  EXPECT_EQ(creation.initialState, FALSE);
+  EXPECT_EQ(creation.name, VersionedName("AcClientAgentSrvcCloseFromServicef"));
+  EXPECT_EQ(FakeInfo()->eventNameCalls, 1U);
+  EXPECT_EQ(FakeInfo()->eventNameCapacity, 500U);
+}
+
+TEST_F(OnStop, LeavesTheWatchersMemberAlone) {
+  service->OnStop();
+  EXPECT_EQ(service->m_hCloseEvent, nullptr);
+}
+
+// The signal must not die with the stop path's handle while nobody else holds the event.
+TEST_F(OnStop, KeepsTheSignalledEventAliveUntilTheServiceIsDestroyed) {
+  service->OnStop();
+  EXPECT_THAT(handles.Open(), ElementsAre(kCloseEvent));
+  const HANDLE event = OpenOrCreateEvent(kCloseEvent);
+  EXPECT_TRUE(IsSignalled(event));
+  CloseHandle(event);
+  service.reset();
+  EXPECT_THAT(handles.Open(), IsEmpty());
+  EXPECT_EQ(handles.FailedCloses(), 0U);
+}
+
+TEST_F(OnStop, TwiceKeepsOneHandle) {
+  service->OnStop();
+  service->OnStop();
+  EXPECT_THAT(handles.Open(), ElementsAre(kCloseEvent));
+  service.reset();
+  EXPECT_THAT(handles.Open(), IsEmpty());
+  EXPECT_EQ(handles.FailedCloses(), 0U);
+}
+
+TEST_F(OnStop, EndsWhenTheEventHasNoName) {
+  FakeInfo()->eventNameResult = 0;
+  service->OnStop();
+  EXPECT_THAT(recorder.Lines(),
+              ElementsAre(StopLine(2, "Entry"), StopLine(1, "GetEventNameByVersion Failed")));
+  EXPECT_THAT(timeline.Calls(), IsEmpty());
+}
+
+TEST_F(OnStop, EndsWhenTheEventCannotBeCreated) {
+  handles.FailCreation(kCloseEvent, ERROR_ACCESS_DENIED);
+  service->OnStop();
+  EXPECT_THAT(recorder.Lines(), ElementsAre(StopLine(2, "Entry"),
+                                            StopLine(1, "CreateEvent Failed for Close Event : 5")));
+  EXPECT_THAT(timeline.Calls(), ElementsAre("CreateEventA " + kCloseEvent));
+}
+
+TEST_F(OnStop, EndsWhenAnotherKindOfObjectHasTheEventsName) {
+  const HANDLE mutex = CreateMutexA(nullptr, FALSE, VersionedName(kCloseEvent).c_str());
+  service->OnStop();
+  EXPECT_THAT(recorder.Lines(), ElementsAre(StopLine(2, "Entry"),
+                                            StopLine(1, "CreateEvent Failed for Close Event : 6")));
+  CloseHandle(mutex);
+}
+
+TEST(OnShutdown, CallsOnStopThroughTheVirtualTableAndNothingElse) {
+  class Overridden : public TestService {
+   public:
+    void OnStop() override { ++stops; }
+    int stops = 0;
+  };
+  const TraceRecorder recorder;
+  Overridden service;
+  FakeTraceClear();
+  service.OnShutdown();
+  EXPECT_EQ(service.stops, 1);
+  EXPECT_THAT(recorder.Lines(), IsEmpty());
+}
+
+TEST_F(OnStop, IsWhatAShutdownDoes) {
+  service->OnShutdown();
+  EXPECT_THAT(recorder.Lines(),
+              ElementsAre(StopLine(2, "Entry"), StopLine(2, "Before setting close Event"),
+                          StopLine(2, "After setting close Event"), StopLine(2, "Exit")));
+}
+
+// The registry calls of SaveStatus: answered by the test, none reaches the real registry.
+class SaveStatusTest : public ::testing::Test {
+ protected:
+  SaveStatusTest() { FakeTraceClear(); }
+
+  struct CreateKeyCall {
+    HKEY root;
+    std::string path;
+    DWORD reserved;
+    std::string className;
+    DWORD options;
+    REGSAM access;
+    const SECURITY_ATTRIBUTES* attributes;
+    bool hasDisposition;
+  };
+  struct SetValueCall {
+    HKEY key;
+    std::string name;
+    DWORD reserved;
+    DWORD type;
+    std::vector<BYTE> data;
+  };
+
+  static HKEY Key() { return reinterpret_cast<HKEY>(ULONG_PTR{0x4b00}); }
+
+  const TraceRecorder recorder;
+  TestService service;
+  LSTATUS createResult = ERROR_SUCCESS;
+  LSTATUS setResult = ERROR_SUCCESS;
+  std::vector<CreateKeyCall> createCalls;
+  std::vector<SetValueCall> setCalls;
+  std::vector<HKEY> closed;
+  Timeline timeline;
+
+ private:
+  struct CreateTag;
+  struct SetTag;
+  struct CloseTag;
+
+  CallPatch<CreateTag, decltype(RegCreateKeyExA)> m_create{
+      "ADVAPI32.dll", "RegCreateKeyExA",
+      [this](HKEY root, LPCSTR path, DWORD reserved, LPSTR className, DWORD options, REGSAM access,
+             const SECURITY_ATTRIBUTES* attributes, PHKEY key, LPDWORD disposition) {
+        timeline.Note("RegCreateKeyExA");
+        createCalls.push_back(
+            {root, path, reserved, className, options, access, attributes, disposition != nullptr});
+        SetLastError(1234);
+        if (createResult == ERROR_SUCCESS) {
+          *key = Key();
+        }
+        return createResult;
+      }};
+  CallPatch<SetTag, decltype(RegSetValueExA)> m_set{
+      "ADVAPI32.dll", "RegSetValueExA",
+      [this](HKEY key, LPCSTR name, DWORD reserved, DWORD type, const BYTE* data, DWORD size) {
+        timeline.Note("RegSetValueExA");
+        setCalls.push_back({key, name, reserved, type, {data, data + size}});
+        return setResult;
+      }};
+  CallPatch<CloseTag, decltype(RegCloseKey)> m_close{"ADVAPI32.dll", "RegCloseKey",
+                                                     [this](HKEY key) {
+                                                       timeline.Note("RegCloseKey");
+                                                       closed.push_back(key);
+                                                       return LSTATUS{ERROR_SUCCESS};
+                                                     }};
+};
+
+TraceLine SaveLine(int level, const std::string& text) {
+  return Line(level, "CAcAsSvc::SaveStatus", kSource, text);
+}
+
+TEST_F(SaveStatusTest, WritesTheStatusUnderTheServicesKey) {
+  service.m_dwCurrentStatus = 0x01020304;
+  service.SaveStatus();
+  ASSERT_EQ(createCalls.size(), 1U);
+  EXPECT_EQ(createCalls[0].root, HKEY_LOCAL_MACHINE);
+  EXPECT_EQ(createCalls[0].path, "SYSTEM\\CurrentControlSet\\Services\\Test Client Agent\\Status");
+  EXPECT_EQ(createCalls[0].reserved, 0U);
+  EXPECT_EQ(createCalls[0].className, "");
+  EXPECT_EQ(createCalls[0].options, 0U);
+  EXPECT_EQ(createCalls[0].access, 0x20006U);
+  EXPECT_EQ(createCalls[0].attributes, nullptr);
+  EXPECT_TRUE(createCalls[0].hasDisposition);
+  ASSERT_EQ(setCalls.size(), 1U);
+  EXPECT_EQ(setCalls[0].key, Key());
+  EXPECT_EQ(setCalls[0].name, "Current");
+  EXPECT_EQ(setCalls[0].reserved, 0U);
+  EXPECT_EQ(setCalls[0].type, 4U);
+  EXPECT_THAT(setCalls[0].data, ElementsAre(4, 3, 2, 1));
+  EXPECT_THAT(closed, ElementsAre(Key()));
+}
+
+TEST_F(SaveStatusTest, WritesEachLineAheadOfItsCall) {
+  service.SaveStatus();
+  EXPECT_THAT(recorder.Lines(),
+              ElementsAre(SaveLine(2, "Entry"), SaveLine(2, "Before calling RegCreateKeyEx"),
+                          SaveLine(2, "Before aclling RegSetValueEx"), SaveLine(2, "Exit")));
+  EXPECT_THAT(timeline.Entries(),
+              ElementsAre("CAcAsSvc::SaveStatus: Entry",
+                          "CAcAsSvc::SaveStatus: Before calling RegCreateKeyEx", "RegCreateKeyExA",
+                          "CAcAsSvc::SaveStatus: Before aclling RegSetValueEx", "RegSetValueExA",
+                          "RegCloseKey", "CAcAsSvc::SaveStatus: Exit"));
+}
+
+TEST_F(SaveStatusTest, ReportsTheLastErrorWhenTheKeyCannotBeCreated) {
+  createResult = ERROR_ACCESS_DENIED;
+  service.SaveStatus();
+  EXPECT_THAT(recorder.Lines(),
+              ElementsAre(SaveLine(2, "Entry"), SaveLine(2, "Before calling RegCreateKeyEx"),
+                          SaveLine(1, "RegCreateKeyEx Failed 1234")));
+  EXPECT_THAT(timeline.Calls(), ElementsAre("RegCreateKeyExA"));
+}
+
+TEST_F(SaveStatusTest, AValueThatCannotBeWrittenIsNoError) {
+  setResult = ERROR_ACCESS_DENIED;
+  service.SaveStatus();
+  EXPECT_THAT(recorder.Lines(),
+              ElementsAre(SaveLine(2, "Entry"), SaveLine(2, "Before calling RegCreateKeyEx"),
+                          SaveLine(2, "Before aclling RegSetValueEx"),
+                          SaveLine(2, "RegSetValueEx Failed"), SaveLine(2, "Exit")));
+  EXPECT_THAT(timeline.Calls(), ElementsAre("RegCreateKeyExA", "RegSetValueExA", "RegCloseKey"));
+}
+
+TEST_F(SaveStatusTest, TheLongestServiceNameFits) {
+  TestService longest(std::string(62, 'n').c_str());
+  longest.SaveStatus();
+  ASSERT_EQ(createCalls.size(), 1U);
+  EXPECT_EQ(createCalls[0].path,
+            "SYSTEM\\CurrentControlSet\\Services\\" + std::string(62, 'n') + "\\Status");
+}
+
+TEST_F(SaveStatusTest, RunsOnUserControl128WhichEndsWithoutExit) {
+  EXPECT_EQ(service.OnUserControl(128), TRUE);
+  EXPECT_THAT(recorder.Lines(),
+              ElementsAre(Line(2, "CAcAsSvc::OnUserControl", kSource, "Entry"),
+                          Line(2, "CAcAsSvc::OnUserControl", kSource, "Before calling SaveStatus"),
+                          SaveLine(2, "Entry"), SaveLine(2, "Before calling RegCreateKeyEx"),
+                          SaveLine(2, "Before aclling RegSetValueEx"), SaveLine(2, "Exit"),
+                          Line(2, "CAcAsSvc::OnUserControl", kSource, "After calling SaveStatus")));
+}
+
+TEST_F(SaveStatusTest, RunsOnNoOtherUserControl) {
+  for (const DWORD code : {127UL, 129UL, 139UL, 141UL, 255UL, 0x180UL}) {
+    FakeTraceClear();
+    EXPECT_EQ(service.OnUserControl(code), FALSE) << code;
+    EXPECT_THAT(recorder.Lines(),
+                ElementsAre(Line(2, "CAcAsSvc::OnUserControl", kSource, "Entry"),
+                            Line(2, "CAcAsSvc::OnUserControl", kSource, "Case default"),
+                            Line(2, "CAcAsSvc::OnUserControl", kSource, "Exit")));
+  }
+  EXPECT_THAT(timeline.Calls(), IsEmpty());
+}
+
+// The real registry, with HKEY_LOCAL_MACHINE turned to a key of the test's own.
+TEST(UserControl128, CreatesTheStatusKeyWhenMissingAndWritesTheStatusAsADword) {
+  const TraceRecorder recorder;
+  const std::string name = "Software\\vorl test " + std::to_string(GetCurrentProcessId());
+  HKEY own = nullptr;
+  ASSERT_EQ(
+      RegCreateKeyExW(HKEY_CURRENT_USER, std::wstring(name.begin(), name.end()).c_str(), 0, nullptr,
+                      REG_OPTION_NON_VOLATILE, KEY_ALL_ACCESS, nullptr, &own, nullptr),
+      ERROR_SUCCESS);
+  TestService service("Sample");
+  service.m_dwCurrentStatus = 7;
+  ASSERT_EQ(RegOverridePredefKey(HKEY_LOCAL_MACHINE, own), ERROR_SUCCESS);
+  EXPECT_TRUE(service.OnUserControl(128));
+  RegOverridePredefKey(HKEY_LOCAL_MACHINE, nullptr);
+
+  DWORD value = 0;
+  DWORD size = sizeof(value);
+  EXPECT_EQ(RegGetValueW(own, L"SYSTEM\\CurrentControlSet\\Services\\Sample\\Status", L"Current",
+                         RRF_RT_REG_DWORD, nullptr, &value, &size),
+            ERROR_SUCCESS);
+  EXPECT_EQ(value, 7U);
+  RegDeleteTreeW(own, nullptr);
+  RegCloseKey(own);
+  RegDeleteKeyA(HKEY_CURRENT_USER, name.c_str());
+}
+
+}  // namespace
