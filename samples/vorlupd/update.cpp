@@ -70,6 +70,7 @@ bool Update::ApplyPending() const {
   // Also what an earlier update had to leave in use.
   const bool isWorkClear = ClearWork();
   if (files.empty()) {
+    RemoveEmptyFolders(m_pending);
     trace.Info("Nothing is pending");
     return true;
   }
@@ -266,7 +267,7 @@ bool Update::ClearWork() const {
   return isClear;
 }
 
-// The folder itself stays, with the rights that the installer gave it.
+// The pending folder itself stays, with the rights that the installer gave it.
 void Update::RemovePending(const std::vector<Step>& steps) const {
   constexpr Trace trace{"Update::RemovePending"};
   for (const Step& step : steps) {

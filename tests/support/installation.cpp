@@ -3,6 +3,9 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
 #include <fstream>
 #include <iterator>
 
@@ -49,6 +52,40 @@ std::vector<WORD> Library::ExportedOrdinals() const {
     }
   }
   return result;
+}
+
+void** Library::ImportSlot(const char* function) const {
+  const auto* const base = reinterpret_cast<const BYTE*>(m_module.Get());
+  const auto* const dos = reinterpret_cast<const IMAGE_DOS_HEADER*>(base);
+  const auto* const headers = reinterpret_cast<const IMAGE_NT_HEADERS64*>(base + dos->e_lfanew);
+  const auto* descriptor = reinterpret_cast<const IMAGE_IMPORT_DESCRIPTOR*>(
+      base + headers->OptionalHeader.DataDirectory[IMAGE_DIRECTORY_ENTRY_IMPORT].VirtualAddress);
+  for (; descriptor->Name != 0; ++descriptor) {
+    const auto* names =
+        reinterpret_cast<const IMAGE_THUNK_DATA64*>(base + descriptor->OriginalFirstThunk);
+    for (std::size_t i = 0; names[i].u1.AddressOfData != 0; ++i) {
+      if ((names[i].u1.Ordinal & IMAGE_ORDINAL_FLAG64) != 0) {
+        continue;
+      }
+      const auto* const name =
+          reinterpret_cast<const IMAGE_IMPORT_BY_NAME*>(base + names[i].u1.AddressOfData);
+      if (std::strcmp(name->Name, function) == 0) {
+        return reinterpret_cast<void**>(reinterpret_cast<BYTE*>(m_module.Get()) +
+                                        descriptor->FirstThunk) +
+               i;
+      }
+    }
+  }
+  std::printf("This module does not import %s\n", function);
+  std::fflush(stdout);
+  std::abort();
+}
+
+void Library::StoreInSlot(void** slot, void* value) {
+  DWORD protection = 0;
+  VirtualProtect(slot, sizeof(*slot), PAGE_READWRITE, &protection);
+  *slot = value;
+  VirtualProtect(slot, sizeof(*slot), protection, &protection);
 }
 
 Installation::Installation(const std::vector<std::string>& stagedFiles) {

@@ -34,6 +34,17 @@ class Library {
   std::vector<std::string> ExportedNames() const;
   std::vector<WORD> ExportedOrdinals() const;
 
+  // Makes this module call `replacement` instead of the function that it imports under that name;
+  // gives the function itself. For good: the module is to be unloaded, not restored. Ends the test
+  // program when the module does not import the function.
+  template <typename Function>
+  Function* ReplaceImport(const char* function, Function* replacement) const {
+    void** const slot = ImportSlot(function);
+    auto* const original = reinterpret_cast<Function*>(*slot);
+    StoreInSlot(slot, reinterpret_cast<void*>(replacement));
+    return original;
+  }
+
   // Gives the module back to Windows.
   void Free() { m_module.Reset(); }
 
@@ -44,6 +55,8 @@ class Library {
         reinterpret_cast<void*>(GetProcAddress(m_module.Get(), name)));
   }
   const IMAGE_EXPORT_DIRECTORY& Exports() const;
+  void** ImportSlot(const char* function) const;
+  static void StoreInSlot(void** slot, void* value);
 
   Module m_module;
 };
