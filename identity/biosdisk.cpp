@@ -1,6 +1,8 @@
 // The silent readers of the BIOS UUID and of the system disk's serial number.
 #include <mbstring.h>
 
+#include <algorithm>
+#include <cstdio>
 #include <cstdlib>
 #include <cwchar>
 #include <string>
