@@ -160,10 +160,10 @@ FakeServiceManager::FakeServiceManager(Journal& journal)
                         std::string("RegCreateKeyA(") +
                         (parent == HKEY_LOCAL_MACHINE ? "HKEY_LOCAL_MACHINE" : "another key") +
                         ", " + Quoted(path) + ") = ";
-                    DWORD error = 0;
-                    if (Fails("RegCreateKeyA", error)) {
-                      m_journal.Call(text + "error " + std::to_string(error));
-                      return static_cast<LSTATUS>(error);
+                    if (m_createKeyResult != ERROR_SUCCESS) {
+                      m_journal.Call(text + "error " + std::to_string(m_createKeyResult));
+                      SetLastError(m_createKeyLastError);
+                      return m_createKeyResult;
                     }
                     ULONG_PTR handle = 0;
                     m_journal.Call(text + Open("key", handle));
@@ -226,6 +226,11 @@ FakeServiceManager::FakeServiceManager(Journal& journal)
 
 void FakeServiceManager::Fail(const std::string& function, DWORD error, unsigned call) {
   m_failures[function] = {call, error};
+}
+
+void FakeServiceManager::FailCreateKey(LSTATUS result, DWORD lastError) {
+  m_createKeyResult = result;
+  m_createKeyLastError = lastError;
 }
 
 void FakeServiceManager::AnswerStatus(std::vector<FakeStatus> answers) {

@@ -29,6 +29,10 @@ class FakeServiceManager {
   // `function` fails with `error`, at every call or only at the `call`th (from 1).
   void Fail(const std::string& function, DWORD error, unsigned call = 0);
 
+  // RegCreateKeyA returns `result` and leaves `lastError`, which is something else: the function
+  // does not promise to set it.
+  void FailCreateKey(LSTATUS result, DWORD lastError);
+
   // The answers to QueryServiceStatus in order; the last one stays.
   void AnswerStatus(std::vector<FakeStatus> answers);
 
@@ -51,6 +55,8 @@ class FakeServiceManager {
   std::map<std::string, unsigned> m_openCounts;
   std::map<ULONG_PTR, std::string> m_openHandles;
   ULONG_PTR m_nextHandle = 0x1000;
+  LSTATUS m_createKeyResult = ERROR_SUCCESS;
+  DWORD m_createKeyLastError = 0;
   std::vector<FakeStatus> m_statuses{{SERVICE_RUNNING}};
   std::size_t m_nextStatus = 0;
   std::wstring m_modulePath = LR"(C:\agent\vorlsrvc.exe)";

@@ -1,0 +1,473 @@
+#include <gmock/gmock.h>
+
+#include <algorithm>
+#include <array>
+#include <string>
+#include <vector>
+
+#include "service/ntservc.h"
+#include "support/windows_api.h"
+#include "tests/support/console_capture.h"
+#include "tests/support/fake_helper_pipe.h"
+#include "tests/support/fake_service_manager.h"
+#include "tests/support/journal.h"
+
+using ::testing::Contains;
+using ::testing::ElementsAre;
+using ::testing::ElementsAreArray;
+using ::testing::HasSubstr;
+using ::testing::Not;
+using ::testing::Values;
+
+namespace {
+
+class CommandLineService : public CNTService {
+ public:
+  using CNTService::CNTService;
+  using CNTService::m_bNotifyServer;
+};
+
+std::string Parse(const std::string& text) {
+  return Traced(2, "CNTService::ParseStandardArgs", "service/ntservc.cpp", text);
+}
+
+std::string Helper(int action) {
+  return "helper pipe: code 15, action " + std::to_string(action) + ", flag 0, \"Sample\"";
+}
+
+// The steps of the operations that the command line calls, by what is particular to each.
+constexpr char kIsInstalled[] = "OpenServiceA(manager1, \"Sample\", 0x1) = service1";
+constexpr char kIsNotInstalled[] = "OpenServiceA(manager1, \"Sample\", 0x1) = error 1060";
+constexpr char kCreate[] =
+    "CreateServiceW(manager2, \"Sample\", \"Sample\", 0xF01FF, 0x110, 2, 1, "
+    "\"C:\\agent\\vorlsrvc.exe\", null, null, null, null, null) = ";
+
+std::vector<std::string> InstallSteps() {
+  return {Parse("Entry"),
+          Parse("-install"),
+          kIsNotInstalled,
+          Parse("Service not installed hence Insatalling client agent"),
+          std::string(kCreate) + "service1",
+          Parse("Service installed successfully"),
+          Parse("Exit")};
+}
+
+class CommandLine : public ::testing::Test {
+ protected:
+  // ParseStandardArgs with these arguments behind the program's name; keeps what was printed.
+  BOOL ParseArguments(CNTService& service, std::vector<std::string> arguments) {
+    arguments.insert(arguments.begin(), "vorlsrvc.exe");
+    std::vector<char*> argv;
+    for (std::string& argument : arguments) {
+      argv.push_back(argument.data());
+    }
+    argv.push_back(nullptr);
+    m_journal.Clear();
+    ConsoleCapture capture;
+    const BOOL result = service.ParseStandardArgs(static_cast<int>(arguments.size()), argv.data());
+    m_printed = capture.End();
+    return result;
+  }
+  BOOL ParseArguments(const std::vector<std::string>& arguments) {
+    return ParseArguments(m_service, arguments);
+  }
+
+  // The parser's own lines and, between them, the calls that tell the operations apart.
+  std::vector<std::string> Steps() const {
+    static constexpr std::array<const char*, 9> kLeftOut = {
+        "OpenSCManagerA(null, null, 0xF003F) = m",
+        "CloseServiceHandle(",
+        "QueryServiceStatus(",
+        "ChangeServiceConfig2W(",
+        "GetModuleFileNameW(",
+        "RegCreateKeyA(",
+        "RegSetValueEx",
+        "RegCloseKey(",
+        "level ",
+    };
+    std::vector<std::string> steps = m_journal.Entries();
+    std::erase_if(steps, [](const std::string& step) {
+      return step.find(" CNTService::ParseStandardArgs ") == std::string::npos &&
+             std::any_of(kLeftOut.begin(), kLeftOut.end(),
+                         [&](const char* start) { return step.starts_with(start); });
+    });
+    return steps;
+  }
+
+  void NotInstalled() { m_manager.Fail("OpenServiceA", ERROR_SERVICE_DOES_NOT_EXIST); }
+
+  Journal m_journal;
+  FakeServiceManager m_manager{m_journal};
+  FakeHelperPipe m_helper{m_journal};
+  CommandLineService m_service{"Sample"};
+  std::string m_printed;
+};
+
+// ---- No command ----
+
+TEST_F(CommandLine, WithoutArgumentsTheProcessIsToRunAsTheService) {
+  EXPECT_EQ(ParseArguments({}), 0);
+  EXPECT_THAT(m_journal.Entries(),
+              ElementsAre(Parse("Entry"), Parse("No Arguments hence returning"), Parse("Exit")));
+  EXPECT_EQ(m_printed, "");
+}
+
+TEST_F(CommandLine, WithoutAProgramNameTheProcessIsToRunAsTheService) {
+  char* argv[] = {nullptr};
+  m_journal.Clear();
+  EXPECT_EQ(m_service.ParseStandardArgs(0, argv), 0);
+  EXPECT_THAT(m_journal.Entries(),
+              ElementsAre(Parse("Entry"), Parse("No Arguments hence returning"), Parse("Exit")));
+}
+
+class UnknownOption : public CommandLine, public ::testing::WithParamInterface<const char*> {};
+
+TEST_P(UnknownOption, FallsThroughToTheDispatcher) {
+  EXPECT_EQ(ParseArguments({GetParam(), "-install"}), 0);
+  EXPECT_THAT(m_journal.Entries(), ElementsAre(Parse("Entry"), Parse("Exit")));
+  EXPECT_EQ(m_printed, "");
+}
+
+INSTANTIATE_TEST_SUITE_P(, UnknownOption,
+                         Values("install", "/install", "-install2", "--install", "-instal", "", "-",
+                                "- install", "-install ", "-uninstal", "-stopmanua", "-run"));
+
+// ---- -install ----
+
+TEST_F(CommandLine, InstallInstallsTheService) {
+  NotInstalled();
+  EXPECT_EQ(ParseArguments({"-install"}), 1);
+  EXPECT_THAT(Steps(), ElementsAreArray(InstallSteps()));
+  EXPECT_EQ(m_printed, "Sample is installed successfully\n");
+  EXPECT_EQ(m_service.ExitCode(), 0U);
+}
+
+TEST_F(CommandLine, InstallOnAnInstalledServiceSaysSoAndDoesNotTouchTheConfiguration) {
+  EXPECT_EQ(ParseArguments({"-install"}), 1);
+  EXPECT_THAT(Steps(), ElementsAre(Parse("Entry"), Parse("-install"), kIsInstalled,
+                                   Parse("Service is Already installed"), Parse("Exit")));
+  EXPECT_THAT(m_journal.Calls(), Not(Contains(HasSubstr("ChangeServiceConfig2W"))));
+  EXPECT_THAT(m_journal.Calls(), Not(Contains(HasSubstr("Reg"))));
+  EXPECT_EQ(m_printed, "Sample is already installed\n");
+}
+
+TEST_F(CommandLine, FailedInstallPrintsAndTracesTheError) {
+  NotInstalled();
+  m_manager.Fail("CreateServiceW", ERROR_SERVICE_MARKED_FOR_DELETE);
+  EXPECT_EQ(ParseArguments({"-install"}), 1);
+  EXPECT_THAT(Steps(), ElementsAre(Parse("Entry"), Parse("-install"), kIsNotInstalled,
+                                   Parse("Service not installed hence Insatalling client agent"),
+                                   std::string(kCreate) + "error 1072",
+                                   Parse("Unable to install Sample. (Error 1072)\n")));
+  EXPECT_EQ(m_printed, "Unable to install Sample. (Error 1072)\n");
+  EXPECT_EQ(m_service.ExitCode(), 0U);
+}
+
+TEST_F(CommandLine, FailedInstallPrintsTheLastErrorOfAFailedEventLogKey) {
+  NotInstalled();
+  m_manager.FailCreateKey(ERROR_ACCESS_DENIED, /*lastError=*/ERROR_CHILD_MUST_BE_VOLATILE);
+  EXPECT_EQ(ParseArguments({"-install"}), 1);
+  EXPECT_EQ(m_printed, "Unable to install Sample. (Error 1021)\n");
+}
+
+TEST_F(CommandLine, FailedInstallPrintsTheErrorAsASignedNumber) {
+  NotInstalled();
+  m_manager.Fail("CreateServiceW", 0x80070005);
+  EXPECT_EQ(ParseArguments({"-install"}), 1);
+  EXPECT_EQ(m_printed, "Unable to install Sample. (Error -2147024891)\n");
+}
+
+TEST_F(CommandLine, PercentSignInTheNameIsInterpretedAgainOnTheConsoleOfAFailedInstallOnly) {
+  CNTService service("50%% off");
+  m_manager.Fail("OpenSCManagerA", ERROR_ACCESS_DENIED);
+  EXPECT_EQ(ParseArguments(service, {"-install"}), 1);
+  EXPECT_EQ(m_printed, "Unable to install 50% off. (Error 5)\n");
+  EXPECT_EQ(m_journal.Traces().back(), Parse("Unable to install 50%% off. (Error 5)\n"));
+}
+
+TEST_F(CommandLine, PercentSignInTheNameStandsForItselfInAllOtherTexts) {
+  CNTService service("50%% off");
+  ParseArguments(service, {"-install"});
+  EXPECT_EQ(m_printed, "50%% off is already installed\n");
+  m_manager.Fail("DeleteService", ERROR_ACCESS_DENIED);
+  ParseArguments(service, {"-uninstall"});
+  EXPECT_EQ(m_printed, "Could not remove 50%% off. Error 5\n");
+  NotInstalled();
+  ParseArguments(service, {"-install"});
+  EXPECT_EQ(m_printed, "50%% off is installed successfully\n");
+  ParseArguments(service, {"-uninstall"});
+  EXPECT_EQ(m_printed, "50%% off is not installed\n");
+}
+
+// ---- -start and -reset ----
+
+class StartCommand : public CommandLine, public ::testing::WithParamInterface<const char*> {};
+
+TEST_P(StartCommand, StartsTheServiceAndLogsStart) {
+  EXPECT_EQ(ParseArguments({GetParam()}), 1);
+  EXPECT_THAT(Steps(), ElementsAre(Parse("Entry"), Parse("-start"),
+                                   Parse("Before calling StartServiceByName"),
+                                   "OpenServiceA(manager1, \"Sample\", 0x14) = service1",
+                                   "StartServiceA(service1, 0, null)",
+                                   Parse("After calling StartServiceByName"), Parse("Exit")));
+  EXPECT_EQ(m_printed, "");
+}
+
+TEST_P(StartCommand, IgnoresAFailedStart) {
+  m_manager.Fail("StartServiceA", ERROR_SERVICE_ALREADY_RUNNING);
+  EXPECT_EQ(ParseArguments({GetParam()}), 1);
+  EXPECT_THAT(Steps(), ElementsAre(Parse("Entry"), Parse("-start"),
+                                   Parse("Before calling StartServiceByName"),
+                                   "OpenServiceA(manager1, \"Sample\", 0x14) = service1",
+                                   "StartServiceA(service1, 0, null) = error 1056",
+                                   Parse("After calling StartServiceByName"), Parse("Exit")));
+  EXPECT_EQ(m_printed, "");
+}
+
+INSTANTIATE_TEST_SUITE_P(, StartCommand, Values("-start", "-reset", "-START", "-Reset"));
+
+// ---- -stop and -stopmanual ----
+
+struct StopWord {
+  const char* word;
+  const char* control;
+  bool notifiesServer;
+};
+
+class StopCommand : public CommandLine, public ::testing::WithParamInterface<StopWord> {
+ protected:
+  std::vector<std::string> StopSteps(const std::string& controlResult,
+                                     const std::vector<std::string>& after) const {
+    std::vector<std::string> steps = {
+        Parse("Entry"),
+        Parse(GetParam().word),
+        kIsInstalled,
+        Helper(1),
+        Parse("Before calling StopServiceByName"),
+        "OpenServiceA(manager2, \"Sample\", 0xF01FF) = service2",
+        std::string("ControlService(service2, ") + GetParam().control + ")" + controlResult};
+    steps.insert(steps.end(), after.begin(), after.end());
+    steps.insert(steps.end(),
+                 {Parse("After calling StopServiceByName returning"), Helper(2), Parse("Exit")});
+    return steps;
+  }
+};
+
+TEST_P(StopCommand, StopsTheServiceBetweenItsTwoNotifications) {
+  m_manager.AnswerStatus({{SERVICE_STOPPED}});
+  EXPECT_EQ(ParseArguments({GetParam().word}), 1);
+  EXPECT_THAT(Steps(), ElementsAreArray(StopSteps("", {})));
+  EXPECT_EQ(m_printed, "");
+  EXPECT_EQ(m_service.m_bNotifyServer, GetParam().notifiesServer);
+}
+
+TEST_P(StopCommand, NotifiesTheHelperAfterAFailedStopToo) {
+  m_manager.Fail("ControlService", ERROR_SERVICE_NOT_ACTIVE);
+  EXPECT_EQ(ParseArguments({GetParam().word}), 1);
+  EXPECT_THAT(Steps(),
+              ElementsAreArray(StopSteps(" = error 1062", {Parse("Stop service Failed")})));
+  EXPECT_EQ(m_printed, "");
+  EXPECT_EQ(m_service.m_bNotifyServer, GetParam().notifiesServer);
+  EXPECT_EQ(m_service.ExitCode(), 0U);
+}
+
+TEST_P(StopCommand, GoesOnWithoutAHelper) {
+  m_manager.AnswerStatus({{SERVICE_STOPPED}});
+  m_helper.Refuse(ERROR_FILE_NOT_FOUND);
+  EXPECT_EQ(ParseArguments({GetParam().word}), 1);
+  std::vector<std::string> expected = StopSteps("", {});
+  std::replace(expected.begin(), expected.end(), Helper(1), std::string("helper pipe: error 2"));
+  std::replace(expected.begin(), expected.end(), Helper(2), std::string("helper pipe: error 2"));
+  EXPECT_THAT(Steps(), ElementsAreArray(expected));
+}
+
+TEST_P(StopCommand, IsASilentNoOperationWhenTheServiceIsNotInstalled) {
+  NotInstalled();
+  EXPECT_EQ(ParseArguments({GetParam().word}), 1);
+  EXPECT_THAT(Steps(), ElementsAre(Parse("Entry"), Parse(GetParam().word), kIsNotInstalled));
+  EXPECT_EQ(m_printed, "");
+  EXPECT_FALSE(m_service.m_bNotifyServer);
+}
+
+INSTANTIATE_TEST_SUITE_P(, StopCommand,
+                         Values(StopWord{"-stop", "1", false},
+                                StopWord{"-stopmanual", "140", true}),
+                         [](const auto& test) { return std::string(test.param.word + 1); });
+
+TEST_F(CommandLine, StopManualSetsTheNotifyFlagBehindItsLineAndBeforeTheStop) {
+  m_manager.AnswerStatus({{SERVICE_STOPPED}});
+  bool atBefore = true;
+  bool atControl = false;
+  CallPatch<struct ObservedControl, BOOL(SC_HANDLE, DWORD, LPSERVICE_STATUS)> control(
+      "ADVAPI32.dll", "ControlService", [&](SC_HANDLE, DWORD, LPSERVICE_STATUS) {
+        atControl = m_service.m_bNotifyServer;
+        return TRUE;
+      });
+  CallPatch<struct ObservedPipe, decltype(CreateFileA)> pipe(
+      "KERNEL32.dll", "CreateFileA",
+      [&](LPCSTR, DWORD, DWORD, LPSECURITY_ATTRIBUTES, DWORD, DWORD, HANDLE) {
+        if (!atControl) {
+          atBefore = m_service.m_bNotifyServer;
+        }
+        SetLastError(ERROR_FILE_NOT_FOUND);
+        return INVALID_HANDLE_VALUE;
+      });
+  EXPECT_EQ(ParseArguments({"-stopmanual"}), 1);
+  EXPECT_FALSE(atBefore);
+  EXPECT_TRUE(atControl);
+}
+
+// ---- -restart ----
+
+TEST_F(CommandLine, RestartStopsWaitsAndStarts) {
+  m_manager.AnswerStatus({{SERVICE_STOPPED}, {SERVICE_RUNNING}});
+  EXPECT_EQ(ParseArguments({"-restart"}), 1);
+  EXPECT_THAT(Steps(),
+              ElementsAre(Parse("Entry"), Parse("-restart"), kIsInstalled, Helper(1),
+                          Parse("Before calling StopServiceByName"),
+                          "OpenServiceA(manager2, \"Sample\", 0xF01FF) = service2",
+                          "ControlService(service2, 1)", Parse("After calling StopServiceByName"),
+                          Helper(2), "Sleep(100)", Parse("Before calling StartServiceByName"),
+                          "OpenServiceA(manager3, \"Sample\", 0x14) = service3",
+                          "StartServiceA(service3, 0, null)",
+                          Parse("After calling StartServiceByName"), Parse("Exit")));
+  EXPECT_EQ(m_printed, "");
+  EXPECT_FALSE(m_service.m_bNotifyServer);
+}
+
+TEST_F(CommandLine, RestartGoesOnAfterAFailedStopAndAFailedStart) {
+  m_manager.Fail("ControlService", ERROR_SERVICE_NOT_ACTIVE);
+  m_manager.Fail("StartServiceA", ERROR_ACCESS_DENIED);
+  EXPECT_EQ(ParseArguments({"-restart"}), 1);
+  EXPECT_THAT(
+      Steps(),
+      ElementsAre(Parse("Entry"), Parse("-restart"), kIsInstalled, Helper(1),
+                  Parse("Before calling StopServiceByName"),
+                  "OpenServiceA(manager2, \"Sample\", 0xF01FF) = service2",
+                  "ControlService(service2, 1) = error 1062", Parse("Stop service Failed"),
+                  Parse("After calling StopServiceByName"), Helper(2), "Sleep(100)",
+                  Parse("Before calling StartServiceByName"),
+                  "OpenServiceA(manager3, \"Sample\", 0x14) = service3",
+                  "StartServiceA(service3, 0, null) = error 5", Parse("StartServiceByName Failed"),
+                  Parse("After calling StartServiceByName"), Parse("Exit")));
+  EXPECT_EQ(m_printed, "");
+}
+
+TEST_F(CommandLine, RestartOfAServiceThatIsNotInstalledStillTriesToStartIt) {
+  NotInstalled();
+  EXPECT_EQ(ParseArguments({"-restart"}), 1);
+  EXPECT_THAT(Steps(), ElementsAre(Parse("Entry"), Parse("-restart"), kIsNotInstalled, "Sleep(100)",
+                                   Parse("Before calling StartServiceByName"),
+                                   "OpenServiceA(manager2, \"Sample\", 0x14) = error 1060",
+                                   Parse("StartServiceByName Failed"),
+                                   Parse("After calling StartServiceByName"), Parse("Exit")));
+}
+
+// ---- -uninstall ----
+
+TEST_F(CommandLine, UninstallRemovesTheServiceAndPrintsNothing) {
+  EXPECT_EQ(ParseArguments({"-uninstall"}), 1);
+  EXPECT_THAT(Steps(),
+              ElementsAre(Parse("Entry"), Parse("-uninstall"), kIsInstalled, Helper(5),
+                          "OpenServiceA(manager2, \"Sample\", 0x10000) = service2",
+                          "DeleteService(service2)", Parse("Uninstall Success"), Parse("Exit")));
+  EXPECT_EQ(m_printed, "");
+}
+
+TEST_F(CommandLine, UninstallOfAServiceThatIsNotInstalledSaysSo) {
+  NotInstalled();
+  EXPECT_EQ(ParseArguments({"-uninstall"}), 1);
+  EXPECT_THAT(Steps(),
+              ElementsAre(Parse("Entry"), Parse("-uninstall"), kIsNotInstalled,
+                          Parse("Service Not Found :: Unable to uninstall the service bcoz")));
+  EXPECT_EQ(m_printed, "Sample is not installed\n");
+}
+
+TEST_F(CommandLine, FailedUninstallPrintsTheErrorOfTheDeletion) {
+  m_manager.Fail("DeleteService", ERROR_SERVICE_MARKED_FOR_DELETE);
+  EXPECT_EQ(ParseArguments({"-uninstall"}), 1);
+  EXPECT_THAT(Steps(),
+              ElementsAre(Parse("Entry"), Parse("-uninstall"), kIsInstalled, Helper(5),
+                          "OpenServiceA(manager2, \"Sample\", 0x10000) = service2",
+                          "DeleteService(service2) = error 1072", Parse("Uninstall Failed")));
+  EXPECT_EQ(m_printed, "Could not remove Sample. Error 1072\n");
+  EXPECT_EQ(m_service.ExitCode(), 0U);
+}
+
+TEST_F(CommandLine, FailedUninstallPrintsTheErrorOfOpeningTheServiceForDeletion) {
+  m_manager.Fail("OpenServiceA", ERROR_ACCESS_DENIED, /*call=*/2);
+  EXPECT_EQ(ParseArguments({"-uninstall"}), 1);
+  EXPECT_EQ(m_printed, "Could not remove Sample. Error 5\n");
+}
+
+TEST_F(CommandLine, FailedUninstallPrintsTheErrorAsASignedNumber) {
+  m_manager.Fail("DeleteService", 0x80070005);
+  EXPECT_EQ(ParseArguments({"-uninstall"}), 1);
+  EXPECT_EQ(m_printed, "Could not remove Sample. Error -2147024891\n");
+}
+
+// ---- Words and further arguments ----
+
+struct Spelling {
+  const char* word;
+  const char* line;
+};
+
+class CommandWord : public CommandLine, public ::testing::WithParamInterface<Spelling> {};
+
+TEST_P(CommandWord, IsTakenInAnyCase) {
+  m_manager.AnswerStatus({{SERVICE_STOPPED}});
+  EXPECT_EQ(ParseArguments({GetParam().word}), 1);
+  EXPECT_EQ(m_journal.Entries()[1], Parse(GetParam().line));
+}
+
+INSTANTIATE_TEST_SUITE_P(, CommandWord,
+                         Values(Spelling{"-Install", "-install"}, Spelling{"-INSTALL", "-install"},
+                                Spelling{"-install", "-install"}, Spelling{"-Start", "-start"},
+                                Spelling{"-RESET", "-start"}, Spelling{"-sToP", "-stop"},
+                                Spelling{"-StopManual", "-stopmanual"},
+                                Spelling{"-RESTART", "-restart"},
+                                Spelling{"-UnInstall", "-uninstall"}));
+
+TEST_F(CommandLine, ASecondArgumentNeverChangesWhatHappens) {
+  NotInstalled();
+  EXPECT_EQ(ParseArguments({"-install", "-uninstall", "further"}), 1);
+  EXPECT_THAT(Steps(), ElementsAreArray(InstallSteps()));
+  EXPECT_EQ(m_printed, "Sample is installed successfully\n");
+}
+
+// ---- Without the right to open the service control manager ----
+
+class WithoutRights : public CommandLine {
+ protected:
+  WithoutRights() { m_manager.Fail("OpenSCManagerA", ERROR_ACCESS_DENIED); }
+
+  static constexpr char kDenied[] = "OpenSCManagerA(null, null, 0xF003F) = error 5";
+};
+
+TEST_F(WithoutRights, InstallTriesToInstallAndPrintsItsError) {
+  EXPECT_EQ(ParseArguments({"-install"}), 1);
+  EXPECT_THAT(Steps(), ElementsAre(Parse("Entry"), Parse("-install"), kDenied,
+                                   Parse("Service not installed hence Insatalling client agent"),
+                                   kDenied, Parse("Unable to install Sample. (Error 5)\n")));
+  EXPECT_EQ(m_printed, "Unable to install Sample. (Error 5)\n");
+}
+
+TEST_F(WithoutRights, UninstallSaysThatTheServiceIsNotInstalled) {
+  EXPECT_EQ(ParseArguments({"-uninstall"}), 1);
+  EXPECT_THAT(Steps(),
+              ElementsAre(Parse("Entry"), Parse("-uninstall"), kDenied,
+                          Parse("Service Not Found :: Unable to uninstall the service bcoz")));
+  EXPECT_EQ(m_printed, "Sample is not installed\n");
+}
+
+TEST_F(WithoutRights, StopAndStopManualEndSilently) {
+  EXPECT_EQ(ParseArguments({"-stop"}), 1);
+  EXPECT_THAT(Steps(), ElementsAre(Parse("Entry"), Parse("-stop"), kDenied));
+  EXPECT_EQ(m_printed, "");
+  EXPECT_EQ(ParseArguments({"-stopmanual"}), 1);
+  EXPECT_THAT(Steps(), ElementsAre(Parse("Entry"), Parse("-stopmanual"), kDenied));
+  EXPECT_EQ(m_printed, "");
+}
+
+}  // namespace

@@ -1,0 +1,410 @@
+#include <gmock/gmock.h>
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "service/ntservc.h"
+#include "support/windows_api.h"
+#include "tests/support/fake_helper_pipe.h"
+#include "tests/support/fake_service_manager.h"
+#include "tests/support/journal.h"
+
+using ::testing::Contains;
+using ::testing::ElementsAre;
+using ::testing::ElementsAreArray;
+using ::testing::HasSubstr;
+using ::testing::Not;
+
+namespace {
+
+std::string Line(const std::string& operation, const std::string& text, int level = 2) {
+  return Traced(level, "CNTService::" + operation, "service/ntservc.cpp", text);
+}
+
+std::string RecoveryLine(const std::string& text) {
+  return Traced(2, "ConfigureServiceRecoveryOptionsW", "service/vorlfun.cpp", text);
+}
+
+constexpr char kOpenManager[] = "OpenSCManagerA(null, null, 0xF003F) = manager1";
+constexpr char kEventLogFolder[] = "SYSTEM\\CurrentControlSet\\Services\\EventLog\\Application\\";
+
+// ---- IsInstalled ----
+
+class IsInstalled : public ::testing::Test {
+ protected:
+  IsInstalled() { m_journal.Clear(); }
+
+  Journal m_journal;
+  FakeServiceManager m_manager{m_journal};
+  CNTService m_service{"Sample"};
+};
+
+TEST_F(IsInstalled, IsTrueWhenTheServiceOpens) {
+  EXPECT_TRUE(m_service.IsInstalled());
+  EXPECT_THAT(m_journal.Calls(),
+              ElementsAre(kOpenManager, "OpenServiceA(manager1, \"Sample\", 0x1) = service1",
+                          "CloseServiceHandle(service1)", "CloseServiceHandle(manager1)"));
+  EXPECT_THAT(m_journal.Traces(),
+              ElementsAre(Line("IsInstalled", "Entry"), Line("IsInstalled", "Exit")));
+}
+
+TEST_F(IsInstalled, IsFalseWithoutTheRightToOpenTheServiceControlManager) {
+  m_manager.Fail("OpenSCManagerA", ERROR_ACCESS_DENIED);
+  EXPECT_FALSE(m_service.IsInstalled());
+  EXPECT_EQ(GetLastError(), DWORD{ERROR_ACCESS_DENIED});
+  EXPECT_THAT(
+      m_journal.Entries(),
+      ElementsAre(Line("IsInstalled", "Entry"), "OpenSCManagerA(null, null, 0xF003F) = error 5",
+                  Line("IsInstalled", "Unable to open service Manager: 5")));
+}
+
+TEST_F(IsInstalled, IsFalseWhenThereIsNoSuchService) {
+  m_manager.Fail("OpenServiceA", ERROR_SERVICE_DOES_NOT_EXIST);
+  EXPECT_FALSE(m_service.IsInstalled());
+  EXPECT_EQ(GetLastError(), DWORD{ERROR_SERVICE_DOES_NOT_EXIST});
+  EXPECT_THAT(m_journal.Calls(),
+              ElementsAre(kOpenManager, "OpenServiceA(manager1, \"Sample\", 0x1) = error 1060",
+                          "CloseServiceHandle(manager1)"));
+  EXPECT_THAT(m_journal.Traces(),
+              ElementsAre(Line("IsInstalled", "Entry"),
+                          Line("IsInstalled", "Unable to open service : 1060")));
+}
+
+TEST_F(IsInstalled, IsFalseWhenAccessToTheServiceIsRefused) {
+  m_manager.Fail("OpenServiceA", ERROR_ACCESS_DENIED);
+  EXPECT_FALSE(m_service.IsInstalled());
+  EXPECT_THAT(m_journal.Traces(), ElementsAre(Line("IsInstalled", "Entry"),
+                                              Line("IsInstalled", "Unable to open service : 5")));
+}
+
+// ---- Install ----
+
+class Install : public ::testing::Test {
+ protected:
+  Install() { m_journal.Clear(); }
+
+  static std::string CreateCall(const std::string& path, const std::string& result = "service1",
+                                const std::string& name = "Sample") {
+    return "CreateServiceW(manager1, \"" + name + "\", \"" + name + "\", 0xF01FF, 0x110, 2, 1, \"" +
+           path + "\", null, null, null, null, null) = " + result;
+  }
+  static std::string RecoveryCall(const std::string& path, const std::string& result = "") {
+    return "ChangeServiceConfig2W(service1, 2, reset 3600, reboot message null, command \"" + path +
+           " -reset\", actions (3, 0) (3, 0) (0, 0))" + result;
+  }
+  static std::string MessageFileCall(const std::string& path) {
+    return "RegSetValueExW(key1, \"EventMessageFile\", 0, 2, \"" + path + "\\0\", " +
+           std::to_string((path.size() + 1) * 2) + " bytes)";
+  }
+
+  Journal m_journal;
+  FakeServiceManager m_manager{m_journal};
+  CNTService m_service{"Sample"};
+};
+
+TEST_F(Install, CreatesTheServiceItsRecoveryActionsAndItsEventLogSource) {
+  EXPECT_TRUE(m_service.Install());
+  const std::string path = "C:\\agent\\vorlsrvc.exe";
+  EXPECT_THAT(
+      m_journal.Entries(),
+      ElementsAre(
+          Line("Install", "Entry"), kOpenManager, "GetModuleFileNameW(null, 260)", CreateCall(path),
+          Line("Install", "ConfigureServiceRecoveryOptions m_szServiceName (Sample)", 1),
+          Line("Install",
+               "ConfigureServiceRecoveryOptions wszCAServicePath (C:\\agent\\vorlsrvc.exe)", 1),
+          RecoveryLine("Entry"), RecoveryCall(path), RecoveryLine("Exit"),
+          "CloseServiceHandle(service1)", "CloseServiceHandle(manager1)",
+          std::string("RegCreateKeyA(HKEY_LOCAL_MACHINE, \"") + kEventLogFolder +
+              "Sample\") = key1",
+          "RegSetValueExW(key1, \"EventMessageFile\", 0, 2, \"C:\\agent\\vorlsrvc.exe\\0\", 44 "
+          "bytes)",
+          "RegSetValueExA(key1, \"TypesSupported\", 0, 4, 7, 4 bytes)", "RegCloseKey(key1)",
+          Line("Install", "Exit")));
+}
+
+TEST_F(Install, PathWithoutABlankIsRegisteredBare) {
+  const std::string path = "C:\\agent\\vorlsrvc.exe";
+  EXPECT_TRUE(m_service.Install());
+  EXPECT_THAT(m_journal.Calls(), Contains(CreateCall(path)));
+  EXPECT_THAT(m_journal.Calls(), Contains(RecoveryCall(path)));
+  EXPECT_THAT(m_journal.Calls(), Contains(MessageFileCall(path)));
+}
+
+TEST_F(Install, PathWithABlankIsRegisteredInQuotesAsCommandAndAsEventMessageFile) {
+  m_manager.SetModulePath(L"C:\\Program Files\\agent\\vorlsrvc.exe");
+  const std::string path = "\"C:\\Program Files\\agent\\vorlsrvc.exe\"";
+  EXPECT_TRUE(m_service.Install());
+  EXPECT_THAT(m_journal.Calls(), Contains(CreateCall(path)));
+  EXPECT_THAT(m_journal.Calls(), Contains(RecoveryCall(path)));
+  EXPECT_THAT(m_journal.Calls(), Contains(MessageFileCall(path)));
+  EXPECT_THAT(m_journal.Traces(), Contains(Line("Install",
+                                                "ConfigureServiceRecoveryOptions wszCAServicePath "
+                                                "(\"C:\\Program Files\\agent\\vorlsrvc.exe\")",
+                                                1)));
+}
+
+TEST_F(Install, LongestPathIsRegisteredWithoutRecoveryActions) {
+  const std::string path = "C:\\a b" + std::string(253, 'x');  // 259 characters
+  m_manager.SetModulePath(std::wstring(path.begin(), path.end()));
+  EXPECT_TRUE(m_service.Install());
+  EXPECT_THAT(m_journal.Calls(), Contains(CreateCall("\"" + path + "\"")));
+  EXPECT_THAT(m_journal.Calls(), Contains(MessageFileCall("\"" + path + "\"")));
+  // The recovery command does not fit into its 260 characters.
+  EXPECT_THAT(m_journal.Traces(), Contains(RecoveryLine("Invalid Service handle.")));
+  EXPECT_THAT(m_journal.Calls(), Not(Contains(HasSubstr("ChangeServiceConfig2W"))));
+}
+
+// A cut path must not be registered: the service would start another program or none.
+TEST_F(Install, FailsWhenThePathIsTooLong) {
+  m_manager.SetModulePath(L"C:\\" + std::wstring(257, L'x'));  // 260 characters
+  EXPECT_FALSE(m_service.Install());
+  EXPECT_EQ(GetLastError(), DWORD{ERROR_INSUFFICIENT_BUFFER});
+  EXPECT_THAT(m_journal.Calls(), ElementsAre(kOpenManager, "GetModuleFileNameW(null, 260)",
+                                             "CloseServiceHandle(manager1)"));
+  EXPECT_THAT(m_journal.Traces(), ElementsAre(Line("Install", "Entry"),
+                                              Line("Install", "GetModuleFileName Failed 122", 1)));
+}
+
+TEST_F(Install, FailsWhenThePathIsUnknown) {
+  m_manager.Fail("GetModuleFileNameW", ERROR_NOT_ENOUGH_MEMORY);
+  EXPECT_FALSE(m_service.Install());
+  EXPECT_EQ(GetLastError(), DWORD{ERROR_NOT_ENOUGH_MEMORY});
+  EXPECT_THAT(m_journal.Calls(), ElementsAre(kOpenManager, "GetModuleFileNameW(null, 260)",
+                                             "CloseServiceHandle(manager1)"));
+}
+
+TEST_F(Install, FailsWithoutTheServiceControlManager) {
+  m_manager.Fail("OpenSCManagerA", ERROR_ACCESS_DENIED);
+  EXPECT_FALSE(m_service.Install());
+  EXPECT_EQ(GetLastError(), DWORD{ERROR_ACCESS_DENIED});
+  EXPECT_THAT(m_journal.Entries(),
+              ElementsAre(Line("Install", "Entry"), "OpenSCManagerA(null, null, 0xF003F) = error 5",
+                          Line("Install", "Unable to open service Manager: 5")));
+}
+
+TEST_F(Install, FailsWhenTheServiceCannotBeCreated) {
+  m_manager.Fail("CreateServiceW", ERROR_SERVICE_EXISTS);
+  EXPECT_FALSE(m_service.Install());
+  EXPECT_EQ(GetLastError(), DWORD{ERROR_SERVICE_EXISTS});
+  EXPECT_THAT(m_journal.Calls(), ElementsAre(kOpenManager, "GetModuleFileNameW(null, 260)",
+                                             CreateCall("C:\\agent\\vorlsrvc.exe", "error 1073"),
+                                             "CloseServiceHandle(manager1)"));
+  EXPECT_THAT(m_journal.Traces(), ElementsAre(Line("Install", "Entry"),
+                                              Line("Install", "CreateService Failed 1073", 1)));
+}
+
+TEST_F(Install, DoesNotDependOnTheRecoveryActions) {
+  m_manager.Fail("ChangeServiceConfig2W", ERROR_ACCESS_DENIED);
+  EXPECT_TRUE(m_service.Install());
+  EXPECT_THAT(
+      m_journal.Entries(),
+      ElementsAre(
+          Line("Install", "Entry"), kOpenManager, "GetModuleFileNameW(null, 260)",
+          CreateCall("C:\\agent\\vorlsrvc.exe"),
+          Line("Install", "ConfigureServiceRecoveryOptions m_szServiceName (Sample)", 1),
+          Line("Install",
+               "ConfigureServiceRecoveryOptions wszCAServicePath (C:\\agent\\vorlsrvc.exe)", 1),
+          RecoveryLine("Entry"), RecoveryCall("C:\\agent\\vorlsrvc.exe", " = error 5"),
+          RecoveryLine("Invalid Service handle."), "CloseServiceHandle(service1)",
+          "CloseServiceHandle(manager1)",
+          std::string("RegCreateKeyA(HKEY_LOCAL_MACHINE, \"") + kEventLogFolder +
+              "Sample\") = key1",
+          MessageFileCall("C:\\agent\\vorlsrvc.exe"),
+          "RegSetValueExA(key1, \"TypesSupported\", 0, 4, 7, 4 bytes)", "RegCloseKey(key1)",
+          Line("Install", "Exit")));
+}
+
+TEST_F(Install, LeavesTheServiceInPlaceWhenTheEventLogKeyCannotBeCreated) {
+  m_manager.FailCreateKey(ERROR_ACCESS_DENIED, /*lastError=*/ERROR_CHILD_MUST_BE_VOLATILE);
+  EXPECT_FALSE(m_service.Install());
+  EXPECT_EQ(GetLastError(), DWORD{ERROR_CHILD_MUST_BE_VOLATILE});
+  EXPECT_THAT(
+      m_journal.Calls(),
+      ElementsAre(kOpenManager, "GetModuleFileNameW(null, 260)",
+                  CreateCall("C:\\agent\\vorlsrvc.exe"), RecoveryCall("C:\\agent\\vorlsrvc.exe"),
+                  "CloseServiceHandle(service1)", "CloseServiceHandle(manager1)",
+                  std::string("RegCreateKeyA(HKEY_LOCAL_MACHINE, \"") + kEventLogFolder +
+                      "Sample\") = error 5"));
+  // The line carries the thread's last error, not the function's result.
+  EXPECT_THAT(
+      m_journal.Traces(),
+      ElementsAre(
+          Line("Install", "Entry"),
+          Line("Install", "ConfigureServiceRecoveryOptions m_szServiceName (Sample)", 1),
+          Line("Install",
+               "ConfigureServiceRecoveryOptions wszCAServicePath (C:\\agent\\vorlsrvc.exe)", 1),
+          RecoveryLine("Entry"), RecoveryLine("Exit"),
+          Line("Install", "RegCreateKey Failed 1021", 1)));
+}
+
+TEST_F(Install, DoesNotDependOnTheEventLogValues) {
+  m_manager.Fail("RegSetValueExW", ERROR_ACCESS_DENIED);
+  m_manager.Fail("RegSetValueExA", ERROR_ACCESS_DENIED);
+  EXPECT_TRUE(m_service.Install());
+  EXPECT_THAT(m_journal.Calls(), Contains("RegCloseKey(key1)"));
+  EXPECT_EQ(m_journal.Traces().back(), Line("Install", "Exit"));
+}
+
+TEST_F(Install, TakesTheLongestServiceName) {
+  const std::string name(63, 'n');
+  CNTService service(name.c_str());
+  EXPECT_TRUE(service.Install());
+  EXPECT_THAT(m_journal.Calls(), Contains(CreateCall("C:\\agent\\vorlsrvc.exe", "service1", name)));
+  EXPECT_THAT(m_journal.Calls(), Contains(std::string("RegCreateKeyA(HKEY_LOCAL_MACHINE, \"") +
+                                          kEventLogFolder + name + "\") = key1"));
+}
+
+TEST_F(Install, ConvertsTheServiceNameFromTheAnsiCodePage) {
+  const char name[] = "Ger\xE4t";
+  wchar_t wide[64];
+  ASSERT_NE(MultiByteToWideChar(CP_ACP, 0, name, -1, wide, 64), 0);
+  const std::string quoted = Quoted(wide);
+  CNTService service(name);
+  EXPECT_TRUE(service.Install());
+  EXPECT_THAT(m_journal.Calls(), Contains(CreateCall("C:\\agent\\vorlsrvc.exe", "service1",
+                                                     quoted.substr(1, quoted.size() - 2))));
+}
+
+TEST_F(Install, PercentSignsInTheServiceNameStandForThemselvesInTheTrace) {
+  CNTService service("50%s");
+  EXPECT_TRUE(service.Install());
+  EXPECT_THAT(
+      m_journal.Traces(),
+      Contains(Line("Install", "ConfigureServiceRecoveryOptions m_szServiceName (50%s)", 1)));
+}
+
+// ---- Uninstall ----
+
+class Uninstall : public ::testing::Test {
+ protected:
+  Uninstall() {
+    s_journal = &m_journal;
+    m_journal.Clear();
+  }
+  ~Uninstall() override {
+    CNTService::SetRemovalHooks({});
+    s_journal = nullptr;
+  }
+
+  static bool Grant(std::uint64_t* token) {
+    s_journal->Call("admit: granted");
+    *token = 0xFEDC'BA98'7654'3210;
+    SetLastError(kRubbishError);
+    return true;
+  }
+  static bool Refuse(std::uint64_t* token) {
+    s_journal->Call("admit: refused");
+    *token = 0x1111;
+    SetLastError(kRubbishError);
+    return false;
+  }
+  static void Release(std::uint64_t token) {
+    s_journal->Call("release " + Hex(token));
+    SetLastError(kRubbishError);
+  }
+
+  static inline Journal* s_journal = nullptr;
+
+  Journal m_journal;
+  FakeServiceManager m_manager{m_journal};
+  FakeHelperPipe m_helper{m_journal};
+  CNTService m_service{"Sample"};
+};
+
+constexpr char kUninstalling[] = "helper pipe: code 15, action 5, flag 0, \"Sample\"";
+constexpr char kOpenForDeletion[] = "OpenServiceA(manager1, \"Sample\", 0x10000) = service1";
+
+TEST_F(Uninstall, TellsTheHelperAndDeletesTheService) {
+  EXPECT_EQ(m_service.Uninstall(), 1);
+  EXPECT_THAT(m_journal.Entries(),
+              ElementsAre(Line("Uninstall", "Entry"), kOpenManager, kUninstalling, kOpenForDeletion,
+                          "DeleteService(service1)", "CloseServiceHandle(service1)",
+                          "CloseServiceHandle(manager1)", Line("Uninstall", "Exit")));
+}
+
+TEST_F(Uninstall, DoesNotDependOnTheHelper) {
+  m_helper.Refuse(ERROR_FILE_NOT_FOUND);
+  EXPECT_EQ(m_service.Uninstall(), 1);
+  EXPECT_THAT(
+      m_journal.Calls(),
+      ElementsAre(kOpenManager, "helper pipe: error 2", kOpenForDeletion, "DeleteService(service1)",
+                  "CloseServiceHandle(service1)", "CloseServiceHandle(manager1)"));
+}
+
+TEST_F(Uninstall, FailsWithoutTheServiceControlManagerAndTellsTheHelperNothing) {
+  m_manager.Fail("OpenSCManagerA", ERROR_ACCESS_DENIED);
+  EXPECT_EQ(m_service.Uninstall(), 0);
+  EXPECT_EQ(GetLastError(), DWORD{ERROR_ACCESS_DENIED});
+  EXPECT_THAT(
+      m_journal.Entries(),
+      ElementsAre(Line("Uninstall", "Entry"), "OpenSCManagerA(null, null, 0xF003F) = error 5",
+                  Line("Uninstall", "Unable to open service Manager: 5")));
+}
+
+TEST_F(Uninstall, WritesOnlyExitWhenTheServiceCannotBeOpened) {
+  CNTService::SetRemovalHooks({&Grant, &Release});
+  m_manager.Fail("OpenServiceA", ERROR_ACCESS_DENIED);
+  EXPECT_EQ(m_service.Uninstall(), 0);
+  EXPECT_EQ(GetLastError(), DWORD{ERROR_ACCESS_DENIED});
+  EXPECT_THAT(m_journal.Entries(),
+              ElementsAre(Line("Uninstall", "Entry"), kOpenManager, kUninstalling,
+                          "OpenServiceA(manager1, \"Sample\", 0x10000) = error 5",
+                          "CloseServiceHandle(manager1)", Line("Uninstall", "Exit")));
+}
+
+TEST_F(Uninstall, FailsWhenTheServiceIsMarkedForDeletionAlready) {
+  m_manager.Fail("DeleteService", ERROR_SERVICE_MARKED_FOR_DELETE);
+  EXPECT_EQ(m_service.Uninstall(), 0);
+  EXPECT_EQ(GetLastError(), DWORD{ERROR_SERVICE_MARKED_FOR_DELETE});
+  EXPECT_THAT(m_journal.Entries(),
+              ElementsAre(Line("Uninstall", "Entry"), kOpenManager, kUninstalling, kOpenForDeletion,
+                          "DeleteService(service1) = error 1072", "CloseServiceHandle(service1)",
+                          "CloseServiceHandle(manager1)", Line("Uninstall", "Exit")));
+}
+
+TEST_F(Uninstall, AdmittedRemovalIsReleasedBeforeTheHandlesAreClosed) {
+  CNTService::SetRemovalHooks({&Grant, &Release});
+  EXPECT_EQ(m_service.Uninstall(), 1);
+  EXPECT_THAT(m_journal.Entries(),
+              ElementsAre(Line("Uninstall", "Entry"), kOpenManager, kUninstalling, kOpenForDeletion,
+                          "admit: granted", "DeleteService(service1)", "release 0xFEDCBA9876543210",
+                          "CloseServiceHandle(service1)", "CloseServiceHandle(manager1)",
+                          Line("Uninstall", "Exit")));
+}
+
+TEST_F(Uninstall, AdmittedRemovalIsReleasedAndItsErrorKeptWhenTheDeletionFails) {
+  CNTService::SetRemovalHooks({&Grant, &Release});
+  m_manager.Fail("DeleteService", ERROR_ACCESS_DENIED);
+  EXPECT_EQ(m_service.Uninstall(), 0);
+  EXPECT_EQ(GetLastError(), DWORD{ERROR_ACCESS_DENIED});
+  EXPECT_THAT(m_journal.Calls(), Contains("release 0xFEDCBA9876543210").Times(1));
+}
+
+TEST_F(Uninstall, RefusedRemovalIsTriedAllTheSameAndNothingIsReleased) {
+  CNTService::SetRemovalHooks({&Refuse, &Release});
+  EXPECT_EQ(m_service.Uninstall(), 1);
+  EXPECT_THAT(m_journal.Calls(),
+              ElementsAre(kOpenManager, kUninstalling, kOpenForDeletion, "admit: refused",
+                          "DeleteService(service1)", "CloseServiceHandle(service1)",
+                          "CloseServiceHandle(manager1)"));
+}
+
+TEST_F(Uninstall, WorksWithoutTheHookThatReleases) {
+  CNTService::SetRemovalHooks({&Grant, nullptr});
+  EXPECT_EQ(m_service.Uninstall(), 1);
+}
+
+TEST_F(Uninstall, ReleasesNothingWithoutTheHookThatAdmits) {
+  CNTService::SetRemovalHooks({nullptr, &Release});
+  EXPECT_EQ(m_service.Uninstall(), 1);
+  EXPECT_THAT(m_journal.Calls(), Not(Contains(HasSubstr("release"))));
+}
+
+TEST_F(Uninstall, LeavesTheEventLogKeyInPlaceAndTheServiceRunning) {
+  EXPECT_EQ(m_service.Uninstall(), 1);
+  EXPECT_THAT(m_journal.Calls(), Not(Contains(HasSubstr("Reg"))));
+  EXPECT_THAT(m_journal.Calls(), Not(Contains(HasSubstr("ControlService"))));
+}
+
+}  // namespace

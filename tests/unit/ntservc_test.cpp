@@ -1,0 +1,804 @@
+#include "service/ntservc.h"
+
+#include <gmock/gmock.h>
+
+#include <cstddef>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "support/handle.h"
+#include "support/windows_api.h"
+#include "tests/support/import_patch.h"
+#include "tests/support/journal.h"
+
+using ::testing::ElementsAre;
+using ::testing::ElementsAreArray;
+
+namespace {
+
+constexpr char kSource[] = "service/ntservc.cpp";
+
+// Its lower 32 bits are 591751049.
+const auto kStatusHandle = reinterpret_cast<SERVICE_STATUS_HANDLE>(ULONG_PTR{0x1'2345'6789});
+
+// Opens the parts of the base class that are for derived classes only.
+class ExposedService : public CNTService {
+ public:
+  using CNTService::CNTService;
+
+  using CNTService::DebugMsg;
+  using CNTService::Handler;
+  using CNTService::Initialize;
+  using CNTService::OnContinue;
+  using CNTService::OnInit;
+  using CNTService::OnInterrogate;
+  using CNTService::OnPause;
+  using CNTService::OnShutdown;
+  using CNTService::OnStop;
+  using CNTService::OnUserControl;
+  using CNTService::Run;
+  using CNTService::ServiceMain;
+  using CNTService::SetStatus;
+
+  using CNTService::m_bNotifyServer;
+  using CNTService::m_bRunning;
+  using CNTService::m_hEventLogSource;
+  using CNTService::m_hServiceStatus;
+  using CNTService::m_nSpare1;
+  using CNTService::m_nSpare2;
+  using CNTService::m_ServiceStatus;
+  using CNTService::m_szServiceName;
+
+  template <typename Member>
+  std::size_t OffsetOf(const Member& member) const {
+    return static_cast<std::size_t>(reinterpret_cast<const char*>(&member) -
+                                    reinterpret_cast<const char*>(this));
+  }
+};
+
+// A service whose hooks go to the journal and then do what the test says.
+class JournalService : public ExposedService {
+ public:
+  JournalService(Journal& journal, const char* serviceName)
+      : ExposedService(serviceName), m_journal(journal) {
+    journal.Clear();
+  }
+
+  std::function<void()> run = [] {};
+  std::function<BOOL()> init = [] { return TRUE; };
+  std::function<void()> stop = [] {};
+  std::function<void()> interrogate = [] {};
+
+ protected:
+  void Run() override {
+    m_journal.Call("Run");
+    run();
+  }
+  BOOL OnInit() override {
+    m_journal.Call("OnInit");
+    return init();
+  }
+  void OnStop() override {
+    m_journal.Call("OnStop");
+    stop();
+  }
+  void OnInterrogate() override {
+    m_journal.Call("OnInterrogate");
+    interrogate();
+  }
+  void OnPause() override { m_journal.Call("OnPause"); }
+  void OnContinue() override { m_journal.Call("OnContinue"); }
+  void OnShutdown() override { m_journal.Call("OnShutdown"); }
+  BOOL OnUserControl(DWORD code) override {
+    m_journal.Call("OnUserControl(" + std::to_string(code) + ")");
+    return FALSE;
+  }
+
+ private:
+  Journal& m_journal;
+};
+
+// What the journal shows of a report: the state, then all other members of the record.
+std::string Report(DWORD state, DWORD exitCode = 0, DWORD checkPoint = 0, DWORD waitHint = 0) {
+  return "SetServiceStatus(state " + std::to_string(state) + ", type 0x10, accepts 0x5, exit " +
+         std::to_string(exitCode) + ", specific 0, check point " + std::to_string(checkPoint) +
+         ", hint " + std::to_string(waitHint) + ")";
+}
+
+std::string Line(const std::string& operation, const std::string& text, int level = 2) {
+  return Traced(level, "CNTService::" + operation, kSource, text);
+}
+
+// Everything that reporting a state on this thread writes and calls.
+std::vector<std::string> SetStatusSteps(DWORD state, const std::string& report,
+                                        const std::string& handle = "591751049") {
+  return {Line("SetStatus", "Entry"),
+          Line("DebugMsg", "Entry"),
+          "OutputDebugStringA([Sample](" + std::to_string(GetCurrentThreadId()) +
+              "): CNTService::SetStatus(" + handle + ", " + std::to_string(state) + ")\n)",
+          Line("DebugMsg", "Exit"),
+          report,
+          Line("SetStatus", "Exit")};
+}
+
+std::vector<std::string> Joined(const std::vector<std::vector<std::string>>& parts) {
+  std::vector<std::string> all;
+  for (const std::vector<std::string>& part : parts) {
+    all.insert(all.end(), part.begin(), part.end());
+  }
+  return all;
+}
+
+// The service control manager's side: takes registrations, reports and debugger texts.
+class NTService : public ::testing::Test {
+ protected:
+  // The states that were reported, in the order in which the reports arrived.
+  std::vector<DWORD> States() {
+    const std::lock_guard guard(m_statesMutex);
+    return m_states;
+  }
+
+  Journal m_journal;
+  // Called with a copy of the record before a report arrives; may block.
+  std::function<void(const SERVICE_STATUS&)> m_beforeReport = [](const SERVICE_STATUS&) {};
+  SERVICE_STATUS_HANDLE m_registration = kStatusHandle;
+
+ private:
+  std::mutex m_statesMutex;
+  std::vector<DWORD> m_states;
+
+  CallPatch<struct RegisterTag, SERVICE_STATUS_HANDLE(LPCSTR, LPHANDLER_FUNCTION)> m_register{
+      "ADVAPI32.dll", "RegisterServiceCtrlHandlerA",
+      [this](LPCSTR name, LPHANDLER_FUNCTION handler) {
+        m_journal.Call("RegisterServiceCtrlHandlerA(" + Quoted(name) + ", " +
+                       (handler == &ExposedService::Handler ? "Handler" : "another function") +
+                       ")");
+        return m_registration;
+      }};
+  CallPatch<struct ReportTag, BOOL(SERVICE_STATUS_HANDLE, LPSERVICE_STATUS)> m_report{
+      "ADVAPI32.dll", "SetServiceStatus",
+      [this](SERVICE_STATUS_HANDLE handle, LPSERVICE_STATUS record) {
+        const SERVICE_STATUS status = *record;
+        m_beforeReport(status);
+        {
+          const std::lock_guard guard(m_statesMutex);
+          m_states.push_back(status.dwCurrentState);
+        }
+        m_journal.Call("SetServiceStatus(" +
+                       std::string(handle == kStatusHandle ? "" : "without the handle, ") +
+                       "state " + std::to_string(status.dwCurrentState) + ", type " +
+                       Hex(status.dwServiceType) + ", accepts " + Hex(status.dwControlsAccepted) +
+                       ", exit " + std::to_string(status.dwWin32ExitCode) + ", specific " +
+                       std::to_string(status.dwServiceSpecificExitCode) + ", check point " +
+                       std::to_string(status.dwCheckPoint) + ", hint " +
+                       std::to_string(status.dwWaitHint) + ")");
+        SetLastError(kRubbishError);
+        return FALSE;  // which nobody minds
+      }};
+  CallPatch<struct DebugTag, void(LPCSTR)> m_debug{
+      "KERNEL32.dll", "OutputDebugStringA", [this](LPCSTR text) {
+        m_journal.Call(std::string("OutputDebugStringA(") + text + ")");
+        SetLastError(kRubbishError);
+      }};
+};
+
+// ---- Construction, layout, destruction ----
+
+TEST_F(NTService, ConstructorSetsTheDefaults) {
+  const ExposedService service("Sample");
+  EXPECT_STREQ(service.m_szServiceName, "Sample");
+  EXPECT_EQ(service.m_nSpare1, 1);
+  EXPECT_EQ(service.m_nSpare2, 0);
+  EXPECT_EQ(service.m_hServiceStatus, nullptr);
+  EXPECT_EQ(service.m_ServiceStatus.dwServiceType, 0x10U);
+  EXPECT_EQ(service.m_ServiceStatus.dwCurrentState, 1U);
+  EXPECT_EQ(service.m_ServiceStatus.dwControlsAccepted, 0x5U);
+  EXPECT_EQ(service.m_ServiceStatus.dwWin32ExitCode, 0U);
+  EXPECT_EQ(service.m_ServiceStatus.dwServiceSpecificExitCode, 0U);
+  EXPECT_EQ(service.m_ServiceStatus.dwCheckPoint, 0U);
+  EXPECT_EQ(service.m_ServiceStatus.dwWaitHint, 0U);
+  EXPECT_EQ(service.m_bRunning, FALSE);
+  EXPECT_FALSE(service.m_bNotifyServer);
+  EXPECT_EQ(service.m_hEventLogSource, nullptr);
+  EXPECT_EQ(service.ExitCode(), 0U);
+  EXPECT_THAT(m_journal.Entries(),
+              ElementsAre(Line("CNTService", "Entry"), Line("CNTService", "Exit")));
+}
+
+TEST_F(NTService, NameOf62CharactersIsKept) {
+  const std::string name(62, 'n');
+  const ExposedService service(name.c_str());
+  EXPECT_EQ(service.m_szServiceName, name);
+}
+
+TEST_F(NTService, NameIsCutAt63Characters) {
+  const ExposedService service(std::string(100, 'n').c_str());
+  EXPECT_EQ(service.m_szServiceName, std::string(63, 'n'));
+}
+
+TEST_F(NTService, FieldsStandInTheirOrderBehindTheTableOfVirtualFunctions) {
+  const ExposedService service("Sample");
+  EXPECT_EQ(service.OffsetOf(service.m_szServiceName), 8U);
+  EXPECT_EQ(sizeof(service.m_szServiceName), 64U);
+  EXPECT_EQ(service.OffsetOf(service.m_nSpare1), 72U);
+  EXPECT_EQ(service.OffsetOf(service.m_nSpare2), 76U);
+  EXPECT_EQ(service.OffsetOf(service.m_hServiceStatus), 80U);
+  EXPECT_EQ(service.OffsetOf(service.m_ServiceStatus), 88U);
+  EXPECT_EQ(service.OffsetOf(service.m_bRunning), 116U);
+  EXPECT_EQ(sizeof(service.m_bRunning), 4U);
+  EXPECT_EQ(service.OffsetOf(service.m_bNotifyServer), 120U);
+  EXPECT_EQ(sizeof(service.m_bNotifyServer), 1U);
+  EXPECT_EQ(service.OffsetOf(service.m_hEventLogSource), 128U);
+}
+
+TEST_F(NTService, VirtualFunctionsStandInTheirOrderBehindTheDestructor) {
+#ifdef _MSC_VER
+  constexpr std::size_t kDestructorSlots = 1;
+#else
+  constexpr std::size_t kDestructorSlots = 2;  // one of them frees the object as well
+#endif
+  using Hook = BOOL (*)(CNTService*, DWORD);
+  JournalService service(m_journal, "Sample");
+  const auto* const table = *reinterpret_cast<const Hook* const*>(&service);
+  for (std::size_t hook = 0; hook < 8; ++hook) {
+    // What a hook does not take is left in a register.
+    table[kDestructorSlots + hook](&service, 128);
+  }
+  EXPECT_THAT(m_journal.Calls(), ElementsAre("Run", "OnInit", "OnStop", "OnInterrogate", "OnPause",
+                                             "OnContinue", "OnShutdown", "OnUserControl(128)"));
+}
+
+class EventSources : public NTService {
+ protected:
+  CallPatch<struct DeregisterTag, BOOL(HANDLE)> m_deregister{
+      "ADVAPI32.dll", "DeregisterEventSource", [this](HANDLE source) {
+        m_journal.Call("DeregisterEventSource(" + Hex(reinterpret_cast<ULONG_PTR>(source)) + ")");
+        return TRUE;
+      }};
+};
+
+TEST_F(EventSources, DestructorLeavesAMissingEventSourceAlone) {
+  { const JournalService service(m_journal, "Sample"); }
+  EXPECT_THAT(m_journal.Entries(),
+              ElementsAre(Line("~CNTService", "Entry"), Line("~CNTService", "Exit")));
+}
+
+TEST_F(EventSources, DestructorDeregistersTheEventSource) {
+  {
+    JournalService service(m_journal, "Sample");
+    service.m_hEventLogSource = reinterpret_cast<HANDLE>(ULONG_PTR{0x4711});
+  }
+  EXPECT_THAT(m_journal.Entries(),
+              ElementsAre(Line("~CNTService", "Entry"), "DeregisterEventSource(0x4711)",
+                          Line("~CNTService", "Exit")));
+}
+
+TEST_F(NTService, DestructorIsVirtual) {
+  class Derived : public JournalService {
+   public:
+    explicit Derived(Journal& journal) : JournalService(journal, "Sample"), m_own(journal) {}
+    ~Derived() override { m_own.Call("~Derived"); }
+
+   private:
+    Journal& m_own;
+  };
+  std::unique_ptr<CNTService> service = std::make_unique<Derived>(m_journal);
+  service.reset();
+  EXPECT_THAT(m_journal.Entries(),
+              ElementsAre("~Derived", Line("~CNTService", "Entry"), Line("~CNTService", "Exit")));
+}
+
+TEST_F(NTService, CallbacksReachTheObjectThatWasConstructedLast) {
+  JournalService first(m_journal, "First");
+  JournalService second(m_journal, "Second");
+  first.m_hServiceStatus = kStatusHandle;
+  second.m_hServiceStatus = kStatusHandle;
+  ExposedService::Handler(SERVICE_CONTROL_USER_STOP);
+  EXPECT_FALSE(first.m_bNotifyServer);
+  EXPECT_TRUE(second.m_bNotifyServer);
+  ExposedService::ServiceMain(0, nullptr);
+  EXPECT_THAT(m_journal.Calls(),
+              ::testing::Contains("RegisterServiceCtrlHandlerA(\"Second\", Handler)"));
+}
+
+// ---- Default hooks ----
+
+TEST_F(NTService, DefaultHooksOnlyWriteTheirLines) {
+  ExposedService service("Sample");
+  m_journal.Clear();
+  service.Run();
+  EXPECT_TRUE(service.OnInit());
+  service.OnStop();
+  service.OnInterrogate();
+  service.OnPause();
+  service.OnContinue();
+  service.OnShutdown();
+  EXPECT_FALSE(service.OnUserControl(128));
+  EXPECT_THAT(m_journal.Entries(),
+              ElementsAre(Line("Run", "Entry"), Line("Run", "Exit"), Line("OnInit", "Entry"),
+                          Line("OnInit", "Exit"), Line("OnStop", "Entry"), Line("OnStop", "Exit"),
+                          Line("OnInterrogate", "Entry"), Line("OnInterrogate", "Exit"),
+                          Line("OnPause", "Entry"), Line("OnPause", "Exit"),
+                          Line("OnContinue", "Entry"), Line("OnContinue", "Exit"),
+                          Line("OnShutdown", "Entry"), Line("OnShutdown", "Exit"),
+                          Line("OnUserControl", "Entry"), Line("OnUserControl", "Exit")));
+}
+
+TEST_F(NTService, WithTheDefaultRunTheServiceReportsRunningAndThenStoppedAtOnce) {
+  const ExposedService service("Sample");
+  ExposedService::ServiceMain(0, nullptr);
+  EXPECT_THAT(States(), ElementsAre(2U, 4U, 1U));
+}
+
+// ---- StartService ----
+
+class Dispatcher : public NTService {
+ protected:
+  BOOL m_result = TRUE;
+
+  CallPatch<struct DispatcherTag, BOOL(const SERVICE_TABLE_ENTRYA*)> m_dispatcher{
+      "ADVAPI32.dll", "StartServiceCtrlDispatcherA", [this](const SERVICE_TABLE_ENTRYA* table) {
+        const bool ends = table[1].lpServiceName == nullptr && table[1].lpServiceProc == nullptr;
+        m_journal.Call(
+            "StartServiceCtrlDispatcherA(" + Quoted(table[0].lpServiceName) + ", " +
+            (table[0].lpServiceProc == &ExposedService::ServiceMain ? "ServiceMain" : "another") +
+            (ends ? ", end)" : ", more)"));
+        SetLastError(ERROR_FAILED_SERVICE_CONTROLLER_CONNECT);
+        return m_result;
+      }};
+};
+
+TEST_F(Dispatcher, GetsTheNameAndTheEntryPoint) {
+  JournalService service(m_journal, "Sample");
+  EXPECT_TRUE(service.StartService());
+  EXPECT_THAT(m_journal.Entries(),
+              ElementsAre(Line("StartService", "Entry"),
+                          Line("StartService", "Before calling StartServiceCtrlDispatcher"),
+                          "StartServiceCtrlDispatcherA(\"Sample\", ServiceMain, end)",
+                          Line("StartService", "After calling StartServiceCtrlDispatcher"),
+                          Line("StartService", "Exit")));
+}
+
+TEST_F(Dispatcher, FailureIsReturnedAndWritesNoLineOfItsOwn) {
+  JournalService service(m_journal, "Sample");
+  m_result = FALSE;
+  EXPECT_FALSE(service.StartService());
+  EXPECT_EQ(GetLastError(), DWORD{ERROR_FAILED_SERVICE_CONTROLLER_CONNECT});
+  EXPECT_THAT(m_journal.Traces(),
+              ElementsAre(Line("StartService", "Entry"),
+                          Line("StartService", "Before calling StartServiceCtrlDispatcher"),
+                          Line("StartService", "After calling StartServiceCtrlDispatcher"),
+                          Line("StartService", "Exit")));
+}
+
+// ---- ServiceMain and Initialize ----
+
+TEST_F(NTService, ServiceMainRunsTheServiceFromStartPendingToStopped) {
+  JournalService service(m_journal, "Sample");
+  ExposedService::ServiceMain(0, nullptr);
+  EXPECT_THAT(m_journal.Entries(),
+              ElementsAreArray(Joined({{Line("ServiceMain", "Entry"),
+                                        "RegisterServiceCtrlHandlerA(\"Sample\", Handler)",
+                                        Line("Initialize", "Entry")},
+                                       SetStatusSteps(2, Report(2)),
+                                       {"OnInit"},
+                                       SetStatusSteps(4, Report(4, kRubbishError)),
+                                       {Line("Initialize", "Exit"), "Run"},
+                                       SetStatusSteps(1, Report(1)),
+                                       {Line("ServiceMain", "Exit")}})));
+  EXPECT_EQ(service.ExitCode(), 0U);
+}
+
+TEST_F(NTService, ServiceMainSetsStartPendingBeforeItRegistersTheHandler) {
+  JournalService service(m_journal, "Sample");
+  m_registration = nullptr;
+  ExposedService::ServiceMain(0, nullptr);
+  EXPECT_EQ(service.m_ServiceStatus.dwCurrentState, 2U);
+}
+
+TEST_F(NTService, ServiceMainReportsNothingWhenTheHandlerCannotBeRegistered) {
+  JournalService service(m_journal, "Sample");
+  m_registration = nullptr;
+  ExposedService::ServiceMain(0, nullptr);
+  EXPECT_THAT(
+      m_journal.Entries(),
+      ElementsAre(Line("ServiceMain", "Entry"), "RegisterServiceCtrlHandlerA(\"Sample\", Handler)",
+                  Line("ServiceMain", "pService->m_hServiceStatus == NULL", 1)));
+}
+
+TEST_F(NTService, RunFindsTheServiceRunningAndItsRecordClear) {
+  JournalService service(m_journal, "Sample");
+  service.init = [&] {
+    service.m_ServiceStatus.dwCheckPoint = 3;
+    service.m_ServiceStatus.dwWaitHint = 1000;
+    SetLastError(ERROR_FILE_NOT_FOUND);
+    return TRUE;
+  };
+  bool ran = false;
+  service.run = [&] {
+    ran = true;
+    EXPECT_EQ(service.m_bRunning, TRUE);
+    EXPECT_EQ(service.m_hServiceStatus, kStatusHandle);
+    EXPECT_EQ(service.m_ServiceStatus.dwWin32ExitCode, 0U);
+    EXPECT_EQ(service.m_ServiceStatus.dwCheckPoint, 0U);
+    EXPECT_EQ(service.m_ServiceStatus.dwWaitHint, 0U);
+  };
+  ExposedService::ServiceMain(0, nullptr);
+  EXPECT_TRUE(ran);
+}
+
+TEST_F(NTService, ServiceMainClearsWhatInitializationLeftInTheRecord) {
+  JournalService service(m_journal, "Sample");
+  service.init = [] {
+    SetLastError(ERROR_FILE_NOT_FOUND);
+    return TRUE;
+  };
+  m_beforeReport = [&](const SERVICE_STATUS& status) {
+    if (status.dwCurrentState == SERVICE_RUNNING) {
+      // Between Initialize and Run nothing else can write there.
+      service.m_ServiceStatus.dwCheckPoint = 8;
+      service.m_ServiceStatus.dwWaitHint = 9;
+    }
+  };
+  ExposedService::ServiceMain(0, nullptr);
+  EXPECT_THAT(m_journal.Calls(), ::testing::Contains(Report(1, 0, 0, 0)));
+}
+
+TEST_F(NTService, InitializeReportsRunningWithTheLastErrorOfOnInit) {
+  JournalService service(m_journal, "Sample");
+  service.m_hServiceStatus = kStatusHandle;
+  service.m_ServiceStatus.dwCheckPoint = 3;
+  service.m_ServiceStatus.dwWaitHint = 1000;
+  service.init = [] {
+    SetLastError(ERROR_FILE_NOT_FOUND);
+    return TRUE;
+  };
+  EXPECT_TRUE(service.Initialize());
+  EXPECT_THAT(m_journal.Entries(),
+              ElementsAreArray(Joined({{Line("Initialize", "Entry")},
+                                       SetStatusSteps(2, Report(2, 0, 3, 1000)),
+                                       {"OnInit"},
+                                       SetStatusSteps(4, Report(4, 2)),
+                                       {Line("Initialize", "Exit")}})));
+}
+
+TEST_F(NTService, OnInitReturningFalseWithTheLastErrorFiveEndsTheServiceWithExitCodeFive) {
+  JournalService service(m_journal, "Sample");
+  service.init = [] {
+    SetLastError(ERROR_ACCESS_DENIED);
+    return FALSE;
+  };
+  ExposedService::ServiceMain(0, nullptr);
+  EXPECT_THAT(m_journal.Entries(),
+              ElementsAreArray(Joined({{Line("ServiceMain", "Entry"),
+                                        "RegisterServiceCtrlHandlerA(\"Sample\", Handler)",
+                                        Line("Initialize", "Entry")},
+                                       SetStatusSteps(2, Report(2)),
+                                       {"OnInit"},
+                                       SetStatusSteps(1, Report(1, 5)),
+                                       SetStatusSteps(1, Report(1, 5)),
+                                       {Line("ServiceMain", "Exit")}})));
+  EXPECT_EQ(service.ExitCode(), 5U);
+  EXPECT_EQ(service.m_bRunning, FALSE);
+}
+
+TEST_F(NTService, AnOrdinaryRunReportsStartPendingRunningStopPendingStopped) {
+  JournalService service(m_journal, "Sample");
+  service.run = [] { ExposedService::Handler(SERVICE_CONTROL_STOP); };
+  ExposedService::ServiceMain(0, nullptr);
+  EXPECT_THAT(States(), ElementsAre(2U, 4U, 3U, 3U, 1U));
+}
+
+// ---- Handler ----
+
+class Handler : public NTService {
+ protected:
+  Handler() {
+    m_service.m_hServiceStatus = kStatusHandle;
+    m_service.m_ServiceStatus.dwCurrentState = SERVICE_RUNNING;
+    m_service.m_bRunning = TRUE;
+    m_journal.Clear();
+  }
+
+  JournalService m_service{m_journal, "Sample"};
+};
+
+TEST_F(Handler, StopReportsStopPendingTwiceAndEndsTheRun) {
+  m_service.stop = [&] { EXPECT_EQ(m_service.m_bRunning, TRUE); };
+  ExposedService::Handler(SERVICE_CONTROL_STOP);
+  EXPECT_THAT(m_journal.Entries(),
+              ElementsAreArray(Joined({{Line("Handler", "Entry")},
+                                       SetStatusSteps(3, Report(3)),
+                                       {"OnStop", Report(3), Line("Handler", "Exit")}})));
+  EXPECT_EQ(m_service.m_bRunning, FALSE);
+  EXPECT_FALSE(m_service.m_bNotifyServer);
+}
+
+TEST_F(Handler, ControlCode140NotifiesTheServerAndStopsLikeCodeOne) {
+  m_service.stop = [&] { EXPECT_TRUE(m_service.m_bNotifyServer); };
+  ExposedService::Handler(140);
+  EXPECT_THAT(m_journal.Entries(),
+              ElementsAreArray(
+                  Joined({{Line("Handler", "Entry"), Line("Handler", "Got user stop notification")},
+                          SetStatusSteps(3, Report(3)),
+                          {"OnStop", Report(3), Line("Handler", "Exit")}})));
+  EXPECT_EQ(m_service.m_bRunning, FALSE);
+  EXPECT_TRUE(m_service.m_bNotifyServer);
+}
+
+TEST_F(Handler, ReportsTheRecordAsTheHookLeftIt) {
+  m_service.interrogate = [&] {
+    m_service.m_ServiceStatus.dwCheckPoint = 12;
+    m_service.m_ServiceStatus.dwWaitHint = 3000;
+    m_service.m_ServiceStatus.dwWin32ExitCode = 7;
+  };
+  ExposedService::Handler(SERVICE_CONTROL_INTERROGATE);
+  EXPECT_THAT(m_journal.Calls(), ElementsAre("OnInterrogate", Report(4, 7, 12, 3000)));
+}
+
+// Called twice, so that a first call that left something behind would show.
+TEST_F(Handler, TakesOneControlAfterAnother) {
+  ExposedService::Handler(SERVICE_CONTROL_INTERROGATE);
+  ExposedService::Handler(128);
+  ExposedService::Handler(SERVICE_CONTROL_STOP);
+  EXPECT_THAT(States(), ElementsAre(4U, 4U, 3U, 3U));
+}
+
+struct ControlCase {
+  DWORD control;
+  const char* hook;  // null: none
+};
+
+class HandlerControl : public Handler, public ::testing::WithParamInterface<ControlCase> {};
+
+TEST_P(HandlerControl, CallsItsHookAndReportsTheStatus) {
+  ExposedService::Handler(GetParam().control);
+  std::vector<std::string> expected = {Line("Handler", "Entry")};
+  if (GetParam().hook != nullptr) {
+    expected.push_back(GetParam().hook);
+  }
+  expected.insert(expected.end(), {Report(4), Line("Handler", "Exit")});
+  EXPECT_THAT(m_journal.Entries(), ElementsAreArray(expected));
+  EXPECT_EQ(m_service.m_bRunning, TRUE);
+  EXPECT_FALSE(m_service.m_bNotifyServer);
+}
+
+INSTANTIATE_TEST_SUITE_P(, HandlerControl,
+                         ::testing::Values(ControlCase{0, nullptr}, ControlCase{2, "OnPause"},
+                                           ControlCase{3, "OnContinue"},
+                                           ControlCase{4, "OnInterrogate"},
+                                           ControlCase{5, "OnShutdown"}, ControlCase{6, nullptr},
+                                           ControlCase{7, nullptr}, ControlCase{127, nullptr},
+                                           ControlCase{128, "OnUserControl(128)"},
+                                           ControlCase{139, "OnUserControl(139)"},
+                                           ControlCase{141, "OnUserControl(141)"},
+                                           ControlCase{255, "OnUserControl(255)"},
+                                           ControlCase{0x80000000, "OnUserControl(2147483648)"},
+                                           ControlCase{0xFFFFFFFF, "OnUserControl(4294967295)"}),
+                         [](const auto& test) {
+                           return "Code" + std::to_string(test.param.control);
+                         });
+
+TEST_F(NTService, PauseAndContinueAreNotAmongTheAcceptedControls) {
+  const ExposedService service("Sample");
+  EXPECT_EQ(service.m_ServiceStatus.dwControlsAccepted & DWORD{SERVICE_ACCEPT_PAUSE_CONTINUE}, 0U);
+}
+
+// ---- SetStatus and DebugMsg ----
+
+TEST_F(NTService, SetStatusLeavesCheckPointWaitHintAndExitCodeAlone) {
+  JournalService service(m_journal, "Sample");
+  service.m_hServiceStatus = kStatusHandle;
+  service.m_ServiceStatus.dwCheckPoint = 4;
+  service.m_ServiceStatus.dwWaitHint = 2500;
+  service.m_ServiceStatus.dwWin32ExitCode = 9;
+  service.SetStatus(SERVICE_PAUSED);
+  EXPECT_THAT(m_journal.Entries(), ElementsAreArray(SetStatusSteps(7, Report(7, 9, 4, 2500))));
+  EXPECT_EQ(service.m_ServiceStatus.dwCurrentState, 7U);
+}
+
+TEST_F(NTService, SetStatusPrintsOnlyTheLower32BitsOfTheHandle) {
+  JournalService service(m_journal, "Sample");
+  service.m_hServiceStatus = reinterpret_cast<SERVICE_STATUS_HANDLE>(ULONG_PTR{0xABCD'FFFF'FFFF});
+  service.SetStatus(4);
+  EXPECT_THAT(m_journal.Calls(), ::testing::Contains("OutputDebugStringA([Sample](" +
+                                                     std::to_string(GetCurrentThreadId()) +
+                                                     "): CNTService::SetStatus(4294967295, 4)\n)"));
+}
+
+class DebugMessage : public NTService {
+ protected:
+  const std::string m_prefix = "[Sample](" + std::to_string(GetCurrentThreadId()) + "): ";
+  JournalService m_service{m_journal, "Sample"};
+
+  std::string Sent() const {
+    const std::vector<std::string> calls = m_journal.Calls();
+    return calls.size() == 1 ? calls.front() : std::to_string(calls.size()) + " calls";
+  }
+};
+
+TEST_F(DebugMessage, CarriesPrefixTextAndLineFeed) {
+  m_service.DebugMsg("%s is at %d%%, %lu", "work", -5, 4000000000UL);
+  EXPECT_THAT(m_journal.Entries(),
+              ElementsAre(Line("DebugMsg", "Entry"),
+                          "OutputDebugStringA(" + m_prefix + "work is at -5%, 4000000000\n)",
+                          Line("DebugMsg", "Exit")));
+}
+
+TEST_F(DebugMessage, PercentSignsInTheServiceNameStandForThemselves) {
+  JournalService service(m_journal, "50%s");
+  service.DebugMsg("text");
+  EXPECT_EQ(Sent(),
+            "OutputDebugStringA([50%s](" + std::to_string(GetCurrentThreadId()) + "): text\n)");
+}
+
+TEST_F(DebugMessage, IsNotCutWhileItFits) {
+  const std::string text(1022 - m_prefix.size(), 'x');
+  m_service.DebugMsg("%s", text.c_str());
+  EXPECT_EQ(Sent(), "OutputDebugStringA(" + m_prefix + text + "\n)");
+}
+
+TEST_F(DebugMessage, IsCutAt1023CharactersAndKeepsItsLineFeed) {
+  m_service.DebugMsg("%s", std::string(1023 - m_prefix.size(), 'x').c_str());
+  EXPECT_EQ(Sent(),
+            "OutputDebugStringA(" + m_prefix + std::string(1022 - m_prefix.size(), 'x') + "\n)");
+}
+
+TEST_F(DebugMessage, FarTooLongIsCutAsWell) {
+  m_service.DebugMsg("<%s>", std::string(5000, 'x').c_str());
+  EXPECT_EQ(Sent(), "OutputDebugStringA(" + m_prefix + "<" +
+                        std::string(1021 - m_prefix.size(), 'x') + "\n)");
+}
+
+// ---- The order of the last reports ----
+
+// A service thread and a control handler at the same time. The service's Run waits until Finish.
+class LastReport : public NTService {
+ protected:
+  LastReport() {
+    m_service.run = [this] {
+      SetEvent(m_runs.Get());
+      WaitForSingleObject(m_finish.Get(), INFINITE);
+    };
+    m_service.stop = [this] { Finish(); };
+  }
+
+  static KernelHandle MakeEvent() {
+    return KernelHandle(CreateEventW(nullptr, /*bManualReset=*/TRUE, FALSE, nullptr));
+  }
+
+  void Finish() const { SetEvent(m_finish.Get()); }
+
+  std::thread StartServiceThread() const {
+    std::thread thread([] { ExposedService::ServiceMain(0, nullptr); });
+    WaitForSingleObject(m_runs.Get(), INFINITE);
+    return thread;
+  }
+
+  const KernelHandle m_runs = MakeEvent();
+  const KernelHandle m_finish = MakeEvent();
+  // Set when the service thread waits for the handler, or has gone ahead without waiting.
+  const KernelHandle m_serviceThreadIsThere = MakeEvent();
+  JournalService m_service{m_journal, "Sample"};
+
+  std::function<BOOL(volatile void*, void*, SIZE_T, DWORD)> m_wait =
+      [this](volatile void* address, void* compared, SIZE_T size, DWORD milliseconds) {
+        SetEvent(m_serviceThreadIsThere.Get());
+        return m_waitOnAddress.CallOriginal(address, compared, size, milliseconds);
+      };
+  CallPatch<struct WaitTag, BOOL(volatile void*, void*, SIZE_T, DWORD)> m_waitOnAddress{
+      "api-ms-win-core-synch-l1-2-0.dll", "WaitOnAddress",
+      [this](volatile void* address, void* compared, SIZE_T size, DWORD milliseconds) {
+        return m_wait(address, compared, size, milliseconds);
+      }};
+};
+
+TEST_F(LastReport, OfAStopWaitsForTheHandlersSecondReport) {
+  unsigned stopPending = 0;
+  m_beforeReport = [&](const SERVICE_STATUS& status) {
+    if (status.dwCurrentState == SERVICE_STOPPED) {
+      SetEvent(m_serviceThreadIsThere.Get());
+    } else if (status.dwCurrentState == SERVICE_STOP_PENDING && ++stopPending == 2) {
+      WaitForSingleObject(m_serviceThreadIsThere.Get(), INFINITE);
+    }
+  };
+  std::thread serviceThread = StartServiceThread();
+  ExposedService::Handler(SERVICE_CONTROL_STOP);
+  serviceThread.join();
+  EXPECT_THAT(States(), ElementsAre(2U, 4U, 3U, 3U, 1U));
+}
+
+TEST_F(LastReport, WaitsForAnInterrogateInFlight) {
+  m_service.interrogate = [this] { Finish(); };
+  m_beforeReport = [&](const SERVICE_STATUS& status) {
+    if (status.dwCurrentState == SERVICE_STOPPED) {
+      SetEvent(m_serviceThreadIsThere.Get());
+    } else if (WaitForSingleObject(m_finish.Get(), 0) == WAIT_OBJECT_0) {
+      WaitForSingleObject(m_serviceThreadIsThere.Get(), INFINITE);
+    }
+  };
+  std::thread serviceThread = StartServiceThread();
+  ExposedService::Handler(SERVICE_CONTROL_INTERROGATE);
+  serviceThread.join();
+  EXPECT_THAT(States(), ElementsAre(2U, 4U, 4U, 1U));
+}
+
+TEST_F(LastReport, WaitsAgainWhenItIsWokenForNothing) {
+  unsigned waits = 0;
+  m_wait = [&](volatile void* address, void* compared, SIZE_T size, DWORD milliseconds) {
+    if (++waits == 1) {
+      return TRUE;
+    }
+    SetEvent(m_serviceThreadIsThere.Get());
+    return m_waitOnAddress.CallOriginal(address, compared, size, milliseconds);
+  };
+  unsigned stopPending = 0;
+  m_beforeReport = [&](const SERVICE_STATUS& status) {
+    if (status.dwCurrentState == SERVICE_STOPPED) {
+      SetEvent(m_serviceThreadIsThere.Get());
+    } else if (status.dwCurrentState == SERVICE_STOP_PENDING && ++stopPending == 2) {
+      WaitForSingleObject(m_serviceThreadIsThere.Get(), INFINITE);
+    }
+  };
+  std::thread serviceThread = StartServiceThread();
+  ExposedService::Handler(SERVICE_CONTROL_STOP);
+  serviceThread.join();
+  EXPECT_THAT(States(), ElementsAre(2U, 4U, 3U, 3U, 1U));
+  EXPECT_GE(waits, 2U);
+}
+
+TEST_F(LastReport, ComesAfterFiveSecondsWhenTheHandlerHangs) {
+  ULONGLONG now = 100'000;
+  CallPatch<struct TickTag, ULONGLONG()> tick("KERNEL32.dll", "GetTickCount64",
+                                              [&] { return now; });
+  m_wait = [&](volatile void*, void*, SIZE_T, DWORD milliseconds) {
+    now += milliseconds;
+    SetLastError(ERROR_TIMEOUT);
+    return FALSE;
+  };
+  const KernelHandle hangs = MakeEvent();
+  const KernelHandle release = MakeEvent();
+  m_beforeReport = [&](const SERVICE_STATUS& status) {
+    if (status.dwCurrentState == SERVICE_RUNNING &&
+        WaitForSingleObject(m_runs.Get(), 0) == WAIT_OBJECT_0) {
+      SetEvent(hangs.Get());
+      WaitForSingleObject(release.Get(), INFINITE);
+    }
+  };
+  std::thread serviceThread = StartServiceThread();
+  std::thread handler([] { ExposedService::Handler(SERVICE_CONTROL_INTERROGATE); });
+  WaitForSingleObject(hangs.Get(), INFINITE);
+  Finish();
+  serviceThread.join();
+  EXPECT_THAT(States(), ElementsAre(2U, 4U, 1U));
+  EXPECT_EQ(now, 105'000U);
+  SetEvent(release.Get());
+  handler.join();
+}
+
+TEST_F(LastReport, IsNotHeldUpWithoutAHandler) {
+  m_wait = [&](volatile void*, void*, SIZE_T, DWORD) {
+    m_journal.Call("WaitOnAddress");
+    return TRUE;
+  };
+  Finish();
+  ExposedService::ServiceMain(0, nullptr);
+  EXPECT_THAT(m_journal.Calls(), ::testing::Not(::testing::Contains("WaitOnAddress")));
+}
+
+TEST_F(LastReport, IsStoppedInEveryOneOfManyStops) {
+  for (int i = 0; i < 500; ++i) {
+    ResetEvent(m_runs.Get());
+    ResetEvent(m_finish.Get());
+    std::thread serviceThread = StartServiceThread();
+    ExposedService::Handler(SERVICE_CONTROL_STOP);
+    serviceThread.join();
+    ASSERT_EQ(States().back(), DWORD{SERVICE_STOPPED}) << "in run " << i;
+  }
+}
+
+}  // namespace
