@@ -227,7 +227,7 @@ void CNTService::CommandUninstall() {
   if (!Uninstall()) {
     const DWORD error = GetLastError();
     parseTrace.Info("Uninstall Failed");
-    std::printf("Could not remove %s. Error %lu\n", m_szServiceName, error);
+    std::printf("Could not remove %s. Error %d\n", m_szServiceName, static_cast<int>(error));
     return;
   }
   parseTrace.Info("Uninstall Success");
