@@ -32,18 +32,6 @@ bool GetConfigurationFile(wchar_t (&path)[kFolderBufferLength]) {
          SUCCEEDED(StringCchCatW(path, kFolderBufferLength, kConfigurationFile));
 }
 
-// Makes sure that an identifier is stored. The program goes on whatever happens here.
-void EnsureClientUUID(const Trace& trace) noexcept {
-  try {
-    if (!IsClientUUIDPresent()) {
-      static_cast<void>(CreateAndSetClientUUID());  // it traced why it failed
-    }
-  } catch (...) {
-    // Out of memory on the way through WMI; the next start tries again.
-    trace.Error("CreateAndSetClientUUID Failed");
-  }
-}
-
 }  // namespace
 
 bool IsClientUUIDPresent() {
@@ -55,7 +43,7 @@ bool IsClientUUIDPresent() {
     return false;
   }
   wchar_t wszClientId[kStoredIdentifierLength];
-  if (GetPrivateProfileStringW(kSection, kIdentifierKey, /*lpDefault=*/L"", wszClientId,
+  if (GetPrivateProfileStringW(kSection, kIdentifierKey, /*lpDefault=*/nullptr, wszClientId,
                                kStoredIdentifierLength, wszFilePath) == 0) {
     trace.Error("Client UUID is not present in INI .Creating new ...");
     return false;
@@ -128,7 +116,9 @@ int main(int argc, char** argv) {
     return 0;
   }
 
-  EnsureClientUUID(trace);
+  if (!IsClientUUIDPresent()) {
+    static_cast<void>(CreateAndSetClientUUID());  // it traced why it failed
+  }
 
   trace.Info("Before Creating CAcAsSvc Object");
   CAcAsSvc asServiceObj(szServiceName);

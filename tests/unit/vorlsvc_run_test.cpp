@@ -236,6 +236,11 @@ class RunTest : public ::testing::Test {
           EXPECT_EQ(milliseconds, INFINITE);
           timeline.Note("WaitForSingleObject watcher thread");
           ++waitsForWatcher;
+          // Does not let a lost signal hang the test.
+          if (m_wait.CallOriginal(handle, 30000) == WAIT_TIMEOUT) {
+            ADD_FAILURE() << "the watcher has missed its signal";
+            EndWatcher();
+          }
         }
         return m_wait.CallOriginal(handle, milliseconds);
       }};
