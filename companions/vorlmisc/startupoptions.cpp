@@ -1,6 +1,6 @@
 #include "companions/vorlmisc/startupoptions.h"
 
-#include <cstring>
+#include <cwchar>
 #include <limits>
 #include <optional>
 
@@ -24,6 +24,15 @@ int DigitValue(wchar_t digit) noexcept {
     return digit - L'A' + 10;
   }
   return std::numeric_limits<int>::max();
+}
+
+// Windows keeps a comment behind a value.
+void CutComment(wchar_t* value) noexcept {
+  wchar_t* end = value + std::wcscspn(value, L";");
+  while (end != value && (end[-1] == L' ' || end[-1] == L'\t')) {
+    --end;
+  }
+  *end = L'\0';
 }
 
 // The number that the whole of `text` states, or nothing when it states none from 0 to `largest`.
@@ -60,7 +69,9 @@ class OptionReader {
   Number ReadNumber(const wchar_t* key) const noexcept {
     constexpr DWORD largest = std::numeric_limits<Number>::max();
     wchar_t value[kValueSize];
-    if (ReadValue(key, value) == 0) {
+    ReadValue(key, value);
+    CutComment(value);
+    if (value[0] == L'\0') {
       return 0;
     }
     const std::optional<DWORD> number = ParseNumber(value, largest);

@@ -3,9 +3,10 @@
 #include "support/vorlmisc.h"
 
 // Fills `options`, all zero so far, from the section [STARTUP_OPTIONS] of `configurationFile`: each
-// field from the key of its own name; numbers decimal or hexadecimal with 0x. A field whose key is
-// missing or empty stays zero, and so, after one trace line, does one whose number is out of range
-// or whose text does not fit or cannot be written in the system's ANSI code page.
+// field from the key of its own name; numbers decimal or hexadecimal with 0x, from a ";" on a
+// comment. A field whose key is missing or empty stays zero, and so, after one trace line, does one
+// whose number is out of range or whose text does not fit or cannot be written in the system's ANSI
+// code page.
 //
 // No file: all zero, which is a success. A file that cannot be opened: false, after one trace line.
 bool ReadStartUpOptions(const char* functionName, const wchar_t* configurationFile,

@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "tests/fakes/vlevtlog_fake.h"
+#include "tests/support/empty_machine_key.h"
 #include "tests/support/installation.h"
 
 using ::testing::Each;
@@ -24,39 +25,6 @@ namespace {
 using FolderFunction = BOOLEAN(wchar_t*, DWORD);
 using LogOptionsFunction = BOOLEAN();
 using StartUpOptionsFunction = BOOLEAN(CLIENT_AGENT_STARTUP_OPTIONS*);
-
-// Everything below HKEY_LOCAL_MACHINE comes from an empty key for as long as this lives, in this
-// process only.
-class EmptyMachineKey {
- public:
-  EmptyMachineKey() : m_path(L"Software\\vorlmisc_test_" + std::to_wstring(GetCurrentProcessId())) {
-    RegCreateKeyExW(HKEY_CURRENT_USER, m_path.c_str(), 0, nullptr, REG_OPTION_VOLATILE,
-                    KEY_ALL_ACCESS, nullptr, m_key.Receive(), nullptr);
-    EXPECT_EQ(RegOverridePredefKey(HKEY_LOCAL_MACHINE, m_key.Get()), ERROR_SUCCESS);
-  }
-  ~EmptyMachineKey() {
-    RegOverridePredefKey(HKEY_LOCAL_MACHINE, nullptr);
-    RegDeleteTreeW(HKEY_CURRENT_USER, m_path.c_str());
-  }
-  EmptyMachineKey(const EmptyMachineKey&) = delete;
-  EmptyMachineKey& operator=(const EmptyMachineKey&) = delete;
-
-  static void SetValue(const wchar_t* name, DWORD type, const void* data, std::size_t size) {
-    RegistryKey key;
-    RegCreateKeyExW(HKEY_LOCAL_MACHINE, L"SOFTWARE\\Client Agent\\1", 0, nullptr,
-                    REG_OPTION_VOLATILE, KEY_ALL_ACCESS, nullptr, key.Receive(), nullptr);
-    EXPECT_EQ(RegSetValueExW(key.Get(), name, 0, type, static_cast<const BYTE*>(data),
-                             static_cast<DWORD>(size)),
-              ERROR_SUCCESS);
-  }
-  static void SetText(const wchar_t* name, const std::wstring& text, DWORD type = REG_SZ) {
-    SetValue(name, type, text.c_str(), (text.size() + 1) * sizeof(wchar_t));
-  }
-
- private:
-  std::wstring m_path;
-  RegistryKey m_key;
-};
 
 class SupportLibrary : public ::testing::Test {
  protected:
@@ -343,6 +311,15 @@ TEST_F(SupportLibrary, NumbersReachFromZeroToTheLargestDecimalOrHexadecimal) {
   EXPECT_THAT(Lines(), IsEmpty());
 }
 
+TEST_F(SupportLibrary, CommentMayFollowANumberButBelongsToAText) {
+  EXPECT_TRUE(ReadOptions("Word1=5 ; five\r\nWord2=0x10;sixteen\r\nWord3=;none\r\nText1=a;b\r\n"));
+  EXPECT_EQ(m_options.Word1, 5);
+  EXPECT_EQ(m_options.Word2, 16);
+  EXPECT_EQ(m_options.Word3, 0);
+  EXPECT_STREQ(m_options.Text1, "a;b");
+  EXPECT_THAT(Lines(), IsEmpty());
+}
+
 TEST_F(SupportLibrary, NumberOutOfRangeIsRefusedWithOneLineAndLeftZero) {
   EXPECT_TRUE(ReadOptions(
       "Word1=65536\r\nWord2=0x10000\r\nWord3=5\r\nDword1=4294967296\r\n"
@@ -363,7 +340,7 @@ TEST_F(SupportLibrary, NumberOutOfRangeIsRefusedWithOneLineAndLeftZero) {
 }
 
 TEST_F(SupportLibrary, WhatIsNoNumberIsRefusedWithOneLineAndLeftZero) {
-  for (const std::string value : {"-1", "+1", "0x", "1.5", "12ab", "ten", "0b11", "1 2", "5 ; five",
+  for (const std::string value : {"-1", "+1", "0x", "1.5", "12ab", "ten", "0b11", "1 2", "5 five",
                                   "0x-1", "0xG", "1e3", "\"\"0"}) {
     EXPECT_TRUE(ReadOptions("Dword1=" + value + "\r\n"));
     EXPECT_TRUE(AllOptionsAreZero());
