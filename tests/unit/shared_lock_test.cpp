@@ -1,0 +1,112 @@
+#include "companions/vlevtlog/shared_lock.h"
+
+#include <gtest/gtest.h>
+
+#include <thread>
+#include <vector>
+
+#include "support/windows_api.h"
+
+namespace {
+
+constexpr std::uint32_t kLittlePatience = 30;
+constexpr std::uint32_t kMuchPatience = 60000;
+
+class SharedLockTest : public testing::Test {
+ protected:
+  ~SharedLockTest() override { m_names.Close(); }
+
+  LockResult Take(std::uint32_t patience = kMuchPatience) {
+    return TakeLock(m_lock, m_names.OwnName(), patience);
+  }
+  void Release() { ReleaseLock(m_lock, m_names.OwnName()); }
+
+  SharedLockState m_lock{};
+  ThreadNames m_names;
+};
+
+TEST_F(SharedLockTest, IsFreeWhenAllZero) {
+  EXPECT_EQ(Take(), LockResult::kTaken);
+  Release();
+  EXPECT_EQ(m_lock.holder.load(), 0U);
+  EXPECT_EQ(Take(), LockResult::kTaken);
+}
+
+TEST_F(SharedLockTest, RefusesTheThreadThatHoldsIt) {
+  ASSERT_EQ(Take(), LockResult::kTaken);
+  EXPECT_EQ(Take(), LockResult::kNotTaken);
+}
+
+TEST_F(SharedLockTest, NamesAThreadTheSameWayEveryTime) {
+  const std::uint64_t name = m_names.OwnName();
+  EXPECT_EQ(m_names.OwnName(), name);
+  EXPECT_EQ(static_cast<DWORD>(name), GetCurrentThreadId());
+  ThreadNames others;
+  EXPECT_EQ(others.OwnName(), name);
+  others.Close();
+}
+
+TEST_F(SharedLockTest, IsGivenUpWhenALivingHolderDoesNotMove) {
+  ASSERT_EQ(Take(), LockResult::kTaken);
+  LockResult result = LockResult::kTaken;
+  std::thread([&] { result = Take(kLittlePatience); }).join();
+  EXPECT_EQ(result, LockResult::kNotTaken);
+  EXPECT_EQ(m_lock.holder.load(), m_names.OwnName());
+}
+
+TEST_F(SharedLockTest, IsTakenFromAThreadThatEnded) {
+  std::thread([&] { ASSERT_EQ(Take(), LockResult::kTaken); }).join();
+  EXPECT_EQ(Take(), LockResult::kTakenFromTheDead);
+  Release();
+  EXPECT_EQ(Take(), LockResult::kTaken);
+}
+
+TEST_F(SharedLockTest, IsTakenFromAThreadWhoseIdentifierIsInUseAgain) {
+  std::thread([&] {
+    const std::uint64_t namesake = m_names.OwnName() ^ (std::uint64_t{2} << 32);
+    m_lock.holder.store(namesake);
+    // The namesake of this thread died before this thread was born.
+    LockResult result = LockResult::kNotTaken;
+    std::thread([&] { result = Take(); }).join();
+    EXPECT_EQ(result, LockResult::kTakenFromTheDead);
+  }).join();
+}
+
+TEST_F(SharedLockTest, IsTakenFromRubbish) {
+  m_lock.holder.store(0xFEDCBA9876543211);
+  m_lock.releases.store(0x123456789);
+  EXPECT_EQ(Take(), LockResult::kTakenFromTheDead);
+}
+
+TEST_F(SharedLockTest, IsNotFreedByAThreadThatLostIt) {
+  std::thread([&] {
+    ASSERT_EQ(Take(), LockResult::kTaken);
+    m_lock.holder.store(12345);
+    Release();
+    EXPECT_EQ(m_lock.holder.load(), 12345U);
+  }).join();
+}
+
+TEST_F(SharedLockTest, LetsOneThreadInAtATime) {
+  constexpr int kThreads = 4;
+  constexpr int kRounds = 20000;
+  int counter = 0;
+  std::vector<std::thread> threads;
+  for (int i = 0; i < kThreads; ++i) {
+    threads.emplace_back([&] {
+      for (int round = 0; round < kRounds; ++round) {
+        ASSERT_EQ(Take(), LockResult::kTaken);
+        // Not atomic on purpose.
+        const int seen = *const_cast<volatile int*>(&counter);
+        *const_cast<volatile int*>(&counter) = seen + 1;
+        Release();
+      }
+    });
+  }
+  for (std::thread& thread : threads) {
+    thread.join();
+  }
+  EXPECT_EQ(counter, kThreads * kRounds);
+}
+
+}  // namespace
