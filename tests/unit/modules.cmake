@@ -16,6 +16,8 @@ set_target_properties(
 
 vorl_module_test(vorlinfo vorlinfo vorlinfo_next)
 vorl_module_test(vorlmisc vorlmisc)
+configure_file("${PROJECT_SOURCE_DIR}/packaging/vorlconf.ini"
+               "${VORL_UNIT_TEST_FOLDER}/sample/vorlconf.ini" COPYONLY)
 vorl_module_test(vorlcore vorlcore)
 vorl_module_test(vorlhelper vorlhelper)
 target_link_libraries(vorlhelper_test PRIVATE helperserver)

@@ -7,6 +7,7 @@
 
 #include <array>
 #include <cstring>
+#include <fstream>
 #include <string>
 #include <vector>
 
@@ -453,6 +454,32 @@ TEST_F(SupportLibrary, EveryRoundReadsTheFoldersAndTheFileAnew) {
     EXPECT_TRUE(ReadOptions());
     EXPECT_EQ(m_options.Word1, round + 1);
   }
+  EXPECT_THAT(Lines(), IsEmpty());
+}
+
+// The file that the installer ships, as it is and with all its comments of settings taken off.
+TEST_F(SupportLibrary, SampleConfigurationStatesTheDefaults) {
+  const fs::path sample =
+      StagedFolder().parent_path() / "tests" / "unit" / "sample" / "vorlconf.ini";
+  fs::create_directory(m_installation / "conf");
+  const fs::path file = m_installation / "conf" / "vorlconf.ini";
+  fs::copy_file(sample, file);
+  EXPECT_TRUE(ReadOptions());
+  EXPECT_TRUE(AllOptionsAreZero());
+
+  std::ifstream in(sample);
+  std::string text;
+  unsigned settings = 0;
+  for (std::string line; std::getline(in, line);) {
+    const bool isSetting = line.starts_with(";") && line.find('=') != std::string::npos;
+    text += (isSetting ? line.substr(1) : line) + "\r\n";
+    settings += isSetting ? 1U : 0U;
+  }
+  EXPECT_EQ(settings, 19U);
+  fs::remove_all(m_installation / "conf");
+  WriteText(file, text);
+  EXPECT_TRUE(ReadOptions());
+  EXPECT_TRUE(AllOptionsAreZero());
   EXPECT_THAT(Lines(), IsEmpty());
 }
 
