@@ -59,7 +59,7 @@ std::uint32_t DecodeWord(const unsigned char* bytes) noexcept {
 }
 
 void DecodeBlock(const unsigned char* block, std::uint32_t (&words)[kBlockWords]) noexcept {
-  for (std::uint32_t i = 0; i < kBlockWords; ++i) {
+  for (std::size_t i = 0; i < kBlockWords; ++i) {
     words[i] = DecodeWord(block + 4 * i);
   }
 }

@@ -11,6 +11,7 @@
 #include "support/handle.h"
 #include "tests/support/files.h"
 #include "tests/support/import_patch.h"
+#include "tests/support/no_memory.h"
 #include "tests/unit/hash_cases.h"
 
 // After windows.h.
@@ -650,6 +651,13 @@ TEST_F(Md5File, NarrowPathIsConvertedWithTheAnsiCodePage) {
       EXPECT_THAT(sizes, ElementsAre(0, static_cast<int>(m_path.size()) + 1));
     }
   }
+}
+
+TEST_F(Md5File, NarrowPathFailsWithoutMemoryForItsWideForm) {
+  const NoMemoryFor noMemory((m_path.size() + 1) * sizeof(wchar_t));
+  EXPECT_EQ(m_md5.CryptFileMD5(m_path.c_str(), m_digest.bytes), 0);
+  EXPECT_EQ(GetFileMD5(m_path.c_str(), m_digest.bytes), 1) << "which needs none";
+  EXPECT_EQ(m_digest.Hex(), kAbcDigest);
 }
 
 // --- The free functions ---
