@@ -1,0 +1,514 @@
+#include "service/helperpipe.h"
+
+#include <gmock/gmock.h>
+
+#include <algorithm>
+#include <atomic>
+#include <cstdint>
+#include <cstring>
+#include <deque>
+#include <functional>
+#include <numeric>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "support/handle.h"
+#include "support/windows_api.h"
+#include "tests/support/import_patch.h"
+#include "tests/support/journal.h"
+
+using ::testing::Each;
+using ::testing::ElementsAre;
+using ::testing::IsEmpty;
+using ::testing::Values;
+
+namespace {
+
+using Bytes = std::vector<std::uint8_t>;
+
+constexpr std::uint32_t kReply = 0xA1B2C3D4;
+
+// Every test process serves a pipe of its own, so that several can run at once.
+std::string OwnPipeName() {
+  return R"(\\.\pipe\briskuphelperpipe_test_)" + std::to_string(GetCurrentProcessId());
+}
+
+std::wstring OwnPipeNameWide() {
+  const std::string name = OwnPipeName();
+  return {name.begin(), name.end()};
+}
+
+std::uint32_t Value32(const Bytes& bytes, std::size_t offset) {
+  std::uint32_t value = 0;
+  std::memcpy(&value, bytes.data() + offset, sizeof(value));
+  return value;
+}
+
+Bytes ReadExactly(HANDLE pipe, std::size_t size, std::size_t pieceSize = 65536) {
+  Bytes bytes;
+  while (bytes.size() < size) {
+    Bytes piece(std::min(pieceSize, size - bytes.size()));
+    DWORD read = 0;
+    if (!ReadFile(pipe, piece.data(), static_cast<DWORD>(piece.size()), &read, nullptr)) {
+      break;
+    }
+    bytes.insert(bytes.end(), piece.begin(), piece.begin() + read);
+  }
+  return bytes;
+}
+
+void Reply(HANDLE pipe, const void* data, DWORD size) {
+  DWORD written = 0;
+  WriteFile(pipe, data, size, &written, nullptr);
+}
+
+void WaitUntilTheClientHasClosed(HANDLE pipe) {
+  std::uint8_t byte = 0;
+  DWORD read = 0;
+  while (ReadFile(pipe, &byte, sizeof(byte), &read, nullptr)) {
+  }
+}
+
+// What a receiver does with a body.
+Bytes Unscrambled(Bytes body, std::uint32_t checksum) {
+  for (std::uint8_t& byte : body) {
+    const unsigned mixed = byte ^ (checksum & 0xFFU);
+    byte = static_cast<std::uint8_t>((mixed % 16) * 16 + mixed / 16);
+  }
+  return body;
+}
+
+// A real pipe with one instance and a thread that serves one connection after another, each by the
+// next of `services`. What a connection sent is in m_received.
+class PipeServer {
+ public:
+  using Service = std::function<void(HANDLE pipe)>;
+
+  explicit PipeServer(std::vector<Service> services, DWORD mode = PIPE_TYPE_BYTE)
+      : m_pipe(CreateNamedPipeW(OwnPipeNameWide().c_str(), PIPE_ACCESS_DUPLEX, mode,
+                                /*nMaxInstances=*/1, /*nOutBufferSize=*/4096,
+                                /*nInBufferSize=*/4096, /*nDefaultTimeOut=*/0, nullptr)) {
+    m_thread = std::thread([this, services = std::move(services)] {
+      for (const Service& service : services) {
+        // Fails when the client is there, or gone again, already; its data can still be read.
+        static_cast<void>(ConnectNamedPipe(m_pipe.Get(), nullptr));
+        service(m_pipe.Get());
+        DisconnectNamedPipe(m_pipe.Get());
+      }
+    });
+  }
+  ~PipeServer() { Join(); }
+  PipeServer(const PipeServer&) = delete;
+  PipeServer& operator=(const PipeServer&) = delete;
+
+  void Join() {
+    if (m_thread.joinable()) {
+      m_thread.join();
+    }
+  }
+
+ private:
+  FileHandle m_pipe;
+  std::thread m_thread;
+};
+
+// The calls of the client, led to the test's own pipe. The server's calls go by unseen.
+class HelperPipe : public ::testing::Test {
+ protected:
+  // A service that takes a whole request, answers `reply` and waits for the client to close.
+  PipeServer::Service TakeAndReply(Bytes reply, std::size_t size = 12 + 525,
+                                   std::size_t pieceSize = 65536) {
+    return [this, reply, size, pieceSize](HANDLE pipe) {
+      m_received = ReadExactly(pipe, size, pieceSize);
+      Reply(pipe, reply.data(), static_cast<DWORD>(reply.size()));
+      WaitUntilTheClientHasClosed(pipe);
+    };
+  }
+  PipeServer::Service TakeAndReply() { return TakeAndReply({0xD4, 0xC3, 0xB2, 0xA1}); }
+
+  Bytes ReceivedBody() const {
+    return m_received.size() < 12 ? Bytes() : Bytes(m_received.begin() + 12, m_received.end());
+  }
+
+  const std::string m_open =
+      "CreateFileA(\"\\\\.\\pipe\\briskuphelperpipe\", 0xC0000000, 0x0, null, 3, 0x0, null) = ";
+  const std::string m_wait = "WaitNamedPipeA(\"\\\\.\\pipe\\briskuphelperpipe\", 20000) = ";
+
+  Bytes m_received;
+  Journal m_journal;
+
+  // The next errors of CreateFileA; 0 lets the call through, as an empty list does.
+  std::deque<DWORD> m_openErrors;
+  // Called at WaitNamedPipeA; the error, or 0 for success.
+  std::function<DWORD()> m_onWait = [this] {
+    return m_waitPatch.CallOriginal(OwnPipeName().c_str(), 20000) ? DWORD{0} : GetLastError();
+  };
+  // The errors of the client's writes; 0 and an empty list as above.
+  std::deque<DWORD> m_writeErrors;
+  // Replaces the client's read when set.
+  std::function<BOOL(void* data, DWORD* read)> m_onRead;
+
+ private:
+  bool IsClient(HANDLE handle) const { return handle == m_client; }
+
+  static DWORD Next(std::deque<DWORD>& errors) {
+    const DWORD error = errors.empty() ? 0 : errors.front();
+    if (!errors.empty()) {
+      errors.pop_front();
+    }
+    return error;
+  }
+
+  std::atomic<HANDLE> m_client = INVALID_HANDLE_VALUE;
+
+  CallPatch<struct CreateTag, decltype(CreateFileA)> m_createPatch{
+      "KERNEL32.dll", "CreateFileA",
+      [this](LPCSTR name, DWORD access, DWORD share, LPSECURITY_ATTRIBUTES security, DWORD creation,
+             DWORD flags, HANDLE templateFile) -> HANDLE {
+        const std::string text = "CreateFileA(" + Quoted(name) + ", " + Hex(access) + ", " +
+                                 Hex(share) + ", " + (security == nullptr ? "null" : "some") +
+                                 ", " + std::to_string(creation) + ", " + Hex(flags) + ", " +
+                                 (templateFile == nullptr ? "null" : "some") + ") = ";
+        DWORD error = Next(m_openErrors);
+        HANDLE handle = INVALID_HANDLE_VALUE;
+        if (error == 0) {
+          handle = m_createPatch.CallOriginal(OwnPipeName().c_str(), access, share, security,
+                                              creation, flags, templateFile);
+          error = GetLastError();
+        }
+        m_journal.Call(
+            text + (handle == INVALID_HANDLE_VALUE ? "error " + std::to_string(error) : "pipe"));
+        m_client = handle;
+        SetLastError(error);
+        return handle;
+      }};
+  CallPatch<struct WaitTag, decltype(WaitNamedPipeA)> m_waitPatch{
+      "KERNEL32.dll", "WaitNamedPipeA", [this](LPCSTR name, DWORD milliseconds) -> BOOL {
+        const DWORD error = m_onWait();
+        m_journal.Call("WaitNamedPipeA(" + Quoted(name) + ", " + std::to_string(milliseconds) +
+                       ") = " + (error == 0 ? "1" : "error " + std::to_string(error)));
+        SetLastError(error);
+        return error == 0 ? TRUE : FALSE;
+      }};
+  CallPatch<struct WriteTag, decltype(WriteFile)> m_writePatch{
+      "KERNEL32.dll", "WriteFile",
+      [this](HANDLE file, LPCVOID data, DWORD size, LPDWORD written,
+             LPOVERLAPPED overlapped) -> BOOL {
+        if (!IsClient(file)) {
+          return m_writePatch.CallOriginal(file, data, size, written, overlapped);
+        }
+        m_journal.Call("WriteFile(" + std::to_string(size) + (overlapped ? ", overlapped)" : ")"));
+        if (const DWORD error = Next(m_writeErrors); error != 0) {
+          SetLastError(error);
+          return FALSE;
+        }
+        return m_writePatch.CallOriginal(file, data, size, written, overlapped);
+      }};
+  CallPatch<struct ReadTag, decltype(ReadFile)> m_readPatch{
+      "KERNEL32.dll", "ReadFile",
+      [this](HANDLE file, LPVOID data, DWORD size, LPDWORD read, LPOVERLAPPED overlapped) -> BOOL {
+        if (!IsClient(file)) {
+          return m_readPatch.CallOriginal(file, data, size, read, overlapped);
+        }
+        m_journal.Call("ReadFile(" + std::to_string(size) + (overlapped ? ", overlapped)" : ")"));
+        return m_onRead ? m_onRead(data, read)
+                        : m_readPatch.CallOriginal(file, data, size, read, overlapped);
+      }};
+  CallPatch<struct CloseTag, decltype(CloseHandle)> m_closePatch{
+      "KERNEL32.dll", "CloseHandle", [this](HANDLE handle) -> BOOL {
+        if (IsClient(handle)) {
+          m_client = INVALID_HANDLE_VALUE;
+          m_journal.Call("CloseHandle");
+        }
+        return m_closePatch.CallOriginal(handle);
+      }};
+};
+
+// ---- What is sent ----
+
+TEST_F(HelperPipe, RequestCarriesNameActionAndFlagAndTheReplyIsReturned) {
+  PipeServer server({TakeAndReply()});
+  EXPECT_EQ(NotifyHelperPipe(L"Client Agent 1", 1, 0), kReply);
+  server.Join();
+
+  ASSERT_EQ(m_received.size(), 12U + 525U);
+  Bytes expected(525, 0);
+  const wchar_t name[] = L"Client Agent 1";
+  std::memcpy(expected.data(), name, sizeof(name));
+  expected[520] = 1;
+  const std::uint32_t sum = std::accumulate(expected.begin(), expected.end(), std::uint32_t{0});
+  EXPECT_EQ(Value32(m_received, 0), 15U);
+  EXPECT_EQ(Value32(m_received, 4), 525U);
+  EXPECT_EQ(Value32(m_received, 8), sum);
+  EXPECT_EQ(Unscrambled(ReceivedBody(), sum), expected);
+
+  EXPECT_THAT(m_journal.Entries(), ElementsAre(m_open + "pipe", "WriteFile(12)", "WriteFile(525)",
+                                               "ReadFile(4)", "CloseHandle"));
+}
+
+class HelperPipeAction : public HelperPipe, public ::testing::WithParamInterface<std::uint32_t> {};
+
+TEST_P(HelperPipeAction, StandsBehindTheName) {
+  PipeServer server({TakeAndReply()});
+  EXPECT_EQ(NotifyHelperPipe(L"Sample", GetParam(), 0), kReply);
+  server.Join();
+  ASSERT_EQ(m_received.size(), 12U + 525U);
+  const Bytes body = Unscrambled(ReceivedBody(), Value32(m_received, 8));
+  EXPECT_EQ(Value32(body, 520), GetParam());
+  EXPECT_EQ(body[524], 0);
+}
+
+INSTANTIATE_TEST_SUITE_P(, HelperPipeAction, Values(1U, 2U, 5U, 0xFEDCBA98U));
+
+TEST_F(HelperPipe, NameIsLeftOutWhenTheFlagIsSet) {
+  PipeServer server({TakeAndReply()});
+  EXPECT_EQ(NotifyHelperPipe(L"Sample", 2, 0x81), kReply);
+  server.Join();
+  ASSERT_EQ(m_received.size(), 12U + 525U);
+  const Bytes body = Unscrambled(ReceivedBody(), Value32(m_received, 8));
+  EXPECT_THAT(Bytes(body.begin(), body.begin() + 520), Each(0));
+  EXPECT_EQ(Value32(body, 520), 2U);
+  EXPECT_EQ(body[524], 0x81);
+}
+
+TEST_F(HelperPipe, NameMayBeNullWhenTheFlagIsSet) {
+  PipeServer server({TakeAndReply()});
+  EXPECT_EQ(NotifyHelperPipe(nullptr, 5, 1), kReply);
+}
+
+TEST_F(HelperPipe, NameOf259CharactersIsSentWhole) {
+  PipeServer server({TakeAndReply()});
+  EXPECT_EQ(NotifyHelperPipe(std::wstring(259, L'\x20AC').c_str(), 1, 0), kReply);
+  server.Join();
+  ASSERT_EQ(m_received.size(), 12U + 525U);
+  const Bytes body = Unscrambled(ReceivedBody(), Value32(m_received, 8));
+  for (std::size_t i = 0; i < 259; ++i) {
+    ASSERT_EQ(body[2 * i], 0xAC);
+    ASSERT_EQ(body[2 * i + 1], 0x20);
+  }
+  EXPECT_EQ(body[518], 0);
+  EXPECT_EQ(body[519], 0);
+}
+
+TEST_F(HelperPipe, NameOf260OrMoreCharactersIsNotSentAtAll) {
+  EXPECT_EQ(NotifyHelperPipe(std::wstring(260, L'x').c_str(), 1, 0), 0U);
+  EXPECT_EQ(NotifyHelperPipe(std::wstring(5000, L'x').c_str(), 1, 0), 0U);
+  EXPECT_THAT(m_journal.Entries(), IsEmpty());
+}
+
+TEST_F(HelperPipe, NullNameWithoutTheFlagIsNotSent) {
+  EXPECT_EQ(NotifyHelperPipe(nullptr, 1, 0), 0U);
+  EXPECT_THAT(m_journal.Entries(), IsEmpty());
+}
+
+TEST_F(HelperPipe, NullBodyIsNotSent) {
+  EXPECT_EQ(SendHelperPipeMessage(15, nullptr, 525), 0U);
+  EXPECT_THAT(m_journal.Entries(), IsEmpty());
+}
+
+TEST_F(HelperPipe, BodyWithTheSum0x1234IsSentWithThatChecksumAndEachByteExchangedAndCombined) {
+  // 525 bytes: 520 bytes of 8, then 100, 100, 100, 100 and 100: 4,660 in all.
+  Bytes body(525, 0x08);
+  std::fill(body.begin() + 520, body.end(), std::uint8_t{0x64});
+  ASSERT_EQ(std::accumulate(body.begin(), body.end(), 0), 0x1234);
+  PipeServer server({TakeAndReply()});
+  EXPECT_EQ(SendHelperPipeMessage(15, body.data(), 525), kReply);
+  server.Join();
+
+  // 08 -> 80 -> B4; 64 -> 46 -> 72.
+  Bytes expected = {0x0F, 0x00, 0x00, 0x00, 0x0D, 0x02, 0x00, 0x00, 0x34, 0x12, 0x00, 0x00};
+  expected.insert(expected.end(), 520, 0xB4);
+  expected.insert(expected.end(), 5, 0x72);
+  EXPECT_EQ(m_received, expected);
+}
+
+TEST_F(HelperPipe, EveryByteValueIsScrambledInPlaceAndCanBeRestored) {
+  Bytes body(256);
+  std::iota(body.begin(), body.end(), std::uint8_t{0});
+  const Bytes plain = body;
+  PipeServer server({TakeAndReply({1, 0, 0, 0}, 12 + 256)});
+  EXPECT_EQ(SendHelperPipeMessage(0x01020304, body.data(), 256), 1U);
+  server.Join();
+  ASSERT_EQ(m_received.size(), 12U + 256U);
+  EXPECT_EQ(Value32(m_received, 0), 0x01020304U);
+  EXPECT_EQ(Value32(m_received, 4), 256U);
+  EXPECT_EQ(Value32(m_received, 8), 0x7F80U);
+  EXPECT_EQ(ReceivedBody(), body);
+  EXPECT_EQ(Unscrambled(body, 0x7F80), plain);
+}
+
+TEST_F(HelperPipe, ChecksumTakesBytesAsUnsigned) {
+  Bytes body(525, 0xFF);
+  PipeServer server({TakeAndReply()});
+  EXPECT_EQ(SendHelperPipeMessage(15, body.data(), 525), kReply);
+  server.Join();
+  ASSERT_EQ(m_received.size(), 12U + 525U);
+  EXPECT_EQ(Value32(m_received, 8), 525U * 255U);
+  EXPECT_THAT(ReceivedBody(), Each(0xFF ^ 0xF3));
+}
+
+TEST_F(HelperPipe, HeaderAndBodyAreOneMessageEach) {
+  std::vector<DWORD> sizes;
+  PipeServer server({[&](HANDLE pipe) {
+                      Bytes buffer(4096);
+                      for (int i = 0; i < 2; ++i) {
+                        DWORD read = 0;
+                        ReadFile(pipe, buffer.data(), 4096, &read, nullptr);
+                        sizes.push_back(read);
+                      }
+                      Reply(pipe, &kReply, sizeof(kReply));
+                      WaitUntilTheClientHasClosed(pipe);
+                    }},
+                    PIPE_TYPE_MESSAGE | PIPE_READMODE_MESSAGE);
+  EXPECT_EQ(NotifyHelperPipe(L"Sample", 1, 0), kReply);
+  server.Join();
+  EXPECT_THAT(sizes, ElementsAre(12U, 525U));
+}
+
+TEST_F(HelperPipe, ServerMayReadInPieces) {
+  PipeServer server({TakeAndReply({7, 0, 0, 0}, 12 + 525, /*pieceSize=*/1)});
+  EXPECT_EQ(NotifyHelperPipe(L"Sample", 1, 0), 7U);
+  server.Join();
+  EXPECT_EQ(m_received.size(), 12U + 525U);
+}
+
+// ---- The reply ----
+
+TEST_F(HelperPipe, ReplyOfZeroIsZero) {
+  PipeServer server({TakeAndReply({0, 0, 0, 0})});
+  EXPECT_EQ(NotifyHelperPipe(L"Sample", 1, 0), 0U);
+  EXPECT_THAT(m_journal.Calls(), ElementsAre(m_open + "pipe", "WriteFile(12)", "WriteFile(525)",
+                                             "ReadFile(4)", "CloseHandle"));
+}
+
+TEST_F(HelperPipe, ShortReplyFillsTheLowestBytes) {
+  PipeServer server({TakeAndReply({0x34, 0x12})});
+  EXPECT_EQ(NotifyHelperPipe(L"Sample", 1, 0), 0x1234U);
+}
+
+TEST_F(HelperPipe, OnlyTheFirstFourBytesOfALongReplyCount) {
+  PipeServer server({TakeAndReply({1, 2, 3, 4, 5, 6, 7, 8})});
+  EXPECT_EQ(NotifyHelperPipe(L"Sample", 1, 0), 0x04030201U);
+}
+
+TEST_F(HelperPipe, ReadWithoutBytesGivesZero) {
+  m_onRead = [](void* data, DWORD* read) {
+    std::memcpy(data, &kReply, sizeof(kReply));  // does not count
+    *read = 0;
+    return TRUE;
+  };
+  PipeServer server({TakeAndReply()});
+  EXPECT_EQ(NotifyHelperPipe(L"Sample", 1, 0), 0U);
+  EXPECT_EQ(m_journal.Calls().back(), "CloseHandle");
+}
+
+TEST_F(HelperPipe, FailedReadGivesZero) {
+  m_onRead = [](void* data, DWORD* read) {
+    std::memcpy(data, &kReply, sizeof(kReply));
+    *read = sizeof(kReply);
+    SetLastError(ERROR_BROKEN_PIPE);
+    return FALSE;
+  };
+  PipeServer server({TakeAndReply()});
+  EXPECT_EQ(NotifyHelperPipe(L"Sample", 1, 0), 0U);
+  EXPECT_THAT(m_journal.Calls(), ElementsAre(m_open + "pipe", "WriteFile(12)", "WriteFile(525)",
+                                             "ReadFile(4)", "CloseHandle"));
+}
+
+// ---- Nobody there, or gone ----
+
+TEST_F(HelperPipe, WithoutAServerNothingIsSentAndNothingIsWaitedFor) {
+  EXPECT_EQ(NotifyHelperPipe(L"Sample", 1, 0), 0U);
+  EXPECT_THAT(m_journal.Entries(), ElementsAre(m_open + "error 2"));
+}
+
+TEST_F(HelperPipe, RefusedAccessIsNotWaitedFor) {
+  m_openErrors = {ERROR_ACCESS_DENIED};
+  EXPECT_EQ(NotifyHelperPipe(L"Sample", 1, 0), 0U);
+  EXPECT_THAT(m_journal.Entries(), ElementsAre(m_open + "error 5"));
+}
+
+TEST_F(HelperPipe, BodyIsLeftAloneWithoutAServer) {
+  Bytes body = {1, 2, 3};
+  EXPECT_EQ(SendHelperPipeMessage(15, body.data(), 3), 0U);
+  EXPECT_THAT(body, ElementsAre(1, 2, 3));
+}
+
+TEST_F(HelperPipe, FailedWriteOfTheHeaderEndsTheRequest) {
+  m_writeErrors = {ERROR_NO_DATA};
+  PipeServer server({&WaitUntilTheClientHasClosed});
+  EXPECT_EQ(NotifyHelperPipe(L"Sample", 1, 0), 0U);
+  EXPECT_THAT(m_journal.Entries(), ElementsAre(m_open + "pipe", "WriteFile(12)", "CloseHandle"));
+}
+
+TEST_F(HelperPipe, FailedWriteOfTheBodyEndsTheRequest) {
+  m_writeErrors = {0, ERROR_NO_DATA};
+  PipeServer server({&WaitUntilTheClientHasClosed});
+  EXPECT_EQ(NotifyHelperPipe(L"Sample", 1, 0), 0U);
+  EXPECT_THAT(m_journal.Entries(),
+              ElementsAre(m_open + "pipe", "WriteFile(12)", "WriteFile(525)", "CloseHandle"));
+}
+
+struct HangUp {
+  const char* when;
+  std::size_t bytesRead;
+};
+
+class HelperPipeHangUp : public HelperPipe, public ::testing::WithParamInterface<HangUp> {};
+
+TEST_P(HelperPipeHangUp, GivesZeroAndClosesThePipeOnce) {
+  PipeServer server({[](HANDLE pipe) { ReadExactly(pipe, GetParam().bytesRead); }});
+  EXPECT_EQ(NotifyHelperPipe(L"Sample", 1, 0), 0U);
+  EXPECT_THAT(m_journal.Calls(), ::testing::Contains("CloseHandle").Times(1));
+  EXPECT_EQ(m_journal.Calls().back(), "CloseHandle");
+}
+
+INSTANTIATE_TEST_SUITE_P(, HelperPipeHangUp,
+                         Values(HangUp{"AtOnce", 0}, HangUp{"InTheHeader", 5},
+                                HangUp{"BehindTheHeader", 12}, HangUp{"InTheBody", 300},
+                                HangUp{"InsteadOfTheReply", 537}),
+                         [](const auto& test) { return std::string(test.param.when); });
+
+// ---- A busy pipe ----
+
+TEST_F(HelperPipe, BusyPipeIsWaitedForUntilTheOtherClientIsDone) {
+  PipeServer server({&WaitUntilTheClientHasClosed, TakeAndReply()});
+  FileHandle otherClient(CreateFileW(OwnPipeNameWide().c_str(), GENERIC_READ | GENERIC_WRITE, 0,
+                                     nullptr, OPEN_EXISTING, 0, nullptr));
+  ASSERT_TRUE(otherClient);
+  const std::function<DWORD()> wait = m_onWait;
+  m_onWait = [&] {
+    otherClient.Reset();
+    return wait();
+  };
+  EXPECT_EQ(NotifyHelperPipe(L"Sample", 1, 0), kReply);
+  EXPECT_THAT(m_journal.Entries(),
+              ElementsAre(m_open + "error 231", m_wait + "1", m_open + "pipe", "WriteFile(12)",
+                          "WriteFile(525)", "ReadFile(4)", "CloseHandle"));
+}
+
+TEST_F(HelperPipe, BusyPipeIsGivenUpWhenTheWaitFails) {
+  m_openErrors = {ERROR_PIPE_BUSY};
+  m_onWait = [] { return DWORD{ERROR_SEM_TIMEOUT}; };
+  EXPECT_EQ(NotifyHelperPipe(L"Sample", 1, 0), 0U);
+  EXPECT_THAT(m_journal.Entries(), ElementsAre(m_open + "error 231", m_wait + "error 121"));
+}
+
+TEST_F(HelperPipe, BusyPipeIsTriedWithoutALimitOnTheRounds) {
+  m_openErrors.assign(1000, ERROR_PIPE_BUSY);
+  m_onWait = [] { return DWORD{0}; };
+  PipeServer server({TakeAndReply()});
+  EXPECT_EQ(NotifyHelperPipe(L"Sample", 1, 0), kReply);
+  EXPECT_EQ(m_journal.Calls().size(), 1000U * 2U + 5U);
+}
+
+TEST_F(HelperPipe, AnotherErrorBehindTheWaitEndsTheRequest) {
+  m_openErrors = {ERROR_PIPE_BUSY, ERROR_FILE_NOT_FOUND};
+  m_onWait = [] { return DWORD{0}; };
+  EXPECT_EQ(NotifyHelperPipe(L"Sample", 1, 0), 0U);
+  EXPECT_THAT(m_journal.Entries(),
+              ElementsAre(m_open + "error 231", m_wait + "1", m_open + "error 2"));
+}
+
+}  // namespace
