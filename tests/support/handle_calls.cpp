@@ -8,8 +8,8 @@ std::string EventLabel(const std::string& name) { return name.substr(name.rfind(
 
 }  // namespace
 
-HandleCalls::HandleCalls(Timeline& timeline)
-    : m_timeline(timeline),
+HandleCalls::HandleCalls(Journal& journal)
+    : m_journal(journal),
       m_create("KERNEL32.dll", "CreateEventA",
                [this](SECURITY_ATTRIBUTES* attributes, BOOL manualReset, BOOL initialState,
                       const char* name) {
@@ -83,7 +83,7 @@ HANDLE HandleCalls::OnCreate(SECURITY_ATTRIBUTES* attributes, BOOL manualReset, 
     handle = m_create.CallOriginal(attributes, manualReset, initialState, name);
   }
   const LastErrorKeeper keeper;
-  m_timeline.Note("CreateEventA " + label);
+  m_journal.Call("CreateEventA " + label);
   const std::lock_guard guard(m_mutex);
   m_creations.push_back({attributes, manualReset, initialState, name, handle});
   if (handle != nullptr) {
@@ -95,7 +95,7 @@ HANDLE HandleCalls::OnCreate(SECURITY_ATTRIBUTES* attributes, BOOL manualReset, 
 BOOL HandleCalls::OnSet(HANDLE handle) {
   const std::string label = Label(handle);
   if (!label.empty()) {
-    m_timeline.Note("SetEvent " + label);
+    m_journal.Call("SetEvent " + label);
   }
   return m_set.CallOriginal(handle);
 }
@@ -106,7 +106,7 @@ BOOL HandleCalls::OnDuplicate(HANDLE sourceProcess, HANDLE source, HANDLE target
                                                inherit, options);
   const std::string label = Label(source);
   if (result && source != nullptr && !label.empty()) {
-    m_timeline.Note("DuplicateHandle " + label);
+    m_journal.Call("DuplicateHandle " + label);
     Watch(*target, label);
   }
   return result;
@@ -115,7 +115,7 @@ BOOL HandleCalls::OnDuplicate(HANDLE sourceProcess, HANDLE source, HANDLE target
 BOOL HandleCalls::OnClose(HANDLE handle) {
   const std::string label = Label(handle);
   if (!label.empty()) {
-    m_timeline.Note("CloseHandle " + label);
+    m_journal.Call("CloseHandle " + label);
     // Ahead of the call: another thread may be given the same value right after it.
     const std::lock_guard guard(m_mutex);
     m_open.erase(handle);

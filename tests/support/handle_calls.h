@@ -8,10 +8,10 @@
 
 #include "support/windows_api.h"
 #include "tests/support/import_patch.h"
-#include "tests/support/timeline.h"
+#include "tests/support/journal.h"
 
 // Watches named events and other handles that a test names: their creation, signalling, duplication
-// and closing goes to the timeline as "<function> <label>", and what is open is known at any time.
+// and closing goes to the journal as "<function> <label>", and what is open is known at any time.
 // A named event's label is its name from the last '_' on. Test code that is not to be watched
 // creates its events with CreateEventW.
 class HandleCalls {
@@ -24,7 +24,7 @@ class HandleCalls {
     HANDLE handle;
   };
 
-  explicit HandleCalls(Timeline& timeline);
+  explicit HandleCalls(Journal& journal);
 
   // Creating the event of that label fails with `error` from now on; 0 ends that.
   void FailCreation(const std::string& label, DWORD error);
@@ -57,7 +57,7 @@ class HandleCalls {
   BOOL OnClose(HANDLE handle);
   std::string Label(HANDLE handle) const;
 
-  Timeline& m_timeline;
+  Journal& m_journal;
   mutable std::mutex m_mutex;
   std::map<std::string, DWORD> m_failing;
   std::function<void(const std::string&)> m_beforeCreation;

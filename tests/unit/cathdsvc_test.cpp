@@ -11,7 +11,7 @@
 #include "tests/fakes/vorlinfo_fake.h"
 #include "tests/support/handle_calls.h"
 #include "tests/support/import_patch.h"
-#include "tests/support/timeline.h"
+#include "tests/support/journal.h"
 #include "tests/support/trace_recorder.h"
 #include "tests/unit/agent_service.h"
 
@@ -22,6 +22,11 @@ namespace {
 
 TraceLine WatcherLine(int level, const std::string& text) {
   return Line(level, "WaitForServiceClosure", "agent/cathdsvc.cpp", text);
+}
+
+// Such a line in the journal.
+std::string Watched(int level, const std::string& text) {
+  return Traced(level, "WaitForServiceClosure", "agent/cathdsvc.cpp", text);
 }
 
 // Runs the closure watcher, mostly on the test's own thread. Its wait does not block: it answers
@@ -39,7 +44,7 @@ class WaitForServiceClosureTest : public ::testing::Test {
     FakeInfoReset();
     service.OnInit();
     FakeTraceClear();
-    timeline.Clear();
+    journal.Clear();
   }
 
   ~WaitForServiceClosureTest() override {
@@ -57,8 +62,8 @@ class WaitForServiceClosureTest : public ::testing::Test {
 
   const TraceRecorder recorder;
   TestService service;
-  Timeline timeline;
-  HandleCalls handles{timeline};
+  Journal journal;
+  HandleCalls handles{journal};
   std::vector<HANDLE> own;
 
   bool blocks = false;
@@ -74,7 +79,7 @@ class WaitForServiceClosureTest : public ::testing::Test {
   CallPatch<WaitTag, DWORD(DWORD, const HANDLE*, BOOL, DWORD)> m_wait{
       "KERNEL32.dll", "WaitForMultipleObjects",
       [this](DWORD count, const HANDLE* waitHandles, BOOL all, DWORD milliseconds) {
-        timeline.Note("WaitForMultipleObjects");
+        journal.Call("WaitForMultipleObjects");
         waits.push_back({{waitHandles, waitHandles + count}, all, milliseconds, waitAnswer});
         if (waitAnswer == MAXDWORD - 1) {
           SetEvent(waiting);
@@ -89,7 +94,7 @@ TEST_F(WaitForServiceClosureTest, EndsAtOnceWithoutAnObject) {
   EXPECT_EQ(WaitForServiceClosure(nullptr), 0U);
   EXPECT_THAT(recorder.Lines(),
               ElementsAre(WatcherLine(2, "Entry"), WatcherLine(2, "NULL Parameter Received")));
-  EXPECT_THAT(timeline.Calls(), IsEmpty());
+  EXPECT_THAT(journal.Calls(), IsEmpty());
 }
 
 TEST_F(WaitForServiceClosureTest, TheCloseEventSignalledBeforeItStartsEndsTheWaitAtOnceWithIndex0) {
@@ -163,11 +168,10 @@ TEST_F(WaitForServiceClosureTest, CreatesBothEventsManualAndNotSignalledWithTheA
 TEST_F(WaitForServiceClosureTest, ClosesTheExitEventAndLeavesTheCloseEventToTheService) {
   Signal(kCloseEvent);
   service.Watch();
-  EXPECT_THAT(timeline.Entries(),
-              ElementsAre("WaitForServiceClosure: Entry", "CreateEventA " + kCloseEvent,
-                          "CreateEventA " + kExitEvent, "WaitForMultipleObjects",
-                          "WaitForServiceClosure: Close Event Signalled",
-                          "CloseHandle " + kExitEvent, "WaitForServiceClosure: Exit"));
+  EXPECT_THAT(journal.Entries(), ElementsAre(Watched(2, "Entry"), "CreateEventA " + kCloseEvent,
+                                             "CreateEventA " + kExitEvent, "WaitForMultipleObjects",
+                                             Watched(2, "Close Event Signalled"),
+                                             "CloseHandle " + kExitEvent, Watched(2, "Exit")));
   EXPECT_THAT(handles.Open(), ElementsAre(kCloseEvent));
   EXPECT_TRUE(IsSignalled(service.m_hCloseEvent));
   EXPECT_EQ(handles.FailedCloses(), 0U);
@@ -181,7 +185,7 @@ TEST_F(WaitForServiceClosureTest, EndsWhenTheCloseEventHasNoName) {
               ElementsAre(WatcherLine(2, "Entry"), WatcherLine(1, "GetEventNameByVersion Failed")));
   EXPECT_EQ(FakeInfo()->eventNameCalls, 1U);
   EXPECT_EQ(service.m_hCloseEvent, nullptr);
-  EXPECT_THAT(timeline.Calls(), IsEmpty());
+  EXPECT_THAT(journal.Calls(), IsEmpty());
 }
 
 TEST_F(WaitForServiceClosureTest, EndsWhenTheExitEventHasNoName) {
@@ -192,7 +196,7 @@ TEST_F(WaitForServiceClosureTest, EndsWhenTheExitEventHasNoName) {
               ElementsAre(WatcherLine(2, "Entry"), WatcherLine(1, "GetEventNameByVersion Failed")));
   EXPECT_EQ(FakeInfo()->eventNameCalls, 2U);
   EXPECT_EQ(service.m_hCloseEvent, nullptr);
-  EXPECT_THAT(timeline.Calls(), IsEmpty());
+  EXPECT_THAT(journal.Calls(), IsEmpty());
 }
 
 TEST_F(WaitForServiceClosureTest, OnlyTheLowByteOfTheNamesResultCounts) {
@@ -210,7 +214,7 @@ TEST_F(WaitForServiceClosureTest, EndsWhenTheCloseEventCannotBeCreated) {
                           WatcherLine(2, "CreateEvent Failed for " + VersionedName(kCloseEvent) +
                                              " (5):")));
   EXPECT_EQ(service.m_hCloseEvent, nullptr);
-  EXPECT_THAT(timeline.Calls(), ElementsAre("CreateEventA " + kCloseEvent));
+  EXPECT_THAT(journal.Calls(), ElementsAre("CreateEventA " + kCloseEvent));
 }
 
 TEST_F(WaitForServiceClosureTest, EndsWhenAnotherKindOfObjectHasTheCloseEventsName) {
@@ -231,7 +235,7 @@ TEST_F(WaitForServiceClosureTest, ClosesTheCloseEventOnceWhenTheExitEventCannotB
       recorder.Lines(),
       ElementsAre(WatcherLine(2, "Entry"),
                   WatcherLine(2, "CreateEvent Failed for " + VersionedName(kExitEvent) + " (5):")));
-  EXPECT_THAT(timeline.Calls(),
+  EXPECT_THAT(journal.Calls(),
               ElementsAre("CreateEventA " + kCloseEvent, "CreateEventA " + kExitEvent,
                           "CloseHandle " + kCloseEvent));
   // The member keeps the value.

@@ -8,7 +8,7 @@
 #include <vector>
 
 #include "tests/support/import_patch.h"
-#include "tests/support/timeline.h"
+#include "tests/support/journal.h"
 #include "tests/support/trace_recorder.h"
 
 using ::testing::ElementsAre;
@@ -20,6 +20,14 @@ constexpr char kSource[] = "agent/secattrb.cpp";
 constexpr char kCreate[] = "CreateSecurityAttributeForEveryone";
 constexpr char kFree[] = "FreeSecurityAttributeForEveryone";
 constexpr DWORD kEventAllAccess = 0x1F0003;
+
+// Their trace lines in the journal.
+std::string Created(int level, const std::string& text) {
+  return Traced(level, kCreate, kSource, text);
+}
+std::string Freed(int level, const std::string& text) {
+  return Traced(level, kFree, kSource, text);
+}
 
 // What a call to create hands out, and how it is freed without the product.
 struct Attributes {
@@ -146,7 +154,7 @@ class SecurityAttributeCalls : public ::testing::Test {
                                    DWORD sub1, DWORD sub2, DWORD sub3, DWORD sub4, DWORD sub5,
                                    DWORD sub6, DWORD sub7, PSID* sid) {
     SecurityAttributeCalls& test = *s_test;
-    test.timeline.Note("AllocateAndInitializeSid");
+    test.journal.Call("AllocateAndInitializeSid");
     test.authority.assign(authority->Value, authority->Value + 6);
     test.subAuthorityCount = count;
     test.subAuthorities = {sub0, sub1, sub2, sub3, sub4, sub5, sub6, sub7};
@@ -162,7 +170,7 @@ class SecurityAttributeCalls : public ::testing::Test {
   static DWORD WINAPI OnSetEntries(ULONG count, EXPLICIT_ACCESS_W* entries, PACL oldAcl,
                                    PACL* acl) {
     SecurityAttributeCalls& test = *s_test;
-    test.timeline.Note("SetEntriesInAclW");
+    test.journal.Call("SetEntriesInAclW");
     test.entryCount = count;
     test.entry = entries[0];
     test.oldAcl = oldAcl;
@@ -177,8 +185,8 @@ class SecurityAttributeCalls : public ::testing::Test {
 
   static BOOL WINAPI OnInitialize(PSECURITY_DESCRIPTOR descriptor, DWORD revision) {
     SecurityAttributeCalls& test = *s_test;
-    test.timeline.Note("InitializeSecurityDescriptor " + test.labels[descriptor] + " " +
-                       std::to_string(revision));
+    test.journal.Call("InitializeSecurityDescriptor " + test.labels[descriptor] + " " +
+                      std::to_string(revision));
     return test.failing != "InitializeSecurityDescriptor" &&
            test.Real<decltype(InitializeSecurityDescriptor)>("InitializeSecurityDescriptor")(
                descriptor, revision);
@@ -187,9 +195,9 @@ class SecurityAttributeCalls : public ::testing::Test {
   static BOOL WINAPI OnSetDacl(PSECURITY_DESCRIPTOR descriptor, BOOL present, PACL acl,
                                BOOL defaulted) {
     SecurityAttributeCalls& test = *s_test;
-    test.timeline.Note("SetSecurityDescriptorDacl " + test.labels[descriptor] + " " +
-                       std::to_string(present) + " " + test.labels[acl] + " " +
-                       std::to_string(defaulted));
+    test.journal.Call("SetSecurityDescriptorDacl " + test.labels[descriptor] + " " +
+                      std::to_string(present) + " " + test.labels[acl] + " " +
+                      std::to_string(defaulted));
     return test.failing != "SetSecurityDescriptorDacl" &&
            test.Real<decltype(SetSecurityDescriptorDacl)>("SetSecurityDescriptorDacl")(
                descriptor, present, acl, defaulted);
@@ -197,7 +205,7 @@ class SecurityAttributeCalls : public ::testing::Test {
 
   static void* WINAPI OnFreeSid(PSID sid) {
     SecurityAttributeCalls& test = *s_test;
-    test.timeline.Note("FreeSid " + test.labels[sid]);
+    test.journal.Call("FreeSid " + test.labels[sid]);
     return test.Real<decltype(FreeSid)>("FreeSid")(sid);
   }
 
@@ -219,7 +227,7 @@ class SecurityAttributeCalls : public ::testing::Test {
   }
 
   const TraceRecorder recorder;
-  Timeline timeline;
+  Journal journal;
   Attributes attributes;
 
   std::string failing;
@@ -246,7 +254,7 @@ class SecurityAttributeCalls : public ::testing::Test {
 
   CallPatch<LoadTag, HMODULE(const char*)> m_loadLibrary{
       "KERNEL32.dll", "LoadLibraryA", [this](const char* name) -> HMODULE {
-        timeline.Note(std::string("LoadLibraryA ") + name);
+        journal.Call(std::string("LoadLibraryA ") + name);
         if (failing == "LoadLibraryA") {
           SetLastError(ERROR_MOD_NOT_FOUND);
           return nullptr;
@@ -260,12 +268,12 @@ class SecurityAttributeCalls : public ::testing::Test {
       [this](HMODULE module, const char* name) { return OnGetProcAddress(module, name); }};
   CallPatch<FreeTag, BOOL(HMODULE)> m_freeLibrary{
       "KERNEL32.dll", "FreeLibrary", [this](HMODULE module) -> BOOL {
-        timeline.Note("FreeLibrary " + std::to_string(reinterpret_cast<ULONG_PTR>(module) >> 16));
+        journal.Call("FreeLibrary " + std::to_string(reinterpret_cast<ULONG_PTR>(module) >> 16));
         return TRUE;
       }};
   CallPatch<AllocTag, HLOCAL(UINT, SIZE_T)> m_localAlloc{
       "KERNEL32.dll", "LocalAlloc", [this](UINT flags, SIZE_T size) -> HLOCAL {
-        timeline.Note("LocalAlloc " + std::to_string(flags) + " " + std::to_string(size));
+        journal.Call("LocalAlloc " + std::to_string(flags) + " " + std::to_string(size));
         if (failing == "LocalAlloc") {
           return nullptr;
         }
@@ -273,11 +281,11 @@ class SecurityAttributeCalls : public ::testing::Test {
         labels[memory] = "sd";
         return memory;
       }};
-  CallPatch<LocalFreeTag, HLOCAL(HLOCAL)> m_localFree{
-      "KERNEL32.dll", "LocalFree", [this](HLOCAL memory) {
-        timeline.Note("LocalFree " + labels[memory]);
-        return m_localFree.CallOriginal(memory);
-      }};
+  CallPatch<LocalFreeTag, HLOCAL(HLOCAL)> m_localFree{"KERNEL32.dll", "LocalFree",
+                                                      [this](HLOCAL memory) {
+                                                        journal.Call("LocalFree " + labels[memory]);
+                                                        return m_localFree.CallOriginal(memory);
+                                                      }};
 };
 
 using CreateSecurityAttributeSteps = SecurityAttributeCalls;
@@ -286,11 +294,10 @@ using FreeSecurityAttributeSteps = SecurityAttributeCalls;
 TEST_F(CreateSecurityAttributeSteps, RunInOrder) {
   EXPECT_EQ(attributes.Create(), TRUE);
   EXPECT_THAT(
-      timeline.Entries(),
-      ElementsAre("CreateSecurityAttributeForEveryone: Entry", "LoadLibraryA advapi32.dll",
-                  "AllocateAndInitializeSid", "SetEntriesInAclW", "LocalAlloc 64 40",
-                  "InitializeSecurityDescriptor sd 1", "SetSecurityDescriptorDacl sd 1 acl 0",
-                  "CreateSecurityAttributeForEveryone: Exit"));
+      journal.Entries(),
+      ElementsAre(Created(2, "Entry"), "LoadLibraryA advapi32.dll", "AllocateAndInitializeSid",
+                  "SetEntriesInAclW", "LocalAlloc 64 40", "InitializeSecurityDescriptor sd 1",
+                  "SetSecurityDescriptorDacl sd 1 acl 0", Created(2, "Exit")));
   EXPECT_THAT(recorder.Lines(),
               ElementsAre(Line(2, kCreate, kSource, "Entry"), Line(2, kCreate, kSource, "Exit")));
   EXPECT_THAT(names, ::testing::UnorderedElementsAre("AllocateAndInitializeSid", "SetEntriesInAclW",
@@ -321,7 +328,7 @@ TEST_F(CreateSecurityAttributeSteps, ClearTheRecordAndEndWhenTheLibraryCannotBeL
   failing = "LoadLibraryA";
   attributes.sa = {24, &attributes, TRUE};
   EXPECT_EQ(attributes.Create(), FALSE);
-  EXPECT_THAT(timeline.Calls(), ElementsAre("LoadLibraryA advapi32.dll"));
+  EXPECT_THAT(journal.Calls(), ElementsAre("LoadLibraryA advapi32.dll"));
   EXPECT_THAT(recorder.Lines(),
               ElementsAre(Line(2, kCreate, kSource, "Entry"),
                           Line(1, kCreate, kSource, "LoadLibrary Failed For : advapi32.dll(126)")));
@@ -336,10 +343,9 @@ class MissingFunction : public SecurityAttributeCalls,
 TEST_P(MissingFunction, UnloadsTheLibraryAndFails) {
   missing = GetParam();
   EXPECT_EQ(attributes.Create(), FALSE);
-  EXPECT_THAT(timeline.Entries(),
-              ElementsAre("CreateSecurityAttributeForEveryone: Entry", "LoadLibraryA advapi32.dll",
-                          "FreeLibrary 1",
-                          "CreateSecurityAttributeForEveryone: get proc address Failed (127)"));
+  EXPECT_THAT(journal.Entries(),
+              ElementsAre(Created(2, "Entry"), "LoadLibraryA advapi32.dll", "FreeLibrary 1",
+                          Created(1, "get proc address Failed (127)")));
   EXPECT_THAT(recorder.Lines(),
               ElementsAre(Line(2, kCreate, kSource, "Entry"),
                           Line(1, kCreate, kSource, "get proc address Failed (127)")));
@@ -355,11 +361,9 @@ INSTANTIATE_TEST_SUITE_P(CreateSecurityAttribute, MissingFunction,
 TEST_F(CreateSecurityAttributeSteps, UnloadTheLibraryWhenThereIsNoSid) {
   failing = "AllocateAndInitializeSid";
   EXPECT_EQ(attributes.Create(), FALSE);
-  EXPECT_THAT(
-      timeline.Entries(),
-      ElementsAre("CreateSecurityAttributeForEveryone: Entry", "LoadLibraryA advapi32.dll",
-                  "AllocateAndInitializeSid", "FreeLibrary 1",
-                  "CreateSecurityAttributeForEveryone: s_pfnAllocateAndInitializeSid() Failed"));
+  EXPECT_THAT(journal.Entries(), ElementsAre(Created(2, "Entry"), "LoadLibraryA advapi32.dll",
+                                             "AllocateAndInitializeSid", "FreeLibrary 1",
+                                             Created(1, "s_pfnAllocateAndInitializeSid() Failed")));
   EXPECT_THAT(recorder.Lines(),
               ElementsAre(Line(2, kCreate, kSource, "Entry"),
                           Line(1, kCreate, kSource, "s_pfnAllocateAndInitializeSid() Failed")));
@@ -368,11 +372,10 @@ TEST_F(CreateSecurityAttributeSteps, UnloadTheLibraryWhenThereIsNoSid) {
 TEST_F(CreateSecurityAttributeSteps, FreeTheSidAndKeepTheLibraryWhenThereIsNoList) {
   failing = "SetEntriesInAclW";
   EXPECT_EQ(attributes.Create(), FALSE);
-  EXPECT_THAT(timeline.Entries(),
-              ElementsAre("CreateSecurityAttributeForEveryone: Entry", "LoadLibraryA advapi32.dll",
-                          "AllocateAndInitializeSid", "SetEntriesInAclW",
-                          "CreateSecurityAttributeForEveryone: s_pfnSetEntriesInAcl() Failed",
-                          "FreeSid sid"));
+  EXPECT_THAT(
+      journal.Entries(),
+      ElementsAre(Created(2, "Entry"), "LoadLibraryA advapi32.dll", "AllocateAndInitializeSid",
+                  "SetEntriesInAclW", Created(1, "s_pfnSetEntriesInAcl() Failed"), "FreeSid sid"));
   EXPECT_THAT(recorder.Lines(),
               ElementsAre(Line(2, kCreate, kSource, "Entry"),
                           Line(1, kCreate, kSource, "s_pfnSetEntriesInAcl() Failed")));
@@ -381,11 +384,10 @@ TEST_F(CreateSecurityAttributeSteps, FreeTheSidAndKeepTheLibraryWhenThereIsNoLis
 TEST_F(CreateSecurityAttributeSteps, FreeListAndSidAndKeepTheLibraryWhenThereIsNoMemory) {
   failing = "LocalAlloc";
   EXPECT_EQ(attributes.Create(), FALSE);
-  EXPECT_THAT(timeline.Entries(),
-              ElementsAre("CreateSecurityAttributeForEveryone: Entry", "LoadLibraryA advapi32.dll",
+  EXPECT_THAT(journal.Entries(),
+              ElementsAre(Created(2, "Entry"), "LoadLibraryA advapi32.dll",
                           "AllocateAndInitializeSid", "SetEntriesInAclW", "LocalAlloc 64 40",
-                          "LocalFree acl", "FreeSid sid",
-                          "CreateSecurityAttributeForEveryone: LocalAlloc() Failed"));
+                          "LocalFree acl", "FreeSid sid", Created(1, "LocalAlloc() Failed")));
   EXPECT_THAT(recorder.Lines(), ElementsAre(Line(2, kCreate, kSource, "Entry"),
                                             Line(1, kCreate, kSource, "LocalAlloc() Failed")));
   EXPECT_EQ(attributes.sd, nullptr);
@@ -395,13 +397,11 @@ TEST_F(CreateSecurityAttributeSteps, FreeListAndSidAndKeepTheLibraryWhenThereIsN
 TEST_F(CreateSecurityAttributeSteps, FreeEverythingWhenTheDescriptorCannotBeInitialised) {
   failing = "InitializeSecurityDescriptor";
   EXPECT_EQ(attributes.Create(), FALSE);
-  EXPECT_THAT(
-      timeline.Entries(),
-      ElementsAre(
-          "CreateSecurityAttributeForEveryone: Entry", "LoadLibraryA advapi32.dll",
-          "AllocateAndInitializeSid", "SetEntriesInAclW", "LocalAlloc 64 40",
-          "InitializeSecurityDescriptor sd 1", "LocalFree sd", "LocalFree acl", "FreeSid sid",
-          "CreateSecurityAttributeForEveryone: s_pfnInitializeSecurityDescriptor() Failed"));
+  EXPECT_THAT(journal.Entries(),
+              ElementsAre(Created(2, "Entry"), "LoadLibraryA advapi32.dll",
+                          "AllocateAndInitializeSid", "SetEntriesInAclW", "LocalAlloc 64 40",
+                          "InitializeSecurityDescriptor sd 1", "LocalFree sd", "LocalFree acl",
+                          "FreeSid sid", Created(1, "s_pfnInitializeSecurityDescriptor() Failed")));
   EXPECT_THAT(recorder.Lines(),
               ElementsAre(Line(2, kCreate, kSource, "Entry"),
                           Line(1, kCreate, kSource, "s_pfnInitializeSecurityDescriptor() Failed")));
@@ -414,12 +414,11 @@ TEST_F(CreateSecurityAttributeSteps, FreeEverythingWhenTheListCannotBeSet) {
   failing = "SetSecurityDescriptorDacl";
   EXPECT_EQ(attributes.Create(), FALSE);
   EXPECT_THAT(
-      timeline.Entries(),
-      ElementsAre("CreateSecurityAttributeForEveryone: Entry", "LoadLibraryA advapi32.dll",
-                  "AllocateAndInitializeSid", "SetEntriesInAclW", "LocalAlloc 64 40",
-                  "InitializeSecurityDescriptor sd 1", "SetSecurityDescriptorDacl sd 1 acl 0",
-                  "LocalFree sd", "LocalFree acl", "FreeSid sid",
-                  "CreateSecurityAttributeForEveryone: s_pfnSetSecurityDescriptorDacl() Failed"));
+      journal.Entries(),
+      ElementsAre(Created(2, "Entry"), "LoadLibraryA advapi32.dll", "AllocateAndInitializeSid",
+                  "SetEntriesInAclW", "LocalAlloc 64 40", "InitializeSecurityDescriptor sd 1",
+                  "SetSecurityDescriptorDacl sd 1 acl 0", "LocalFree sd", "LocalFree acl",
+                  "FreeSid sid", Created(1, "s_pfnSetSecurityDescriptorDacl() Failed")));
   EXPECT_THAT(recorder.Lines(),
               ElementsAre(Line(2, kCreate, kSource, "Entry"),
                           Line(1, kCreate, kSource, "s_pfnSetSecurityDescriptorDacl() Failed")));
@@ -429,9 +428,9 @@ TEST_F(CreateSecurityAttributeSteps, FreeEverythingWhenTheListCannotBeSet) {
 TEST_F(FreeSecurityAttributeSteps, FreeSidListAndDescriptorThenUnload) {
   ASSERT_EQ(attributes.Create(), TRUE);
   const TraceRecorder fromHere;
-  timeline.Clear();
+  journal.Clear();
   EXPECT_EQ(attributes.Free(), TRUE);
-  EXPECT_THAT(timeline.Calls(),
+  EXPECT_THAT(journal.Calls(),
               ElementsAre("FreeSid sid", "LocalFree acl", "LocalFree sd", "FreeLibrary 1"));
   EXPECT_THAT(fromHere.Lines(), ElementsAre(Line(2, kFree, kSource, "Entry"),
                                             Line(2, kFree, kSource, "Before calling g_pfnFreeSid"),
@@ -449,21 +448,19 @@ TEST_F(FreeSecurityAttributeSteps, LeaveTheRecordItselfAlone) {
 
 TEST_F(FreeSecurityAttributeSteps, WriteEachLineAheadOfItsCall) {
   ASSERT_EQ(attributes.Create(), TRUE);
-  timeline.Clear();
+  journal.Clear();
   attributes.Free();
-  EXPECT_THAT(
-      timeline.Entries(),
-      ElementsAre("FreeSecurityAttributeForEveryone: Entry",
-                  "FreeSecurityAttributeForEveryone: Before calling g_pfnFreeSid", "FreeSid sid",
-                  "FreeSecurityAttributeForEveryone: Before calling LocalFree", "LocalFree acl",
-                  "FreeSecurityAttributeForEveryone: Before calling LocalFree", "LocalFree sd",
-                  "FreeLibrary 1", "FreeSecurityAttributeForEveryone: Exit"));
+  EXPECT_THAT(journal.Entries(),
+              ElementsAre(Freed(2, "Entry"), Freed(2, "Before calling g_pfnFreeSid"), "FreeSid sid",
+                          Freed(2, "Before calling LocalFree"), "LocalFree acl",
+                          Freed(2, "Before calling LocalFree"), "LocalFree sd", "FreeLibrary 1",
+                          Freed(2, "Exit")));
 }
 
 TEST_F(FreeSecurityAttributeSteps, FreeNothingForANullRecord) {
   PSID const sid = &attributes;
   EXPECT_EQ(FreeSecurityAttributeForEveryone(nullptr, sid, nullptr, nullptr), FALSE);
-  EXPECT_THAT(timeline.Calls(), IsEmpty());
+  EXPECT_THAT(journal.Calls(), IsEmpty());
   EXPECT_THAT(recorder.Lines(), ElementsAre(Line(2, kFree, kSource, "Entry"),
                                             Line(1, kFree, kSource, "NULL Parameters Received")));
 }
@@ -472,12 +469,12 @@ TEST_F(FreeSecurityAttributeSteps, WithAllThreePointersNullStillUnloadTheLibrary
   ASSERT_EQ(attributes.Create(), TRUE);
   const Attributes made = attributes;
   const TraceRecorder fromHere;
-  timeline.Clear();
+  journal.Clear();
   attributes.sid = nullptr;
   attributes.acl = nullptr;
   attributes.sd = nullptr;
   EXPECT_EQ(attributes.Free(), TRUE);
-  EXPECT_THAT(timeline.Calls(), ElementsAre("FreeLibrary 1"));
+  EXPECT_THAT(journal.Calls(), ElementsAre("FreeLibrary 1"));
   EXPECT_THAT(fromHere.Lines(),
               ElementsAre(Line(2, kFree, kSource, "Entry"), Line(2, kFree, kSource, "Exit")));
   attributes = made;
@@ -488,7 +485,7 @@ TEST_F(FreeSecurityAttributeSteps, ForgetTheLibrary) {
   ASSERT_EQ(attributes.Create(), TRUE);
   attributes.Free();
   FreeSecurityAttributeForEveryone(&attributes.sa, nullptr, nullptr, nullptr);
-  EXPECT_EQ(timeline.Calls().back(), "FreeLibrary 0");
+  EXPECT_EQ(journal.Calls().back(), "FreeLibrary 0");
 }
 
 TEST_F(CreateSecurityAttributeSteps, TwiceWithoutAFreeLoadTheLibraryTwiceAndKeepOnlyTheLastHandle) {
@@ -499,7 +496,7 @@ TEST_F(CreateSecurityAttributeSteps, TwiceWithoutAFreeLoadTheLibraryTwiceAndKeep
   attributes.Free();
   second.Free();
   std::vector<std::string> frees;
-  for (const std::string& call : timeline.Calls()) {
+  for (const std::string& call : journal.Calls()) {
     if (call.starts_with("FreeLibrary")) {
       frees.push_back(call);
     }

@@ -8,8 +8,8 @@
 #include "tests/fakes/vorlmisc_fake.h"
 #include "tests/fakes/vorlupd_fake.h"
 #include "tests/support/import_patch.h"
+#include "tests/support/journal.h"
 #include "tests/support/text.h"
-#include "tests/support/timeline.h"
 #include "tests/support/trace_recorder.h"
 
 using ::testing::ElementsAre;
@@ -21,9 +21,14 @@ constexpr char kSource[] = "agent/vorlsvc.cpp";
 constexpr char kLoad[] = "LoadVorlcoreDll";
 constexpr char kPatch[] = "DoPendingPatchTasks";
 
+// Its trace lines in the journal.
+std::string Patched(int level, const std::string& text) {
+  return Traced(level, kPatch, kSource, text);
+}
+
 std::wstring BaseName(const std::wstring& path) { return path.substr(path.rfind(L'\\') + 1); }
 
-// Loads and unloads go to the timeline, by the name of the module's file.
+// Loads and unloads go to the journal, by the name of the module's file.
 class ModuleLoading : public ::testing::Test {
  protected:
   struct LoadCall {
@@ -68,7 +73,7 @@ class ModuleLoading : public ::testing::Test {
   }
 
   const TraceRecorder recorder;
-  Timeline timeline;
+  Journal journal;
   std::wstring root;
   std::wstring temporary;
   std::vector<LoadCall> loads;
@@ -79,14 +84,14 @@ class ModuleLoading : public ::testing::Test {
 
   CallPatch<LoadTag, HMODULE(const wchar_t*, HANDLE, DWORD)> m_load{
       "KERNEL32.dll", "LoadLibraryExW", [this](const wchar_t* path, HANDLE file, DWORD flags) {
-        timeline.Note("LoadLibraryExW " + Utf8(BaseName(path)));
+        journal.Call("LoadLibraryExW " + Utf8(BaseName(path)));
         loads.push_back({path, file, flags});
         return m_load.CallOriginal(path, file, flags);
       }};
   CallPatch<FreeTag, BOOL(HMODULE)> m_free{"KERNEL32.dll", "FreeLibrary", [this](HMODULE module) {
                                              wchar_t path[MAX_PATH] = {};
                                              GetModuleFileNameW(module, path, MAX_PATH);
-                                             timeline.Note("FreeLibrary " + Utf8(BaseName(path)));
+                                             journal.Call("FreeLibrary " + Utf8(BaseName(path)));
                                              return m_free.CallOriginal(module);
                                            }};
 };
@@ -104,7 +109,7 @@ TEST_F(LoadVorlcoreDllTest, LoadsTheCoreModuleOfTheRootFolder) {
               ElementsAre(Line(2, kLoad, kSource, "Entry."),
                           WideLine(8, kLoad, kSource, "wszFilePath: %s", PathText(L"vorlcore.dll")),
                           Line(2, kLoad, kSource, "Exit.")));
-  EXPECT_THAT(timeline.Calls(), ElementsAre("LoadLibraryExW vorlcore.dll"));
+  EXPECT_THAT(journal.Calls(), ElementsAre("LoadLibraryExW vorlcore.dll"));
   FreeLibrary(module);
 }
 
@@ -125,7 +130,7 @@ TEST_F(LoadVorlcoreDllTest, FailsWithoutARootFolder) {
   EXPECT_THAT(recorder.Lines(),
               ElementsAre(Line(2, kLoad, kSource, "Entry."),
                           Line(1, kLoad, kSource, "GetClientAgentRootDir Fail...")));
-  EXPECT_THAT(timeline.Calls(), IsEmpty());
+  EXPECT_THAT(journal.Calls(), IsEmpty());
 }
 
 TEST_F(LoadVorlcoreDllTest, OnlyTheLowByteOfTheFoldersResultCounts) {
@@ -214,10 +219,10 @@ TEST_F(DoPendingPatchTasksTest, CallsTheUpdateModuleAndUnloadsIt) {
                           WideLine(2, kPatch, kSource, "wszFilePath: %s", PathText(L"vorlupd.dll")),
                           Line(2, kPatch, kSource, "Exit.")));
   EXPECT_THAT(
-      timeline.Entries(),
-      ElementsAre("DoPendingPatchTasks: Entry.", "DoPendingPatchTasks: " + PathText(L"vorlupd.dll"),
-                  "LoadLibraryExW vorlupd.dll", "FreeLibrary vorlupd.dll",
-                  "DoPendingPatchTasks: Exit."));
+      journal.Entries(),
+      ElementsAre(Patched(2, "Entry."),
+                  Patched(2, PathText(L"vorlupd.dll")) + " [as format wszFilePath: %s]",
+                  "LoadLibraryExW vorlupd.dll", "FreeLibrary vorlupd.dll", Patched(2, "Exit.")));
   EXPECT_TRUE(update.ReleaseLast());
 }
 
@@ -236,7 +241,7 @@ TEST_F(DoPendingPatchTasksTest, FailsWithoutARootFolder) {
   EXPECT_FALSE(DoPendingPatchTasks());
   EXPECT_THAT(recorder.Lines(), ElementsAre(Line(2, kPatch, kSource, "Entry."),
                                             Line(1, kPatch, kSource, "GetAdmnConRootDir Fail...")));
-  EXPECT_THAT(timeline.Calls(), IsEmpty());
+  EXPECT_THAT(journal.Calls(), IsEmpty());
 }
 
 TEST_F(DoPendingPatchTasksTest, NoUpdateModuleInTheRootFolderIsAnErrorLineAndNothingIsLoaded) {
@@ -247,7 +252,7 @@ TEST_F(DoPendingPatchTasksTest, NoUpdateModuleInTheRootFolderIsAnErrorLineAndNot
                           WideLine(2, kPatch, kSource, "wszFilePath: %s", PathText(L"vorlupd.dll")),
                           WideLine(1, kPatch, kSource, "File not exist (%s)",
                                    "File not exist (" + Utf8(root) + "\\vorlupd.dll)")));
-  EXPECT_THAT(timeline.Calls(), IsEmpty());
+  EXPECT_THAT(journal.Calls(), IsEmpty());
 }
 
 TEST_F(DoPendingPatchTasksTest, AsksOnlyWhetherTheFileExists) {
@@ -263,7 +268,7 @@ TEST_F(DoPendingPatchTasksTest, AsksOnlyWhetherTheFileExists) {
   EXPECT_FALSE(DoPendingPatchTasks());
   EXPECT_EQ(path, root + L"\\vorlupd.dll");
   EXPECT_EQ(mode, 0);
-  EXPECT_THAT(timeline.Calls(), IsEmpty());
+  EXPECT_THAT(journal.Calls(), IsEmpty());
 }
 
 TEST_F(DoPendingPatchTasksTest, FailsWhenTheFileIsNoModule) {
@@ -275,7 +280,7 @@ TEST_F(DoPendingPatchTasksTest, FailsWhenTheFileIsNoModule) {
                           WideLine(2, kPatch, kSource, "wszFilePath: %s", PathText(L"vorlupd.dll")),
                           DirectLine(1, kPatch, kSource, "Load Library Fail... with error (%lu)",
                                      "Load Library Fail... with error (193)")));
-  EXPECT_THAT(timeline.Calls(), ElementsAre("LoadLibraryExW vorlupd.dll"));
+  EXPECT_THAT(journal.Calls(), ElementsAre("LoadLibraryExW vorlupd.dll"));
 }
 
 TEST_F(DoPendingPatchTasksTest, AnUpdateModuleWithoutTheExportIsLoadedAndUnloadedAgain) {
@@ -286,12 +291,13 @@ TEST_F(DoPendingPatchTasksTest, AnUpdateModuleWithoutTheExportIsLoadedAndUnloade
                           WideLine(2, kPatch, kSource, "wszFilePath: %s", PathText(L"vorlupd.dll")),
                           DirectLine(1, kPatch, kSource, "GetProcAddress Fail... with error (%lu)",
                                      "GetProcAddress Fail... with error (127)")));
-  EXPECT_THAT(
-      timeline.Entries(),
-      ElementsAre("DoPendingPatchTasks: Entry.", "DoPendingPatchTasks: " + PathText(L"vorlupd.dll"),
-                  "LoadLibraryExW vorlupd.dll",
-                  "DoPendingPatchTasks: GetProcAddress Fail... with error (127)",
-                  "FreeLibrary vorlupd.dll"));
+  EXPECT_THAT(journal.Entries(),
+              ElementsAre(Patched(2, "Entry."),
+                          Patched(2, PathText(L"vorlupd.dll")) + " [as format wszFilePath: %s]",
+                          "LoadLibraryExW vorlupd.dll",
+                          Patched(1, "GetProcAddress Fail... with error (127)") +
+                              " [as format GetProcAddress Fail... with error (%lu)]",
+                          "FreeLibrary vorlupd.dll"));
   EXPECT_EQ(GetModuleHandleW((root + L"\\vorlupd.dll").c_str()), nullptr);
 }
 
@@ -308,10 +314,10 @@ TEST_P(UpdateResult, OfALowByteOfZeroIsAFailure) {
                           WideLine(2, kPatch, kSource, "wszFilePath: %s", PathText(L"vorlupd.dll")),
                           Line(1, kPatch, kSource, "pfn_UpdateBeforeServerService Fail.")));
   EXPECT_THAT(
-      timeline.Entries(),
-      ElementsAre("DoPendingPatchTasks: Entry.", "DoPendingPatchTasks: " + PathText(L"vorlupd.dll"),
-                  "LoadLibraryExW vorlupd.dll",
-                  "DoPendingPatchTasks: pfn_UpdateBeforeServerService Fail.",
+      journal.Entries(),
+      ElementsAre(Patched(2, "Entry."),
+                  Patched(2, PathText(L"vorlupd.dll")) + " [as format wszFilePath: %s]",
+                  "LoadLibraryExW vorlupd.dll", Patched(1, "pfn_UpdateBeforeServerService Fail."),
                   "FreeLibrary vorlupd.dll"));
   EXPECT_TRUE(update.ReleaseLast());
 }

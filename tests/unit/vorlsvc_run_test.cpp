@@ -14,8 +14,8 @@
 #include "tests/fakes/vorlmisc_fake.h"
 #include "tests/support/handle_calls.h"
 #include "tests/support/import_patch.h"
+#include "tests/support/journal.h"
 #include "tests/support/text.h"
-#include "tests/support/timeline.h"
 #include "tests/support/trace_recorder.h"
 #include "tests/unit/agent_service.h"
 
@@ -31,8 +31,10 @@ TraceLine RunLine(int level, const std::string& text) {
   return Line(level, "CAcAsSvc::Run", kSource, text);
 }
 
-// The entry of such a line in the timeline.
-std::string Ran(const std::string& text) { return "CAcAsSvc::Run: " + text; }
+// Such a line in the journal.
+std::string Ran(int level, const std::string& text) {
+  return Traced(level, "CAcAsSvc::Run", kSource, text);
+}
 
 // The name of a module's file in lower case.
 std::string FileName(const std::wstring& path) {
@@ -89,8 +91,7 @@ class HeldCore {
 };
 
 // Runs the service's body with the recording core and update modules. The watcher's thread is the
-// real one and can be held back ahead of its first step; its lines are left out of the timeline,
-// because they come at any time.
+// real one and can be held back ahead of its first step; its lines come at any time.
 class RunTest : public ::testing::Test {
  protected:
   RunTest() {
@@ -100,7 +101,7 @@ class RunTest : public ::testing::Test {
     UseRoot(L"complete");
     service->OnInit();
     FakeTraceClear();
-    timeline.Clear();
+    journal.Clear();
   }
 
   ~RunTest() override {
@@ -150,9 +151,9 @@ class RunTest : public ::testing::Test {
 
   // The calls and the lines of Run alone.
   std::vector<std::string> RunAndCalls() const {
-    std::vector<std::string> entries = timeline.Entries();
+    std::vector<std::string> entries = journal.Entries();
     std::erase_if(entries, [](const std::string& entry) {
-      return entry.find(": ") != std::string::npos && !entry.starts_with("CAcAsSvc::Run");
+      return entry.starts_with("level ") && entry.find(" CAcAsSvc::Run (") == std::string::npos;
     });
     return entries;
   }
@@ -162,8 +163,7 @@ class RunTest : public ::testing::Test {
   }
 
   const TraceRecorder recorder;
-  Timeline timeline{{kWatcher}};
-  // What the watcher does with its events is not of interest here.
+  Journal journal;
   std::wstring root;
   std::unique_ptr<TestService> service = std::make_unique<TestService>();
   // The watcher's thread, a handle of the test's own; null until it is started.
@@ -200,7 +200,7 @@ class RunTest : public ::testing::Test {
     EXPECT_EQ(stackSize, 0U);
     EXPECT_EQ(flags, 0U);
     EXPECT_NE(id, nullptr);
-    timeline.Note("_beginthreadex");
+    journal.Call("_beginthreadex");
     if (beginFails) {
       SetLastError(ERROR_NOT_ENOUGH_MEMORY);
       return 0;
@@ -234,7 +234,7 @@ class RunTest : public ::testing::Test {
       "KERNEL32.dll", "WaitForSingleObject", [this](HANDLE handle, DWORD milliseconds) {
         if (handle == m_thread && handle != nullptr) {
           EXPECT_EQ(milliseconds, INFINITE);
-          timeline.Note("WaitForSingleObject watcher thread");
+          journal.Call("WaitForSingleObject watcher thread");
           ++waitsForWatcher;
           // Does not let a lost signal hang the test.
           if (m_wait.CallOriginal(handle, 30000) == WAIT_TIMEOUT) {
@@ -246,13 +246,13 @@ class RunTest : public ::testing::Test {
       }};
   CallPatch<LoadTag, HMODULE(const wchar_t*, HANDLE, DWORD)> m_load{
       "KERNEL32.dll", "LoadLibraryExW", [this](const wchar_t* path, HANDLE file, DWORD flags) {
-        timeline.Note("LoadLibraryExW " + FileName(path));
+        journal.Call("LoadLibraryExW " + FileName(path));
         return m_load.CallOriginal(path, file, flags);
       }};
   CallPatch<FreeTag, BOOL(HMODULE)> m_free{"KERNEL32.dll", "FreeLibrary", [this](HMODULE module) {
                                              wchar_t path[MAX_PATH] = {};
                                              GetModuleFileNameW(module, path, MAX_PATH);
-                                             timeline.Note("FreeLibrary " + FileName(path));
+                                             journal.Call("FreeLibrary " + FileName(path));
                                              return m_free.CallOriginal(module);
                                            }};
   // There is no service control manager behind the handler.
@@ -261,7 +261,7 @@ class RunTest : public ::testing::Test {
       [](SERVICE_STATUS_HANDLE, SERVICE_STATUS*) { return TRUE; }};
 
  protected:
-  HandleCalls handles{timeline};
+  HandleCalls handles{journal};
 };
 
 TEST_F(RunTest, HostsTheModulesUntilTheWatcherEnds) {
@@ -313,19 +313,19 @@ TEST_F(RunTest, CallsWindowsInOrder) {
     SetEvent(event);
     AwaitWatcher();
     CloseHandle(event);
-    timeline.Clear();
+    journal.Clear();
   });
   service->Run();
   EXPECT_THAT(
       RunAndCalls(),
-      ElementsAre(Ran("After calling ClientAgentCoreStartUp"),
-                  Ran("Before Calling WaitForSingleObject"), "WaitForSingleObject watcher thread",
-                  Ran("After Calling WaitForSingleObject"), "CloseHandle watcher thread",
-                  Ran("Before calling ClientAgentCoreCleanUp"), Ran("Notify server is false"),
-                  Ran("After calling ClientAgentCoreCleanUp"),
-                  Ran("Before calling FreeSecurityAttributeForEveryone"),
+      ElementsAre(Ran(2, "After calling ClientAgentCoreStartUp"),
+                  Ran(2, "Before Calling WaitForSingleObject"),
+                  "WaitForSingleObject watcher thread", Ran(2, "After Calling WaitForSingleObject"),
+                  "CloseHandle watcher thread", Ran(2, "Before calling ClientAgentCoreCleanUp"),
+                  Ran(2, "Notify server is false"), Ran(2, "After calling ClientAgentCoreCleanUp"),
+                  Ran(2, "Before calling FreeSecurityAttributeForEveryone"),
                   "FreeLibrary vorlcore.dll", "FreeLibrary advapi32.dll",
-                  Ran("After calling FreeSecurityAttributeForEveryone"), Ran("Exit")));
+                  Ran(2, "After calling FreeSecurityAttributeForEveryone"), Ran(2, "Exit")));
 }
 
 TEST_F(RunTest, UnloadsTheUpdateModuleBeforeItLoadsTheCore) {
@@ -333,7 +333,7 @@ TEST_F(RunTest, UnloadsTheUpdateModuleBeforeItLoadsTheCore) {
   HoldWatcher();
   core->startUpResult = 0;
   service->Run();
-  const std::vector<std::string> calls = timeline.Calls();
+  const std::vector<std::string> calls = journal.Calls();
   ASSERT_GE(calls.size(), 4U);
   EXPECT_THAT(std::vector(calls.begin(), calls.begin() + 4),
               ElementsAre("_beginthreadex", "LoadLibraryExW vorlupd.dll", "FreeLibrary vorlupd.dll",
@@ -389,7 +389,7 @@ TEST_F(RunTest, EndsWhenTheWatcherCannotBeStarted) {
   EXPECT_THAT(recorder.Lines(),
               ElementsAre(RunLine(2, "Entry"), RunLine(1, "_beginthreadex Failed 8")));
   EXPECT_EQ(FakeMisc()->startUpOptionsCalls, 0U);
-  EXPECT_THAT(timeline.Calls(), ElementsAre("_beginthreadex"));
+  EXPECT_THAT(journal.Calls(), ElementsAre("_beginthreadex"));
 }
 
 // Without start-up options.
@@ -414,12 +414,12 @@ TEST_F(RunTest, FailingOptionsSignalTheCloseEventAndCloseTheHandle) {
   HoldWatcher();
   FakeMisc()->startUpOptionsResult = 0;
   service->Run();
-  EXPECT_THAT(timeline.Entries(),
-              ElementsAre(Ran("Entry"), "_beginthreadex",
-                          Ran("Before calling GetClientAgentStartUpOptions"),
-                          Ran("GetClientAgentStartUpOptions Failed"), "CreateEventA " + kCloseEvent,
-                          "DuplicateHandle " + kCloseEvent, "SetEvent " + kCloseEvent,
-                          "CloseHandle " + kCloseEvent));
+  EXPECT_THAT(journal.Entries(),
+              ElementsAre(Ran(2, "Entry"), "_beginthreadex",
+                          Ran(2, "Before calling GetClientAgentStartUpOptions"),
+                          Ran(1, "GetClientAgentStartUpOptions Failed"),
+                          "CreateEventA " + kCloseEvent, "DuplicateHandle " + kCloseEvent,
+                          "SetEvent " + kCloseEvent, "CloseHandle " + kCloseEvent));
   const HandleCalls::Creation creation = handles.Creations()[0];
   EXPECT_EQ(creation.name, VersionedName("AcClientAgentSrvcCloseFromServicef"));
   EXPECT_EQ(creation.attributes, &service->m_SecurityAttributes);
@@ -437,7 +437,7 @@ TEST_F(RunTest, FailingOptionsAndACloseEventWithoutANameAreTwoErrors) {
                                    RunLine(2, "Before calling GetClientAgentStartUpOptions"),
                                    RunLine(1, "GetClientAgentStartUpOptions Failed"),
                                    RunLine(1, "GetEventNameByVersion Failed")));
-  EXPECT_THAT(timeline.Calls(), ElementsAre("_beginthreadex"));
+  EXPECT_THAT(journal.Calls(), ElementsAre("_beginthreadex"));
 }
 
 TEST_F(RunTest, FailingOptionsAndACloseEventThatCannotBeCreatedAreTwoErrors) {
@@ -449,7 +449,7 @@ TEST_F(RunTest, FailingOptionsAndACloseEventThatCannotBeCreatedAreTwoErrors) {
                                    RunLine(2, "Before calling GetClientAgentStartUpOptions"),
                                    RunLine(1, "GetClientAgentStartUpOptions Failed"),
                                    RunLine(1, "CreateEvent Failed for Close Event : 5")));
-  EXPECT_THAT(timeline.Calls(), ElementsAre("_beginthreadex", "CreateEventA " + kCloseEvent));
+  EXPECT_THAT(journal.Calls(), ElementsAre("_beginthreadex", "CreateEventA " + kCloseEvent));
 }
 
 // Without one of the modules or of its exports.
@@ -487,7 +487,7 @@ TEST_F(RunTest, EndsWithoutACoreModuleAndSignalsNothing) {
                   RunLine(2, "DoPendingPatchTasks failed..."),
                   RunLine(2, "After calling GetClientAgentStartUpOptions"),
                   RunLine(1, "LoadAcresDll() failed.")));
-  EXPECT_THAT(timeline.Calls(),
+  EXPECT_THAT(journal.Calls(),
               ElementsAre("_beginthreadex", "LoadLibraryExW vorlupd.dll", "FreeLibrary vorlupd.dll",
                           "LoadLibraryExW vorlcore.dll"));
   EXPECT_THAT(handles.Open(), ElementsAre("watcher thread"));
@@ -511,7 +511,7 @@ TEST_F(RunTest, UnloadsACoreWithoutStartUpAndSignalsNothing) {
   const std::vector<std::string> entries = RunAndCalls();
   EXPECT_THAT(std::vector(entries.end() - 4, entries.end()),
               ElementsAre("LoadLibraryExW vorlcore.dll",
-                          Ran("GetProcAddress() failed for ClientAgentCoreStartUp."),
+                          Ran(1, "GetProcAddress() failed for ClientAgentCoreStartUp."),
                           "FreeLibrary vorlcore.dll", "FreeLibrary vorlcore.dll"))
       << "the second one is the test's own";
   EXPECT_THAT(handles.Open(), ElementsAre("watcher thread"));
@@ -525,7 +525,7 @@ TEST_F(RunTest, UnloadsACoreWithoutCleanUpAfterTwoCallsWithoutAHandle) {
     SetEvent(event);
     AwaitWatcher();
     CloseHandle(event);
-    timeline.Clear();
+    journal.Clear();
     FakeTraceClear();
   });
   service->Run();
@@ -535,10 +535,10 @@ TEST_F(RunTest, UnloadsACoreWithoutCleanUpAfterTwoCallsWithoutAHandle) {
                           RunLine(2, "After Calling WaitForSingleObject"),
                           RunLine(2, "Before calling ClientAgentCoreCleanUp"),
                           RunLine(1, "GetProcAddress() failed for ClientAgentCoreCleanUp.")));
-  EXPECT_THAT(timeline.Calls(),
+  EXPECT_THAT(journal.Calls(),
               ElementsAre("WaitForSingleObject watcher thread", "CloseHandle watcher thread",
                           "SetEvent null", "CloseHandle null", "FreeLibrary vorlcore.dll"));
-  EXPECT_EQ(RunAndCalls()[5], Ran("Before calling ClientAgentCoreCleanUp"));
+  EXPECT_EQ(RunAndCalls()[5], Ran(2, "Before calling ClientAgentCoreCleanUp"));
 }
 
 // With a core that reports failures.
@@ -555,8 +555,8 @@ TEST_P(FailedStartUp, UnloadsTheCoreSignalsTheCloseEventAndNeverCallsCleanUp) {
   const std::vector<std::string> entries = RunAndCalls();
   ASSERT_GE(entries.size(), 7U);
   EXPECT_THAT(std::vector(entries.end() - 7, entries.end()),
-              ElementsAre(Ran("Before calling ClientAgentCoreStartUp"),
-                          Ran("ClientAgentCoreStartUp Failed"), "FreeLibrary vorlcore.dll",
+              ElementsAre(Ran(2, "Before calling ClientAgentCoreStartUp"),
+                          Ran(1, "ClientAgentCoreStartUp Failed"), "FreeLibrary vorlcore.dll",
                           "CreateEventA " + kCloseEvent, "DuplicateHandle " + kCloseEvent,
                           "SetEvent " + kCloseEvent, "CloseHandle " + kCloseEvent));
   EXPECT_EQ(Lines().back(), RunLine(1, "ClientAgentCoreStartUp Failed"));

@@ -9,7 +9,7 @@
 #include "tests/fakes/vorlinfo_fake.h"
 #include "tests/support/handle_calls.h"
 #include "tests/support/import_patch.h"
-#include "tests/support/timeline.h"
+#include "tests/support/journal.h"
 #include "tests/support/trace_recorder.h"
 #include "tests/unit/agent_service.h"
 
@@ -54,11 +54,11 @@ TEST(CAcAsSvc, IsDestroyedThroughItsBaseClass) {
 
 TEST(CAcAsSvc, ClosesNothingWhenTheWatcherNeverRan) {
   const TraceRecorder recorder;
-  Timeline timeline;
-  const HandleCalls handles(timeline);
+  Journal journal;
+  const HandleCalls handles(journal);
   auto service = std::make_unique<TestService>();
   service.reset();
-  EXPECT_THAT(timeline.Calls(), IsEmpty());
+  EXPECT_THAT(journal.Calls(), IsEmpty());
   EXPECT_EQ(handles.FailedCloses(), 0U);
 }
 
@@ -67,12 +67,12 @@ class CAcAsSvcHooks : public ::testing::Test {
   CAcAsSvcHooks() {
     FakeInfoReset();
     FakeTraceClear();
-    timeline.Clear();
+    journal.Clear();
   }
 
   const TraceRecorder recorder;
-  Timeline timeline;
-  HandleCalls handles{timeline};
+  Journal journal;
+  HandleCalls handles{journal};
   std::unique_ptr<TestService> service = std::make_unique<TestService>();
 };
 
@@ -124,6 +124,11 @@ TraceLine StopLine(int level, const std::string& text) {
   return Line(level, "CAcAsSvc::OnStop", kSource, text);
 }
 
+// Such a line in the journal.
+std::string Stopped(int level, const std::string& text) {
+  return Traced(level, "CAcAsSvc::OnStop", kSource, text);
+}
+
 TEST_F(OnStop, SignalsTheCloseEvent) {
   const HANDLE event = OpenOrCreateEvent(kCloseEvent);
   EXPECT_FALSE(IsSignalled(event));
@@ -138,11 +143,11 @@ TEST_F(OnStop, SignalsTheCloseEvent) {
 TEST_F(OnStop, ClosesItsHandleBetweenSignalAndExit) {
   service->OnStop();
   EXPECT_THAT(
-      timeline.Entries(),
-      ElementsAre("CAcAsSvc::OnStop: Entry", "CreateEventA " + kCloseEvent,
-                  "DuplicateHandle " + kCloseEvent, "CAcAsSvc::OnStop: Before setting close Event",
-                  "SetEvent " + kCloseEvent, "CAcAsSvc::OnStop: After setting close Event",
-                  "CloseHandle " + kCloseEvent, "CAcAsSvc::OnStop: Exit"));
+      journal.Entries(),
+      ElementsAre(Stopped(2, "Entry"), "CreateEventA " + kCloseEvent,
+                  "DuplicateHandle " + kCloseEvent, Stopped(2, "Before setting close Event"),
+                  "SetEvent " + kCloseEvent, Stopped(2, "After setting close Event"),
+                  "CloseHandle " + kCloseEvent, Stopped(2, "Exit")));
 }
 
 TEST_F(OnStop, CreatesTheEventManualAndNotSignalledWithTheAttributes) {
@@ -189,7 +194,7 @@ TEST_F(OnStop, EndsWhenTheEventHasNoName) {
   service->OnStop();
   EXPECT_THAT(recorder.Lines(),
               ElementsAre(StopLine(2, "Entry"), StopLine(1, "GetEventNameByVersion Failed")));
-  EXPECT_THAT(timeline.Calls(), IsEmpty());
+  EXPECT_THAT(journal.Calls(), IsEmpty());
 }
 
 TEST_F(OnStop, EndsWhenTheEventCannotBeCreated) {
@@ -197,7 +202,7 @@ TEST_F(OnStop, EndsWhenTheEventCannotBeCreated) {
   service->OnStop();
   EXPECT_THAT(recorder.Lines(), ElementsAre(StopLine(2, "Entry"),
                                             StopLine(1, "CreateEvent Failed for Close Event : 5")));
-  EXPECT_THAT(timeline.Calls(), ElementsAre("CreateEventA " + kCloseEvent));
+  EXPECT_THAT(journal.Calls(), ElementsAre("CreateEventA " + kCloseEvent));
 }
 
 TEST_F(OnStop, EndsWhenAnotherKindOfObjectHasTheEventsName) {
@@ -261,7 +266,7 @@ class SaveStatusTest : public ::testing::Test {
   std::vector<CreateKeyCall> createCalls;
   std::vector<SetValueCall> setCalls;
   std::vector<HKEY> closed;
-  Timeline timeline;
+  Journal journal;
 
  private:
   struct CreateTag;
@@ -272,7 +277,7 @@ class SaveStatusTest : public ::testing::Test {
       "ADVAPI32.dll", "RegCreateKeyExA",
       [this](HKEY root, LPCSTR path, DWORD reserved, LPSTR className, DWORD options, REGSAM access,
              const SECURITY_ATTRIBUTES* attributes, PHKEY key, LPDWORD disposition) {
-        timeline.Note("RegCreateKeyExA");
+        journal.Call("RegCreateKeyExA");
         createCalls.push_back(
             {root, path, reserved, className, options, access, attributes, disposition != nullptr});
         SetLastError(1234);
@@ -284,13 +289,13 @@ class SaveStatusTest : public ::testing::Test {
   CallPatch<SetTag, decltype(RegSetValueExA)> m_set{
       "ADVAPI32.dll", "RegSetValueExA",
       [this](HKEY key, LPCSTR name, DWORD reserved, DWORD type, const BYTE* data, DWORD size) {
-        timeline.Note("RegSetValueExA");
+        journal.Call("RegSetValueExA");
         setCalls.push_back({key, name, reserved, type, {data, data + size}});
         return setResult;
       }};
   CallPatch<CloseTag, decltype(RegCloseKey)> m_close{"ADVAPI32.dll", "RegCloseKey",
                                                      [this](HKEY key) {
-                                                       timeline.Note("RegCloseKey");
+                                                       journal.Call("RegCloseKey");
                                                        closed.push_back(key);
                                                        return LSTATUS{ERROR_SUCCESS};
                                                      }};
@@ -298,6 +303,10 @@ class SaveStatusTest : public ::testing::Test {
 
 TraceLine SaveLine(int level, const std::string& text) {
   return Line(level, "CAcAsSvc::SaveStatus", kSource, text);
+}
+
+std::string Saved(int level, const std::string& text) {
+  return Traced(level, "CAcAsSvc::SaveStatus", kSource, text);
 }
 
 TEST_F(SaveStatusTest, WritesTheStatusUnderTheServicesKey) {
@@ -326,11 +335,10 @@ TEST_F(SaveStatusTest, WritesEachLineAheadOfItsCall) {
   EXPECT_THAT(recorder.Lines(),
               ElementsAre(SaveLine(2, "Entry"), SaveLine(2, "Before calling RegCreateKeyEx"),
                           SaveLine(2, "Before aclling RegSetValueEx"), SaveLine(2, "Exit")));
-  EXPECT_THAT(timeline.Entries(),
-              ElementsAre("CAcAsSvc::SaveStatus: Entry",
-                          "CAcAsSvc::SaveStatus: Before calling RegCreateKeyEx", "RegCreateKeyExA",
-                          "CAcAsSvc::SaveStatus: Before aclling RegSetValueEx", "RegSetValueExA",
-                          "RegCloseKey", "CAcAsSvc::SaveStatus: Exit"));
+  EXPECT_THAT(journal.Entries(),
+              ElementsAre(Saved(2, "Entry"), Saved(2, "Before calling RegCreateKeyEx"),
+                          "RegCreateKeyExA", Saved(2, "Before aclling RegSetValueEx"),
+                          "RegSetValueExA", "RegCloseKey", Saved(2, "Exit")));
 }
 
 TEST_F(SaveStatusTest, ReportsTheLastErrorWhenTheKeyCannotBeCreated) {
@@ -339,7 +347,7 @@ TEST_F(SaveStatusTest, ReportsTheLastErrorWhenTheKeyCannotBeCreated) {
   EXPECT_THAT(recorder.Lines(),
               ElementsAre(SaveLine(2, "Entry"), SaveLine(2, "Before calling RegCreateKeyEx"),
                           SaveLine(1, "RegCreateKeyEx Failed 1234")));
-  EXPECT_THAT(timeline.Calls(), ElementsAre("RegCreateKeyExA"));
+  EXPECT_THAT(journal.Calls(), ElementsAre("RegCreateKeyExA"));
 }
 
 TEST_F(SaveStatusTest, AValueThatCannotBeWrittenIsNoError) {
@@ -349,7 +357,7 @@ TEST_F(SaveStatusTest, AValueThatCannotBeWrittenIsNoError) {
               ElementsAre(SaveLine(2, "Entry"), SaveLine(2, "Before calling RegCreateKeyEx"),
                           SaveLine(2, "Before aclling RegSetValueEx"),
                           SaveLine(2, "RegSetValueEx Failed"), SaveLine(2, "Exit")));
-  EXPECT_THAT(timeline.Calls(), ElementsAre("RegCreateKeyExA", "RegSetValueExA", "RegCloseKey"));
+  EXPECT_THAT(journal.Calls(), ElementsAre("RegCreateKeyExA", "RegSetValueExA", "RegCloseKey"));
 }
 
 TEST_F(SaveStatusTest, TheLongestServiceNameFits) {
@@ -379,7 +387,7 @@ TEST_F(SaveStatusTest, RunsOnNoOtherUserControl) {
                             Line(2, "CAcAsSvc::OnUserControl", kSource, "Case default"),
                             Line(2, "CAcAsSvc::OnUserControl", kSource, "Exit")));
   }
-  EXPECT_THAT(timeline.Calls(), IsEmpty());
+  EXPECT_THAT(journal.Calls(), IsEmpty());
 }
 
 // The real registry, with HKEY_LOCAL_MACHINE turned to a key of the test's own.
