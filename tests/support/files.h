@@ -25,6 +25,10 @@ class TempFolder {
   }
   ~TempFolder() {
     std::error_code ignored;
+    // What is read-only could not be removed.
+    for (const auto& entry : std::filesystem::recursive_directory_iterator(m_path, ignored)) {
+      SetFileAttributesW(entry.path().c_str(), FILE_ATTRIBUTE_NORMAL);
+    }
     std::filesystem::remove_all(m_path, ignored);
   }
   TempFolder(const TempFolder&) = delete;
