@@ -35,7 +35,8 @@ std::uint32_t Checksum(const std::uint8_t* body, std::uint32_t length) {
 // Undone by the same exclusive or followed by the same exchange of halves.
 void Scramble(std::uint8_t* body, std::uint32_t length, std::uint32_t checksum) {
   for (std::uint32_t i = 0; i < length; ++i) {
-    const unsigned exchanged = (body[i] << 4U) | (body[i] >> 4U);
+    const unsigned byte = body[i];
+    const unsigned exchanged = (byte << 4U) | (byte >> 4U);
     body[i] = static_cast<std::uint8_t>((exchanged ^ checksum) & 0xFFU);
   }
 }
