@@ -1,6 +1,6 @@
 // The command words against the real service control manager.
 #include <algorithm>
-#include <fstream>
+#include <sstream>
 
 #include "support/handle.h"
 #include "tests/e2e/service_fixture.h"
@@ -8,7 +8,6 @@
 using ::testing::Contains;
 using ::testing::ElementsAre;
 using ::testing::HasSubstr;
-using ::testing::IsEmpty;
 using ::testing::Not;
 
 namespace {
@@ -214,14 +213,23 @@ TEST_F(CommandLine, UninstallOfARunningServiceLeavesItRunning) {
 TEST_F(CommandLine, StopsAndUninstallationAreToldToTheHelperProcess) {
   InstallAndStart();
   BackgroundProgram helper(installation.Folder() / "vorlhelper.exe", "--count 5");
-  ASSERT_TRUE(helper.WaitForOutput("isten"));
+  ASSERT_TRUE(helper.WaitForOutput("waiting for notifications"));
   installation.Run("-stop");
   installation.Run("-start");
   installation.Run("-stopmanual");
   installation.Run("-uninstall");
-  const std::string output = helper.Finish().output;
-  EXPECT_THAT(output, HasSubstr(name));
-  EXPECT_EQ(std::count(output.begin(), output.end(), '\n'), 6) << output;
+
+  std::istringstream output(helper.Finish().output);
+  std::vector<std::string> actions;
+  std::string line;
+  std::getline(output, line);
+  while (std::getline(output, line)) {
+    EXPECT_THAT(line, HasSubstr("\"" + name + "\""));
+    actions.push_back(line.substr(line.find('(')));
+  }
+  EXPECT_THAT(actions,
+              ElementsAre("(action 1, flag 0)\r", "(action 2, flag 0)\r", "(action 1, flag 0)\r",
+                          "(action 2, flag 0)\r", "(action 5, flag 0)\r"));
 }
 
 TEST_F(CommandLine, IdentifierIsCreatedBeforeTheOptionIsLookedAt) {

@@ -1,12 +1,15 @@
 #include "tests/e2e/installation.h"
 
+#include <algorithm>
 #include <fstream>
+#include <map>
 #include <regex>
 #include <stdexcept>
 
 #include "support/handle.h"
 #include "support/procaddress.h"
 #include "support/vorlinfo.h"
+#include "tests/e2e/wait_until.h"
 
 namespace fs = std::filesystem;
 
@@ -40,7 +43,8 @@ Installation::Installation(const std::string& name) : m_folder(TestFolder() / "s
 }
 
 void Installation::Replace(const std::string& source, const std::string& target) const {
-  fs::copy_file(TestFolder() / source, m_folder / target, fs::copy_options::overwrite_existing);
+  fs::remove(m_folder / target);
+  fs::copy_file(TestFolder() / source, m_folder / target);
 }
 
 CommandResult Installation::Run(const std::string& arguments) const {
@@ -49,7 +53,7 @@ CommandResult Installation::Run(const std::string& arguments) const {
 
 std::vector<TraceEntry> Installation::Trace() const {
   static const std::regex pattern(
-      R"(^\S+ \S+ (?:\S+ )?(ERROR|INFO|VERBOSE) (\d+) (\d+) \S+ (\S+) (\S+):\d+ (.*?)\r?$)");
+      R"(^\S+ \S+ (?:\S+ )?(ERROR|INFO|VERBOSE) (\d+) (\d+) (\S+) (\S+) (\S+):\d+ (.*?)\r?$)");
   std::ifstream file(m_folder / "logs" / "vorltrace.log", std::ios::binary);
   std::vector<TraceEntry> entries;
   for (std::string line; std::getline(file, line);) {
@@ -58,7 +62,7 @@ std::vector<TraceEntry> Installation::Trace() const {
       throw std::runtime_error("not a trace line: " + line);
     }
     entries.push_back({std::stoul(match[2]), std::stoul(match[3]), LevelOf(match[1]), match[4],
-                       match[5], match[6]});
+                       match[5], match[6], match[7]});
   }
   return entries;
 }
@@ -73,10 +77,20 @@ std::vector<std::string> Installation::TextsOf(const std::string& function) cons
   return texts;
 }
 
-std::vector<std::vector<std::string>> Installation::TraceByThread() const {
+bool Installation::WaitForText(const std::string& function, const std::string& text) const {
+  return WaitUntil([&] {
+    const std::vector<std::string> texts = TextsOf(function);
+    return std::find(texts.begin(), texts.end(), text) != texts.end();
+  });
+}
+
+std::vector<std::vector<std::string>> Installation::TraceByThread(const std::string& module) const {
   std::vector<std::vector<std::string>> threads;
   std::map<std::pair<unsigned long, unsigned long>, std::size_t> index;
   for (const TraceEntry& entry : Trace()) {
+    if (entry.module != module) {
+      continue;
+    }
     const auto [place, isNew] =
         index.try_emplace({entry.processId, entry.threadId}, threads.size());
     if (isNew) {

@@ -2,7 +2,6 @@
 #pragma once
 
 #include <filesystem>
-#include <map>
 #include <string>
 #include <vector>
 
@@ -13,6 +12,7 @@ struct TraceEntry {
   unsigned long processId;
   unsigned long threadId;
   int level;
+  std::string module;
   std::string function;
   std::string source;  // without the line number
   std::string text;
@@ -46,8 +46,12 @@ class Installation {
   // The texts of `function`, oldest first.
   std::vector<std::string> TextsOf(const std::string& function) const;
 
-  // "level function: text" for every line of each thread, in the order of its first line.
-  std::vector<std::vector<std::string>> TraceByThread() const;
+  // Waits until `function` has written `text`; false when it has not within a minute.
+  bool WaitForText(const std::string& function, const std::string& text) const;
+
+  // "level function: text" for every line that `module` wrote on each thread, the threads in the
+  // order of their first line.
+  std::vector<std::vector<std::string>> TraceByThread(const std::string& module) const;
 
   // The name under which this installation's service is registered.
   std::string ServiceName() const;

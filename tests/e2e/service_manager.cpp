@@ -2,23 +2,9 @@
 
 #include <stdexcept>
 
+#include "tests/e2e/wait_until.h"
+
 namespace {
-
-// The service control manager offers no event that Wine signals, so a state is polled for.
-constexpr DWORD kPollMilliseconds = 5;
-constexpr ULONGLONG kPatienceMilliseconds = 60000;
-
-template <typename Condition>
-bool WaitUntil(Condition condition) {
-  const ULONGLONG deadline = GetTickCount64() + kPatienceMilliseconds;
-  while (!condition()) {
-    if (GetTickCount64() >= deadline) {
-      return false;
-    }
-    Sleep(kPollMilliseconds);
-  }
-  return true;
-}
 
 std::wstring OrEmpty(const wchar_t* text) { return text != nullptr ? text : L""; }
 
