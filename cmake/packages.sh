@@ -1,0 +1,28 @@
+# Read by ./run and ./test: installs the Debian packages that are missing.
+
+# install_packages PACKAGE...
+install_packages() {
+  local missing=() package
+  for package in "$@"; do
+    [ "$(dpkg-query -W -f='${db:Status-Status}' "$package" 2>/dev/null)" = installed ] ||
+      missing+=("$package")
+  done
+  if [ ${#missing[@]} -eq 0 ]; then
+    echo "All packages are installed."
+    return
+  fi
+  local root=()
+  [ "$(id -u)" -eq 0 ] || root=(sudo)
+  echo "Installing ${missing[*]} (a few minutes on a new machine)"
+  "${root[@]}" apt-get update -qq
+  DEBIAN_FRONTEND=noninteractive "${root[@]}" apt-get install -y -qq --no-install-recommends \
+    "${missing[@]}" >/dev/null
+}
+
+build_packages=(cmake ninja-build g++-mingw-w64-x86-64-posix wine64 googletest)
+lint_packages=(git clang-format clang-tidy cppcheck)
+
+# step TEXT: says what happens next.
+step() {
+  printf '\n== %s\n' "$*"
+}
