@@ -39,8 +39,8 @@ BOOLEAN Compose(const char* prefix, const char* baseName, const char* suffix, ch
     return FALSE;
   }
   // The base name first, by memmove: a caller may have it in the same buffer.
-  std::memmove(name + prefixLength, baseName, baseLength);
-  std::memcpy(name, prefix, prefixLength);
+  std::memmove(name + prefixLength, baseName, baseLength + 1);
+  std::copy_n(prefix, prefixLength, name);
   std::memcpy(name + prefixLength + baseLength, suffix, suffixLength + 1);
   return TRUE;
 }

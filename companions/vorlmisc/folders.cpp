@@ -75,7 +75,7 @@ bool FindOwnFolder(const char* functionName, Folder& folder) noexcept {
     TraceError(functionName, L"GetModuleHandleEx Failed %u", static_cast<unsigned>(GetLastError()));
     return false;
   }
-  wchar_t path[kReadSize];
+  wchar_t path[kReadSize] = {};
   const DWORD length = GetModuleFileNameW(self, path, kReadSize);
   if (length == 0 || length == kReadSize) {
     TraceError(functionName, L"GetModuleFileName Failed %u", static_cast<unsigned>(GetLastError()));

@@ -15,7 +15,7 @@ std::atomic<State> g_state{State::kStopped};
 Heartbeat g_heartbeat;
 
 // Set while the module is loaded, before anything can write a line.
-[[maybe_unused]] const bool g_isNamed = [] {
+[[maybe_unused]] const bool g_isNamed = []() noexcept {
   g_pszModuleName = "vorlcore.dll";
   return true;
 }();

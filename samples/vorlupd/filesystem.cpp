@@ -96,7 +96,7 @@ std::wstring MoveAside(const std::wstring& file, const std::wstring& aside) {
     return {};
   }
   for (unsigned number = 0;; ++number) {
-    const std::wstring target = aside + L"\\" + std::to_wstring(number);
+    std::wstring target = aside + L"\\" + std::to_wstring(number);
     if (MoveFileExW(file.c_str(), target.c_str(), MOVEFILE_WRITE_THROUGH)) {
       return target;
     }
@@ -121,17 +121,18 @@ std::wstring ExtendedLength(const std::wstring& path) {
 bool IsPlainRelativePath(const std::wstring& path) noexcept {
   constexpr wchar_t lastControlCharacter = 31;
   constexpr std::wstring_view forbidden = L"<>:\"/|?*";
+  const std::wstring_view whole{path};
   std::size_t start = 0;
   while (true) {
-    const std::size_t end = std::min(path.find(L'\\', start), path.size());
-    const std::wstring_view name = std::wstring_view(path).substr(start, end - start);
+    const std::size_t end = std::min(whole.find(L'\\', start), whole.size());
+    const std::wstring_view name = whole.substr(start, end - start);
     if (name.empty() || name == L"." || name == L".." ||
         std::any_of(name.begin(), name.end(), [forbidden](wchar_t character) {
           return character <= lastControlCharacter || forbidden.find(character) != forbidden.npos;
         })) {
       return false;
     }
-    if (end == path.size()) {
+    if (end == whole.size()) {
       return true;
     }
     start = end + 1;

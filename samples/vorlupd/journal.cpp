@@ -59,7 +59,7 @@ std::optional<std::wstring_view> TakeLine(std::wstring_view& text) {
 std::optional<std::wstring> ReadWholeFile(const std::wstring& path) {
   const FileHandle file(CreateFileW(path.c_str(), GENERIC_READ, FILE_SHARE_READ | FILE_SHARE_DELETE,
                                     nullptr, OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL, nullptr));
-  constexpr LONGLONG largest = 64 * 1024 * 1024;
+  constexpr LONGLONG largest = LONGLONG{64} * 1024 * 1024;
   LARGE_INTEGER size{};
   if (!file || !GetFileSizeEx(file.Get(), &size) || size.QuadPart > largest) {
     return std::nullopt;
@@ -96,7 +96,8 @@ std::optional<std::vector<Step>> ReadJournal(const std::wstring& file) {
   if (!content || content->empty() || content->front() != kByteOrderMark) {
     return std::nullopt;
   }
-  std::wstring_view text = std::wstring_view(*content).substr(1);
+  std::wstring_view text{*content};
+  text.remove_prefix(1);
   if (TakeLine(text) != kTitle) {
     return std::nullopt;
   }

@@ -9,7 +9,7 @@
 namespace {
 
 // Set while the module is loaded, before anything can write a line.
-[[maybe_unused]] const bool g_isNamed = [] {
+[[maybe_unused]] const bool g_isNamed = []() noexcept {
   g_pszModuleName = "vorlupd.dll";
   return true;
 }();

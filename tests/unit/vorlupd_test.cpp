@@ -31,43 +31,42 @@ FileHandle OpenWithoutSharing(const fs::path& file) {
 // Makes the folder `link` lead to `target`; false where this cannot be done. A program under Wine
 // makes a link with the host's own tools, which it can run.
 bool MakeFolderLink(const fs::path& link, const fs::path& target) {
-  const auto run = [](std::wstring command) {
-    SECURITY_ATTRIBUTES inherited{sizeof(inherited), nullptr, TRUE};
-    FileHandle read;
-    FileHandle write;
-    CreatePipe(read.Receive(), write.Receive(), &inherited, 0);
-    SetHandleInformation(read.Get(), HANDLE_FLAG_INHERIT, 0);
-    STARTUPINFOW startup{};
-    startup.cb = sizeof(startup);
-    startup.dwFlags = STARTF_USESTDHANDLES;
-    startup.hStdOutput = write.Get();
-    startup.hStdError = write.Get();
-    PROCESS_INFORMATION process{};
-    if (!CreateProcessW(nullptr, command.data(), nullptr, nullptr, TRUE, 0, nullptr, nullptr,
-                        &startup, &process)) {
-      return;
-    }
-    CloseHandle(process.hThread);
-    CloseHandle(process.hProcess);
-    write.Reset();
-    // The output ends when the program does, of whatever system it is.
-    char output[256];
-    DWORD size = 0;
-    while (ReadFile(read.Get(), output, sizeof(output), &size, nullptr) && size > 0) {
-    }
+  struct ChangeTraits {
+    using Type = HANDLE;
+    static Type Invalid() noexcept { return INVALID_HANDLE_VALUE; }
+    static void Close(Type handle) noexcept { FindCloseChangeNotification(handle); }
   };
   using UnixName = char*(const wchar_t*);
   auto* const unixName = reinterpret_cast<UnixName*>(reinterpret_cast<void*>(
       GetProcAddress(GetModuleHandleW(L"kernel32.dll"), "wine_get_unix_file_name")));
+  std::string command;
   if (unixName == nullptr) {
-    run(L"cmd.exe /c mklink /J \"" + link.wstring() + L"\" \"" + target.wstring() + L"\"");
+    command = "cmd.exe /c mklink /J \"" + link.string() + "\" \"" + target.string() + "\"";
   } else {
     const std::string parent = unixName(link.parent_path().c_str());
-    const std::string command = "Z:\\bin\\ln -s \"" + std::string(unixName(target.c_str())) +
-                                "\" \"" + parent + "/" + link.filename().string() + "\"";
-    run(std::wstring(command.begin(), command.end()));
+    command = "Z:\\bin\\ln -s \"" + std::string(unixName(target.c_str())) + "\" \"" + parent + "/" +
+              link.filename().string() + "\"";
   }
-  const DWORD attributes = GetFileAttributesW(link.c_str());
+  // The end of one of the host's programs cannot be waited for, what it does can.
+  const UniqueHandle<ChangeTraits> change(
+      FindFirstChangeNotificationW(link.parent_path().c_str(), FALSE,
+                                   FILE_NOTIFY_CHANGE_FILE_NAME | FILE_NOTIFY_CHANGE_DIR_NAME));
+  STARTUPINFOA startup{};
+  startup.cb = sizeof(startup);
+  PROCESS_INFORMATION process{};
+  if (!CreateProcessA(nullptr, command.data(), nullptr, nullptr, FALSE, 0, nullptr, nullptr,
+                      &startup, &process)) {
+    return false;
+  }
+  CloseHandle(process.hThread);
+  WaitForSingleObject(process.hProcess, 30'000);
+  CloseHandle(process.hProcess);
+  DWORD attributes = GetFileAttributesW(link.c_str());
+  while (attributes == INVALID_FILE_ATTRIBUTES &&
+         WaitForSingleObject(change.Get(), 30'000) == WAIT_OBJECT_0) {
+    FindNextChangeNotification(change.Get());
+    attributes = GetFileAttributesW(link.c_str());
+  }
   return attributes != INVALID_FILE_ATTRIBUTES && (attributes & FILE_ATTRIBUTE_REPARSE_POINT) != 0;
 }
 
