@@ -1,0 +1,333 @@
+// Several processes with several threads write numbered lines through the staged trace library;
+// afterwards every line is looked for in the files. VORL_TRACE_STRESS_LINES says how many lines
+// each thread writes, for runs that are longer than those of every day.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <array>
+#include <atomic>
+#include <charconv>
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <fstream>
+#include <map>
+#include <string>
+#include <string_view>
+#include <thread>
+#include <utility>
+#include <vector>
+
+#include "support/windows_api.h"
+
+// Reads the types of windows.h.
+#include <shellapi.h>
+
+#include "support/handle.h"
+#include "support/vlevtlog.h"
+#include "tests/support/installation.h"
+
+namespace {
+
+namespace fs = std::filesystem;
+
+constexpr unsigned kProcesses = 4;
+constexpr unsigned kThreads = 4;
+constexpr unsigned kMostWriters = 4096;
+constexpr unsigned kEverydayLines = 5000;
+constexpr unsigned kLinesUntilBegun = 10;
+constexpr unsigned kEndless = 0xFFFFFFFF;
+constexpr unsigned kEverydayTerminations = 10;
+constexpr DWORD kTerminationInterval = 100;
+constexpr DWORD kHoldInterval = 30;
+
+// Filled by the writers, read by the test when they are gone: the number of the last line whose
+// call returned.
+struct Progress {
+  std::array<std::array<std::atomic<std::uint32_t>, kThreads>, kMostWriters> returned;
+};
+
+struct ViewTraits {
+  using Type = Progress*;
+  static Type Invalid() noexcept { return nullptr; }
+  static void Close(Type view) noexcept { UnmapViewOfFile(view); }
+};
+using ProgressView = UniqueHandle<ViewTraits>;
+
+ProgressView Map(HANDLE section) {
+  return ProgressView(
+      static_cast<Progress*>(MapViewOfFile(section, FILE_MAP_WRITE, 0, 0, sizeof(Progress))));
+}
+
+// Lines of many lengths, each with a text that follows from its number.
+std::string FillerOf(unsigned number) {
+  return std::string(number % 97, static_cast<char>('a' + number % 26));
+}
+
+// Set by a writer that has written some lines.
+std::wstring BegunEventName(const std::wstring& sectionName, unsigned writer) {
+  return sectionName + L"_" + std::to_wstring(writer);
+}
+
+// What a writing process does.
+int WriteLines(const wchar_t* libraryFile, const wchar_t* sectionName, unsigned writer,
+               unsigned lines) {
+  const Library library{fs::path(libraryFile)};
+  const KernelHandle section(OpenFileMappingW(FILE_MAP_WRITE, FALSE, sectionName));
+  const ProgressView progress = Map(section.Get());
+  auto* const logTrace = library.Ordinal<decltype(LogTrace)>(2);
+  if (!progress || logTrace == nullptr) {
+    return EXIT_FAILURE;
+  }
+  const KernelHandle hasBegun(
+      OpenEventW(EVENT_MODIFY_STATE, FALSE, BegunEventName(sectionName, writer).c_str()));
+  std::vector<std::thread> threads;
+  for (unsigned thread = 0; thread < kThreads; ++thread) {
+    threads.emplace_back([=, &progress, &hasBegun] {
+      for (unsigned number = 1; number <= lines; ++number) {
+        if (number == kLinesUntilBegun) {
+          SetEvent(hasBegun.Get());
+        }
+        logTrace(2, "stress.exe", "Writer", "stress.cpp", static_cast<int>(thread),
+                 "w=%u t=%u n=%u [%s]", writer, thread, number, FillerOf(number).c_str());
+        progress.Get()->returned[writer][thread].store(number, std::memory_order_release);
+      }
+    });
+  }
+  for (std::thread& thread : threads) {
+    thread.join();
+  }
+  return EXIT_SUCCESS;
+}
+
+unsigned WantedLines() {
+  const char* const wanted = getenv("VORL_TRACE_STRESS_LINES");
+  return wanted != nullptr ? static_cast<unsigned>(std::strtoul(wanted, nullptr, 10))
+                           : kEverydayLines;
+}
+
+class TraceUnderStress : public testing::Test {
+ protected:
+  TraceUnderStress()
+      : m_sectionName(L"vorlstress_" + std::to_wstring(GetCurrentProcessId())),
+        m_section(CreateFileMappingW(INVALID_HANDLE_VALUE, nullptr, PAGE_READWRITE, 0,
+                                     sizeof(Progress), m_sectionName.c_str())),
+        m_progress(Map(m_section.Get())) {
+    // So many files that none is deleted before it is read.
+    const std::string size = m_lines > 4 * kEverydayLines ? "4096" : "512";
+    WriteText(m_installation / "conf" / "vorlconf.ini",
+              "[TRACE]\r\nFileSizeKB=" + size + "\r\nFiles=1000\r\n");
+  }
+
+  struct Writer {
+    KernelHandle process;
+    KernelHandle hasBegun;
+  };
+
+  Writer StartWriter(unsigned lines) {
+    wchar_t program[MAX_PATH];
+    GetModuleFileNameW(nullptr, program, MAX_PATH);
+    const unsigned writer = m_writers++;
+    EXPECT_LT(writer, kMostWriters);
+    KernelHandle hasBegun(
+        CreateEventW(nullptr, TRUE, FALSE, BegunEventName(m_sectionName, writer).c_str()));
+    std::wstring command = L"\"" + std::wstring(program) + L"\" --write \"" +
+                           (m_installation / "vlevtlog.dll").wstring() + L"\" " + m_sectionName +
+                           L" " + std::to_wstring(writer) + L" " + std::to_wstring(lines);
+    STARTUPINFOW startup{};
+    startup.cb = sizeof startup;
+    PROCESS_INFORMATION process{};
+    EXPECT_TRUE(CreateProcessW(nullptr, command.data(), nullptr, nullptr, FALSE, 0, nullptr,
+                               nullptr, &startup, &process));
+    CloseHandle(process.hThread);
+    return {KernelHandle(process.hProcess), std::move(hasBegun)};
+  }
+
+  // Waits for writers that nobody ends.
+  static void Finish(const std::vector<Writer>& writers) {
+    for (const Writer& writer : writers) {
+      WaitForSingleObject(writer.process.Get(), INFINITE);
+      DWORD exitCode = EXIT_FAILURE;
+      GetExitCodeProcess(writer.process.Get(), &exitCode);
+      EXPECT_EQ(exitCode, static_cast<DWORD>(EXIT_SUCCESS));
+    }
+  }
+
+  static void Terminate(const Writer& writer) {
+    TerminateProcess(writer.process.Get(), EXIT_FAILURE);
+    WaitForSingleObject(writer.process.Get(), INFINITE);
+  }
+
+  // Every line whose call returned is there once, whole, and in order; besides these only lines
+  // whose call was about to return.
+  void CheckFiles(std::size_t fewestFiles) {
+    std::vector<fs::path> files;
+    for (const fs::directory_entry& entry : fs::directory_iterator(m_installation / "logs")) {
+      if (entry.path().extension() == ".log") {
+        files.push_back(entry.path());
+      }
+    }
+    // The numbers have leading zeros, and digits come before letters.
+    std::sort(files.begin(), files.end());
+    EXPECT_GE(files.size(), fewestFiles);
+    EXPECT_EQ(files.back().filename(), "vorltrace.log");
+    for (const fs::path& file : files) {
+      CheckFile(file);
+    }
+    std::uint64_t total = 0;
+    for (unsigned writer = 0; writer < m_writers; ++writer) {
+      for (unsigned thread = 0; thread < kThreads; ++thread) {
+        const std::uint32_t returned = m_progress.Get()->returned[writer][thread];
+        const std::uint32_t found = m_found[{writer, thread}];
+        EXPECT_GE(found, returned) << "writer " << writer << " thread " << thread;
+        EXPECT_LE(found, returned + 1) << "writer " << writer << " thread " << thread;
+        total += found;
+      }
+    }
+    printf("%u writers, %llu lines, %u files\n", m_writers, total,
+           static_cast<unsigned>(files.size()));
+  }
+
+  const unsigned m_lines = WantedLines();
+  const Installation m_installation{{"vlevtlog.dll"}};
+  const std::wstring m_sectionName;
+  const KernelHandle m_section;
+  const ProgressView m_progress;
+  unsigned m_writers = 0;
+
+ private:
+  void CheckFile(const fs::path& file) {
+    std::ifstream in(file, std::ios::binary);
+    for (std::string line; std::getline(in, line);) {
+      ASSERT_FALSE(in.eof()) << file << " ends in the middle of a line: " << line;
+      CheckLine(line);
+      ASSERT_FALSE(HasFatalFailure()) << file;
+    }
+  }
+
+  void CheckLine(std::string_view line) {
+    static constexpr std::string_view kMark = " stress.exe Writer stress.cpp:";
+    const std::size_t mark = line.find(kMark);
+    ASSERT_NE(mark, std::string_view::npos) << line;
+    // 2026-03-09 07:05:02.041 +01:00 INFO process thread
+    ASSERT_EQ(line.substr(30, 6), " INFO ") << line;
+    ASSERT_EQ(line.find_first_not_of("0123456789 ", 36), mark + 1) << line;
+    std::string_view rest = line.substr(mark + kMark.size());
+    const unsigned place = TakeNumber(rest, "");
+    const unsigned writer = TakeNumber(rest, " w=");
+    const unsigned thread = TakeNumber(rest, " t=");
+    const unsigned number = TakeNumber(rest, " n=");
+    ASSERT_EQ(rest, " [" + FillerOf(number) + "]\r") << line;
+    ASSERT_EQ(place, thread) << line;
+    ASSERT_LT(writer, m_writers) << line;
+    std::uint32_t& found = m_found[{writer, thread}];
+    ASSERT_EQ(number, found + 1) << line;
+    found = number;
+  }
+
+  static unsigned TakeNumber(std::string_view& text, std::string_view name) {
+    unsigned number = kEndless;
+    if (text.starts_with(name)) {
+      text.remove_prefix(name.size());
+      const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), number);
+      text.remove_prefix(static_cast<std::size_t>(end - text.data()));
+    }
+    return number;
+  }
+
+  std::map<std::pair<unsigned, unsigned>, std::uint32_t> m_found;
+};
+
+TEST_F(TraceUnderStress, KeepsEveryLineOfSeveralProcesses) {
+  std::vector<Writer> writers;
+  for (unsigned i = 0; i < kProcesses; ++i) {
+    writers.push_back(StartWriter(m_lines));
+  }
+  Finish(writers);
+  CheckFiles(3);
+}
+
+TEST_F(TraceUnderStress, KeepsEveryLineWhileProcessesAreTerminated) {
+  std::vector<Writer> writers;
+  for (unsigned i = 1; i < kProcesses; ++i) {
+    writers.push_back(StartWriter(m_lines));
+  }
+  const auto areOthersWriting = [&] {
+    return std::any_of(writers.begin(), writers.end(), [](const Writer& writer) {
+      return WaitForSingleObject(writer.process.Get(), 0) == WAIT_TIMEOUT;
+    });
+  };
+  unsigned terminations = 0;
+  Writer victim = StartWriter(kEndless);
+  Writer nextVictim = StartWriter(kEndless);
+  while (terminations < kEverydayTerminations || areOthersWriting()) {
+    // Ends by time-out: a victim never ends of itself.
+    ASSERT_EQ(WaitForSingleObject(victim.process.Get(), kTerminationInterval),
+              static_cast<DWORD>(WAIT_TIMEOUT));
+    const HANDLE begunOrEnded[] = {victim.hasBegun.Get(), victim.process.Get()};
+    ASSERT_EQ(WaitForMultipleObjects(2, begunOrEnded, FALSE, INFINITE), WAIT_OBJECT_0);
+    Terminate(victim);
+    ++terminations;
+    victim = std::exchange(nextVictim, StartWriter(kEndless));
+  }
+  Terminate(victim);
+  Terminate(nextVictim);
+  // The last of them may have been ended between two files, after which somebody goes on.
+  writers.push_back(StartWriter(1));
+  Finish(writers);
+  CheckFiles(3);
+  printf("%u processes were terminated while they wrote\n", terminations);
+}
+
+TEST_F(TraceUnderStress, KeepsEveryLineWhileAReaderHoldsTheFiles) {
+  const KernelHandle stop(CreateEventW(nullptr, TRUE, FALSE, nullptr));
+  std::atomic<unsigned> holds{0};
+  std::thread reader([&] {
+    bool goesOn = true;
+    while (goesOn) {
+      std::error_code noFolderYet;
+      std::vector<fs::path> files;
+      for (const fs::directory_entry& entry :
+           fs::directory_iterator(m_installation / "logs", noFolderYet)) {
+        files.push_back(entry.path());
+      }
+      // The youngest is the one that is about to be set aside.
+      std::sort(files.rbegin(), files.rend());
+      files.resize(std::min<std::size_t>(files.size(), 3));
+      for (const fs::path& file : files) {
+        const FileHandle held(CreateFileW(file.c_str(), GENERIC_READ,
+                                          FILE_SHARE_READ | FILE_SHARE_WRITE, nullptr,
+                                          OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL, nullptr));
+        holds += held ? 1U : 0U;
+        goesOn = goesOn && WaitForSingleObject(stop.Get(), kHoldInterval) == WAIT_TIMEOUT;
+      }
+      goesOn = goesOn && WaitForSingleObject(stop.Get(), 1) == WAIT_TIMEOUT;
+    }
+  });
+  std::vector<Writer> writers;
+  for (unsigned i = 0; i < kProcesses; ++i) {
+    writers.push_back(StartWriter(m_lines));
+  }
+  Finish(writers);
+  SetEvent(stop.Get());
+  reader.join();
+  // However often the reader was in the way.
+  CheckFiles(1);
+  EXPECT_GT(holds, 0U);
+  printf("files were held %u times\n", holds.load());
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  if (argc > 1 && std::string_view(argv[1]) == "--write") {
+    int count = 0;
+    wchar_t** const arguments = CommandLineToArgvW(GetCommandLineW(), &count);
+    return WriteLines(arguments[2], arguments[3],
+                      static_cast<unsigned>(std::wcstoul(arguments[4], nullptr, 10)),
+                      static_cast<unsigned>(std::wcstoul(arguments[5], nullptr, 10)));
+  }
+  testing::InitGoogleMock(&argc, argv);
+  return RUN_ALL_TESTS();
+}
