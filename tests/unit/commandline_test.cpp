@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <array>
+#include <ostream>
 #include <string>
 #include <vector>
 
@@ -232,6 +233,10 @@ struct StopWord {
   const char* word;
   const char* control;
   bool notifiesServer;
+
+  friend std::ostream& operator<<(std::ostream& out, const StopWord& test) {
+    return out << test.word;
+  }
 };
 
 class StopCommand : public CommandLine, public ::testing::WithParamInterface<StopWord> {
@@ -411,6 +416,10 @@ TEST_F(CommandLine, FailedUninstallPrintsTheErrorAsASignedNumber) {
 struct Spelling {
   const char* word;
   const char* line;
+
+  friend std::ostream& operator<<(std::ostream& out, const Spelling& test) {
+    return out << test.word;
+  }
 };
 
 class CommandWord : public CommandLine, public ::testing::WithParamInterface<Spelling> {};

@@ -9,6 +9,7 @@
 #include <deque>
 #include <functional>
 #include <numeric>
+#include <ostream>
 #include <string>
 #include <thread>
 #include <vector>
@@ -453,6 +454,10 @@ TEST_F(HelperPipe, FailedWriteOfTheBodyEndsTheRequest) {
 struct HangUp {
   const char* when;
   std::size_t bytesRead;
+
+  friend std::ostream& operator<<(std::ostream& out, const HangUp& test) {
+    return out << test.when;
+  }
 };
 
 class HelperPipeHangUp : public HelperPipe, public ::testing::WithParamInterface<HangUp> {};

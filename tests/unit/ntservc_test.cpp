@@ -6,6 +6,7 @@
 #include <functional>
 #include <memory>
 #include <mutex>
+#include <ostream>
 #include <string>
 #include <thread>
 #include <vector>
@@ -551,6 +552,10 @@ TEST_F(Handler, TakesOneControlAfterAnother) {
 struct ControlCase {
   DWORD control;
   const char* hook;  // null: none
+
+  friend std::ostream& operator<<(std::ostream& out, const ControlCase& test) {
+    return out << test.control;
+  }
 };
 
 class HandlerControl : public Handler, public ::testing::WithParamInterface<ControlCase> {};

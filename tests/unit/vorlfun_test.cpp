@@ -2,6 +2,7 @@
 
 #include <gmock/gmock.h>
 
+#include <ostream>
 #include <string>
 #include <vector>
 
@@ -135,6 +136,10 @@ TEST_F(StartServiceByNameTest, LeavesTheLoopWithoutALineWhenAQueryFails) {
 struct WaitHintCase {
   DWORD waitHint;
   const char* sleep;
+
+  friend std::ostream& operator<<(std::ostream& out, const WaitHintCase& test) {
+    return out << test.waitHint;
+  }
 };
 
 class StartServiceWaitHint : public StartServiceByNameTest,
@@ -228,18 +233,24 @@ TEST_F(StartServiceByNameTest, MeasuresAgainstTheCurrentWaitHint) {
   EXPECT_TRUE(StartServiceByName("Sample"));
 }
 
+// The end of the wait hint lies behind the wrap-around, the first steps before it.
 TEST_F(StartServiceByNameTest, WaitsAcrossTheWrapAroundOfTheTickCount) {
-  m_manager.SetTick(0xFFFFFF00);
-  m_manager.AnswerStatus({{SERVICE_START_PENDING, 1, 3500},
-                          {SERVICE_START_PENDING, 1, 3500},
-                          {SERVICE_START_PENDING, 1, 3500},
+  m_manager.SetTick(0xFFFFF700);  // 2,304 ms before the wrap-around
+  m_manager.AnswerStatus({{SERVICE_START_PENDING, 1, 5000},
+                          {SERVICE_START_PENDING, 1, 5000},
+                          {SERVICE_START_PENDING, 1, 5000},
+                          {SERVICE_START_PENDING, 1, 5000},
                           {SERVICE_RUNNING}});
   EXPECT_TRUE(StartServiceByName("Sample"));
 }
 
+// The end of the wait hint lies before the wrap-around, the step that notices it behind.
 TEST_F(StartServiceByNameTest, GivesUpAcrossTheWrapAroundOfTheTickCount) {
-  m_manager.SetTick(0xFFFFFF00);
-  m_manager.AnswerStatus({{SERVICE_START_PENDING, 1, 1500}});
+  m_manager.SetTick(0xFFFFFC00);  // 1,024 ms before the wrap-around
+  m_manager.AnswerStatus({{SERVICE_START_PENDING, 1, 1010},
+                          {SERVICE_START_PENDING, 1, 1010},
+                          {SERVICE_START_PENDING, 1, 1010},
+                          {SERVICE_RUNNING}});
   EXPECT_FALSE(StartServiceByName("Sample"));
   EXPECT_THAT(
       m_journal.Calls(),
@@ -254,6 +265,10 @@ struct StopCase {
   const char* name;
   BOOL (*stop)(const char* serviceName);
   const char* control;
+
+  friend std::ostream& operator<<(std::ostream& out, const StopCase& test) {
+    return out << test.name;
+  }
 };
 
 class StopService : public TestWithParam<StopCase> {
