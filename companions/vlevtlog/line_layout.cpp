@@ -57,31 +57,52 @@ void AppendPlace(LineText& line, const TraceCall& call) noexcept {
   AppendSigned(line, call.line);
 }
 
-void AppendTimeOfDay(LineText& line, const LocalTime& time) noexcept {
-  line.AppendNumber(time.hour, 2);
-  line.AppendLiteral(":");
-  line.AppendNumber(time.minute, 2);
-  line.AppendLiteral(":");
-  line.AppendNumber(time.second, 2);
-  line.AppendLiteral(".");
-  line.AppendNumber(time.millisecond, 3);
-}
+// Text of a fixed width: most of a line's time goes into appending, so the many small parts of a
+// time are put together first.
+class TimeText {
+ public:
+  void Put(char character) noexcept { m_text[m_size++] = character; }
+  void Put(unsigned number, std::size_t digits) noexcept {
+    for (std::size_t i = digits; i > 0; --i) {
+      m_text[m_size + i - 1] = static_cast<char>('0' + number % 10);
+      number /= 10;
+    }
+    m_size += digits;
+  }
+  void PutTimeOfDay(const LocalTime& time) noexcept {
+    Put(time.hour, 2);
+    Put(':');
+    Put(time.minute, 2);
+    Put(':');
+    Put(time.second, 2);
+    Put('.');
+    Put(time.millisecond, 3);
+  }
+  std::string_view View() const noexcept { return {m_text, m_size}; }
+
+ private:
+  char m_text[40];
+  std::size_t m_size = 0;
+};
 
 void BeginTextLine(LineText& line, const TraceCall& call) noexcept {
   const LocalTime& time = call.time;
-  line.AppendNumber(static_cast<unsigned long>(time.year), 4);
-  line.AppendLiteral("-");
-  line.AppendNumber(time.month, 2);
-  line.AppendLiteral("-");
-  line.AppendNumber(time.day, 2);
-  line.AppendLiteral(" ");
-  AppendTimeOfDay(line, time);
   const auto offset = static_cast<unsigned>(std::abs(time.utcOffsetMinutes));
-  line.AppendLiteral(time.utcOffsetMinutes < 0 ? " -" : " +");
-  line.AppendNumber(offset / kMinutesPerHour, 2);
-  line.AppendLiteral(":");
-  line.AppendNumber(offset % kMinutesPerHour, 2);
-  line.AppendLiteral(" ");
+  TimeText stamp;
+  stamp.Put(static_cast<unsigned>(time.year), 4);
+  stamp.Put('-');
+  stamp.Put(time.month, 2);
+  stamp.Put('-');
+  stamp.Put(time.day, 2);
+  stamp.Put(' ');
+  stamp.PutTimeOfDay(time);
+  stamp.Put(' ');
+  stamp.Put(time.utcOffsetMinutes < 0 ? '-' : '+');
+  stamp.Put(offset / kMinutesPerHour, 2);
+  stamp.Put(':');
+  stamp.Put(offset % kMinutesPerHour, 2);
+  stamp.Put(' ');
+  line.AppendLiteral(stamp.View());
   AppendLevel(line, call.level);
   line.AppendLiteral(" ");
   line.AppendNumber(call.processId);
@@ -100,17 +121,21 @@ void BeginTextLine(LineText& line, const TraceCall& call) noexcept {
 
 void EndCmTraceLine(LineText& line, const TraceCall& call) noexcept {
   const LocalTime& time = call.time;
-  line.AppendLiteral("]LOG]!><time=\"");
-  AppendTimeOfDay(line, time);
+  TimeText stamp;
+  stamp.PutTimeOfDay(time);
   // These viewers count from local time to UTC.
-  line.AppendLiteral(time.utcOffsetMinutes > 0 ? "-" : "+");
-  line.AppendNumber(static_cast<unsigned>(std::abs(time.utcOffsetMinutes)), 3);
+  stamp.Put(time.utcOffsetMinutes > 0 ? '-' : '+');
+  stamp.Put(static_cast<unsigned>(std::abs(time.utcOffsetMinutes)), 3);
+  TimeText date;
+  date.Put(time.month, 2);
+  date.Put('-');
+  date.Put(time.day, 2);
+  date.Put('-');
+  date.Put(static_cast<unsigned>(time.year), 4);
+  line.AppendLiteral("]LOG]!><time=\"");
+  line.AppendLiteral(stamp.View());
   line.AppendLiteral("\" date=\"");
-  line.AppendNumber(time.month, 2);
-  line.AppendLiteral("-");
-  line.AppendNumber(time.day, 2);
-  line.AppendLiteral("-");
-  line.AppendNumber(static_cast<unsigned long>(time.year), 4);
+  line.AppendLiteral(date.View());
   line.SetEscaping(Escaping::kCmTraceAttribute);
   line.AppendLiteral("\" component=\"");
   AppendName(line, call.moduleName);

@@ -61,14 +61,10 @@ void LineText::AppendLiteral(std::string_view text) noexcept {
   AppendPlainRun(text.data(), text.size());
 }
 
-void LineText::AppendNumber(unsigned long number, unsigned digits) noexcept {
+void LineText::AppendNumber(unsigned long number) noexcept {
   char text[16];
   const char* const end = std::to_chars(text, text + sizeof text, number).ptr;
-  const auto length = static_cast<std::size_t>(end - text);
-  if (length < digits) {
-    AppendFill('0', digits - length);
-  }
-  AppendPlainRun(text, length);
+  AppendPlainRun(text, static_cast<std::size_t>(end - text));
 }
 
 void LineText::AppendFill(char character, std::size_t count) noexcept {
@@ -82,10 +78,11 @@ void LineText::AppendFill(char character, std::size_t count) noexcept {
 }
 
 void LineText::AppendNarrow(const char* text, std::size_t length) noexcept {
+  const PlainCharacters& plain = kPlain[static_cast<std::size_t>(m_escaping)];
   const char* const end = text + length;
   while (text != end && !m_isFull) {
     const char* const run = text;
-    while (text != end && IsPlain(*text)) {
+    while (text != end && plain[static_cast<unsigned char>(*text)]) {
       ++text;
     }
     AppendPlainRun(run, static_cast<std::size_t>(text - run));
@@ -153,6 +150,9 @@ bool LineText::IsPlain(char character) const noexcept {
 }
 
 void LineText::AppendPlainRun(const char* text, std::size_t length) noexcept {
+  if (m_isFull) {
+    return;
+  }
   const std::size_t taken = std::min(length, m_limit - m_size);
   if (taken > 0 && Reserve(taken)) {
     std::memcpy(m_data + m_size, text, taken);

@@ -36,8 +36,8 @@ class LineText {
   // As it is: the text is part of the layout.
   void AppendLiteral(std::string_view text) noexcept;
 
-  // Decimal, with leading zeros up to `digits`.
-  void AppendNumber(unsigned long number, unsigned digits = 1) noexcept;
+  // Decimal.
+  void AppendNumber(unsigned long number) noexcept;
 
   void AppendFill(char character, std::size_t count) noexcept;
 

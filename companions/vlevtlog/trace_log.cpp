@@ -3,6 +3,7 @@
 #include <cwchar>
 #include <utility>
 
+#include "companions/vlevtlog/last_error.h"
 #include "companions/vlevtlog/line_text.h"
 #include "companions/vlevtlog/message_format.h"
 #include "support/vlevtlog.h"
@@ -121,6 +122,7 @@ bool TraceLog::SetFolder(const wchar_t* folder) noexcept {
 }
 
 void TraceLog::LookAtConfiguration() noexcept {
+  const LastError lastError;
   TraceOptionProblems problems;
   {
     const ExclusiveLock lock(m_configurationLock);

@@ -2,6 +2,7 @@
 
 #include <cstdarg>
 
+#include "companions/vlevtlog/last_error.h"
 #include "companions/vlevtlog/trace_control.h"
 #include "companions/vlevtlog/trace_log.h"
 #include "support/windows_api.h"
@@ -11,25 +12,14 @@ namespace {
 // Made by the compiler, not by code that runs while the library is loaded.
 constinit TraceLog g_log;
 
-class LastError {
- public:
-  LastError() noexcept : m_error(GetLastError()) {}
-  ~LastError() { SetLastError(m_error); }
-  LastError(const LastError&) = delete;
-  LastError& operator=(const LastError&) = delete;
-
- private:
-  DWORD m_error;
-};
-
 }  // namespace
 
 extern "C" void LogTrace(int level, const char* moduleName, const char* functionName,
                          const char* sourceFile, int line, const char* format, ...) {
-  const LastError lastError;
   if (!g_log.IsOn(level)) {
     return;
   }
+  const LastError lastError;
   va_list arguments;
   va_start(arguments, format);
   g_log.Write(level, moduleName, functionName, sourceFile, line, format, arguments);
@@ -38,10 +28,10 @@ extern "C" void LogTrace(int level, const char* moduleName, const char* function
 
 extern "C" void LogTraceW(int level, const char* moduleName, const char* functionName,
                           const char* sourceFile, int line, const wchar_t* format, ...) {
-  const LastError lastError;
   if (!g_log.IsOn(level)) {
     return;
   }
+  const LastError lastError;
   va_list arguments;
   va_start(arguments, format);
   g_log.Write(level, moduleName, functionName, sourceFile, line, format, arguments);

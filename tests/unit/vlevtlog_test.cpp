@@ -75,6 +75,14 @@ TEST_F(VlevtlogTest, KeepsTheLastErrorWhenNothingCanBeWritten) {
   EXPECT_EQ(GetLastError(), 1234U);
 }
 
+TEST_F(VlevtlogTest, KeepsTheLastErrorWhenTheLevelIsOff) {
+  WriteText(m_installation / "conf" / "vorlconf.ini", "[TRACE]\r\nLevels=NONE\r\n");
+  SetLastError(1234);
+  m_logTrace(2, "module", "f", "s.cpp", 1, "reads the options");
+  m_logTrace(2, "module", "f", "s.cpp", 1, "knows them");
+  EXPECT_EQ(GetLastError(), 1234U);
+}
+
 TEST_F(VlevtlogTest, ReadsItsOptionsByItself) {
   WriteText(m_installation / "conf" / "vorlconf.ini", "[TRACE]\r\nLevels=ERROR\r\n");
   m_logTrace(2, "module", "f", "s.cpp", 1, "off");
