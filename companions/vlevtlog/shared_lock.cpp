@@ -33,19 +33,21 @@ std::uint64_t Name(DWORD threadId, std::uint32_t birthMark) noexcept {
   return (std::uint64_t{birthMark} << 32) | threadId;
 }
 
-bool IsGone(std::uint64_t name) noexcept {
+enum class Life { kGone, kLives, kUnknown };
+
+Life LifeOf(std::uint64_t name) noexcept {
   const auto threadId = static_cast<DWORD>(name);
   const OwnedHandle thread(
       OpenThread(SYNCHRONIZE | THREAD_QUERY_LIMITED_INFORMATION, FALSE, threadId));
   if (thread == nullptr) {
-    return GetLastError() == ERROR_INVALID_PARAMETER;
+    return GetLastError() == ERROR_INVALID_PARAMETER ? Life::kGone : Life::kUnknown;
   }
   if (WaitForSingleObject(thread.get(), 0) == WAIT_OBJECT_0) {
-    return true;
+    return Life::kGone;
   }
   const std::uint32_t birthMark = BirthMark(thread.get());
   const bool areBothKnown = birthMark != 0 && name >> 32 != 0;
-  return areBothKnown && name != Name(threadId, birthMark);
+  return areBothKnown && name != Name(threadId, birthMark) ? Life::kGone : Life::kLives;
 }
 
 bool TakeFree(SharedLockState& lock, std::uint64_t ownName) noexcept {
@@ -123,14 +125,20 @@ LockResult TakeLock(SharedLockState& lock, std::uint64_t ownName, std::uint32_t 
       seenReleases = releases;
       lastMove = now;
       sightings = 0;
-    } else if (holder != kFree && IsGone(holder)) {
+    } else if (holder != kFree) {
+      const bool isPatienceOver = now - lastMove >= patience;
+      const Life life = LifeOf(holder);
       // The system can report the end of a thread a moment before its last instruction.
-      if (++sightings >= kSightingsOfTheDead &&
+      const bool isGone = life == Life::kGone && ++sightings >= kSightingsOfTheDead;
+      // A stranger that bears the identifier of a dead holder must not keep the lock for ever.
+      const bool isStranger = life == Life::kUnknown && isPatienceOver;
+      if ((isGone || isStranger) &&
           lock.holder.compare_exchange_strong(holder, ownName, std::memory_order_acquire)) {
         return LockResult::kTakenFromTheDead;
       }
-    } else if (now - lastMove >= patience) {
-      return LockResult::kNotTaken;
+      if (life == Life::kLives && isPatienceOver) {
+        return LockResult::kNotTaken;
+      }
     }
     // The holder signals no object, which would cost it more than its line, so there is none to
     // wait for.

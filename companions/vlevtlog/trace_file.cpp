@@ -175,7 +175,7 @@ TraceFileResult TraceFile::PrepareFile(const TraceFileLimits& limits,
       ++state.generation;
     }
     if (state.isSecondInUse != 0) {
-      ReturnToFirstFile();
+      ReturnToFirstFile(limits);
     }
   }
   if (m_generation != state.generation) {
@@ -300,7 +300,7 @@ void TraceFile::Rotate(const TraceFileLimits& limits) noexcept {
   DeleteOldFiles(m_folder, limits.files - 1);
 }
 
-void TraceFile::ReturnToFirstFile() noexcept {
+void TraceFile::ReturnToFirstFile(const TraceFileLimits& limits) noexcept {
   State& state = *m_state.load(std::memory_order_relaxed);
   const OwnedFile first(OpenTraceFolderFile(TracePath(m_folder, kFirstFileName).Get(),
                                             FILE_APPEND_DATA, kShareAll, OPEN_ALWAYS));
@@ -309,6 +309,7 @@ void TraceFile::ReturnToFirstFile() noexcept {
   }
   // Where the second cannot be set aside it stays, and is gone on with the next time.
   static_cast<void>(SetAside(kSecondFileName));
+  DeleteOldFiles(m_folder, limits.files - 1);
   state.isSecondInUse = 0;
   ++state.generation;
 }

@@ -90,7 +90,7 @@ class TraceFile {
   void CutTornEnd() noexcept;
   void Rotate(const TraceFileLimits& limits) noexcept;
   bool SetAside(const wchar_t* name) noexcept;
-  void ReturnToFirstFile() noexcept;
+  void ReturnToFirstFile(const TraceFileLimits& limits) noexcept;
   const wchar_t* CurrentName() const noexcept;
 
   const wchar_t* m_folder = nullptr;

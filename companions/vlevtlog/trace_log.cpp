@@ -1,7 +1,7 @@
 #include "companions/vlevtlog/trace_log.h"
 
 #include <cwchar>
-#include <utility>
+#include <memory>
 
 #include "companions/vlevtlog/last_error.h"
 #include "companions/vlevtlog/line_text.h"
@@ -15,16 +15,19 @@ constexpr ULONGLONG kLookMilliseconds = 2000;
 // Differs from every file's time of change.
 constexpr std::uint64_t kNeverSeen = static_cast<std::uint64_t>(-1);
 
-class ExclusiveLock {
- public:
-  explicit ExclusiveLock(SRWLOCK& lock) noexcept : m_lock(lock) { AcquireSRWLockExclusive(&lock); }
-  ~ExclusiveLock() { ReleaseSRWLockExclusive(&m_lock); }
-  ExclusiveLock(const ExclusiveLock&) = delete;
-  ExclusiveLock& operator=(const ExclusiveLock&) = delete;
-
- private:
-  SRWLOCK& m_lock;
+struct ReleaseExclusive {
+  void operator()(SRWLOCK* lock) const noexcept { ReleaseSRWLockExclusive(lock); }
 };
+using ExclusiveLock = std::unique_ptr<SRWLOCK, ReleaseExclusive>;
+
+ExclusiveLock Take(SRWLOCK& lock) noexcept {
+  AcquireSRWLockExclusive(&lock);
+  return ExclusiveLock(&lock);
+}
+
+ExclusiveLock TryToTake(SRWLOCK& lock) noexcept {
+  return ExclusiveLock(TryAcquireSRWLockExclusive(&lock) ? &lock : nullptr);
+}
 
 // The folder in which this library lies; empty when its path is too long.
 void FindOwnFolder(wchar_t (&folder)[MAX_PATH]) noexcept {
@@ -99,7 +102,7 @@ bool TraceLog::SetConfigurationFile(const wchar_t* path) noexcept {
   }
   TraceOptionProblems problems;
   {
-    const ExclusiveLock lock(m_configurationLock);
+    const ExclusiveLock lock = Take(m_configurationLock);
     Start();
     // It fits.
     static_cast<void>(StringCchCopyW(m_configurationFile, MAX_PATH, path));
@@ -112,7 +115,7 @@ bool TraceLog::SetConfigurationFile(const wchar_t* path) noexcept {
 }
 
 bool TraceLog::SetFolder(const wchar_t* folder) noexcept {
-  const ExclusiveLock lock(m_configurationLock);
+  const ExclusiveLock lock = Take(m_configurationLock);
   m_isStarted = true;
   m_seenChange = kNeverSeen;
   const bool hasLogs = JoinPath(m_logsFolder, folder, L"logs");
@@ -125,9 +128,12 @@ void TraceLog::LookAtConfiguration() noexcept {
   const LastError lastError;
   TraceOptionProblems problems;
   {
-    const ExclusiveLock lock(m_configurationLock);
+    // The first lines wait until the options are known. Later nobody waits for a thread that looks
+    // already, or that was ended while it did.
+    const bool isFirst = m_nextLook.load(std::memory_order_relaxed) == 0;
+    const ExclusiveLock lock = isFirst ? Take(m_configurationLock) : TryToTake(m_configurationLock);
     const ULONGLONG now = GetTickCount64();
-    if (now < m_nextLook.load(std::memory_order_relaxed)) {
+    if (lock == nullptr || now < m_nextLook.load(std::memory_order_relaxed)) {
       return;
     }
     Start();

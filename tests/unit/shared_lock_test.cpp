@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "support/windows_api.h"
+#include "tests/support/import_patch.h"
 
 namespace {
 
@@ -70,6 +71,17 @@ TEST_F(SharedLockTest, IsTakenFromAThreadWhoseIdentifierIsInUseAgain) {
     std::thread([&] { result = Take(); }).join();
     EXPECT_EQ(result, LockResult::kTakenFromTheDead);
   }).join();
+}
+
+// A holder that is dead and whose identifier belongs to somebody who may not be looked at.
+TEST_F(SharedLockTest, IsTakenFromAStrangerThatStandsStill) {
+  m_lock.holder.store(0xFEDCBA9876543211);
+  const CallPatch<struct OpenTag, HANDLE WINAPI(DWORD, BOOL, DWORD)> patch(
+      "KERNEL32.dll", "OpenThread", [](DWORD, BOOL, DWORD) -> HANDLE {
+        SetLastError(ERROR_ACCESS_DENIED);
+        return nullptr;
+      });
+  EXPECT_EQ(Take(kLittlePatience), LockResult::kTakenFromTheDead);
 }
 
 TEST_F(SharedLockTest, IsTakenFromRubbish) {
