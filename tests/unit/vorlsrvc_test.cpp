@@ -2,7 +2,9 @@
 
 #include <gmock/gmock.h>
 
+#include <algorithm>
 #include <functional>
+#include <regex>
 #include <string>
 #include <vector>
 
@@ -425,6 +427,14 @@ class MainTest : public CreateAndSetClientUUIDTest {
       [](SERVICE_STATUS_HANDLE, LPSERVICE_STATUS) { return TRUE; }};
 };
 
+// Journal entries whose handles are numbered by a count over the whole test.
+std::vector<std::string> WithoutHandleNumbers(std::vector<std::string> entries) {
+  for (std::string& entry : entries) {
+    entry = std::regex_replace(entry, std::regex("(manager|service)[0-9]+"), "$1");
+  }
+  return entries;
+}
+
 TraceLine MainLine(int level, const std::string& text) {
   return Line(level, "main", kSource, text);
 }
@@ -609,6 +619,34 @@ TEST_F(MainTest, LetterCaseOfTheCommandDoesNotCount) {
     EXPECT_EQ(console, "Test Client Agent is already installed\n");
   }
   EXPECT_EQ(dispatchers, 0U);
+}
+
+TEST_F(MainTest, ResetBehavesLikeStart) {
+  HaveIdentifier();
+  Run({"-start"});
+  const std::vector<std::string> start = journal.Entries();
+  EXPECT_THAT(start, Contains(Traced(2, "CNTService::ParseStandardArgs", kBaseSource, "-start")));
+  journal.Clear();
+  Run({"-reset"});
+  EXPECT_THAT(WithoutHandleNumbers(journal.Entries()),
+              ElementsAreArray(WithoutHandleNumbers(start)));
+}
+
+TEST_F(MainTest, InstallOnAnInstalledServiceDoesNotTouchItsConfiguration) {
+  HaveIdentifier();
+  Run({"-install"});
+  EXPECT_EQ(console, "Test Client Agent is already installed\n");
+  for (const std::string& call : journal.Calls()) {
+    EXPECT_THAT(call, ::testing::AnyOf(StartsWith("OpenSCManagerA"), StartsWith("OpenServiceA"),
+                                       StartsWith("CloseServiceHandle")));
+  }
+}
+
+TEST_F(MainTest, UninstallOfAServiceThatIsNotInstalledSaysSo) {
+  HaveIdentifier();
+  manager.Fail("OpenServiceA", ERROR_SERVICE_DOES_NOT_EXIST);
+  EXPECT_EQ(Run({"-uninstall"}), 0);
+  EXPECT_EQ(console, "Test Client Agent is not installed\n");
 }
 
 TEST_F(MainTest, WordsThatAreNoCommandBecomeTheService) {

@@ -237,7 +237,7 @@ class RunTest : public ::testing::Test {
           journal.Call("WaitForSingleObject watcher thread");
           ++waitsForWatcher;
           // Does not let a lost signal hang the test.
-          if (m_wait.CallOriginal(handle, 30000) == WAIT_TIMEOUT) {
+          if (m_wait.CallOriginal(handle, 10000) == WAIT_TIMEOUT) {
             ADD_FAILURE() << "the watcher has missed its signal";
             EndWatcher();
           }
