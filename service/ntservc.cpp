@@ -28,6 +28,7 @@ constexpr unsigned kConsoleMessageSize = 500;
 constexpr unsigned kPathLength = 260;
 // A path with its two quotes.
 constexpr unsigned kCommandPathLength = kPathLength + 2;
+constexpr int kNarrowCommandPathSize = 2 * kCommandPathLength;  // two bytes a character at the most
 constexpr unsigned kWideServiceNameLength = 260;
 
 constexpr char kEventLogKey[] = R"(SYSTEM\CurrentControlSet\Services\EventLog\Application\)";
@@ -73,7 +74,8 @@ CNTService::CNTService(const char* serviceName)
       m_bRunning(FALSE),
       m_bNotifyServer(false),
       m_hEventLogSource(nullptr),
-      m_dwHandlerActive(0) {
+      m_dwHandlerActive(0),
+      m_dwEnding(0) {
   constexpr Trace trace{"CNTService::CNTService"};
   trace.Info("Entry");
   s_pThis = this;
@@ -257,6 +259,7 @@ void WINAPI CNTService::ServiceMain(DWORD /*argc*/, char** /*argv*/) {
   constexpr Trace trace{"CNTService::ServiceMain"};
   trace.Info("Entry");
   CNTService* const service = s_pThis;
+  service->m_dwEnding = 0;
   service->m_ServiceStatus.dwCurrentState = SERVICE_START_PENDING;
   service->m_hServiceStatus =
       RegisterServiceCtrlHandlerA(service->m_szServiceName, &CNTService::Handler);
@@ -273,6 +276,7 @@ void WINAPI CNTService::ServiceMain(DWORD /*argc*/, char** /*argv*/) {
     service->Run();
   }
 
+  service->m_dwEnding = 1;
   service->WaitForHandler();
   service->SetStatus(SERVICE_STOPPED);
   // From here on the dispatcher may have returned and the object may be gone.
@@ -304,12 +308,16 @@ void WINAPI CNTService::Handler(DWORD control) {
   service->m_dwHandlerActive = 1;
   trace.Info("Entry");
 
-  if (control == SERVICE_CONTROL_USER_STOP) {
-    trace.Info("Got user stop notification");
-    service->m_bNotifyServer = true;
+  // A control that comes when the body has ended has nobody left to act on it. Of the two stores at
+  // least one is seen by the other side: the service thread waits, or nothing is reported here.
+  if (service->m_dwEnding == 0) {
+    if (control == SERVICE_CONTROL_USER_STOP) {
+      trace.Info("Got user stop notification");
+      service->m_bNotifyServer = true;
+    }
+    service->DispatchControl(control);
+    SetServiceStatus(service->m_hServiceStatus, &service->m_ServiceStatus);
   }
-  service->DispatchControl(control);
-  SetServiceStatus(service->m_hServiceStatus, &service->m_ServiceStatus);
 
   service->m_dwHandlerActive = 0;
   WakeByAddressAll(&service->m_dwHandlerActive);
@@ -344,7 +352,7 @@ void CNTService::DispatchControl(DWORD control) {
   }
 }
 
-// The stop wakes the service thread before the handler has made its second report. That report must
+// A stop wakes the service thread before the handler has made its second report. That report must
 // not arrive behind STOPPED, or the service control manager waits for the stop for ever.
 void CNTService::WaitForHandler() {
   const ULONGLONG deadline = GetTickCount64() + kHandlerWaitMilliseconds;
@@ -452,7 +460,10 @@ BOOL CNTService::Install() {
   }
 
   trace.Error("ConfigureServiceRecoveryOptions m_szServiceName (%s)", m_szServiceName);
-  trace.Error("ConfigureServiceRecoveryOptions wszCAServicePath (%S)", wszCAServicePath);
+  // The C runtime's own "%S" knows no characters outside its locale; the code page knows more.
+  char szCAServicePath[kNarrowCommandPathSize];
+  static_cast<void>(WideToNarrow(wszCAServicePath, szCAServicePath, kNarrowCommandPathSize));
+  trace.Error("ConfigureServiceRecoveryOptions wszCAServicePath (%s)", szCAServicePath);
   // A service without recovery actions is better than none; what failed is in the trace.
   static_cast<void>(ConfigureServiceRecoveryOptionsW(service.Get(), wszCAServicePath,
                                                      SC_ACTION_RUN_COMMAND, SC_ACTION_RUN_COMMAND,

@@ -109,6 +109,8 @@ class CNTService {
 
   // Nonzero from the handler's entry until it has made its last report.
   std::atomic<DWORD> m_dwHandlerActive;
+  // Nonzero when the service's body has ended and STOPPED is about to be reported.
+  std::atomic<DWORD> m_dwEnding;
 
   static CNTService* s_pThis;
   static RemovalHooks s_removalHooks;

@@ -82,7 +82,8 @@ class Trace {
     if constexpr (sizeof...(Args) == 0) {
       WriteText(level, format.file, format.line, format.text);
     } else {
-      char szMessage[kTraceMessageSize];
+      // A conversion that the C runtime cannot make must not leave rubbish in the message.
+      char szMessage[kTraceMessageSize] = {};
       FormatMessageText(szMessage, format.text, args...);
       WriteText(level, format.file, format.line, szMessage);
     }

@@ -795,6 +795,18 @@ TEST_F(LastReport, IsNotHeldUpWithoutAHandler) {
   EXPECT_THAT(m_journal.Calls(), ::testing::Not(::testing::Contains("WaitOnAddress")));
 }
 
+TEST_F(LastReport, IsNotFollowedByAControlThatComesWhileItIsMade) {
+  m_beforeReport = [](const SERVICE_STATUS& status) {
+    if (status.dwCurrentState == SERVICE_STOPPED) {
+      ExposedService::Handler(SERVICE_CONTROL_STOP);
+    }
+  };
+  Finish();
+  ExposedService::ServiceMain(0, nullptr);
+  EXPECT_THAT(States(), ElementsAre(2U, 4U, 1U));
+  EXPECT_EQ(m_service.m_ServiceStatus.dwCurrentState, DWORD{SERVICE_STOPPED});
+}
+
 TEST_F(LastReport, IsStoppedInEveryOneOfManyStops) {
   for (int i = 0; i < 500; ++i) {
     ResetEvent(m_runs.Get());
