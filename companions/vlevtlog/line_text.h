@@ -18,8 +18,10 @@ enum class Escaping {
 class LineText {
  public:
   // A message may take this many bytes; the rest is cut.
-  static constexpr std::size_t kMessageLimit = 256 * 1024;
+  static constexpr std::size_t kMessageLimit = std::size_t{256} * 1024;
 
+  // What is not yet text is not set: clearing it would cost more than filling it.
+  // cppcheck-suppress uninitMemberVar
   LineText() noexcept = default;
   LineText(const LineText&) = delete;
   LineText& operator=(const LineText&) = delete;

@@ -1,7 +1,6 @@
 #include "companions/vlevtlog/shared_lock.h"
 
-#include <memory>
-
+#include "companions/vlevtlog/owned_handle.h"
 #include "support/windows_api.h"
 
 namespace {
@@ -10,12 +9,6 @@ constexpr std::uint64_t kFree = 0;
 constexpr int kSpins = 100;
 constexpr int kYields = 500;
 constexpr int kSightingsOfTheDead = 2;
-
-struct CloseKernelHandle {
-  using pointer = HANDLE;
-  void operator()(HANDLE handle) const noexcept { CloseHandle(handle); }
-};
-using OwnedHandle = std::unique_ptr<HANDLE, CloseKernelHandle>;
 
 // Distinguishes threads that had the same identifier one after the other; never zero.
 std::uint32_t BirthMark(HANDLE thread) noexcept {

@@ -1,21 +1,13 @@
 #include "companions/vlevtlog/trace_file.h"
 
-#include <memory>
-
 #include "companions/vlevtlog/trace_folder.h"
 
 namespace {
 
 constexpr DWORD kShareAll = FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE;
 // A torn line is no longer than a line can be, with what surrounds its message.
-constexpr std::int64_t kTornLimit = 512 * 1024;
+constexpr std::int64_t kTornLimit = std::int64_t{512} * 1024;
 constexpr ULONGLONG kRetryMilliseconds = 1000;
-
-struct CloseFileHandle {
-  using pointer = HANDLE;
-  void operator()(HANDLE handle) const noexcept { CloseHandle(handle); }
-};
-using OwnedFile = std::unique_ptr<HANDLE, CloseFileHandle>;
 
 bool ReadAt(HANDLE file, std::int64_t offset, char* bytes, DWORD count) noexcept {
   LARGE_INTEGER position;
@@ -125,10 +117,10 @@ DWORD TraceFile::Attach() noexcept {
     error = MakeTraceFolder(m_folder);
     if (error == ERROR_SUCCESS) {
       // Deleting it while somebody has it would part the processes from each other.
-      OwnedFile file(OpenTraceFolderFile(TracePath(m_folder, kStateFileName).Get(),
-                                         GENERIC_READ | GENERIC_WRITE,
-                                         FILE_SHARE_READ | FILE_SHARE_WRITE, OPEN_ALWAYS));
-      const OwnedFile mapping(
+      OwnedHandle file = OpenTraceFolderFile(TracePath(m_folder, kStateFileName).Get(),
+                                             GENERIC_READ | GENERIC_WRITE,
+                                             FILE_SHARE_READ | FILE_SHARE_WRITE, OPEN_ALWAYS);
+      const OwnedHandle mapping(
           file != nullptr
               ? CreateFileMappingW(file.get(), nullptr, PAGE_READWRITE, 0, sizeof(State), nullptr)
               : nullptr);
@@ -224,13 +216,13 @@ DWORD TraceFile::Open() noexcept {
 DWORD TraceFile::OpenNamed(const wchar_t* name) noexcept {
   State& state = *m_state.load(std::memory_order_relaxed);
   // Appending only: whatever else were wrong, no written line could be written over.
-  const HANDLE file = OpenTraceFolderFile(TracePath(m_folder, name).Get(),
-                                          FILE_APPEND_DATA | FILE_READ_ATTRIBUTES | SYNCHRONIZE,
-                                          kShareAll, OPEN_ALWAYS);
+  OwnedHandle file = OpenTraceFolderFile(TracePath(m_folder, name).Get(),
+                                         FILE_APPEND_DATA | FILE_READ_ATTRIBUTES | SYNCHRONIZE,
+                                         kShareAll, OPEN_ALWAYS);
   if (file == nullptr) {
     return GetLastError();
   }
-  m_file = file;
+  m_file = file.release();
   m_generation = state.generation;
   CutTornEnd();
   LARGE_INTEGER size{};
@@ -255,16 +247,17 @@ bool TraceFile::IsStillInPlace() noexcept {
       information.DeletePending) {
     return false;
   }
-  const OwnedFile inFolder(OpenTraceFolderFile(TracePath(m_folder, CurrentName()).Get(),
-                                               FILE_READ_ATTRIBUTES, kShareAll, OPEN_EXISTING));
+  const OwnedHandle inFolder = OpenTraceFolderFile(TracePath(m_folder, CurrentName()).Get(),
+                                                   FILE_READ_ATTRIBUTES, kShareAll, OPEN_EXISTING);
   return inFolder != nullptr && AreSameFile(m_file, inFolder.get());
 }
 
 // A process that was ended while it wrote, or a disk that was full, can leave the beginning of a
 // line, and a power cut a row of zeros. Nobody was told that such a line is written.
 void TraceFile::CutTornEnd() noexcept {
-  const OwnedFile file(OpenTraceFolderFile(TracePath(m_folder, CurrentName()).Get(),
-                                           GENERIC_READ | GENERIC_WRITE, kShareAll, OPEN_EXISTING));
+  const OwnedHandle file =
+      OpenTraceFolderFile(TracePath(m_folder, CurrentName()).Get(), GENERIC_READ | GENERIC_WRITE,
+                          kShareAll, OPEN_EXISTING);
   LARGE_INTEGER size{};
   if (file == nullptr || !GetFileSizeEx(file.get(), &size) || size.QuadPart == 0) {
     return;
@@ -302,8 +295,8 @@ void TraceFile::Rotate(const TraceFileLimits& limits) noexcept {
 
 void TraceFile::ReturnToFirstFile(const TraceFileLimits& limits) noexcept {
   State& state = *m_state.load(std::memory_order_relaxed);
-  const OwnedFile first(OpenTraceFolderFile(TracePath(m_folder, kFirstFileName).Get(),
-                                            FILE_APPEND_DATA, kShareAll, OPEN_ALWAYS));
+  const OwnedHandle first = OpenTraceFolderFile(TracePath(m_folder, kFirstFileName).Get(),
+                                                FILE_APPEND_DATA, kShareAll, OPEN_ALWAYS);
   if (first == nullptr) {
     return;
   }

@@ -93,6 +93,8 @@ class TraceFile {
   void ReturnToFirstFile(const TraceFileLimits& limits) noexcept;
   const wchar_t* CurrentName() const noexcept;
 
+  // Bare handles, for no destructor may run at the end of the process: whoever writes a line even
+  // then finds them open, and the system closes them.
   const wchar_t* m_folder = nullptr;
   SRWLOCK m_attachLock = SRWLOCK_INIT;
   HANDLE m_stateFile = nullptr;

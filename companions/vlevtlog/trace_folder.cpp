@@ -110,20 +110,23 @@ DWORD MakeTraceFolder(const wchar_t* folder) noexcept {
   return error == ERROR_ALREADY_EXISTS ? ERROR_SUCCESS : error;
 }
 
-HANDLE OpenTraceFolderFile(const wchar_t* path, DWORD access, DWORD shareMode,
-                           DWORD disposition) noexcept {
+OwnedHandle OpenTraceFolderFile(const wchar_t* path, DWORD access, DWORD shareMode,
+                                DWORD disposition) noexcept {
   const bool canMake = disposition != OPEN_EXISTING;
   SecurityDescriptor descriptor = canMake ? MakeDescriptor(kFileAccess) : nullptr;
   if (canMake && descriptor == nullptr) {
     return nullptr;
   }
   SECURITY_ATTRIBUTES attributes{sizeof attributes, descriptor.get(), FALSE};
-  const HANDLE file = CreateFileW(path, access, shareMode, canMake ? &attributes : nullptr,
-                                  disposition, FILE_ATTRIBUTE_NORMAL, nullptr);
+  OwnedHandle file(CreateFileW(path, access, shareMode, canMake ? &attributes : nullptr,
+                               disposition, FILE_ATTRIBUTE_NORMAL, nullptr));
+  if (file.get() == INVALID_HANDLE_VALUE) {
+    static_cast<void>(file.release());
+  }
   const DWORD error = GetLastError();
   descriptor.reset();
   SetLastError(error);
-  return file != INVALID_HANDLE_VALUE ? file : nullptr;
+  return file;
 }
 
 std::uint32_t NextFileNumber(const wchar_t* folder) noexcept {

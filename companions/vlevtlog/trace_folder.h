@@ -3,6 +3,7 @@
 
 #include <cstdint>
 
+#include "companions/vlevtlog/owned_handle.h"
 #include "support/windows_api.h"
 
 inline constexpr wchar_t kFirstFileName[] = L"vorltrace.log";
@@ -26,8 +27,8 @@ class TracePath {
 DWORD MakeTraceFolder(const wchar_t* folder) noexcept;
 
 // CreateFileW for such a file; null when it fails, with the last error set.
-HANDLE OpenTraceFolderFile(const wchar_t* path, DWORD access, DWORD shareMode,
-                           DWORD disposition) noexcept;
+OwnedHandle OpenTraceFolderFile(const wchar_t* path, DWORD access, DWORD shareMode,
+                                DWORD disposition) noexcept;
 
 // The number that the next full file gets.
 std::uint32_t NextFileNumber(const wchar_t* folder) noexcept;

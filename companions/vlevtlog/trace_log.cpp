@@ -33,7 +33,7 @@ ExclusiveLock TryToTake(SRWLOCK& lock) noexcept {
 void FindOwnFolder(wchar_t (&folder)[MAX_PATH]) noexcept {
   folder[0] = 0;
   HMODULE self = nullptr;
-  wchar_t path[MAX_PATH];
+  wchar_t path[MAX_PATH] = {};
   if (!GetModuleHandleExW(
           GET_MODULE_HANDLE_EX_FLAG_FROM_ADDRESS | GET_MODULE_HANDLE_EX_FLAG_UNCHANGED_REFCOUNT,
           reinterpret_cast<const wchar_t*>(&FindOwnFolder), &self)) {
