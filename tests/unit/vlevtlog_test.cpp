@@ -39,12 +39,13 @@ class VlevtlogTest : public testing::Test {
   Library m_library{m_installation / "vlevtlog.dll"};
   decltype(&LogTrace) m_logTrace = m_library.Ordinal<decltype(LogTrace)>(2);
   decltype(&LogTraceW) m_logTraceW = m_library.Ordinal<decltype(LogTraceW)>(3);
-  ApplyTraceOptionsFunction* m_applyTraceOptions = m_library.Ordinal<ApplyTraceOptionsFunction>(4);
+  ApplyTraceOptionsFunction* m_applyTraceOptions =
+      m_library.Ordinal<ApplyTraceOptionsFunction>(1904);
 };
 
 TEST_F(VlevtlogTest, ExportsByOrdinalOnly) {
   EXPECT_THAT(m_library.ExportedNames(), IsEmpty());
-  EXPECT_THAT(m_library.ExportedOrdinals(), ElementsAre(2, 3, 4));
+  EXPECT_THAT(m_library.ExportedOrdinals(), ElementsAre(2, 3, 1904));
 }
 
 TEST_F(VlevtlogTest, DoesNothingWhenItIsLoaded) {
