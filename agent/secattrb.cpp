@@ -80,7 +80,7 @@ BOOL CreateSecurityAttributeForEveryone(SECURITY_ATTRIBUTES* sa, PSID* sid, PACL
     return FALSE;
   }
 
-  // From here on a failure leaves the library loaded: the caller's next attempt uses it.
+  // From here on a failure leaves the library loaded.
   EXPLICIT_ACCESS_W entry = EntryForEveryone(accessMask, *sid);
   if (s_pfnSetEntriesInAcl(/*cCountOfExplicitEntries=*/1, &entry, /*OldAcl=*/nullptr, acl) !=
       ERROR_SUCCESS) {

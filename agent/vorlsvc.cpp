@@ -143,6 +143,8 @@ void CAcAsSvc::Run() {
   FreeLibrary(module);
   FreeSecurityAttributeForEveryone(&m_SecurityAttributes, m_pEveryoneSid, m_pAcl,
                                    m_pSecurityDescriptor);
+  // A stop may still come, after the exit event has ended the wait: it must not use what is freed.
+  m_SecurityAttributes = {};
   trace.Info("After calling FreeSecurityAttributeForEveryone");
   trace.Info("Exit");
 }

@@ -37,6 +37,22 @@ TEST(NarrowToWide, PassesTheCodePageTheFlagAndTheLimit) {
   EXPECT_EQ(capacity, 20);
 }
 
+// Documented for a machine whose code page is UTF-8: any such flag is refused.
+TEST(NarrowToWide, ConvertsWithoutTheFlagWhereTheCodePageTakesNone) {
+  std::optional<CallPatch<struct Utf8, int(UINT, DWORD, const char*, int, wchar_t*, int)>> patch;
+  patch.emplace("KERNEL32.dll", "MultiByteToWideChar",
+                [&](UINT, DWORD flags, const char* text, int count, wchar_t* wide, int room) {
+                  if (flags != 0) {
+                    SetLastError(ERROR_INVALID_FLAGS);
+                    return 0;
+                  }
+                  return patch->CallOriginal(CP_UTF8, flags, text, count, wide, room);
+                });
+  wchar_t wide[8] = {};
+  EXPECT_TRUE(NarrowToWide("\xC3\xA9", wide, 8));
+  EXPECT_STREQ(wide, L"\x00E9");
+}
+
 TEST(NarrowToWide, TextThatFillsTheLimitWithItsTerminatorFits) {
   const std::string text(259, 'a');
   wchar_t wide[260];

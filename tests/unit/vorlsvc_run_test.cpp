@@ -670,6 +670,13 @@ TEST_F(RunTest, TheExitEventSignalledByAnotherProcessLeadsToTheCleanUp) {
                           Line(2, kWatcher, "agent/cathdsvc.cpp", "Exit")));
 }
 
+TEST_F(RunTest, LeavesNoFreedDescriptorToAStopThatComesAfterTheCleanUp) {
+  HeldCore core(root);
+  AtStartUp(core, [] { TestService::Handler(SERVICE_CONTROL_STOP); });
+  service->Run();
+  EXPECT_EQ(service->m_SecurityAttributes.lpSecurityDescriptor, nullptr);
+}
+
 TEST_F(RunTest, EventsWithoutNamesEndTheWatcherAtOnceAndTheServiceAsSoonAsItWaits) {
   FakeInfo()->eventNameResult = 0;
   HeldCore core(root);
