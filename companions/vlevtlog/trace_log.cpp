@@ -6,6 +6,7 @@
 #include "companions/vlevtlog/last_error.h"
 #include "companions/vlevtlog/line_text.h"
 #include "companions/vlevtlog/message_format.h"
+#include "companions/vlevtlog/owned_handle.h"
 #include "support/vlevtlog.h"
 
 namespace {
@@ -54,6 +55,14 @@ bool JoinPath(wchar_t (&path)[MAX_PATH], const wchar_t* folder, const wchar_t* n
   }
   path[0] = 0;
   return false;
+}
+
+// Null when the file cannot be read, such as while somebody keeps it for himself.
+OwnedHandle OpenForReading(const wchar_t* path) noexcept {
+  const HANDLE file =
+      CreateFileW(path, GENERIC_READ, FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE,
+                  nullptr, OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL, nullptr);
+  return OwnedHandle(file != INVALID_HANDLE_VALUE ? file : nullptr);
 }
 
 const char* Describe(TraceFileResult::Step step) noexcept {
@@ -158,22 +167,28 @@ void TraceLog::Start() noexcept {
   m_file.SetFolder(m_logsFolder);
 }
 
-// Reads the file when it is not the one that was read last. Without a file everything stays as it
-// is: an editor may be about to replace it.
-bool TraceLog::TakeOptions(TraceOptionProblems& problems) noexcept {
+// Reads the file when it is not the one that was read last. While there is none, or none that can
+// be read, everything stays as it is: somebody may be about to replace it.
+void TraceLog::TakeOptions(TraceOptionProblems& problems) noexcept {
   const bool isFirst = m_seenChange == kNeverSeen;
   std::uint64_t change = 0;
   std::uint64_t size = 0;
+  OwnedHandle file;
   WIN32_FILE_ATTRIBUTE_DATA data;
   if (GetFileAttributesExW(m_configurationFile, GetFileExInfoStandard, &data)) {
     change = (std::uint64_t{data.ftLastWriteTime.dwHighDateTime} << 32) |
              data.ftLastWriteTime.dwLowDateTime;
     size = (std::uint64_t{data.nFileSizeHigh} << 32) | data.nFileSizeLow;
+    if (change == m_seenChange && size == m_seenSize) {
+      return;
+    }
+    // Held open while it is read: whoever is shut out reads no values and no error.
+    file = OpenForReading(m_configurationFile);
+    if (file == nullptr) {
+      return;
+    }
   } else if (!isFirst) {
-    return false;
-  }
-  if (change == m_seenChange && size == m_seenSize) {
-    return false;
+    return;
   }
   m_seenChange = change;
   m_seenSize = size;
@@ -182,7 +197,6 @@ bool TraceLog::TakeOptions(TraceOptionProblems& problems) noexcept {
   m_format.store(options.format, std::memory_order_relaxed);
   m_fileSize.store(options.fileSizeKb * kBytesPerKb, std::memory_order_relaxed);
   m_files.store(options.files, std::memory_order_relaxed);
-  return true;
 }
 
 void TraceLog::WriteProblems(const TraceOptionProblems& problems) noexcept {

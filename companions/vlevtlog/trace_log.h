@@ -51,7 +51,7 @@ class TraceLog {
 
   void LookAtConfiguration() noexcept;
   void Start() noexcept;
-  bool TakeOptions(TraceOptionProblems& problems) noexcept;
+  void TakeOptions(TraceOptionProblems& problems) noexcept;
   void WriteProblems(const TraceOptionProblems& problems) noexcept;
   void WriteOwnLine(const wchar_t* format, ...) noexcept;
   TraceCall MakeCall(int level, const char* moduleName, const char* functionName,
