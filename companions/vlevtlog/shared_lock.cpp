@@ -1,5 +1,7 @@
 #include "companions/vlevtlog/shared_lock.h"
 
+#include <algorithm>
+
 #include "companions/vlevtlog/owned_handle.h"
 #include "support/windows_api.h"
 
@@ -9,6 +11,9 @@ constexpr std::uint64_t kFree = 0;
 constexpr int kSpins = 100;
 constexpr int kYields = 500;
 constexpr int kSightingsOfTheDead = 2;
+// What lies between two looks counts for no more than this: while the computer slept, or nobody got
+// a processor, the holder could not move either.
+constexpr ULONGLONG kLongestLookMilliseconds = 100;
 
 // Distinguishes threads that had the same identifier one after the other; never zero.
 std::uint32_t BirthMark(HANDLE thread) noexcept {
@@ -101,7 +106,8 @@ void ThreadNames::Close() noexcept {
 LockResult TakeLock(SharedLockState& lock, std::uint64_t ownName, std::uint32_t patience) noexcept {
   std::uint64_t seenHolder = kFree;
   std::uint64_t seenReleases = 0;
-  ULONGLONG lastMove = 0;
+  ULONGLONG lastLook = 0;
+  ULONGLONG stoodStill = 0;  // milliseconds
   int sightings = 0;
   for (;;) {
     if (TakeSoon(lock, ownName)) {
@@ -116,10 +122,11 @@ LockResult TakeLock(SharedLockState& lock, std::uint64_t ownName, std::uint32_t 
     if (holder != seenHolder || releases != seenReleases) {
       seenHolder = holder;
       seenReleases = releases;
-      lastMove = now;
+      stoodStill = 0;
       sightings = 0;
     } else if (holder != kFree) {
-      const bool isPatienceOver = now - lastMove >= patience;
+      stoodStill += std::min(now - lastLook, kLongestLookMilliseconds);
+      const bool isPatienceOver = stoodStill >= patience;
       const Life life = LifeOf(holder);
       // The system can report the end of a thread a moment before its last instruction.
       const bool isGone = life == Life::kGone && ++sightings >= kSightingsOfTheDead;
@@ -133,6 +140,7 @@ LockResult TakeLock(SharedLockState& lock, std::uint64_t ownName, std::uint32_t 
         return LockResult::kNotTaken;
       }
     }
+    lastLook = now;
     // The holder signals no object, which would cost it more than its line, so there is none to
     // wait for.
     Sleep(1);

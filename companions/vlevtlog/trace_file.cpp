@@ -8,6 +8,7 @@ constexpr DWORD kShareAll = FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELE
 // A torn line is no longer than a line can be, with what surrounds its message.
 constexpr std::int64_t kTornLimit = std::int64_t{512} * 1024;
 constexpr ULONGLONG kRetryMilliseconds = 1000;
+constexpr ULONGLONG kAttachRetryMilliseconds = 100;
 
 bool ReadAt(HANDLE file, std::int64_t offset, char* bytes, DWORD count) noexcept {
   LARGE_INTEGER position;
@@ -111,6 +112,11 @@ DWORD TraceFile::Attach() noexcept {
   if (m_state.load(std::memory_order_acquire) != nullptr) {
     return ERROR_SUCCESS;
   }
+  // A program without the right to write the trace would pay for it with every line.
+  const ULONGLONG now = GetTickCount64();
+  if (now < m_nextAttach.load(std::memory_order_acquire)) {
+    return m_attachError.load(std::memory_order_relaxed);
+  }
   AcquireSRWLockExclusive(&m_attachLock);
   DWORD error = ERROR_SUCCESS;
   if (m_state.load(std::memory_order_relaxed) == nullptr) {
@@ -133,6 +139,10 @@ DWORD TraceFile::Attach() noexcept {
       } else {
         error = GetLastError();
       }
+    }
+    if (error != ERROR_SUCCESS) {
+      m_attachError.store(error, std::memory_order_relaxed);
+      m_nextAttach.store(now + kAttachRetryMilliseconds, std::memory_order_release);
     }
   }
   ReleaseSRWLockExclusive(&m_attachLock);

@@ -97,6 +97,8 @@ class TraceFile {
   // then finds them open, and the system closes them.
   const wchar_t* m_folder = nullptr;
   SRWLOCK m_attachLock = SRWLOCK_INIT;
+  std::atomic<ULONGLONG> m_nextAttach{0};  // tick count
+  std::atomic<DWORD> m_attachError{ERROR_SUCCESS};
   HANDLE m_stateFile = nullptr;
   std::atomic<State*> m_state{nullptr};
   ThreadNames m_threadNames;

@@ -55,6 +55,28 @@ TEST_F(SharedLockTest, IsGivenUpWhenALivingHolderDoesNotMove) {
   EXPECT_EQ(m_lock.holder.load(), m_names.OwnName());
 }
 
+// A computer that slept, or was a stopped virtual machine, has let nobody move.
+TEST_F(SharedLockTest, IsNotGivenUpBecauseTheClockJumped) {
+  ASSERT_EQ(Take(), LockResult::kTaken);
+  const std::uint64_t holder = m_names.OwnName();
+  LockResult result = LockResult::kNotTaken;
+  std::thread([&] {
+    ULONGLONG now = 1'000'000;
+    int looks = 0;
+    const CallPatch<struct JumpTag, ULONGLONG WINAPI()> patch(
+        "KERNEL32.dll", "GetTickCount64", [&] {
+          ++looks;
+          now += looks == 2 ? kMuchPatience : 1;
+          if (looks == 3) {
+            ReleaseLock(m_lock, holder);
+          }
+          return now;
+        });
+    result = Take();
+  }).join();
+  EXPECT_EQ(result, LockResult::kTaken);
+}
+
 TEST_F(SharedLockTest, IsTakenFromAThreadThatEnded) {
   std::thread([&] { ASSERT_EQ(Take(), LockResult::kTaken); }).join();
   EXPECT_EQ(Take(), LockResult::kTakenFromTheDead);

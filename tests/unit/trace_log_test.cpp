@@ -254,6 +254,31 @@ TEST_F(TraceLogTest, KeepsItsOptionsWhileTheFileIsMissing) {
   EXPECT_THAT(Messages(), ElementsAre("three"));
 }
 
+TEST_F(TraceLogTest, KeepsItsOptionsWhileTheFileCannotBeRead) {
+  Configure("Levels=ERROR\n");
+  Log(2, "one");
+  Configure("Levels=INFO\n");
+  const HANDLE keeper = Hold(m_folder.Path() / "conf" / "vorlconf.ini", 0);
+  m_tick += 2 * kSecond;
+  Log(2, "two");
+  Log(1, "three");
+  CloseHandle(keeper);
+  m_tick += 2 * kSecond;
+  Log(2, "four");
+  Log(1, "five");
+  EXPECT_THAT(Messages(), ElementsAre("three", "four"));
+}
+
+TEST_F(TraceLogTest, FollowsAFileThatCouldNotBeReadAtFirst) {
+  Configure("Levels=NONE\n");
+  const HANDLE keeper = Hold(m_folder.Path() / "conf" / "vorlconf.ini", 0);
+  Log(2, "one");
+  CloseHandle(keeper);
+  m_tick += 2 * kSecond;
+  Log(2, "two");
+  EXPECT_THAT(Messages(), ElementsAre("one"));
+}
+
 TEST_F(TraceLogTest, TakesAnotherConfigurationFileAtOnce) {
   const fs::path other = m_folder.Path() / "other.ini";
   std::ofstream(other) << "[TRACE]\nLevels=NONE\n";
@@ -481,12 +506,35 @@ TEST_F(TraceLogTest, TellsHowManyLinesWereLostWhileThereWasNoFolder) {
     Log(2, "lost");
   }
   fs::remove(Logs());
+  m_tick += kSecond;
   Log(2, "written");
   Log(2, "and on");
   EXPECT_THAT(
       Messages(),
       ElementsAre(MatchesRegex(R"(3 lines lost: the logs folder cannot be used \(error \d+\))"),
                   "written", "and on"));
+}
+
+// As every line of a program without the right to write the trace would.
+TEST_F(TraceLogTest, TriesAFolderThatItCannotUseTenTimesASecondAndNotAtEveryLine) {
+  std::ofstream(Logs()) << "a file where the folder should be";
+  int tries = 0;
+  CallPatch<struct MakeTag, BOOL WINAPI(const wchar_t*, SECURITY_ATTRIBUTES*)> patch(
+      "KERNEL32.dll", "CreateDirectoryW",
+      [&](const wchar_t* path, SECURITY_ATTRIBUTES* attributes) {
+        ++tries;
+        return patch.CallOriginal(path, attributes);
+      });
+  for (int i = 0; i < 100; ++i) {
+    Log(2, "lost");
+  }
+  EXPECT_EQ(tries, 1);
+  m_tick += kSecond / 10 - 1;
+  Log(2, "lost");
+  EXPECT_EQ(tries, 1);
+  m_tick += 1;
+  Log(2, "lost");
+  EXPECT_EQ(tries, 2);
 }
 
 TEST_F(TraceLogTest, LeavesNoHalfLineOnAFullDiskAndTellsWhatItCost) {
