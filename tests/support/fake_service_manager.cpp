@@ -62,52 +62,31 @@ FakeServiceManager::FakeServiceManager(Journal& journal)
     : m_journal(journal),
       m_openManager(kAdvapi, "OpenSCManagerA",
                     [this](LPCSTR machine, LPCSTR database, DWORD access) -> SC_HANDLE {
-                      const std::string text = "OpenSCManagerA(" + Quoted(machine) + ", " +
-                                               Quoted(database) + ", " + Hex(access) + ") = ";
-                      DWORD error = 0;
-                      if (Fails("OpenSCManagerA", error)) {
-                        m_journal.Call(text + "error " + std::to_string(error));
-                        SetLastError(error);
-                        return nullptr;
-                      }
-                      ULONG_PTR handle = 0;
-                      m_journal.Call(text + Open("manager", handle));
-                      return AsHandle<SC_HANDLE>(handle);
+                      return FinishOpen("OpenSCManagerA",
+                                        "(" + Quoted(machine) + ", " + Quoted(database) + ", " +
+                                            Hex(access) + ")",
+                                        "manager");
                     }),
       m_openService(kAdvapi, "OpenServiceA",
                     [this](SC_HANDLE manager, LPCSTR name, DWORD access) -> SC_HANDLE {
-                      const std::string text = "OpenServiceA(" + NameOf(manager) + ", " +
-                                               Quoted(name) + ", " + Hex(access) + ") = ";
-                      DWORD error = 0;
-                      if (Fails("OpenServiceA", error)) {
-                        m_journal.Call(text + "error " + std::to_string(error));
-                        SetLastError(error);
-                        return nullptr;
-                      }
-                      ULONG_PTR handle = 0;
-                      m_journal.Call(text + Open("service", handle));
-                      return AsHandle<SC_HANDLE>(handle);
+                      return FinishOpen(
+                          "OpenServiceA",
+                          "(" + NameOf(manager) + ", " + Quoted(name) + ", " + Hex(access) + ")",
+                          "service");
                     }),
       m_createService(
           kAdvapi, "CreateServiceW",
           [this](SC_HANDLE manager, LPCWSTR name, LPCWSTR displayName, DWORD access, DWORD type,
                  DWORD start, DWORD errorControl, LPCWSTR path, LPCWSTR group, LPDWORD tag,
                  LPCWSTR dependencies, LPCWSTR account, LPCWSTR password) -> SC_HANDLE {
-            const std::string text =
-                "CreateServiceW(" + NameOf(manager) + ", " + Quoted(name) + ", " +
-                Quoted(displayName) + ", " + Hex(access) + ", " + Hex(type) + ", " +
-                std::to_string(start) + ", " + std::to_string(errorControl) + ", " + Quoted(path) +
-                ", " + Quoted(group) + ", " + (tag == nullptr ? "null" : "a tag") + ", " +
-                Quoted(dependencies) + ", " + Quoted(account) + ", " + Quoted(password) + ") = ";
-            DWORD error = 0;
-            if (Fails("CreateServiceW", error)) {
-              m_journal.Call(text + "error " + std::to_string(error));
-              SetLastError(error);
-              return nullptr;
-            }
-            ULONG_PTR handle = 0;
-            m_journal.Call(text + Open("service", handle));
-            return AsHandle<SC_HANDLE>(handle);
+            return FinishOpen(
+                "CreateServiceW",
+                "(" + NameOf(manager) + ", " + Quoted(name) + ", " + Quoted(displayName) + ", " +
+                    Hex(access) + ", " + Hex(type) + ", " + std::to_string(start) + ", " +
+                    std::to_string(errorControl) + ", " + Quoted(path) + ", " + Quoted(group) +
+                    ", " + (tag == nullptr ? "null" : "a tag") + ", " + Quoted(dependencies) +
+                    ", " + Quoted(account) + ", " + Quoted(password) + ")",
+                "service");
           }),
       m_closeServiceHandle(kAdvapi, "CloseServiceHandle",
                            [this](SC_HANDLE handle) -> BOOL {
@@ -276,4 +255,17 @@ BOOL FakeServiceManager::Finish(const std::string& function, const std::string& 
   m_journal.Call(function + text);
   SetLastError(kRubbishError);
   return TRUE;
+}
+
+SC_HANDLE FakeServiceManager::FinishOpen(const std::string& function, const std::string& text,
+                                         const char* kind) {
+  DWORD error = 0;
+  if (Fails(function, error)) {
+    m_journal.Call(function + text + " = error " + std::to_string(error));
+    SetLastError(error);
+    return nullptr;
+  }
+  ULONG_PTR handle = 0;
+  m_journal.Call(function + text + " = " + Open(kind, handle));
+  return AsHandle<SC_HANDLE>(handle);
 }

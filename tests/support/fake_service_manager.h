@@ -48,6 +48,7 @@ class FakeServiceManager {
   std::string NameOf(const void* handle) const;
   bool Close(const void* handle);
   BOOL Finish(const std::string& function, const std::string& text);
+  SC_HANDLE FinishOpen(const std::string& function, const std::string& text, const char* kind);
 
   Journal& m_journal;
   std::map<std::string, std::pair<unsigned, DWORD>> m_failures;
