@@ -1,0 +1,166 @@
+// What every staged binary must be: hardened, versioned, and free of libraries that nobody
+// installs.
+#include <gmock/gmock.h>
+
+#include <cctype>
+#include <filesystem>
+#include <map>
+#include <set>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+#include "support/handle.h"
+#include "support/windows_api.h"
+
+namespace fs = std::filesystem;
+using ::testing::Each;
+using ::testing::ElementsAre;
+using ::testing::StartsWith;
+
+namespace {
+
+fs::path StagedFolder() {
+  wchar_t path[MAX_PATH];
+  GetModuleFileNameW(nullptr, path, MAX_PATH);
+  return fs::path(path).parent_path().parent_path().parent_path() / "bin";
+}
+
+std::vector<std::string> StagedBinaries() {
+  std::vector<std::string> names;
+  for (const auto& file : fs::directory_iterator(StagedFolder())) {
+    const fs::path extension = file.path().extension();
+    if (extension == ".exe" || extension == ".dll") {
+      names.push_back(file.path().filename().string());
+    }
+  }
+  return names;
+}
+
+// A binary mapped as the loader would map it, without being loaded.
+class Image {
+ public:
+  explicit Image(const fs::path& path) {
+    const FileHandle file(CreateFileW(path.c_str(), GENERIC_READ, FILE_SHARE_READ, nullptr,
+                                      OPEN_EXISTING, 0, nullptr));
+    const KernelHandle mapping(
+        CreateFileMappingW(file.Get(), nullptr, PAGE_READONLY | SEC_IMAGE, 0, 0, nullptr));
+    m_base = static_cast<const BYTE*>(MapViewOfFile(mapping.Get(), FILE_MAP_READ, 0, 0, 0));
+    if (m_base == nullptr) {
+      throw std::runtime_error("cannot map " + path.string());
+    }
+  }
+  ~Image() { UnmapViewOfFile(m_base); }
+  Image(const Image&) = delete;
+  Image& operator=(const Image&) = delete;
+
+  const IMAGE_NT_HEADERS64& Headers() const {
+    return At<IMAGE_NT_HEADERS64>(static_cast<DWORD>(At<IMAGE_DOS_HEADER>(0).e_lfanew));
+  }
+
+  // The imports by library (in lower case): names, or "#n" for ordinals.
+  std::map<std::string, std::set<std::string>> Imports() const {
+    std::map<std::string, std::set<std::string>> imports;
+    const DWORD directory =
+        Headers().OptionalHeader.DataDirectory[IMAGE_DIRECTORY_ENTRY_IMPORT].VirtualAddress;
+    for (const auto* library = &At<IMAGE_IMPORT_DESCRIPTOR>(directory); library->Name != 0;
+         ++library) {
+      std::string name = &At<char>(library->Name);
+      for (char& character : name) {
+        character = static_cast<char>(std::tolower(static_cast<unsigned char>(character)));
+      }
+      const auto* entry = &At<IMAGE_THUNK_DATA64>(library->OriginalFirstThunk);
+      for (; entry->u1.AddressOfData != 0; ++entry) {
+        const ULONGLONG value = entry->u1.Ordinal;
+        imports[name].insert((value & IMAGE_ORDINAL_FLAG64) != 0
+                                 ? "#" + std::to_string(IMAGE_ORDINAL64(value))
+                                 : std::string(&At<char>(static_cast<DWORD>(value) + 2)));
+      }
+    }
+    return imports;
+  }
+
+ private:
+  template <typename T>
+  const T& At(DWORD offset) const {
+    return *reinterpret_cast<const T*>(m_base + offset);
+  }
+
+  const BYTE* m_base = nullptr;
+};
+
+class StagedBinary : public ::testing::TestWithParam<std::string> {
+ protected:
+  const fs::path path = StagedFolder() / GetParam();
+};
+
+TEST_P(StagedBinary, MayBePlacedAnywhereAndRunsNoData) {
+  const Image image(path);
+  const WORD flags = image.Headers().OptionalHeader.DllCharacteristics;
+  EXPECT_TRUE(flags & IMAGE_DLLCHARACTERISTICS_DYNAMIC_BASE);
+  EXPECT_TRUE(flags & IMAGE_DLLCHARACTERISTICS_HIGH_ENTROPY_VA);
+  EXPECT_TRUE(flags & IMAGE_DLLCHARACTERISTICS_NX_COMPAT);
+  // Without relocations the first flag would be an empty promise.
+  EXPECT_FALSE(image.Headers().FileHeader.Characteristics & IMAGE_FILE_RELOCS_STRIPPED);
+  EXPECT_NE(image.Headers().OptionalHeader.DataDirectory[IMAGE_DIRECTORY_ENTRY_BASERELOC].Size, 0U);
+}
+
+TEST_P(StagedBinary, NeedsNothingBesideWindowsAndTheThreeLibraries) {
+  const std::set<std::string> known = {
+      "advapi32.dll", "iphlpapi.dll", "kernel32.dll", "msvcrt.dll",   "ole32.dll",   "oleaut32.dll",
+      "user32.dll",   "version.dll",  "vlevtlog.dll", "vorlinfo.dll", "vorlmisc.dll"};
+  for (const auto& [library, functions] : Image(path).Imports()) {
+    EXPECT_TRUE(known.contains(library) || library.starts_with("api-ms-win-")) << library;
+    if (library.starts_with("vl") || library.starts_with("vorl")) {
+      EXPECT_THAT(functions, Each(StartsWith("#"))) << library;
+    }
+  }
+}
+
+TEST_P(StagedBinary, HasTheProductsVersion) {
+  DWORD ignored = 0;
+  const DWORD size = GetFileVersionInfoSizeW(path.c_str(), &ignored);
+  ASSERT_NE(size, 0U);
+  std::vector<BYTE> info(size);
+  ASSERT_TRUE(GetFileVersionInfoW(path.c_str(), 0, size, info.data()));
+  const char* text = nullptr;
+  UINT length = 0;
+  ASSERT_TRUE(VerQueryValueA(info.data(), R"(\StringFileInfo\040904b0\ProductVersion)",
+                             reinterpret_cast<void**>(const_cast<char**>(&text)), &length));
+  EXPECT_STREQ(text, VORL_PROJECT_VERSION);
+  ASSERT_TRUE(VerQueryValueA(info.data(), R"(\StringFileInfo\040904b0\OriginalFilename)",
+                             reinterpret_cast<void**>(const_cast<char**>(&text)), &length));
+  EXPECT_EQ(text, GetParam());
+}
+
+std::string WithoutExtension(const ::testing::TestParamInfo<std::string>& info) {
+  return fs::path(info.param).stem().string();
+}
+
+INSTANTIATE_TEST_SUITE_P(Staged, StagedBinary, ::testing::ValuesIn(StagedBinaries()),
+                         WithoutExtension);
+
+TEST(Program, ImportsTheThreeLibrariesByTheirOrdinals) {
+  const auto imports = Image(StagedFolder() / "vorlsrvc.exe").Imports();
+  EXPECT_THAT(imports.at("vlevtlog.dll"), ElementsAre("#2", "#3"));
+  EXPECT_THAT(imports.at("vorlmisc.dll"), ElementsAre("#1", "#2", "#5", "#6"));
+  EXPECT_THAT(imports.at("vorlinfo.dll"), ElementsAre("#1", "#9"));
+}
+
+TEST(Program, IsAConsoleProgram) {
+  EXPECT_EQ(Image(StagedFolder() / "vorlsrvc.exe").Headers().OptionalHeader.Subsystem,
+            IMAGE_SUBSYSTEM_WINDOWS_CUI);
+}
+
+TEST(Program, AsksForNoRightsOfItsOwn) {
+  const Module program(
+      LoadLibraryExW((StagedFolder() / "vorlsrvc.exe").c_str(), nullptr, LOAD_LIBRARY_AS_DATAFILE));
+  const HRSRC resource = FindResourceW(program.Get(), MAKEINTRESOURCEW(1), MAKEINTRESOURCEW(24));
+  ASSERT_NE(resource, nullptr);
+  const auto* const text =
+      static_cast<const char*>(LockResource(LoadResource(program.Get(), resource)));
+  EXPECT_THAT(std::string(text, SizeofResource(program.Get(), resource)),
+              ::testing::HasSubstr("asInvoker"));
+}
+
+}  // namespace
