@@ -13,6 +13,7 @@
 #include <new>
 
 #include "identity/crtfile.h"
+#include "support/textconv.h"
 
 namespace {
 
@@ -317,14 +318,13 @@ int CMd5::CryptFileMD5(const char* path, unsigned char* digest) {
   if (path == nullptr || digest == nullptr) {
     return 0;
   }
-  const int size = MultiByteToWideChar(CP_ACP, MB_PRECOMPOSED, path, -1, nullptr, 0);
+  const int size = AnsiToWide(path, nullptr, 0);
   if (size == 0) {
     return 0;
   }
   const std::unique_ptr<wchar_t[]> widePath(new (std::nothrow)
                                                 wchar_t[static_cast<std::size_t>(size)]);
-  if (widePath == nullptr ||
-      MultiByteToWideChar(CP_ACP, MB_PRECOMPOSED, path, -1, widePath.get(), size) == 0) {
+  if (widePath == nullptr || AnsiToWide(path, widePath.get(), size) == 0) {
     return 0;
   }
   return CryptFileMD5W(widePath.get(), digest);

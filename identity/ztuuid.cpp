@@ -8,6 +8,7 @@
 
 #include "identity/md5.h"
 #include "identity/osversion.h"
+#include "support/textconv.h"
 #include "support/trace.h"
 #include "support/windows_api.h"
 
@@ -254,10 +255,10 @@ bool CZTUUID::ValidateUUID() {
   if (!LastError.Check(StringCchPrintfA(szUuid, kBracedUuidSize, "{%s}", BiosUuid), kStageOther)) {
     return false;
   }
-  const int required = MultiByteToWideChar(CP_ACP, MB_PRECOMPOSED, szUuid, -1, nullptr, 0);
+  const int required = AnsiToWide(szUuid, nullptr, 0);
   wchar_t wszUuid[kBracedUuidSize];
   if (required == 0 || required > kBracedUuidSize ||
-      MultiByteToWideChar(CP_ACP, MB_PRECOMPOSED, szUuid, -1, wszUuid, kBracedUuidSize) == 0) {
+      AnsiToWide(szUuid, wszUuid, kBracedUuidSize) == 0) {
     return false;
   }
   CLSID uuid{};

@@ -288,6 +288,21 @@ TEST_F(ValidateUUID, FailedConversionIsAFailure) {
   ExpectRecorded(1, 1);
 }
 
+// Documented for a machine whose code page is UTF-8. Its identifier must not depend on that.
+TEST_F(ValidateUUID, HoldsWhereTheCodePageTakesNoFlags) {
+  SetBiosUuid("4C4C4544-0035-3010-8048-B4C04F4B3732");
+  const CallPatch<struct Utf8Tag, int WINAPI(UINT, DWORD, LPCCH, int, LPWSTR, int)> convert(
+      "KERNEL32.dll", "MultiByteToWideChar",
+      [&](UINT, DWORD flags, LPCCH text, int length, LPWSTR wide, int size) {
+        if (flags != 0) {
+          SetLastError(ERROR_INVALID_FLAGS);
+          return 0;
+        }
+        return convert.CallOriginal(CP_UTF8, flags, text, length, wide, size);
+      });
+  EXPECT_TRUE(fingerprint.ValidateUUID());
+}
+
 class ProcessBiosId : public CZTUUIDTest {};
 
 TEST_F(ProcessBiosId, RemovesEveryHyphenAndNothingElse) {
