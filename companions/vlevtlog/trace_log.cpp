@@ -62,6 +62,7 @@ OwnedHandle OpenForReading(const wchar_t* path) noexcept {
   const HANDLE file =
       CreateFileW(path, GENERIC_READ, FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE,
                   nullptr, OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL, nullptr);
+  // cppcheck-suppress resourceLeak ; the result owns it
   return OwnedHandle(file != INVALID_HANDLE_VALUE ? file : nullptr);
 }
 
