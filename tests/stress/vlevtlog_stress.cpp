@@ -26,6 +26,7 @@
 
 #include "support/handle.h"
 #include "support/vlevtlog.h"
+#include "tests/stress/stress_lines.h"
 #include "tests/support/installation.h"
 
 namespace {
@@ -33,7 +34,6 @@ namespace {
 namespace fs = std::filesystem;
 
 constexpr unsigned kProcesses = 4;
-constexpr unsigned kThreads = 4;
 constexpr unsigned kMostWriters = 4096;
 constexpr unsigned kEverydayLines = 5000;
 constexpr unsigned kLinesUntilBegun = 10;
@@ -60,28 +60,34 @@ ProgressView Map(HANDLE section) {
       static_cast<Progress*>(MapViewOfFile(section, FILE_MAP_WRITE, 0, 0, sizeof(Progress))));
 }
 
-// Lines of many lengths, each with a text that follows from its number.
-std::string FillerOf(unsigned number) {
-  return std::string(number % 97, static_cast<char>('a' + number % 26));
-}
-
 // Set by a writer that has written some lines.
 std::wstring BegunEventName(const std::wstring& sectionName, unsigned writer) {
   return sectionName + L"_" + std::to_wstring(writer);
 }
 
-// What a writing process does.
+fs::path OwnProgram() {
+  wchar_t program[MAX_PATH];
+  GetModuleFileNameW(nullptr, program, MAX_PATH);
+  return program;
+}
+
+// What a writing process does. `hasModule`: it loads the module that writes, too, and ends while
+// its threads write.
 int WriteLines(const wchar_t* libraryFile, const wchar_t* sectionName, unsigned writer,
-               unsigned lines) {
+               unsigned lines, bool hasModule) {
   const Library library{fs::path(libraryFile)};
+  if (hasModule) {
+    SetEnvironmentVariableA(kWriterVariable, std::to_string(writer).c_str());
+    LoadLibraryW((OwnProgram().parent_path() / "stress_module.dll").c_str());
+  }
   const KernelHandle section(OpenFileMappingW(FILE_MAP_WRITE, FALSE, sectionName));
   const ProgressView progress = Map(section.Get());
   auto* const logTrace = library.Ordinal<decltype(LogTrace)>(2);
   if (!progress || logTrace == nullptr) {
     return EXIT_FAILURE;
   }
-  const KernelHandle hasBegun(
-      OpenEventW(EVENT_MODIFY_STATE, FALSE, BegunEventName(sectionName, writer).c_str()));
+  const KernelHandle hasBegun(OpenEventW(EVENT_MODIFY_STATE | SYNCHRONIZE, FALSE,
+                                         BegunEventName(sectionName, writer).c_str()));
   std::vector<std::thread> threads;
   for (unsigned thread = 0; thread < kThreads; ++thread) {
     threads.emplace_back([=, &progress, &hasBegun] {
@@ -89,11 +95,14 @@ int WriteLines(const wchar_t* libraryFile, const wchar_t* sectionName, unsigned 
         if (number == kLinesUntilBegun) {
           SetEvent(hasBegun.Get());
         }
-        logTrace(2, "stress.exe", "Writer", "stress.cpp", static_cast<int>(thread),
-                 "w=%u t=%u n=%u [%s]", writer, thread, number, FillerOf(number).c_str());
+        WriteLine(logTrace, writer, thread, number);
         progress.Get()->returned[writer][thread].store(number, std::memory_order_release);
       }
     });
+  }
+  if (hasModule) {
+    WaitForSingleObject(hasBegun.Get(), INFINITE);
+    ExitProcess(EXIT_SUCCESS);
   }
   for (std::thread& thread : threads) {
     thread.join();
@@ -115,9 +124,12 @@ class TraceUnderStress : public testing::Test {
                                      sizeof(Progress), m_sectionName.c_str())),
         m_progress(Map(m_section.Get())) {
     // So many files that none is deleted before it is read.
-    const std::string size = m_lines > 4 * kEverydayLines ? "4096" : "512";
+    Configure(m_lines > 4 * kEverydayLines ? 4096 : 512);
+  }
+
+  void Configure(unsigned fileSizeKb) const {
     WriteText(m_installation / "conf" / "vorlconf.ini",
-              "[TRACE]\r\nFileSizeKB=" + size + "\r\nFiles=1000\r\n");
+              "[TRACE]\r\nFileSizeKB=" + std::to_string(fileSizeKb) + "\r\nFiles=1000\r\n");
   }
 
   struct Writer {
@@ -125,14 +137,12 @@ class TraceUnderStress : public testing::Test {
     KernelHandle hasBegun;
   };
 
-  Writer StartWriter(unsigned lines) {
-    wchar_t program[MAX_PATH];
-    GetModuleFileNameW(nullptr, program, MAX_PATH);
+  Writer StartWriter(unsigned lines, const wchar_t* mode = L"--write") {
     const unsigned writer = m_writers++;
     EXPECT_LT(writer, kMostWriters);
     KernelHandle hasBegun(
         CreateEventW(nullptr, TRUE, FALSE, BegunEventName(m_sectionName, writer).c_str()));
-    std::wstring command = L"\"" + std::wstring(program) + L"\" --write \"" +
+    std::wstring command = L"\"" + OwnProgram().wstring() + L"\" " + mode + L" \"" +
                            (m_installation / "vlevtlog.dll").wstring() + L"\" " + m_sectionName +
                            L" " + std::to_wstring(writer) + L" " + std::to_wstring(lines);
     STARTUPINFOW startup{};
@@ -195,6 +205,8 @@ class TraceUnderStress : public testing::Test {
   const KernelHandle m_section;
   const ProgressView m_progress;
   unsigned m_writers = 0;
+  // The last number of each writer's thread.
+  std::map<std::pair<unsigned, unsigned>, std::uint32_t> m_found;
 
  private:
   void CheckFile(const fs::path& file) {
@@ -235,8 +247,6 @@ class TraceUnderStress : public testing::Test {
     }
     return number;
   }
-
-  std::map<std::pair<unsigned, unsigned>, std::uint32_t> m_found;
 };
 
 TEST_F(TraceUnderStress, KeepsEveryLineOfSeveralProcesses) {
@@ -280,6 +290,22 @@ TEST_F(TraceUnderStress, KeepsEveryLineWhileProcessesAreTerminated) {
   printf("%u processes were terminated while they wrote\n", terminations);
 }
 
+// Whatever the threads were doing when the end of their process ended them. One process after the
+// other, and one file: Wine does not survive the end of a thread that opens a file.
+TEST_F(TraceUnderStress, TakesLinesFromWithinDllMainOfProcessesThatBeginAndEnd) {
+  Configure(1048576);
+  for (unsigned writer = 0; writer < kEverydayTerminations; ++writer) {
+    std::vector<Writer> writers;
+    writers.push_back(StartWriter(kEndless, L"--end"));
+    Finish(writers);
+  }
+  CheckFiles(1);
+  for (unsigned writer = 0; writer < kEverydayTerminations; ++writer) {
+    const std::uint32_t moduleLines = m_found[{writer, kModuleThread}];
+    EXPECT_EQ(moduleLines, kModuleLines) << writer;
+  }
+}
+
 TEST_F(TraceUnderStress, KeepsEveryLineWhileAReaderHoldsTheFiles) {
   const KernelHandle stop(CreateEventW(nullptr, TRUE, FALSE, nullptr));
   std::atomic<unsigned> holds{0};
@@ -321,12 +347,13 @@ TEST_F(TraceUnderStress, KeepsEveryLineWhileAReaderHoldsTheFiles) {
 }  // namespace
 
 int main(int argc, char** argv) {
-  if (argc > 1 && std::string_view(argv[1]) == "--write") {
+  const std::string_view mode = argc > 1 ? argv[1] : "";
+  if (mode == "--write" || mode == "--end") {
     int count = 0;
     wchar_t** const arguments = CommandLineToArgvW(GetCommandLineW(), &count);
-    return WriteLines(arguments[2], arguments[3],
-                      static_cast<unsigned>(std::wcstoul(arguments[4], nullptr, 10)),
-                      static_cast<unsigned>(std::wcstoul(arguments[5], nullptr, 10)));
+    return WriteLines(
+        arguments[2], arguments[3], static_cast<unsigned>(std::wcstoul(arguments[4], nullptr, 10)),
+        static_cast<unsigned>(std::wcstoul(arguments[5], nullptr, 10)), mode == "--end");
   }
   testing::InitGoogleMock(&argc, argv);
   return RUN_ALL_TESTS();
