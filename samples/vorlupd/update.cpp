@@ -222,7 +222,11 @@ bool Update::Undo(const std::vector<Step>& steps) const {
 }
 
 bool Update::UndoStep(const Step& step) const {
-  const bool wasPutInPlace = KindOf(Staged(step)) == PathKind::kNothing;
+  const PathKind staged = KindOf(Staged(step));
+  if (staged == PathKind::kUnknown) {
+    return false;
+  }
+  const bool wasPutInPlace = staged == PathKind::kNothing;
   switch (step.kind) {
     case Step::Kind::kFolder:
       // A folder that others have filled meanwhile stays.

@@ -538,6 +538,28 @@ TEST_F(Journal, ThatCannotBeUndoneYetIsTriedAgainAndHoldsBackOtherUpdates) {
   EXPECT_THAT(Installed(), ElementsAre("a.txt=old a", "b.txt=old b", "c.txt=new c", "pending\\"));
 }
 
+HANDLE WINAPI FindAllButStaged(const wchar_t* path, WIN32_FIND_DATAW* found) {
+  if (fs::path(path).parent_path().filename() == "staged") {
+    SetLastError(ERROR_ACCESS_DENIED);
+    return INVALID_HANDLE_VALUE;
+  }
+  return FindFirstFileW(path, found);
+}
+
+TEST_F(Journal, OfWhichAStepCannotBeToldIsNotTakenForUndone) {
+  Install("a.txt", "new a");
+  Install("update.work\\backup\\a.txt", "old a");
+  WriteJournal(L"vorlupd journal 1\r\nreplace a.txt\r\nend\r\n");
+  {
+    const Library module(m_installation / "vorlupd.dll");
+    module.ReplaceImport("FindFirstFileW", &FindAllButStaged);
+    EXPECT_FALSE(module.Name<decltype(UpdateBeforeClientService)>("UpdateBeforeClientService")());
+  }
+  EXPECT_THAT(Lines(), Contains("1 Update::Undo: Cannot be undone (5): a.txt"));
+  EXPECT_TRUE(Run());
+  EXPECT_THAT(Installed(), ElementsAre("a.txt=old a"));
+}
+
 TEST_F(Journal, ThatIsDamagedOrLeadsOutOfTheInstallationIsNotFollowed) {
   const TempFolder outside;
   WriteText(outside.Path() / "a.txt", "outside");
