@@ -5,6 +5,8 @@
 
 #include "agent/vorlsvc.h"
 #include "identity/ztuuid.h"
+#include "support/handle.h"
+#include "support/lasterror.h"
 #include "support/textconv.h"
 #include "support/trace.h"
 #include "support/vorlinfo.h"
@@ -24,6 +26,42 @@ constexpr wchar_t kIdentifierKey[] = L"clientuniqueid";
 constexpr unsigned kIdentifierBufferSize = 40;
 constexpr DWORD kStoredIdentifierLength = 260;
 constexpr int kWideIdentifierLength = 520;
+
+constexpr char kConfigurationLock[] = "Global\\ClientAgentConfigurationFile";
+constexpr DWORD kLockPatienceMilliseconds = 5000;
+
+// Lets one start of the program at a time change the configuration file, in whatever session it
+// runs. The profile functions write the whole file anew, and nobody promises that two processes
+// which do so at the same moment lose none of its other settings: under Wine they do. Where the
+// lock cannot be had (somebody keeps it, or keeps us out), the identifier is written without it.
+class ConfigurationLock {
+ public:
+  // No more access than an administrator has to a lock that the service has made.
+  ConfigurationLock() noexcept
+      : m_mutex(CreateMutexExA(nullptr, kConfigurationLock, /*dwFlags=*/0, SYNCHRONIZE)) {
+    if (m_mutex) {
+      const DWORD result = WaitForSingleObject(m_mutex.Get(), kLockPatienceMilliseconds);
+      m_isHeld = result == WAIT_OBJECT_0 || result == WAIT_ABANDONED;
+    }
+  }
+  ~ConfigurationLock() {
+    if (m_isHeld) {
+      const LastErrorKeeper keeper;
+      ReleaseMutex(m_mutex.Get());
+    }
+  }
+  ConfigurationLock(const ConfigurationLock&) = delete;
+  ConfigurationLock& operator=(const ConfigurationLock&) = delete;
+
+ private:
+  KernelHandle m_mutex;
+  bool m_isHeld = false;
+};
+
+bool WriteIdentifier(const wchar_t* identifier, const wchar_t* path) {
+  const ConfigurationLock lock;
+  return WritePrivateProfileStringW(kSection, kIdentifierKey, identifier, path) != FALSE;
+}
 
 // The path of vorlconf.ini.
 bool GetConfigurationFile(wchar_t (&path)[kFolderBufferLength]) {
@@ -72,7 +110,7 @@ bool SetClientUUID(const char* clientId) {
     trace.Error("GetClientAgentConfigDir failed");
     return false;
   }
-  if (!WritePrivateProfileStringW(kSection, kIdentifierKey, wszClientId, wszFilePath)) {
+  if (!WriteIdentifier(wszClientId, wszFilePath)) {
     trace.Error("WritePrivateProfileString failed.");
     return false;
   }

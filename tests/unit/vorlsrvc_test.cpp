@@ -6,6 +6,7 @@
 #include <functional>
 #include <regex>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "support/windows_api.h"
@@ -288,6 +289,108 @@ TEST_F(SetClientUUIDTest, ConvertsUpTo520CharactersWithTheTerminator) {
   const std::string longest(519, 'x');
   EXPECT_TRUE(SetClientUUID(longest.c_str()));
   EXPECT_EQ(configuration.Read(), FileWith(longest));
+}
+
+// What orders the writes of all starts of the program.
+class WriteLock : public ClientUUID {
+ protected:
+  WriteLock() : m_mutex(CreateMutexA(nullptr, FALSE, "Global\\ClientAgentConfigurationFile")) {
+    EXPECT_NE(m_mutex, nullptr);
+  }
+  ~WriteLock() override { CloseHandle(m_mutex); }
+
+  // What a wait of another thread gives, which then ends, releasing the lock or not.
+  DWORD TryToTake(DWORD milliseconds, bool isReleased = true) const {
+    DWORD result = WAIT_FAILED;
+    std::thread([&] {
+      result = WaitForSingleObject(m_mutex, milliseconds);
+      if (isReleased && result != WAIT_TIMEOUT) {
+        ReleaseMutex(m_mutex);
+      }
+    }).join();
+    return result;
+  }
+
+  static constexpr DWORD kPatience = 60000;
+
+ private:
+  HANDLE m_mutex;
+};
+
+using SetClientUUIDLock = WriteLock;
+
+TEST_F(SetClientUUIDLock, IsHeldDuringTheWriteAndNotAfterwards) {
+  DWORD duringTheWrite = WAIT_FAILED;
+  {
+    const CallPatch<struct LockedWriteTag, decltype(WritePrivateProfileStringW)> write(
+        "KERNEL32.dll", "WritePrivateProfileStringW",
+        [&](LPCWSTR section, LPCWSTR key, LPCWSTR text, LPCWSTR file) {
+          duringTheWrite = TryToTake(0);
+          return write.CallOriginal(section, key, text, file);
+        });
+    EXPECT_TRUE(SetClientUUID(kIdentifier));
+  }
+  EXPECT_EQ(duringTheWrite, DWORD{WAIT_TIMEOUT});
+  EXPECT_EQ(TryToTake(kPatience), DWORD{WAIT_OBJECT_0});
+  EXPECT_EQ(configuration.Read(), kStored);
+  EXPECT_THAT(recorder.Lines(), ElementsAre(SetLine(8, " Entry"), SetLine(8, " Exit")));
+}
+
+TEST_F(SetClientUUIDLock, IsReleasedAfterAFailedWriteToo) {
+  StringCchCatW(FakeMisc()->configDir, 260, L"\\missing");
+  EXPECT_FALSE(SetClientUUID(kIdentifier));
+  EXPECT_EQ(TryToTake(kPatience), DWORD{WAIT_OBJECT_0});
+}
+
+TEST_F(SetClientUUIDLock, OfAStartThatEndedInTheMiddleIsTakenOver) {
+  TryToTake(kPatience, /*isReleased=*/false);
+  EXPECT_TRUE(SetClientUUID(kIdentifier));
+  EXPECT_EQ(TryToTake(kPatience), DWORD{WAIT_OBJECT_0});
+  EXPECT_EQ(configuration.Read(), kStored);
+}
+
+TEST_F(SetClientUUIDLock, IsDoneWithoutWhereItCannotBeMade) {
+  const CallPatch<struct NoMutexTag, decltype(CreateMutexExA)> create(
+      "KERNEL32.dll", "CreateMutexExA", [](LPSECURITY_ATTRIBUTES, LPCSTR, DWORD, DWORD) {
+        SetLastError(ERROR_ACCESS_DENIED);
+        return HANDLE{nullptr};
+      });
+  EXPECT_TRUE(SetClientUUID(kIdentifier));
+  EXPECT_EQ(configuration.Read(), kStored);
+  EXPECT_THAT(recorder.Lines(), ElementsAre(SetLine(8, " Entry"), SetLine(8, " Exit")));
+}
+
+TEST_F(SetClientUUIDLock, IsDoneWithoutWhenSomebodyKeepsIt) {
+  HANDLE lock = nullptr;
+  DWORD access = 0;
+  DWORD patience = INFINITE;
+  unsigned releases = 0;
+  const CallPatch<struct MutexTag, decltype(CreateMutexExA)> create(
+      "KERNEL32.dll", "CreateMutexExA",
+      [&](LPSECURITY_ATTRIBUTES security, LPCSTR name, DWORD flags, DWORD desiredAccess) {
+        access = desiredAccess;
+        return lock = create.CallOriginal(security, name, flags, desiredAccess);
+      });
+  const CallPatch<struct WaitTag, decltype(WaitForSingleObject)> wait(
+      "KERNEL32.dll", "WaitForSingleObject", [&](HANDLE handle, DWORD milliseconds) {
+        if (handle != lock) {
+          return wait.CallOriginal(handle, milliseconds);
+        }
+        patience = milliseconds;
+        return DWORD{WAIT_TIMEOUT};
+      });
+  const CallPatch<struct ReleaseTag, decltype(ReleaseMutex)> release(
+      "KERNEL32.dll", "ReleaseMutex", [&](HANDLE handle) {
+        ++releases;
+        return release.CallOriginal(handle);
+      });
+  EXPECT_TRUE(SetClientUUID(kIdentifier));
+  EXPECT_NE(lock, nullptr);
+  // All that an administrator has on what the service has made.
+  EXPECT_EQ(access, DWORD{SYNCHRONIZE});
+  EXPECT_EQ(patience, 5000U);
+  EXPECT_EQ(releases, 0U);
+  EXPECT_EQ(configuration.Read(), kStored);
 }
 
 // The machine's real WMI takes no part in the tests of the new identifier.
