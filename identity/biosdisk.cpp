@@ -19,6 +19,9 @@ constexpr std::size_t kSystemDriveSize = 5;
 // What a media tag has in front of the disk's own name.
 constexpr std::wstring_view kDevicePrefix = L"\\\\.\\";
 
+// Below are the characters that every ANSI code page has in the same place.
+constexpr wchar_t kAsciiEnd = 0x80;
+
 Bstr PartitionsQuery(const Bstr& mediaTag) {
   std::wstring_view diskName = mediaTag.View();
   diskName.remove_prefix(std::min(kDevicePrefix.size(), diskName.size()));
@@ -41,11 +44,13 @@ bool IsSameDrive(const char* drive, const char* systemDrive) {
                     reinterpret_cast<const unsigned char*>(systemDrive), 2) == 0;
 }
 
-// Character by character, as the C library's locale says; '?' for what it cannot express.
+// Character by character, as the C library's locale says; '?' for what it cannot express. ASCII,
+// which is all that a serial number has, does not go through the C library: its wctob expresses
+// nothing at all on a machine whose ANSI code page is UTF-8.
 std::string NarrowByLocale(std::wstring_view text) {
   std::string narrow;
   for (const wchar_t character : text) {
-    const int byte = std::wctob(character);
+    const int byte = character < kAsciiEnd ? static_cast<int>(character) : std::wctob(character);
     narrow += byte == EOF ? '?' : static_cast<char>(byte);
   }
   return narrow;

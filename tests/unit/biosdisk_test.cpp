@@ -238,6 +238,24 @@ TEST_F(GetPrimaryHDDSrNo, CharactersThatCannotBeNarrowedBecomeQuestionMarks) {
   EXPECT_STREQ(fingerprint.PrimaryHddSerial, "A?B");
 }
 
+// Documented for a machine whose code page is UTF-8, where the C library then narrows no character
+// at all. The identifier of such a machine must not be made of question marks.
+TEST_F(GetPrimaryHDDSrNo, SerialHoldsWhereTheCodePageTellsOfNoDefaultCharacter) {
+  const CallPatch<struct Utf8Tag, int WINAPI(UINT, DWORD, LPCWCH, int, LPSTR, int, LPCCH, LPBOOL)>
+      convert("KERNEL32.dll", "WideCharToMultiByte",
+              [&](UINT, DWORD flags, LPCWCH wide, int length, LPSTR narrow, int size,
+                  LPCCH defaultChar, LPBOOL usedDefaultChar) {
+                if (defaultChar != nullptr || usedDefaultChar != nullptr) {
+                  SetLastError(ERROR_INVALID_PARAMETER);
+                  return 0;
+                }
+                return convert.CallOriginal(CP_UTF8, flags, wide, length, narrow, size, nullptr,
+                                            nullptr);
+              });
+  EXPECT_TRUE(CollectFromOneDisk(Text(L"  WD-ABC~123 ")));
+  EXPECT_STREQ(fingerprint.PrimaryHddSerial, "WD-ABC~123");
+}
+
 TEST_F(GetPrimaryHDDSrNo, LetterCaseAndByteOrderOfTheSerialStay) {
   EXPECT_TRUE(CollectFromOneDisk(Text(L"DWA-cb1a32")));
   EXPECT_STREQ(fingerprint.PrimaryHddSerial, "DWA-cb1a32");
