@@ -49,3 +49,16 @@ else()
                            "$<$<COMPILE_LANGUAGE:CXX>:-fsanitize-undefined-trap-on-error>")
   endif()
 endif()
+
+# What in-house libraries are built with besides; see vorl_library.
+add_library(vorl_library_flags INTERFACE)
+if(MSVC)
+  target_compile_options(vorl_library_flags INTERFACE /EHs-c- /GR-)
+else()
+  target_compile_options(
+    vorl_library_flags
+    INTERFACE
+      "$<$<COMPILE_LANGUAGE:CXX>:-fno-exceptions;-fno-rtti;-fno-threadsafe-statics>")
+  # What is left of the runtime: C functions, which need no start.
+  target_link_libraries(vorl_library_flags INTERFACE mingw32 mingwex gcc msvcrt kernel32)
+endif()

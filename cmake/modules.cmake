@@ -24,6 +24,24 @@ function(vorl_dll target definition)
   target_link_libraries(${target} PRIVATE vorl_flags)
 endfunction()
 
+# vorl_library(TARGET DEF SOURCES...): as vorl_dll, for an in-house library that does nothing while it
+# is loaded. No exceptions, no type information and none of the C++ runtime behind them: a use of it
+# is an error of the linker. Instead of the compiler's own start-up code it has the few lines of
+# companions/common/library_start.cpp. Static libraries that go into one are built with
+# vorl_library_flags, too.
+function(vorl_library target definition)
+  vorl_dll(${target} ${definition} ${ARGN})
+  target_link_libraries(${target} PRIVATE vorl_library_flags)
+  if(NOT MSVC)
+    target_sources(${target} PRIVATE "${PROJECT_SOURCE_DIR}/companions/common/library_start.cpp")
+    set_source_files_properties("${PROJECT_SOURCE_DIR}/companions/common/library_start.cpp"
+                                PROPERTIES COMPILE_OPTIONS
+                                           "-fno-stack-protector;-U_FORTIFY_SOURCE")
+    target_link_options(${target} PRIVATE -nostartfiles -nodefaultlibs
+                        -Wl,--entry,LibraryStart)
+  endif()
+endfunction()
+
 # vorl_stage(TARGET): puts the binary into the staged installation.
 function(vorl_stage target)
   set_target_properties(${target} PROPERTIES RUNTIME_OUTPUT_DIRECTORY "${PROJECT_BINARY_DIR}/bin")

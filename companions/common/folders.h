@@ -1,0 +1,51 @@
+// Where an installation and its configuration lie: the same answer for every library that asks.
+//
+// The installer writes both folders as the texts "RootDir" and "ConfigDir" into the key
+// HKEY_LOCAL_MACHINE\SOFTWARE\Client Agent\<major version>. A value that is missing or empty means:
+// the folder of the library that asks, and "conf" below the installation folder. A value that is
+// there but cannot be used is never replaced by a guess: the operation fails.
+//
+// Nothing here writes a trace line or makes a folder.
+#pragma once
+
+#include "support/windows_api.h"
+
+// The longest folder that is given out. The service's buffers hold 264 characters, and it appends
+// a backslash and a file name, 13 characters together; the terminator comes on top.
+constexpr DWORD kLongestFolder = 264 - 13 - 1;
+
+struct Folder {
+  // Full path without trailing backslash, null-terminated; empty when it is not known.
+  wchar_t path[kLongestFolder + 1];
+};
+
+enum class FolderProblem {
+  kNone,
+  kCannotBeRead,   // registry value `valueName`: `error`
+  kNotFullPath,    // registry value `valueName` is `path`
+  kTooLong,        // `path` has `length` characters without trailing backslashes
+  kDoesNotExist,   // `path`, the registered installation folder
+  kNoLibraryPath,  // the library's own path is unknown: `error`
+  kNoFolder,       // the library's own path, `path`, has no folder
+};
+
+// Why there is no folder. Only what the problem names is set.
+struct FolderFailure {
+  FolderProblem problem = FolderProblem::kNone;
+  const wchar_t* valueName = L"";
+  DWORD error = ERROR_SUCCESS;
+  DWORD length = 0;
+  wchar_t path[1024] = {};  // of what is longer, the beginning
+};
+
+// The folder of the library into which this is linked. Asks the loader.
+bool FindOwnFolder(Folder& folder, FolderFailure& failure) noexcept;
+
+// `own`: the library's own folder for a caller that knows it and must not ask the loader.
+bool FindRootFolder(Folder& folder, FolderFailure& failure, const Folder* own = nullptr) noexcept;
+
+// The folder need not exist.
+bool FindConfigFolder(Folder& folder, FolderFailure& failure, const Folder* own = nullptr) noexcept;
+
+// Whether there is a folder of this name.
+bool IsFolder(const wchar_t* path) noexcept;
