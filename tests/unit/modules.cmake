@@ -1,7 +1,9 @@
 # Tests of the staged modules, which they load or run as the product's users do.
 function(vorl_module_test unit)
   vorl_unit_test(${unit} test_installation)
-  add_dependencies(${unit}_test ${ARGN})
+  if(ARGN)
+    add_dependencies(${unit}_test ${ARGN})
+  endif()
 endfunction()
 
 # vorlinfo.dll as the next major version of the product will have it.
@@ -13,6 +15,10 @@ set_target_properties(
   vorlinfo_next PROPERTIES OUTPUT_NAME vorlinfo
                            RUNTIME_OUTPUT_DIRECTORY "${VORL_UNIT_TEST_FOLDER}/next"
                            ARCHIVE_OUTPUT_DIRECTORY "${CMAKE_CURRENT_BINARY_DIR}/next")
+
+# What the in-house libraries have in common.
+vorl_module_test(ini_file)
+target_sources(ini_file_test PRIVATE "${PROJECT_SOURCE_DIR}/companions/common/ini_file.cpp")
 
 vorl_module_test(vorlinfo vorlinfo vorlinfo_next)
 vorl_module_test(vorlmisc vorlmisc)

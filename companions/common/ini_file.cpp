@@ -1,0 +1,236 @@
+#include "companions/common/ini_file.h"
+
+#include <algorithm>
+#include <cstring>
+#include <cwchar>
+
+#include "support/handle.h"
+
+namespace {
+
+// An editor may empty a file, close it, and only then write it anew: what has been empty for less
+// than this is taken for such a file.
+constexpr ULONGLONG kEmptyForGood = 2 * 10'000'000ULL;  // 2 s in the units of FILETIME
+
+constexpr unsigned char kUtf16Mark[] = {0xFF, 0xFE};
+constexpr unsigned char kUtf16BigEndianMark[] = {0xFE, 0xFF};
+constexpr unsigned char kUtf8Mark[] = {0xEF, 0xBB, 0xBF};
+
+// Cuts `mark` off the front of `bytes`; false when it is not there.
+template <DWORD Size>
+bool TakeMark(const unsigned char*& bytes, DWORD& count, const unsigned char (&mark)[Size]) {
+  if (count < Size || std::memcmp(bytes, mark, Size) != 0) {
+    return false;
+  }
+  bytes += Size;
+  count -= Size;
+  return true;
+}
+
+ULONGLONG ToNumber(const FILETIME& time) noexcept {
+  return (static_cast<ULONGLONG>(time.dwHighDateTime) << 32) | time.dwLowDateTime;
+}
+
+// Whether a file was written less than `span` ago. A time to come wraps round to long ago.
+bool IsFresh(const FILETIME& written, ULONGLONG span) noexcept {
+  FILETIME now{};
+  GetSystemTimeAsFileTime(&now);
+  return ToNumber(now) - ToNumber(written) < span;
+}
+
+bool MeansBusy(DWORD error) noexcept {
+  return error == ERROR_SHARING_VIOLATION || error == ERROR_LOCK_VIOLATION;
+}
+
+bool IsMissing(DWORD error) noexcept {
+  return error == ERROR_FILE_NOT_FOUND || error == ERROR_PATH_NOT_FOUND;
+}
+
+bool IsSameState(const BY_HANDLE_FILE_INFORMATION& left,
+                 const BY_HANDLE_FILE_INFORMATION& right) noexcept {
+  return left.nFileSizeLow == right.nFileSizeLow && left.nFileSizeHigh == right.nFileSizeHigh &&
+         ToNumber(left.ftLastWriteTime) == ToNumber(right.ftLastWriteTime);
+}
+
+// A piece of the text.
+struct Span {
+  const wchar_t* begin;
+  const wchar_t* end;
+
+  DWORD Length() const noexcept { return static_cast<DWORD>(end - begin); }
+};
+
+bool IsLineEnd(wchar_t character) noexcept { return character == L'\r' || character == L'\n'; }
+
+// The end-of-file character of old editors counts as a blank.
+bool IsBlank(wchar_t character) noexcept {
+  return character == L' ' || character == L'\t' || character == L'\v' || character == L'\f' ||
+         character == L'\x1A';
+}
+
+Span Trimmed(Span span) noexcept {
+  while (span.begin != span.end && IsBlank(*span.begin)) {
+    ++span.begin;
+  }
+  while (span.begin != span.end && IsBlank(span.end[-1])) {
+    --span.end;
+  }
+  return span;
+}
+
+Span WithoutQuotes(Span span) noexcept {
+  const bool isQuoted = span.Length() >= 2 && (*span.begin == L'"' || *span.begin == L'\'') &&
+                        span.end[-1] == *span.begin;
+  return isQuoted ? Span{span.begin + 1, span.end - 1} : span;
+}
+
+bool Is(Span span, const wchar_t* name) noexcept {
+  return CompareStringOrdinal(span.begin, static_cast<int>(span.Length()), name, -1, TRUE) ==
+         CSTR_EQUAL;
+}
+
+// Cuts the next line off `text`, without its end; `text` must not be empty.
+Span TakeLine(Span& text) noexcept {
+  const wchar_t* const end = std::find_if(text.begin, text.end, IsLineEnd);
+  const Span line{text.begin, end};
+  text.begin = end == text.end ? end : end + 1;
+  return line;
+}
+
+// The value of the first key of that name in `text`; an empty one when there is none.
+Span FindValue(Span text, const wchar_t* section, const wchar_t* key) noexcept {
+  bool isInside = false;
+  while (text.begin != text.end) {
+    const Span line = Trimmed(TakeLine(text));
+    if (line.begin == line.end || *line.begin == L';') {
+      continue;
+    }
+    if (*line.begin == L'[') {
+      const wchar_t* const close = std::find(line.begin, line.end, L']');
+      if (close != line.end) {
+        if (isInside) {
+          break;
+        }
+        isInside = Is(Trimmed({line.begin + 1, close}), section);
+        continue;
+      }
+    }
+    const wchar_t* const equals = std::find(line.begin, line.end, L'=');
+    if (isInside && equals != line.end && Is(Trimmed({line.begin, equals}), key)) {
+      return WithoutQuotes(Trimmed({equals + 1, line.end}));
+    }
+  }
+  return {text.end, text.end};
+}
+
+}  // namespace
+
+IniRead IniFile::Read(const wchar_t* path) noexcept {
+  m_text.reset();
+  m_length = 0;
+  m_error = ERROR_SUCCESS;
+  const FileHandle file(CreateFileW(path, GENERIC_READ, FILE_SHARE_READ | FILE_SHARE_DELETE,
+                                    nullptr, OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL, nullptr));
+  if (!file) {
+    const DWORD error = GetLastError();
+    return IsMissing(error) ? Fail(IniRead::kMissing, error)
+                            : Fail(MeansBusy(error) ? IniRead::kBusy : IniRead::kFailed, error);
+  }
+  BY_HANDLE_FILE_INFORMATION before{};
+  if (!GetFileInformationByHandle(file.Get(), &before)) {
+    return Fail(IniRead::kFailed, GetLastError());
+  }
+  const DWORD size = before.nFileSizeLow;
+  if (before.nFileSizeHigh != 0 || size > kLargestIniFile) {
+    return Fail(IniRead::kTooLarge, ERROR_FILE_TOO_LARGE);
+  }
+  const HeapArray<unsigned char> bytes = Allocate<unsigned char>(size);
+  if (!bytes) {
+    return Fail(IniRead::kFailed, ERROR_NOT_ENOUGH_MEMORY);
+  }
+  DWORD count = 0;
+  BY_HANDLE_FILE_INFORMATION after{};
+  if (!ReadFile(file.Get(), bytes.get(), size, &count, nullptr) ||
+      !GetFileInformationByHandle(file.Get(), &after)) {
+    const DWORD error = GetLastError();
+    return Fail(MeansBusy(error) ? IniRead::kBusy : IniRead::kFailed, error);
+  }
+  // Not every file system keeps writers away.
+  if (count != size || !IsSameState(before, after)) {
+    return Fail(IniRead::kBusy, ERROR_SHARING_VIOLATION);
+  }
+  const IniRead outcome = Decode(bytes.get(), count);
+  if (outcome == IniRead::kDone && m_length == 0 && IsFresh(after.ftLastWriteTime, kEmptyForGood)) {
+    return Fail(IniRead::kBusy, ERROR_SHARING_VIOLATION);
+  }
+  return outcome;
+}
+
+DWORD IniFile::Value(const wchar_t* section, const wchar_t* key, wchar_t* value,
+                     DWORD capacity) const noexcept {
+  const Span text{m_text.get(), m_text.get() + m_length};
+  const Span found = FindValue(text, section, key);
+  const DWORD length = std::min(found.Length(), capacity - 1);
+  std::copy_n(found.begin, length, value);
+  value[length] = L'\0';
+  return length;
+}
+
+// Without values.
+IniRead IniFile::Fail(IniRead outcome, DWORD error) noexcept {
+  m_text.reset();
+  m_length = 0;
+  m_error = error;
+  return outcome;
+}
+
+IniRead IniFile::Decode(const unsigned char* bytes, DWORD count) noexcept {
+  IniRead outcome = IniRead::kFailed;
+  if (TakeMark(bytes, count, kUtf16Mark)) {
+    outcome = DecodeWide(bytes, count, /*isBigEndian=*/false);
+  } else if (TakeMark(bytes, count, kUtf16BigEndianMark)) {
+    outcome = DecodeWide(bytes, count, /*isBigEndian=*/true);
+  } else if (TakeMark(bytes, count, kUtf8Mark)) {
+    outcome = DecodeNarrow(bytes, count, CP_UTF8);
+  } else {
+    outcome = DecodeNarrow(bytes, count, CP_ACP);
+  }
+  if (outcome == IniRead::kDone && std::wmemchr(m_text.get(), L'\0', m_length) != nullptr) {
+    return Fail(IniRead::kNoText, ERROR_INVALID_DATA);
+  }
+  return outcome;
+}
+
+IniRead IniFile::DecodeNarrow(const unsigned char* bytes, DWORD count, UINT codePage) noexcept {
+  // No code page has more characters than bytes.
+  m_text = Allocate<wchar_t>(count);
+  if (!m_text) {
+    return Fail(IniRead::kFailed, ERROR_NOT_ENOUGH_MEMORY);
+  }
+  if (count == 0) {
+    return IniRead::kDone;
+  }
+  const int size = static_cast<int>(count);
+  const int length = MultiByteToWideChar(codePage, 0, reinterpret_cast<const char*>(bytes), size,
+                                         m_text.get(), size);
+  if (length <= 0) {
+    return Fail(IniRead::kFailed, GetLastError());
+  }
+  m_length = static_cast<DWORD>(length);
+  return IniRead::kDone;
+}
+
+IniRead IniFile::DecodeWide(const unsigned char* bytes, DWORD count, bool isBigEndian) noexcept {
+  m_length = count / sizeof(wchar_t);
+  m_text = Allocate<wchar_t>(m_length);
+  if (!m_text) {
+    return Fail(IniRead::kFailed, ERROR_NOT_ENOUGH_MEMORY);
+  }
+  std::memcpy(m_text.get(), bytes, m_length * sizeof(wchar_t));
+  if (isBigEndian) {
+    std::transform(m_text.get(), m_text.get() + m_length, m_text.get(), [](wchar_t character) {
+      return static_cast<wchar_t>((character << 8 | character >> 8) & 0xFFFF);
+    });
+  }
+  return IniRead::kDone;
+}

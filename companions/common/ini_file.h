@@ -1,0 +1,58 @@
+// A configuration file (INI) in one state: read whole, against writers, so that all its values come
+// from the same version of it. Nothing here waits or writes a trace line.
+#pragma once
+
+#include <memory>
+
+#include "support/windows_api.h"
+
+// In bytes; many times what any setting needs.
+constexpr DWORD kLargestIniFile = 1024 * 1024;
+
+enum class IniRead {
+  kDone,
+  kMissing,   // no such file, or no such folder
+  kBusy,      // in the hands of another program, or just being written: to be tried again
+  kTooLarge,  // more than kLargestIniFile
+  kNoText,    // holds null characters: damaged, or UTF-16 without its mark
+  kFailed
+};
+
+class IniFile {
+ public:
+  // Reads text in the ANSI code page, or in UTF-16 or UTF-8 with a byte order mark. One attempt.
+  // The object is without values unless this gives kDone.
+  IniRead Read(const wchar_t* path) noexcept;
+
+  // The Windows error behind kBusy and kFailed.
+  DWORD Error() const noexcept { return m_error; }
+
+  // Copies the value of the first key of that name in the first section of that name, as the
+  // functions of Windows for such files do: names in any letters, blanks around the value and one
+  // pair of quotes around it taken off. `capacity` counts characters, the terminator included (at
+  // least 1); a longer value is cut. The length copied, 0 when there is no value.
+  DWORD Value(const wchar_t* section, const wchar_t* key, wchar_t* value,
+              DWORD capacity) const noexcept;
+
+ private:
+  struct HeapFreer {
+    void operator()(void* memory) const noexcept { HeapFree(GetProcessHeap(), 0, memory); }
+  };
+  template <typename Item>
+  using HeapArray = std::unique_ptr<Item[], HeapFreer>;
+
+  template <typename Item>
+  static HeapArray<Item> Allocate(DWORD count) noexcept {
+    return HeapArray<Item>(
+        static_cast<Item*>(HeapAlloc(GetProcessHeap(), 0, (count + 1) * sizeof(Item))));
+  }
+
+  IniRead Fail(IniRead outcome, DWORD error) noexcept;
+  IniRead Decode(const unsigned char* bytes, DWORD count) noexcept;
+  IniRead DecodeNarrow(const unsigned char* bytes, DWORD count, UINT codePage) noexcept;
+  IniRead DecodeWide(const unsigned char* bytes, DWORD count, bool isBigEndian) noexcept;
+
+  HeapArray<wchar_t> m_text;
+  DWORD m_length = 0;
+  DWORD m_error = ERROR_SUCCESS;
+};

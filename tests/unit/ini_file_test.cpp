@@ -1,0 +1,303 @@
+// Configuration files in every state that others may leave them in.
+#include "companions/common/ini_file.h"
+
+#include <gtest/gtest.h>
+
+#include <string>
+#include <vector>
+
+#include "support/handle.h"
+#include "tests/support/import_patch.h"
+#include "tests/support/installation.h"
+
+namespace {
+
+constexpr ULONGLONG kSecond = 10'000'000;
+
+class ConfigurationFile : public ::testing::Test {
+ protected:
+  // `seconds`: how long ago the file was written.
+  void Write(const std::string& bytes, ULONGLONG seconds = 60) const {
+    WriteText(m_path, bytes);
+    SetAge(seconds);
+  }
+  void SetAge(ULONGLONG seconds) const {
+    FILETIME now;
+    GetSystemTimeAsFileTime(&now);
+    ULARGE_INTEGER time{{now.dwLowDateTime, now.dwHighDateTime}};
+    time.QuadPart -= seconds * kSecond;
+    SetTime({time.LowPart, time.HighPart});
+  }
+  void SetTime(const FILETIME& time) const {
+    // Attributes may be written whatever others share.
+    const FileHandle file(CreateFileW(m_path.c_str(), FILE_WRITE_ATTRIBUTES,
+                                      FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE,
+                                      nullptr, OPEN_EXISTING, 0, nullptr));
+    ASSERT_TRUE(file) << GetLastError();
+    ASSERT_TRUE(SetFileTime(file.Get(), nullptr, nullptr, &time)) << GetLastError();
+  }
+  FileHandle Open(DWORD access, DWORD shareMode) const {
+    FileHandle file(
+        CreateFileW(m_path.c_str(), access, shareMode, nullptr, OPEN_EXISTING, 0, nullptr));
+    EXPECT_TRUE(file) << GetLastError();
+    return file;
+  }
+
+  IniRead Read() { return m_file.Read(m_path.c_str()); }
+  std::wstring Value(const wchar_t* key, const wchar_t* section = L"S") const {
+    wchar_t value[300];
+    const DWORD length = m_file.Value(section, key, value, 300);
+    EXPECT_EQ(std::wcslen(value), length);
+    return value;
+  }
+
+  const TempFolder m_folder;
+  const std::filesystem::path m_path = m_folder.Path() / "vorlconf.ini";
+  IniFile m_file;
+};
+
+// What the functions of Windows take from the same file is what is expected.
+TEST_F(ConfigurationFile, IsUnderstoodAsWindowsUnderstandsIt) {
+  const std::vector<std::string> contents = {
+      "[S]\r\nK=value\r\n",
+      "[S]\nK=value",
+      "[S]\rK=value\r",
+      "[s]\r\nk=value\r\n",
+      "K=ahead\r\n[S]\r\nK=value\r\n",
+      "[S]\r\n\r\n  K  =  value with blanks \t \r\n",
+      "\t[S]\r\n\tK\t=\tvalue\t\r\n",
+      "[S]\r\nK=\"  quoted  \"\r\n",
+      "[S]\r\nK='  quoted  '\r\n",
+      "[S]\r\nK=\"open\r\n",
+      "[S]\r\nK=\"mixed'\r\n",
+      "[S]\r\nK=\"\r\n",
+      "[S]\r\nK=\"\"\r\n",
+      "[S]\r\nK=\"\"twice\"\"\r\n",
+      "[S]\r\nK=a \"b\" c\r\n",
+      "[S]\r\nK=a=b=c\r\n",
+      "[S]\r\n;K=comment\r\nK=value\r\n",
+      "[S]\r\n  ;K=comment\r\nK=value\r\n",
+      "[S]\r\nK=value ; no comment\r\n",
+      "[S]\r\nK=first\r\nK=second\r\n",
+      "[S]\r\nK=\r\nK=second\r\n",
+      "[S]\r\nk=first\r\nK=second\r\n",
+      "[S]\r\nKK=other\r\nK2=other\r\n",
+      "[S]\r\nJ=other\r\n[T]\r\nK=other section\r\n",
+      "[T]\r\nK=other section\r\n[S]\r\nK=value\r\n",
+      "[S]\r\nJ=other\r\n[S]\r\nK=second section of the name\r\n",
+      "[S]\r\nK=first\r\n[S]\r\nK=second section of the name\r\n",
+      "[SS]\r\nK=longer name\r\n",
+      "[S] ; comment\r\nK=value\r\n",
+      "[S\r\nK=no section\r\n",
+      "S]\r\nK=no section\r\n",
+      "[]\r\nK=no name\r\n",
+      "[S]\r\n=K\r\n",
+      "[S]\r\nK=value\x1A",
+      "[S]\r\nK=\xE4\xF6\xFC\r\n",
+      "\xFF\xFE[\0S\0]\0\r\0\n\0K\0=\0\x2D\x4E\r\0\n\0",
+      "nothing of the kind",
+      "=",
+      "[",
+  };
+  for (std::size_t i = 0; i < contents.size(); ++i) {
+    // A name of its own, because Windows keeps what it has read.
+    const std::filesystem::path path = m_folder.Path() / (std::to_string(i) + ".ini");
+    std::string bytes = contents[i];
+    if (bytes.starts_with("\xFF\xFE")) {
+      bytes = std::string("\xFF\xFE[\0S\0]\0\r\0\n\0K\0=\0\x2D\x4E\r\0\n\0", 22);
+    }
+    WriteText(path, bytes);
+    wchar_t expected[300];
+    GetPrivateProfileStringW(L"S", L"K", L"", expected, 300, path.c_str());
+    ASSERT_EQ(m_file.Read(path.c_str()), IniRead::kDone) << contents[i];
+    EXPECT_EQ(Value(L"K"), expected) << contents[i];
+  }
+}
+
+TEST_F(ConfigurationFile, ValuesAreFoundInLargeFilesToo) {
+  std::string bytes = "[S]\r\n";
+  for (unsigned i = 0; i < 20'000; ++i) {
+    bytes += "key" + std::to_string(i) + "=value " + std::to_string(i) + "\r\n";
+  }
+  Write(bytes);
+  ASSERT_EQ(Read(), IniRead::kDone);
+  EXPECT_EQ(Value(L"key0"), L"value 0");
+  EXPECT_EQ(Value(L"KEY19999"), L"value 19999");
+  EXPECT_EQ(Value(L"key20000"), L"");
+}
+
+TEST_F(ConfigurationFile, ValueIsCutAtTheCapacity) {
+  Write("[S]\r\nK=12345\r\n");
+  ASSERT_EQ(Read(), IniRead::kDone);
+  wchar_t value[6] = L"-----";
+  EXPECT_EQ(m_file.Value(L"S", L"K", value, 6), 5U);
+  EXPECT_STREQ(value, L"12345");
+  EXPECT_EQ(m_file.Value(L"S", L"K", value, 5), 4U);
+  EXPECT_STREQ(value, L"1234");
+  EXPECT_EQ(m_file.Value(L"S", L"K", value, 1), 0U);
+  EXPECT_STREQ(value, L"");
+}
+
+TEST_F(ConfigurationFile, ByteOrderMarkSaysTheEncoding) {
+  Write(std::string("\xFF\xFE[\0S\0]\0\n\0K\0=\0\x2D\x4E\n\0", 20));
+  ASSERT_EQ(Read(), IniRead::kDone);
+  EXPECT_EQ(Value(L"K"), L"\x4E2D");
+  Write(std::string("\xFE\xFF\0[\0S\0]\0\n\0K\0=\x4E\x2D\0\n", 20));
+  ASSERT_EQ(Read(), IniRead::kDone);
+  EXPECT_EQ(Value(L"K"), L"\x4E2D");
+  Write("\xEF\xBB\xBF[S]\nK=\xE4\xB8\xAD\n");
+  ASSERT_EQ(Read(), IniRead::kDone);
+  EXPECT_EQ(Value(L"K"), L"\x4E2D");
+}
+
+TEST_F(ConfigurationFile, OddByteAtTheEndOfUtf16IsLeftOut) {
+  Write(std::string("\xFF\xFE[\0S\0]\0\n\0K\0=\0v\0\n", 17));
+  ASSERT_EQ(Read(), IniRead::kDone);
+  EXPECT_EQ(Value(L"K"), L"v");
+}
+
+TEST_F(ConfigurationFile, MissingFileOrFolderIsToldFromAFailure) {
+  EXPECT_EQ(Read(), IniRead::kMissing);
+  EXPECT_EQ(m_file.Read((m_folder.Path() / "no" / "vorlconf.ini").c_str()), IniRead::kMissing);
+  std::filesystem::create_directory(m_path);
+  EXPECT_EQ(Read(), IniRead::kFailed);
+  EXPECT_EQ(m_file.Error(), DWORD{ERROR_ACCESS_DENIED});
+  EXPECT_EQ(Value(L"K"), L"");
+}
+
+TEST_F(ConfigurationFile, InOtherHandsIsBusyAndKeepsNoFormerValue) {
+  Write("[S]\r\nK=value\r\n");
+  ASSERT_EQ(Read(), IniRead::kDone);
+  {
+    const FileHandle reader = Open(GENERIC_READ, 0);
+    EXPECT_EQ(Read(), IniRead::kBusy);
+    EXPECT_EQ(m_file.Error(), DWORD{ERROR_SHARING_VIOLATION});
+    EXPECT_EQ(Value(L"K"), L"");
+  }
+  {
+    // A writer that shares everything may have written half of it.
+    const FileHandle writer =
+        Open(GENERIC_WRITE, FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE);
+    EXPECT_EQ(Read(), IniRead::kBusy);
+    EXPECT_EQ(m_file.Error(), DWORD{ERROR_SHARING_VIOLATION});
+  }
+  {
+    // Wine lets others read what is locked, Windows does not.
+    const CallPatch<struct Locked, decltype(ReadFile)> patch(
+        "KERNEL32.dll", "ReadFile", [](HANDLE, void*, DWORD, DWORD*, OVERLAPPED*) {
+          SetLastError(ERROR_LOCK_VIOLATION);
+          return FALSE;
+        });
+    EXPECT_EQ(Read(), IniRead::kBusy);
+    EXPECT_EQ(m_file.Error(), DWORD{ERROR_LOCK_VIOLATION});
+  }
+  EXPECT_EQ(Read(), IniRead::kDone);
+  EXPECT_EQ(Value(L"K"), L"value");
+}
+
+TEST_F(ConfigurationFile, IsOpenToReadersAndToItsReplacementWhileItIsRead) {
+  Write("[S]\r\nK=value\r\n");
+  bool isShared = false;
+  const CallPatch<struct WhileOpen, decltype(GetFileInformationByHandle)> patch(
+      "KERNEL32.dll", "GetFileInformationByHandle",
+      [&](HANDLE file, BY_HANDLE_FILE_INFORMATION* information) {
+        isShared = static_cast<bool>(
+            Open(GENERIC_READ | DELETE, FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE));
+        return patch.CallOriginal(file, information);
+      });
+  EXPECT_EQ(Read(), IniRead::kDone);
+  EXPECT_TRUE(isShared);
+}
+
+TEST_F(ConfigurationFile, ChangedWhileItIsReadIsBusy) {
+  Write("[S]\r\nK=value\r\n");
+  {
+    const CallPatch<struct Touch, decltype(ReadFile)> patch(
+        "KERNEL32.dll", "ReadFile",
+        [&](HANDLE file, void* buffer, DWORD size, DWORD* read, OVERLAPPED* overlapped) {
+          const BOOL result = patch.CallOriginal(file, buffer, size, read, overlapped);
+          SetAge(30);
+          return result;
+        });
+    EXPECT_EQ(Read(), IniRead::kBusy);
+    EXPECT_EQ(Value(L"K"), L"");
+  }
+  {
+    const CallPatch<struct Shorten, decltype(ReadFile)> patch(
+        "KERNEL32.dll", "ReadFile",
+        [&](HANDLE file, void* buffer, DWORD size, DWORD* read, OVERLAPPED* overlapped) {
+          return patch.CallOriginal(file, buffer, size - 1, read, overlapped);
+        });
+    EXPECT_EQ(Read(), IniRead::kBusy);
+  }
+  EXPECT_EQ(Read(), IniRead::kDone);
+}
+
+TEST_F(ConfigurationFile, EmptiedAMomentAgoIsBusyAndEmptyForLongerIsEmpty) {
+  for (const std::string content : {"", "\xFF\xFE", "\xEF\xBB\xBF"}) {
+    Write(content, 1);
+    EXPECT_EQ(Read(), IniRead::kBusy);
+    EXPECT_EQ(m_file.Error(), DWORD{ERROR_SHARING_VIOLATION});
+    SetAge(3);
+    EXPECT_EQ(Read(), IniRead::kDone);
+    EXPECT_EQ(Value(L"K"), L"");
+  }
+  // The clock may have been set back.
+  Write("", 0);
+  FILETIME future;
+  GetSystemTimeAsFileTime(&future);
+  future.dwHighDateTime += 1;
+  SetTime(future);
+  EXPECT_EQ(Read(), IniRead::kDone);
+  // What has a text is taken at once.
+  Write("[S]\r\nK=value\r\n", 0);
+  EXPECT_EQ(Read(), IniRead::kDone);
+}
+
+TEST_F(ConfigurationFile, BeyondTheLargestSizeIsRefused) {
+  const std::string text = "[S]\r\nK=value\r\n";
+  Write(text + std::string(kLargestIniFile - text.size(), ' '));
+  EXPECT_EQ(Read(), IniRead::kDone);
+  EXPECT_EQ(Value(L"K"), L"value");
+  Write(text + std::string(kLargestIniFile - text.size() + 1, ' '));
+  EXPECT_EQ(Read(), IniRead::kTooLarge);
+  EXPECT_EQ(Value(L"K"), L"");
+}
+
+TEST_F(ConfigurationFile, WithNullCharactersIsNoText) {
+  Write(std::string("[S]\r\nK=value\r\n\0\0\0\0", 18));
+  EXPECT_EQ(Read(), IniRead::kNoText);
+  EXPECT_EQ(Value(L"K"), L"");
+  Write(std::string("[\0S\0]\0\n\0K\0=\0v\0\n\0", 16));
+  EXPECT_EQ(Read(), IniRead::kNoText);
+}
+
+TEST_F(ConfigurationFile, FailuresOfWindowsAreFailures) {
+  Write("[S]\r\nK=value\r\n");
+  {
+    const CallPatch<struct NoRead, decltype(ReadFile)> patch(
+        "KERNEL32.dll", "ReadFile", [](HANDLE, void*, DWORD, DWORD*, OVERLAPPED*) {
+          SetLastError(ERROR_CRC);
+          return FALSE;
+        });
+    EXPECT_EQ(Read(), IniRead::kFailed);
+    EXPECT_EQ(m_file.Error(), DWORD{ERROR_CRC});
+  }
+  {
+    const CallPatch<struct NoInformation, decltype(GetFileInformationByHandle)> patch(
+        "KERNEL32.dll", "GetFileInformationByHandle", [](HANDLE, BY_HANDLE_FILE_INFORMATION*) {
+          SetLastError(ERROR_GEN_FAILURE);
+          return FALSE;
+        });
+    EXPECT_EQ(Read(), IniRead::kFailed);
+    EXPECT_EQ(m_file.Error(), DWORD{ERROR_GEN_FAILURE});
+  }
+  {
+    const CallPatch<struct NoMemory, decltype(HeapAlloc)> patch(
+        "KERNEL32.dll", "HeapAlloc", [](HANDLE, DWORD, SIZE_T) -> void* { return nullptr; });
+    EXPECT_EQ(Read(), IniRead::kFailed);
+    EXPECT_EQ(m_file.Error(), DWORD{ERROR_NOT_ENOUGH_MEMORY});
+  }
+}
+
+}  // namespace
