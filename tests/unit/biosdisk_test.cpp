@@ -2,18 +2,22 @@
 // process.
 #include <gmock/gmock.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdlib>
+#include <new>
 
 #include "identity/ztuuid.h"
 #include "tests/support/collector_test.h"
 #include "tests/support/import_patch.h"
+#include "tests/support/no_memory.h"
 
 // wbemidl.h needs the COM interfaces that the headers above bring.
 #include <wbemidl.h>
 
 using ::testing::Contains;
 using ::testing::ElementsAre;
+using ::testing::IsEmpty;
 using ::testing::Not;
 
 namespace {
@@ -222,6 +226,11 @@ TEST_F(GetPrimaryHDDSrNo, SpacesAreTrimmedAtBothEnds) {
   EXPECT_STREQ(fingerprint.PrimaryHddSerial, "WD-ABC123");
 }
 
+TEST_F(GetPrimaryHDDSrNo, TabAtTheEndStays) {
+  EXPECT_TRUE(CollectFromOneDisk(Text(L"WD-ABC\t  ")));
+  EXPECT_STREQ(fingerprint.PrimaryHddSerial, "WD-ABC\t");
+}
+
 TEST_F(GetPrimaryHDDSrNo, OtherWhiteSpaceAndInnerSpacesStay) {
   EXPECT_TRUE(CollectFromOneDisk(Text(L" \tWD ABC\n ")));
   EXPECT_STREQ(fingerprint.PrimaryHddSerial, "\tWD ABC\n");
@@ -231,6 +240,30 @@ TEST_F(GetPrimaryHDDSrNo, WholeLengthOfTheSerialIsTrimmed) {
   // The last character is a null, so that the space before it is not at the end.
   EXPECT_TRUE(CollectFromOneDisk(Text(std::wstring(L" AB \0", 5))));
   EXPECT_STREQ(fingerprint.PrimaryHddSerial, "AB ");
+}
+
+// The last one is left out: its byte is what the C library gives for a failure.
+TEST_F(GetPrimaryHDDSrNo, CharactersOfTheCodePageAboveAsciiBecomeTheirBytes) {
+  std::wstring serial;
+  std::string expected;
+  for (int byte = 0x80; byte < 0xFF; ++byte) {
+    const char narrow = static_cast<char>(byte);
+    wchar_t wide = 0;
+    if (MultiByteToWideChar(CP_ACP, MB_ERR_INVALID_CHARS, &narrow, 1, &wide, 1) == 1 &&
+        wide >= 0x80) {
+      serial += wide;
+      expected += narrow;
+    }
+  }
+  AddMedia({Media(0, Text(L""))});
+  AddDisk(0, {L"C:"});
+  for (std::size_t begin = 0; begin < serial.size(); begin += 50) {
+    server.Query("media").objects[0].properties[L"SerialNumber"] = Text(serial.substr(begin, 50));
+    EXPECT_TRUE(fingerprint.GetPrimaryHDDSrNo());
+    EXPECT_EQ(fingerprint.PrimaryHddSerial, expected.substr(begin, 50));
+  }
+  // A machine whose code page is UTF-8 has no such characters; all others have.
+  EXPECT_EQ(serial.empty(), GetACP() == CP_UTF8);
 }
 
 TEST_F(GetPrimaryHDDSrNo, CharactersThatCannotBeNarrowedBecomeQuestionMarks) {
@@ -317,6 +350,22 @@ TEST_F(GetPrimaryHDDSrNo, SystemDriveIsReadIntoFiveCharacters) {
   EXPECT_TRUE(CollectFromOneDisk(Text(L"serial")));
 }
 
+// What Windows answers for a variable that is not set; Wine answers EINVAL.
+TEST_F(GetPrimaryHDDSrNo, SystemDriveThatIsReadAsMissingFailsWithoutAWalk) {
+  const CallPatch<struct MissingTag, GetEnvironment> environment(
+      "msvcrt.dll", "getenv_s",
+      [](std::size_t* size, char* value, rsize_t, const char*) -> errno_t {
+        value[0] = '\0';
+        *size = 0;
+        return 0;
+      });
+  EXPECT_FALSE(CollectFromOneDisk(Text(L"serial")));
+  EXPECT_STREQ(fingerprint.PrimaryHddSerial, "");
+  EXPECT_THAT(server.Journal(), ElementsAre("create locator", "ConnectServer ROOT\\CIMV2",
+                                            "SetBlanket", "ExecQuery media", "release media",
+                                            "release services", "release locator"));
+}
+
 TEST_F(GetPrimaryHDDSrNo, SystemDriveThatCannotBeReadFailsWithoutAWalk) {
   const CallPatch<struct NoEnvironmentTag, GetEnvironment> environment(
       "msvcrt.dll", "getenv_s",
@@ -386,17 +435,15 @@ TEST_F(GetPrimaryHDDSrNo, LogicalDiskWithoutAnIdIsSkippedWithStage9) {
 }
 
 TEST_F(GetPrimaryHDDSrNo, SerialThatCannotBeReadIsStage9AndTheNextLogicalDiskIsTried) {
-  AddMedia({Media(0, Fails(E_ACCESSDENIED))});
+  AddMedia({Media(0, Fails(E_ACCESSDENIED)), Media(1, Null())});
   AddDisk(0, {L"C:", L"C:"});
-  server.Query("drives of disk 0").end = {0, 0, false};
+  AddDisk(1, {L"C:", L"C:"});
   EXPECT_FALSE(fingerprint.GetPrimaryHDDSrNo());
-  int reads = 0;
-  for (const std::string& line : server.Journal()) {
-    reads += line == "Get SerialNumber of media 0" ? 1 : 0;
-  }
-  EXPECT_EQ(reads, 2);
-  // The end of the inner walk, whose code 0 keeps the later ones from being recorded.
-  ExpectRecorded(0, 8);
+  const std::vector<std::string> journal = server.Journal();
+  EXPECT_EQ(std::ranges::count(journal, "Get SerialNumber of media 0"), 2);
+  EXPECT_EQ(std::ranges::count(journal, "Get SerialNumber of media 1"), 2);
+  // The second one's: its code 0 keeps the ends of the walks from being recorded.
+  ExpectRecorded(0, 9);
 }
 
 TEST_F(GetPrimaryHDDSrNo, InnerWalksOfferStage8AtTheirNormalEnd) {
@@ -424,6 +471,19 @@ TEST_F(GetPrimaryHDDSrNo, EachStepBeforeTheWalkMayFail) {
   AddDisk(0, {L"C:"});
   ExpectEachStepToFail("media", [&] { return fingerprint.GetPrimaryHDDSrNo(); });
   EXPECT_STREQ(fingerprint.PrimaryHddSerial, "");
+}
+
+TEST_F(GetPrimaryHDDSrNo, MissingMemoryForAQueryIsThrownWithEverythingReleased) {
+  AddMedia({Media(0, Text(L"serial 0"))});
+  AddDisk(0, {L"C:"});
+  for (const std::size_t size : {sizeof(L"Associators of {Win32_DiskDrive.DeviceID='"),
+                                 sizeof(L"Associators of {Win32_DiskPartition.DeviceID='")}) {
+    FakeWmi& everything = server;
+    const NoMemoryFor noMemory(size);
+    EXPECT_THROW(fingerprint.GetPrimaryHDDSrNo(), std::bad_alloc);
+    EXPECT_EQ(everything.Journal().back(), "release locator");
+    EXPECT_THAT(everything.Problems(), IsEmpty());
+  }
 }
 
 TEST_F(GetPrimaryHDDSrNo, MissingMemoryIsThrownWithEverythingReleased) {

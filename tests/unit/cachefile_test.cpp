@@ -1,4 +1,7 @@
+#include <fcntl.h>
 #include <gmock/gmock.h>
+#include <io.h>
+#include <share.h>
 
 #include <algorithm>
 #include <cerrno>
@@ -14,6 +17,9 @@
 
 using ::testing::ElementsAre;
 using ::testing::Test;
+
+// The C runtime's own pointer, through which the product's calls go: no import of the executable.
+extern "C" errno_t(__cdecl* __imp__sopen_s)(int*, const char*, int, int, int);
 
 namespace {
 
@@ -86,6 +92,38 @@ ByteVector SamplePayload() {
 
 // A text of 17 characters for the address of this place.
 std::string Address(std::size_t place) { return "AA-BB-CC-DD-EE-" + std::to_string(10 + place); }
+
+// Sees the calls of _sopen_s as long as it lives: path, flags, sharing and permissions.
+class OpenCalls {
+ public:
+  OpenCalls() {
+    // The runtime looks the function up at its first call and then replaces the pointer.
+    int file = -1;
+    __imp__sopen_s(&file, "NUL", _O_RDONLY, _SH_DENYNO, 0);
+    _close(file);
+    s_calls().clear();
+    s_original = std::exchange(__imp__sopen_s, &Record);
+  }
+  ~OpenCalls() { __imp__sopen_s = s_original; }
+  OpenCalls(const OpenCalls&) = delete;
+  OpenCalls& operator=(const OpenCalls&) = delete;
+
+  const std::vector<std::string>& Calls() const { return s_calls(); }
+
+ private:
+  static std::vector<std::string>& s_calls() {
+    static std::vector<std::string> calls;
+    return calls;
+  }
+  static errno_t __cdecl Record(int* file, const char* path, int flags, int sharing,
+                                int permissions) {
+    char arguments[40];
+    StringCchPrintfA(arguments, sizeof(arguments), " %x %x %x", flags, sharing, permissions);
+    s_calls().push_back(path + std::string(arguments));
+    return s_original(file, path, flags, sharing, permissions);
+  }
+  static inline errno_t(__cdecl* s_original)(int*, const char*, int, int, int) = nullptr;
+};
 
 using Recorded = std::pair<std::int32_t, std::uint32_t>;
 
@@ -425,6 +463,21 @@ TEST_F(CacheFile, AFolderOfItsNameRecordsTheError) {
   EXPECT_EQ(TakeRecorded(), Recorded(EACCES, 0));
 }
 
+TEST_F(CacheFile, APathOf259CharactersFits) {
+  // The longest folder that can be made: 247 characters.
+  const std::string parent = m_folder.Path().string() + '\\';
+  const std::string folder = parent + std::string(247 - parent.size(), 'f');
+  ASSERT_TRUE(std::filesystem::create_directory(folder));
+  m_record.CacheFolder = folder + '\\';
+  m_path = m_record.CacheFolder + "hwcdata.dat";
+  ASSERT_EQ(m_path.size(), 259U);
+  EXPECT_TRUE(m_record.WriteCacheFile());
+  EXPECT_TRUE(Read());
+  EXPECT_EQ(m_payload, SamplePayload());
+  EXPECT_EQ(TakeRecorded(), m_nothing);
+  EXPECT_EQ(ReadBytes(m_path).size(), kFileSize);
+}
+
 TEST_F(CacheFile, APathOf260CharactersIsTooLong) {
   m_record.CacheFolder.assign(260 - 11, 'f');
   EXPECT_FALSE(m_record.WriteCacheFile());
@@ -443,6 +496,17 @@ TEST_F(CacheFile, FailuresAreRecordedOnlyOverAPairOfNonZeros) {
     EXPECT_FALSE(m_record.ReadCacheFile(nullptr));
     EXPECT_EQ(TakeRecorded(), before);
   }
+}
+
+// --- How it is opened ---
+
+TEST_F(CacheFile, IsOpenedForItsWriterAndItsReaderWithoutOtherWriters) {
+  const OpenCalls calls;
+  EXPECT_TRUE(m_record.WriteCacheFile());
+  EXPECT_TRUE(Read());
+  EXPECT_TRUE(m_record.IsCacheCurrent());
+  const std::string read = m_path + " 8000 20 100";
+  EXPECT_THAT(calls.Calls(), ElementsAre(m_path + " 8302 20 180", read, read));
 }
 
 // --- Sharing ---

@@ -2,6 +2,7 @@
 
 #include <gmock/gmock.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <cstring>
 #include <numeric>
@@ -227,6 +228,39 @@ TEST(Md5Steps, PaddingOf56BytesFillsABlockOfItsOwn) {
   ASSERT_EQ(md5.m_blocks.size(), 2U);
   EXPECT_EQ(md5.m_blocks[0][14], 0x00000080U);
   EXPECT_THAT(md5.m_blocks[1], ElementsAre(0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 56U * 8, 0U));
+}
+
+// The padding is no step of its own: it runs through the update as the message does.
+TEST(Md5Steps, PaddingRunsThroughTheVirtualUpdate) {
+  class Updates : public CMd5 {
+   public:
+    int MD5Update(Md5Context* context, const unsigned char* data, std::uint32_t length) override {
+      m_updates.emplace_back(data, data + length);
+      return static_cast<int>(m_updates.size()) != m_failAt ? CMd5::MD5Update(context, data, length)
+                                                            : 0;
+    }
+
+    int m_failAt = 0;
+    std::vector<ByteVector> m_updates;
+  };
+  struct Case {
+    std::uint32_t size;
+    std::size_t padding;
+  };
+  for (const Case& message : {Case{0, 56}, {3, 53}, {55, 1}, {56, 64}, {63, 57}, {64, 56}}) {
+    const ByteVector bytes(64);
+    Updates md5;
+    Digest digest;
+    EXPECT_EQ(md5.CalculateMD5(bytes.data(), message.size, digest.bytes), 1) << message.size;
+    ASSERT_EQ(md5.m_updates.size(), 2U) << message.size;
+    ByteVector padding(message.padding);
+    padding[0] = 0x80;
+    EXPECT_EQ(md5.m_updates[1], padding) << message.size;
+
+    Updates failing;
+    failing.m_failAt = 2;
+    EXPECT_EQ(failing.CalculateMD5(bytes.data(), message.size, digest.bytes), 0) << message.size;
+  }
 }
 
 TEST(Md5Steps, CountEntersTheLastBlockLowWordFirst) {
@@ -642,9 +676,11 @@ TEST_F(Md5File, NarrowPathIsConvertedWithTheAnsiCodePage) {
           EXPECT_EQ(text, m_path.c_str());
           EXPECT_EQ(length, -1);
           sizes.push_back(size);
-          return static_cast<int>(sizes.size()) == failAt
-                     ? 0
-                     : convert.CallOriginal(codePage, flags, text, length, wide, size);
+          if (static_cast<int>(sizes.size()) == failAt) {
+            SetLastError(ERROR_NO_UNICODE_TRANSLATION);
+            return 0;
+          }
+          return convert.CallOriginal(codePage, flags, text, length, wide, size);
         });
     EXPECT_EQ(m_md5.CryptFileMD5(m_path.c_str(), m_digest.bytes), failAt == 0 ? 1 : 0);
     if (failAt != 1) {
@@ -673,15 +709,21 @@ TEST_F(Md5File, FileFunctionsComputeThemselvesWhenCryptoApiFails) {
 }
 
 TEST_F(Md5File, FileFunctionsPreferCryptoApi) {
+  std::vector<std::string> opened;
   const CallPatch<struct OpenTag, int(const char*, int, int)> open(
-      "msvcrt.dll", "_open", [](const char*, int, int) { return -1; });
+      "msvcrt.dll", "_open", [&](const char*, int, int) { return opened.push_back("_open"), -1; });
   const CallPatch<struct OpenWideTag, int(const wchar_t*, int, int)> openWide(
-      "msvcrt.dll", "_wopen", [](const wchar_t*, int, int) { return -1; });
+      "msvcrt.dll", "_wopen",
+      [&](const wchar_t*, int, int) { return opened.push_back("_wopen"), -1; });
+  const CryptoCalls calls;
   EXPECT_EQ(GetFileMD5(m_path.c_str(), m_digest.bytes), 1);
   EXPECT_EQ(m_digest.Hex(), kAbcDigest);
+  EXPECT_EQ(std::ranges::count(calls.m_calls, "acquire(1 F0000000)"), 1);
   m_digest = {};
   EXPECT_EQ(GetFileMD5W(m_widePath.c_str(), m_digest.bytes), 1);
   EXPECT_EQ(m_digest.Hex(), kAbcDigest);
+  EXPECT_EQ(std::ranges::count(calls.m_calls, "acquire(1 F0000000)"), 2);
+  EXPECT_THAT(opened, IsEmpty());
 }
 
 TEST_F(Md5File, AFileThatSomebodyWritesIsHashedWithoutCryptoApi) {

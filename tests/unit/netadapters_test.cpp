@@ -279,11 +279,20 @@ TEST_F(GetNetworkAdapterList, AddressThatIsTooLongByOneIsSkippedWithStage0) {
 }
 
 TEST_F(GetNetworkAdapterList, GuidThatCannotBeReadStaysEmptyWithStage9) {
+  // The walk stops at the second adapter, so that nothing is recorded behind its failure.
+  AddAdapters({Adapter("adapter 1", Text(L"1"), Text(kGuid1)),
+               Adapter("adapter 2", Text(L"2"), Fails(E_ACCESSDENIED))});
+  EXPECT_TRUE(fingerprint.GetNetworkAdapterList(list));
+  EXPECT_THAT(Addresses(list), ElementsAre("1", "2"));
+  EXPECT_STREQ(list.back().Guid, "");
+  ExpectRecorded(E_ACCESSDENIED, 9);
+}
+
+TEST_F(GetNetworkAdapterList, EndOfTheWalkIsRecordedBehindAFailure) {
   AddAdapters({Adapter("adapter 1", Text(L"1"), Fails(E_ACCESSDENIED))});
   server.Query("adapters").end = {kShuttingDown, 0, false};
   EXPECT_TRUE(fingerprint.GetNetworkAdapterList(list));
-  ASSERT_EQ(list.size(), 1U);
-  EXPECT_STREQ(list.front().Guid, "");
+  EXPECT_THAT(Addresses(list), ElementsAre("1"));
   ExpectRecorded(kShuttingDown, 8);
 }
 
@@ -360,10 +369,13 @@ TEST_F(ApplyPermanentAddresses, EntryWithoutAMatchKeepsItsAddress) {
 TEST_F(ApplyPermanentAddresses, InterfaceWithoutAGuidIsSkippedWithStage9) {
   list = {Entry("old", kGuid1Upper)};
   AddInterfaces({Interface("interface 1", Fails(E_ACCESSDENIED), Text(L"001A2B3C4D5E")),
-                 Interface("interface 2", Text(kGuid1), Text(L"00AABBCCDDEE"))});
-  server.Query("interfaces").end = {0, 0, false};
+                 Interface("interface 2", Null(), Text(L"001A2B3C4D5E")),
+                 Interface("interface 3", Text(kGuid1), Text(L"00AABBCCDDEE"))});
   EXPECT_TRUE(fingerprint.ApplyPermanentAddresses(list));
   EXPECT_THAT(Addresses(list), ElementsAre("00AABBCCDDEE"));
+  EXPECT_THAT(server.Journal(), Not(Contains("Get PermanentAddress of interface 1")));
+  // The second one's: its code 0 keeps the end of the walk from being recorded.
+  ExpectRecorded(0, 9);
 }
 
 TEST_F(ApplyPermanentAddresses, AddressThatCannotBeReadIsStage9AndEndsTheComparisonForItsAdapter) {

@@ -11,6 +11,7 @@
 #include "identity/ztuuid.h"
 #include "tests/support/fake_wmi.h"
 #include "tests/support/import_patch.h"
+#include "tests/support/no_memory.h"
 #include "tests/support/reported_version.h"
 #include "tests/support/trace_recorder.h"
 
@@ -20,6 +21,7 @@
 using ::testing::Contains;
 using ::testing::ElementsAre;
 using ::testing::IsEmpty;
+using ::testing::Not;
 
 namespace {
 
@@ -179,6 +181,22 @@ class Machine {
   std::string m_systemDrive;
 };
 
+// While one lives, the trace lines stand among the calls in the server's journal.
+class LinesInJournal {
+ public:
+  explicit LinesInJournal(FakeWmi& server) {
+    FakeTraceSetCallback(
+        [](const FakeTraceLine* line, void* context) {
+          static_cast<FakeWmi*>(context)->Note(std::to_string(line->level) + " " +
+                                               line->functionName + ": " + line->text);
+        },
+        &server);
+  }
+  ~LinesInJournal() { FakeTraceSetCallback(nullptr, nullptr); }
+  LinesInJournal(const LinesInJournal&) = delete;
+  LinesInJournal& operator=(const LinesInJournal&) = delete;
+};
+
 class MachineTest : public ::testing::Test {
  protected:
   MachineTest() { fingerprint.LastError = {1, 1}; }
@@ -262,6 +280,36 @@ TEST_F(GetUUIDParameters, OnVersion50AFailedAdapterListFails) {
   ExpectRecorded(ERROR_NO_DATA, 0);
 }
 
+TEST_F(GetUUIDParametersEx, OnVersion50OnlyTheAdapterListIsReadUnderItsOwnName) {
+  machine.version.reset();
+  machine.version.emplace(5U, 0U);
+  machine.SetEverything();
+  machine.ipAdapters = {{0x00, 0x1A, 0x2B, 0x3C, 0x4D, 0x5E}};
+  StringCchCopyA(fingerprint.BiosUuid, kBiosUuidSize, "as it was");
+  StringCchCopyA(fingerprint.PrimaryHddSerial, kPrimaryHddSerialSize, "as it was");
+  EXPECT_TRUE(fingerprint.GetUUIDParametersEx());
+  EXPECT_TRUE(fingerprint.IsWindows2000);
+  EXPECT_STREQ(fingerprint.BiosUuid, "as it was");
+  EXPECT_STREQ(fingerprint.PrimaryHddSerial, "as it was");
+  EXPECT_THAT(fingerprint.MacAddressList, ElementsAre("00-1a-2b-3c-4d-5e"));
+  EXPECT_THAT(machine.server.Journal(), IsEmpty());
+  EXPECT_THAT(recorder.Lines(), ElementsAre(Of("GetUUIDParametersEx", 2, "Entry"),
+                                            Of("GetUUIDParametersEx", 2, "Success...")));
+  ExpectRecorded(1, 1);
+}
+
+TEST_F(GetUUIDParametersEx, OnVersion50AFailedAdapterListFailsUnderItsOwnName) {
+  machine.version.reset();
+  machine.version.emplace(5U, 0U);
+  EXPECT_FALSE(fingerprint.GetUUIDParametersEx());
+  EXPECT_TRUE(fingerprint.IsWindows2000);
+  EXPECT_THAT(machine.server.Journal(), IsEmpty());
+  EXPECT_THAT(recorder.Lines(),
+              ElementsAre(Of("GetUUIDParametersEx", 2, "Entry"),
+                          Of("GetUUIDParametersEx", 1, "GetMacAddresses failed.")));
+  ExpectRecorded(ERROR_NO_DATA, 0);
+}
+
 TEST_F(GetUUIDParameters, OtherVersionsThan50GoThroughWmi) {
   machine.SetEverything();
   for (const auto& [major, minor] : {std::pair(5U, 1U), std::pair(6U, 0U), std::pair(4U, 0U)}) {
@@ -299,6 +347,74 @@ TEST_F(GetUUIDParameters, MachineWithNothingHasEmptyParametersAndIsSuccess) {
                           Of("GetUUIDParameters", 1, "GetPrimaryHDDSrNo failed."),
                           Of("GetUUIDParameters", 1, "GetOnboardNICMacAddress failed."),
                           Of("GetUUIDParameters", 2, "Success...")));
+}
+
+TEST_F(GetUUIDParametersEx, MachineWithNothingIsTracedUnderItsOwnName) {
+  EXPECT_TRUE(fingerprint.GetUUIDParametersEx());
+  EXPECT_THAT(recorder.Lines(),
+              ElementsAre(Of("GetUUIDParametersEx", 2, "Entry"),
+                          Of("GetUUIDParametersEx", 1, "GetBiosUuid failed."),
+                          DirectOf("GetUUIDParametersEx", 2, "UUID:(%s)", "UUID:()"),
+                          Of("GetUUIDParametersEx", 1, "GetPrimaryHDDSrNo failed."),
+                          Of("GetUUIDParametersEx", 1, "GetOnboardNICMacAddress failed."),
+                          Of("GetUUIDParametersEx", 2, "Success...")));
+}
+
+// Every line at its place among the calls: "Success..." only when COM is left.
+TEST_F(GetUUIDParameters, LinesStandWhereTheirCallsEnd) {
+  const LinesInJournal lines(machine.server);
+  EXPECT_TRUE(fingerprint.GetUUIDParameters());
+  EXPECT_THAT(
+      machine.server.Journal(),
+      ElementsAre(
+          "2 CZTUUID::GetUUIDParameters: Entry", "CoInitializeEx", "CoInitializeSecurity",
+          "create locator", "ConnectServer ROOT\\CIMV2", "SetBlanket",
+          "ExecQuery SELECT * FROM Win32_ComputerSystemProduct", "release services",
+          "release locator", "1 CZTUUID::GetUUIDParameters: GetBiosUuid failed.",
+          "2 CZTUUID::GetUUIDParameters: UUID:()", "create locator", "ConnectServer ROOT\\CIMV2",
+          "SetBlanket", "ExecQuery SELECT * FROM Win32_PhysicalMedia", "release services",
+          "release locator", "1 CZTUUID::GetUUIDParameters: GetPrimaryHDDSrNo failed.",
+          "create locator", "ConnectServer ROOT\\CIMV2", "SetBlanket",
+          "ExecQuery SELECT * FROM Win32_NetworkAdapter WHERE Manufacturer != 'Microsoft' AND NOT "
+          "PNPDeviceID LIKE 'ROOT\\\\%'",
+          "release services", "release locator",
+          "1 CZTUUID::GetUUIDParameters: GetOnboardNICMacAddress failed.", "CoUninitialize",
+          "2 CZTUUID::GetUUIDParameters: Success..."));
+}
+
+TEST_F(GetUUIDParametersEx, LinesOfAForeignComStandWhereTheirCallsEnd) {
+  machine.com.initializeResult = kChangedMode;
+  machine.com.securityResult = kTooLate;
+  machine.server.locatorResult = E_FAIL;
+  const LinesInJournal lines(machine.server);
+  EXPECT_TRUE(fingerprint.GetUUIDParametersEx());
+  EXPECT_THAT(
+      machine.server.Journal(),
+      ElementsAre(
+          "2 CZTUUID::GetUUIDParametersEx: Entry", "CoInitializeEx",
+          "1 CZTUUID::GetUUIDParametersEx: CoInitializeEx failed\tError code:(80010106).",
+          "CoInitializeSecurity",
+          "1 CZTUUID::GetUUIDParametersEx: CoInitializeSecurity failed\tError code:(80010119).",
+          "create locator", "1 CZTUUID::GetUUIDParametersEx: GetBiosUuid failed.",
+          "2 CZTUUID::GetUUIDParametersEx: UUID:()", "create locator",
+          "1 CZTUUID::GetUUIDParametersEx: GetPrimaryHDDSrNo failed.", "create locator",
+          "1 CZTUUID::GetUUIDParametersEx: GetOnboardNICMacAddress failed.", "CoUninitialize",
+          "2 CZTUUID::GetUUIDParametersEx: Success..."));
+}
+
+TEST_F(GetUUIDParameters, FailuresOfComAreTracedBeforeItIsLeft) {
+  const LinesInJournal lines(machine.server);
+  machine.com.securityResult = E_ACCESSDENIED;
+  EXPECT_FALSE(fingerprint.GetUUIDParameters());
+  machine.com.initializeResult = E_FAIL;
+  EXPECT_FALSE(fingerprint.GetUUIDParameters());
+  EXPECT_THAT(
+      machine.server.Journal(),
+      ElementsAre("2 CZTUUID::GetUUIDParameters: Entry", "CoInitializeEx", "CoInitializeSecurity",
+                  "1 CZTUUID::GetUUIDParameters: CoInitializeSecurity failed\tError "
+                  "code:(80070005).",
+                  "CoUninitialize", "2 CZTUUID::GetUUIDParameters: Entry", "CoInitializeEx",
+                  "1 CZTUUID::GetUUIDParameters: CoInitializeEx failed\tError code:(80004005)."));
 }
 
 TEST_F(GetUUIDParameters, WithoutAccessToTheProductClassTheUuidIsEmpty) {
@@ -362,6 +478,8 @@ TEST_F(GetUUIDParametersEx, AnotherApartmentIsAcceptedAndComIsLeftAllTheSame) {
   EXPECT_TRUE(fingerprint.GetUUIDParametersEx());
   EXPECT_STREQ(fingerprint.PrimaryHddSerial, "WD-WCC4E1234567");
   EXPECT_EQ(machine.server.Journal().back(), "CoUninitialize");
+  // Offered although it is accepted; its stage 0 keeps what comes later from being recorded.
+  ExpectRecorded(kChangedMode, 0);
   EXPECT_THAT(
       recorder.Lines(),
       ElementsAre(Of("GetUUIDParametersEx", 2, "Entry"),
@@ -372,11 +490,23 @@ TEST_F(GetUUIDParametersEx, AnotherApartmentIsAcceptedAndComIsLeftAllTheSame) {
                   Of("GetUUIDParametersEx", 2, "Success...")));
 }
 
+// What is accepted of one call is not accepted of the other.
 TEST_F(GetUUIDParametersEx, OtherFailuresToEnterComFailWithoutLeavingIt) {
-  machine.com.initializeResult = E_OUTOFMEMORY;
-  EXPECT_FALSE(fingerprint.GetUUIDParametersEx());
-  EXPECT_THAT(machine.server.Journal(), ElementsAre("CoInitializeEx"));
-  ExpectRecorded(E_OUTOFMEMORY, 0);
+  for (const HRESULT result : {E_OUTOFMEMORY, kTooLate}) {
+    machine.com.initializeResult = result;
+    fingerprint.LastError = {1, 1};
+    EXPECT_FALSE(fingerprint.GetUUIDParametersEx());
+    ExpectRecorded(result, 0);
+  }
+  EXPECT_THAT(machine.server.Journal(), ElementsAre("CoInitializeEx", "CoInitializeEx"));
+  EXPECT_THAT(
+      recorder.Lines(),
+      ElementsAre(Of("GetUUIDParametersEx", 2, "Entry"),
+                  DirectOf("GetUUIDParametersEx", 1, "CoInitializeEx failed\tError code:(%X).",
+                           "CoInitializeEx failed\tError code:(8007000E)."),
+                  Of("GetUUIDParametersEx", 2, "Entry"),
+                  DirectOf("GetUUIDParametersEx", 1, "CoInitializeEx failed\tError code:(%X).",
+                           "CoInitializeEx failed\tError code:(80010119).")));
 }
 
 TEST_F(GetUUIDParameters, ApartmentThatIsEnteredAlreadyIsFine) {
@@ -409,6 +539,8 @@ TEST_F(GetUUIDParametersEx, SecurityThatIsSetAlreadyIsTracedAndAccepted) {
   machine.SetEverything();
   machine.com.securityResult = kTooLate;
   EXPECT_TRUE(fingerprint.GetUUIDParametersEx());
+  // Offered although it is accepted; its stage 0 keeps what comes later from being recorded.
+  ExpectRecorded(kTooLate, 0);
   EXPECT_THAT(recorder.Lines(),
               ElementsAre(Of("GetUUIDParametersEx", 2, "Entry"),
                           DirectOf("GetUUIDParametersEx", 1,
@@ -422,8 +554,35 @@ TEST_F(GetUUIDParametersEx, SecurityThatIsSetAlreadyIsTracedAndAccepted) {
 TEST_F(GetUUIDParametersEx, OtherSecurityFailuresFailAfterLeavingCom) {
   machine.com.securityResult = E_ACCESSDENIED;
   EXPECT_FALSE(fingerprint.GetUUIDParametersEx());
+  ExpectRecorded(E_ACCESSDENIED, 0);
   EXPECT_THAT(machine.server.Journal(),
               ElementsAre("CoInitializeEx", "CoInitializeSecurity", "CoUninitialize"));
+  EXPECT_THAT(recorder.Lines(),
+              ElementsAre(Of("GetUUIDParametersEx", 2, "Entry"),
+                          DirectOf("GetUUIDParametersEx", 1,
+                                   "CoInitializeSecurity failed\tError code:(%X).",
+                                   "CoInitializeSecurity failed\tError code:(80070005).")));
+}
+
+TEST_F(GetUUIDParametersEx, OtherSecurityFailuresFailInAnotherApartmentToo) {
+  machine.SetEverything();
+  machine.com.initializeResult = kChangedMode;
+  for (const HRESULT result : {E_ACCESSDENIED, kChangedMode}) {
+    machine.com.securityResult = result;
+    EXPECT_FALSE(fingerprint.GetUUIDParametersEx());
+  }
+  EXPECT_STREQ(fingerprint.PrimaryHddSerial, "");
+  EXPECT_THAT(machine.server.Journal(),
+              ElementsAre("CoInitializeEx", "CoInitializeSecurity", "CoUninitialize",
+                          "CoInitializeEx", "CoInitializeSecurity", "CoUninitialize"));
+}
+
+TEST_F(GetUUIDParametersEx, AnotherApartmentAndSecurityThatIsSetAreAcceptedTogether) {
+  machine.SetEverything();
+  machine.com.initializeResult = kChangedMode;
+  machine.com.securityResult = kTooLate;
+  EXPECT_TRUE(fingerprint.GetUUIDParametersEx());
+  EXPECT_STREQ(fingerprint.PrimaryHddSerial, "WD-WCC4E1234567");
 }
 
 // With COM's own answer, on a thread that is in a single-threaded apartment.
@@ -610,6 +769,28 @@ TEST_F(GetZTUUID, CollectionThatRunsOutOfMemoryIsAFailureThatLeavesComAndRelease
                           Of("GetZTUUIDEx", 1, "GetUUIDParametersEx failed.")));
 }
 
+// A query's text needs memory of its own, whose lack is another exception than that of COM's texts.
+TEST_F(GetZTUUID, CollectionWithoutMemoryForAQueryIsAFailureThatLeavesComAndReleasesEverything) {
+  machine.SetEverything();
+  const NoMemoryFor noMemory(sizeof(L"Associators of {Win32_DiskDrive.DeviceID='"));
+  EXPECT_FALSE(fingerprint.GetZTUUID(out, 33));
+  EXPECT_EQ(machine.server.Journal().back(), "CoUninitialize");
+  EXPECT_THAT(machine.server.Problems(), IsEmpty());
+  EXPECT_FALSE(fingerprint.GetZTUUIDEx(out, 33));
+  EXPECT_EQ(machine.server.Journal().back(), "CoUninitialize");
+  EXPECT_THAT(machine.server.Journal(), Not(Contains("ExecQuery partitions")));
+  EXPECT_STREQ(out, "");
+  EXPECT_THAT(recorder.Lines(),
+              ElementsAre(Of("GetZTUUID", 2, "Entry"), Of("GetUUIDParameters", 2, "Entry"),
+                          DirectOf("GetUUIDParameters", 2, "UUID:(%s)",
+                                   "UUID:(4C4C4544-0035-3010-8048-B4C04F4B3732)"),
+                          Of("GetZTUUID", 1, "GetUUIDParameters failed."),
+                          Of("GetZTUUIDEx", 2, "Entry"), Of("GetUUIDParametersEx", 2, "Entry"),
+                          DirectOf("GetUUIDParametersEx", 2, "UUID:(%s)",
+                                   "UUID:(4C4C4544-0035-3010-8048-B4C04F4B3732)"),
+                          Of("GetZTUUIDEx", 1, "GetUUIDParametersEx failed.")));
+}
+
 TEST_F(GetZTUUID, UuidThatIsNotGuidShapedYieldsAnIdentifierFromDiskAndAddressesOnly) {
   machine.SetEverything();
   machine.server.Query("products").objects[0].properties[L"UUID"] =
@@ -680,11 +861,25 @@ TEST_F(GetZTUUID, CombinedTextThatDoesNotFitIsTracedAndStage0) {
         }
         return format.CallOriginal(text, size, pattern, arguments);
       });
+  // The addresses are traced behind the composition, so not at all here.
   EXPECT_FALSE(fingerprint.GetZTUUID(out, 33));
-  EXPECT_EQ(
-      recorder.Lines().back(),
-      DirectOf("GetZTUUID", 1, "StringCchPrintfA failed for Combined ZT UUID\tError code:(%X).",
-               "StringCchPrintfA failed for Combined ZT UUID\tError code:(8007007A)."));
+  EXPECT_THAT(
+      recorder.LinesOf("CZTUUID::GetZTUUID"),
+      ElementsAre(
+          Of("GetZTUUID", 2, "Entry"),
+          DirectOf("GetZTUUID", 1, "StringCchPrintfA failed for Combined ZT UUID\tError code:(%X).",
+                   "StringCchPrintfA failed for Combined ZT UUID\tError code:(8007007A).")));
+  ExpectRecorded(kCut, 0);
+
+  fingerprint.LastError = {1, 1};
+  EXPECT_FALSE(fingerprint.GetZTUUIDEx(out, 33));
+  EXPECT_THAT(
+      recorder.LinesOf("CZTUUID::GetZTUUIDEx"),
+      ElementsAre(
+          Of("GetZTUUIDEx", 2, "Entry"),
+          DirectOf("GetZTUUIDEx", 1,
+                   "StringCchPrintfA failed for Combined ZT UUID\tError code:(%X).",
+                   "StringCchPrintfA failed for Combined ZT UUID\tError code:(8007007A).")));
   ExpectRecorded(kCut, 0);
 }
 

@@ -17,6 +17,8 @@ using ::testing::IsEmpty;
 
 namespace {
 
+using std::string_literals::operator""s;
+
 constexpr char kSource[] = "identity/ztuuid.cpp";
 constexpr HRESULT kCut = static_cast<HRESULT>(0x8007007A);
 
@@ -127,6 +129,13 @@ TEST_F(ProcessMACAddresses, FiveSeparatorsOfOneKindDecideWhateverElseThereIs) {
   EXPECT_THAT(fingerprint.MacAddressList, ElementsAre("00-1a-2b-3c-4d-5e:", "00-1a-2b-3c-4d-5e-"));
 }
 
+TEST_F(ProcessMACAddresses, FiveHyphensDecideBeforeFiveColons) {
+  fingerprint.MacAddressList = {"00-1a-2b-3c-4d-5e:6f:70:81:92:a3", "::-:-:-:--"};
+  EXPECT_TRUE(fingerprint.ProcessMACAddresses());
+  EXPECT_THAT(fingerprint.MacAddressList,
+              ElementsAre("00-1a-2b-3c-4d-5e:6f:70:81:92:a3", "::-:-:-:--"));
+}
+
 TEST_F(ProcessMACAddresses, EmptyListIsSuccess) {
   EXPECT_TRUE(fingerprint.ProcessMACAddresses());
   ExpectRecorded(1, 1);
@@ -193,11 +202,27 @@ TEST_F(SortMacAddress, EqualAddressesStay) {
   EXPECT_STREQ(fingerprint.MacAddress2, "001a2b3c4d5e");
 }
 
-TEST_F(SortMacAddress, CharactersAreComparedAsSigned) {
-  fingerprint.MacAddressList = {"A", "\xE9"};
+TEST_F(SortMacAddress, CharactersAreComparedAsSignedInEitherOrder) {
+  for (const std::list<std::string>& list :
+       {std::list<std::string>{"A", "\xE9"}, std::list<std::string>{"\xE9", "A"}}) {
+    fingerprint.MacAddressList = list;
+    EXPECT_TRUE(fingerprint.SortMacAddress());
+    EXPECT_STREQ(fingerprint.MacAddress1, "\xE9") << "first in the list: " << list.front();
+    EXPECT_STREQ(fingerprint.MacAddress2, "A");
+  }
+}
+
+TEST_F(SortMacAddress, WholeFieldsAreExchanged) {
+  std::fill_n(fingerprint.MacAddress1, sizeof(fingerprint.MacAddress1), '1');
+  std::fill_n(fingerprint.MacAddress2, sizeof(fingerprint.MacAddress2), '2');
+  fingerprint.MacAddressList = {"00000000000b", "00000000000a"};
   EXPECT_TRUE(fingerprint.SortMacAddress());
-  EXPECT_STREQ(fingerprint.MacAddress1, "\xE9");
-  EXPECT_STREQ(fingerprint.MacAddress2, "A");
+  EXPECT_EQ(std::string(fingerprint.MacAddress1, 18),
+            "00000000000a\0"
+            "22222"s);
+  EXPECT_EQ(std::string(fingerprint.MacAddress2, 18),
+            "00000000000b\0"
+            "11111"s);
 }
 
 TEST_F(SortMacAddress, UpperCaseSortsBeforeLowerCase) {
@@ -266,6 +291,7 @@ TEST_F(ValidateUUID, TextThatDoesNotFitBetweenTheBracesIsStage0) {
 
 TEST_F(ValidateUUID, FailedConversionIsAFailure) {
   SetBiosUuid("4C4C4544-0035-3010-8048-B4C04F4B3732");
+  SetLastError(ERROR_INVALID_FLAGS);
   int measured = 0;
   int converted = 0;
   const CallPatch<struct ConvertTag, int WINAPI(UINT, DWORD, LPCCH, int, LPWSTR, int)> convert(
@@ -276,6 +302,8 @@ TEST_F(ValidateUUID, FailedConversionIsAFailure) {
         EXPECT_EQ(length, -1);
         EXPECT_EQ(size, wide == nullptr ? 0 : 39);
         const int result = convert.CallOriginal(codePage, flags, text, length, wide, size);
+        // What the thread's last error was before must not decide.
+        SetLastError(ERROR_NO_UNICODE_TRANSLATION);
         return wide == nullptr ? measured : result != 0 ? converted : 0;
       });
   for (const auto& [measure, conversion, isValid] :
