@@ -3,6 +3,7 @@
 # build/mingw-release/bin, byte by byte.
 set -euo pipefail
 cd "$(dirname "$0")/.."
+. cmake/environment.sh
 
 cmake --preset mingw-release >/dev/null
 cmake --build --preset mingw-release --target installation | { grep -v '^\[' || true; }
@@ -10,7 +11,7 @@ cmake --build --preset mingw-release --target installation | { grep -v '^\[' || 
 copy=build/second-build
 rm -rf "$copy"
 mkdir -p "$copy/sources"
-git ls-files -z | xargs -0 cp --parents -t "$copy/sources"
+tar -c --exclude='./build*' --exclude=./.git . | tar -x -C "$copy/sources"
 (
   cd "$copy/sources"
   cmake --preset mingw-release -DBUILD_TESTING=OFF >/dev/null

@@ -3,6 +3,7 @@
 # the target that the product is built for. Needs a configured build/mingw-release.
 set -eu
 cd "$(dirname "$0")/.."
+. cmake/environment.sh
 
 # Other versions find and format otherwise; the sources are kept clean with this one.
 version=14
@@ -15,11 +16,11 @@ rooms=(app service agent identity support companions samples tools)
 if [ $# -gt 0 ]; then
   sources=("$@")
 else
-  mapfile -t sources < <(git ls-files "${rooms[@]/%/\/*.cpp}")
+  mapfile -t sources < <(find "${rooms[@]}" -name '*.cpp' | sort)
 fi
 
 echo "-- clang-format"
-git ls-files '*.cpp' '*.h' | xargs -r clang-format --dry-run -Werror
+find "${rooms[@]}" tests bench -name '*.cpp' -o -name '*.h' | xargs clang-format --dry-run -Werror
 
 target_options=(-std=c++20 -I. -DWIN32_LEAN_AND_MEAN -DNOMINMAX -D_WIN32_WINNT=0x0A00
   -DSTRSAFE_NO_DEPRECATE -DVORL_MAJOR_VERSION=\"1\" -DVORL_VERSION=\"1\")

@@ -20,7 +20,7 @@ install_packages() {
 }
 
 build_packages=(cmake ninja-build g++-mingw-w64-x86-64-posix wine64 googletest)
-lint_packages=(git clang-format clang-tidy cppcheck)
+lint_packages=(clang-format clang-tidy cppcheck)
 
 # step TEXT: says what happens next.
 step() {

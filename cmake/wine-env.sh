@@ -1,6 +1,7 @@
 # Read by the scripts beside it: finds Wine and sets the environment for every run under it.
 # WINEPREFIX may be set by the caller; the default lies in the build folder.
 
+. "$(dirname "$0")/environment.sh"
 for folder in /usr/lib/wine /usr/bin; do
   [ -x "$folder/wine64" ] && WINE_LOADER=$folder/wine64 && break
 done
@@ -10,6 +11,11 @@ if [ -z "${WINE_LOADER:-}" ]; then
     exit 1
   }
 fi
+# Windows' page of shared data has its place in every process. Where the kernel lays a heap over it,
+# about once in several thousand starts, Wine ends with status 1 (or its CreateProcess with error
+# 1359), so addresses are not drawn by lot where that may be chosen; some containers forbid it.
+WINE_LAUNCHER="setarch $(uname -m) --addr-no-randomize"
+$WINE_LAUNCHER true 2>/dev/null || WINE_LAUNCHER=
 for server in /usr/lib/wine/wineserver64 /usr/lib/wine/wineserver /usr/bin/wineserver; do
   [ -x "$server" ] && WINE_SERVER=$server && break
 done
@@ -19,4 +25,4 @@ WINEARCH=win64
 WINEDEBUG=${WINEDEBUG:--all}
 # Without winedbg.exe switched off, most crashed programs end with status 0.
 WINEDLLOVERRIDES="mscoree,mshtml,winedbg.exe="
-export WINEPREFIX WINEARCH WINEDEBUG WINEDLLOVERRIDES WINE_LOADER WINE_SERVER
+export WINEPREFIX WINEARCH WINEDEBUG WINEDLLOVERRIDES

@@ -12,14 +12,14 @@ case "${1:-}" in
     flock 9
     if [ ! -d "$WINEPREFIX/drive_c/windows" ]; then
       echo "Making a Wine prefix in $WINEPREFIX" >&2
-      "$WINE_LOADER" wineboot -i </dev/null >/dev/null 2>&1 9>&-
+      $WINE_LAUNCHER "$WINE_LOADER" wineboot -i </dev/null >/dev/null 2>&1 9>&-
       # wineboot leaves two service managers that answer by turns; the next start has one.
       "$WINE_SERVER" -k 9>&- || true
       "$WINE_SERVER" -w 9>&- || true
     fi
     # Returns 2 when one runs already. Nothing that it inherits may be somebody's pipe.
     "$WINE_SERVER" -p </dev/null >/dev/null 2>&1 9>&- || true
-    "$WINE_LOADER" cmd /c exit </dev/null >/dev/null 2>&1 9>&-
+    $WINE_LAUNCHER "$WINE_LOADER" cmd /c exit </dev/null >/dev/null 2>&1 9>&-
     ;;
   stop)
     "$WINE_SERVER" -k || true
