@@ -1,11 +1,20 @@
 # The kinds of binary that the product is made of.
 
-# vorl_version_resource(TARGET DESCRIPTION): a version resource fed from the project's version.
+# vorl_version_resource(TARGET DESCRIPTION): a version resource fed from the project's version and
+# company; a program also gets the manifest that all programs share.
 function(vorl_version_resource target description)
   get_target_property(type ${target} TYPE)
   if(type STREQUAL "EXECUTABLE")
     set(VORL_FILE_TYPE VFT_APP)
     set(VORL_FILE_NAME "${target}.exe")
+    if(MSVC)
+      target_sources(${target} PRIVATE "${PROJECT_SOURCE_DIR}/cmake/program.manifest")
+    else()
+      set(manifest "${PROJECT_SOURCE_DIR}/cmake/program_manifest.rc")
+      set_source_files_properties("${manifest}" PROPERTIES OBJECT_DEPENDS
+                                                "${PROJECT_SOURCE_DIR}/cmake/program.manifest")
+      target_sources(${target} PRIVATE "${manifest}")
+    endif()
   else()
     set(VORL_FILE_TYPE VFT_DLL)
     set(VORL_FILE_NAME "${target}.dll")

@@ -16,6 +16,8 @@
 namespace fs = std::filesystem;
 using ::testing::Each;
 using ::testing::ElementsAre;
+using ::testing::HasSubstr;
+using ::testing::Not;
 using ::testing::StartsWith;
 
 namespace {
@@ -117,20 +119,27 @@ TEST_P(StagedBinary, NeedsNothingBesideWindowsAndTheThreeLibraries) {
   }
 }
 
-TEST_P(StagedBinary, HasTheProductsVersion) {
+TEST_P(StagedBinary, SaysWhatItIsAndWhoMadeIt) {
   DWORD ignored = 0;
   const DWORD size = GetFileVersionInfoSizeW(path.c_str(), &ignored);
   ASSERT_NE(size, 0U);
   std::vector<BYTE> info(size);
   ASSERT_TRUE(GetFileVersionInfoW(path.c_str(), 0, size, info.data()));
-  const char* text = nullptr;
-  UINT length = 0;
-  ASSERT_TRUE(VerQueryValueA(info.data(), R"(\StringFileInfo\040904b0\ProductVersion)",
-                             reinterpret_cast<void**>(const_cast<char**>(&text)), &length));
-  EXPECT_STREQ(text, VORL_PROJECT_VERSION);
-  ASSERT_TRUE(VerQueryValueA(info.data(), R"(\StringFileInfo\040904b0\OriginalFilename)",
-                             reinterpret_cast<void**>(const_cast<char**>(&text)), &length));
-  EXPECT_EQ(text, GetParam());
+  const auto text = [&](const std::string& name) {
+    void* value = nullptr;
+    UINT length = 0;
+    return VerQueryValueA(info.data(), (R"(\StringFileInfo\040904b0\)" + name).c_str(), &value,
+                          &length)
+               ? std::string(static_cast<const char*>(value))
+               : "(absent)";
+  };
+  EXPECT_EQ(text("CompanyName"), VORL_COMPANY);
+  EXPECT_EQ(text("FileVersion"), VORL_PROJECT_VERSION);
+  EXPECT_EQ(text("InternalName"), GetParam());
+  EXPECT_EQ(text("LegalCopyright"), "Copyright (c) " VORL_COMPANY);
+  EXPECT_EQ(text("OriginalFilename"), GetParam());
+  EXPECT_EQ(text("ProductName"), "Client Agent");
+  EXPECT_EQ(text("ProductVersion"), VORL_PROJECT_VERSION);
 }
 
 std::string WithoutExtension(const ::testing::TestParamInfo<std::string>& info) {
@@ -152,15 +161,39 @@ TEST(Program, IsAConsoleProgram) {
             IMAGE_SUBSYSTEM_WINDOWS_CUI);
 }
 
-TEST(Program, AsksForNoRightsOfItsOwn) {
-  const Module program(
-      LoadLibraryExW((StagedFolder() / "vorlsrvc.exe").c_str(), nullptr, LOAD_LIBRARY_AS_DATAFILE));
-  const HRSRC resource = FindResourceW(program.Get(), MAKEINTRESOURCEW(1), MAKEINTRESOURCEW(24));
-  ASSERT_NE(resource, nullptr);
-  const auto* const text =
-      static_cast<const char*>(LockResource(LoadResource(program.Get(), resource)));
-  EXPECT_THAT(std::string(text, SizeofResource(program.Get(), resource)),
-              ::testing::HasSubstr("asInvoker"));
+class StagedProgram : public ::testing::TestWithParam<std::string> {
+ protected:
+  // The manifest that Windows reads when it starts the program.
+  std::string Manifest() const {
+    const Module program(
+        LoadLibraryExW((StagedFolder() / GetParam()).c_str(), nullptr, LOAD_LIBRARY_AS_DATAFILE));
+    const HRSRC resource = FindResourceW(program.Get(), MAKEINTRESOURCEW(1), MAKEINTRESOURCEW(24));
+    if (resource == nullptr) {
+      return {};
+    }
+    const void* const text = LockResource(LoadResource(program.Get(), resource));
+    return {static_cast<const char*>(text), SizeofResource(program.Get(), resource)};
+  }
+};
+
+TEST_P(StagedProgram, AsksForNoRightsOfItsOwn) { EXPECT_THAT(Manifest(), HasSubstr("asInvoker")); }
+
+TEST_P(StagedProgram, IsMadeForWindows7To11) {
+  for (const char* system :
+       {"35138b9a-5d96-4fbd-8e2d-a2440225f93a", "4a2f28e3-53b9-4441-ba9c-d69d4a4a6e38",
+        "1f676c76-80e1-4239-95bb-83d0f6d0da78", "8e0f7a12-bfb3-4fe8-b9a5-48fd50a15a9a"}) {
+    EXPECT_THAT(Manifest(), HasSubstr(system));
+  }
 }
+
+// Files, names and the trace go through the machine's own code page.
+TEST_P(StagedProgram, KeepsTheMachinesCodePage) {
+  ASSERT_THAT(Manifest(), HasSubstr("assembly"));
+  EXPECT_THAT(Manifest(), Not(HasSubstr("activeCodePage")));
+}
+
+INSTANTIATE_TEST_SUITE_P(Staged, StagedProgram,
+                         ::testing::Values("vorlsrvc.exe", "vorldiag.exe", "vorlhelper.exe"),
+                         WithoutExtension);
 
 }  // namespace
