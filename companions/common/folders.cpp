@@ -4,7 +4,7 @@
 #include <iterator>
 
 // The linker's name for the beginning of the library.
-extern "C" const IMAGE_DOS_HEADER __ImageBase;  // NOLINT(bugprone-reserved-identifier)
+extern "C" const IMAGE_DOS_HEADER __ImageBase;  // NOLINT
 
 namespace {
 

@@ -10,9 +10,9 @@
 extern "C" {
 
 // The compiler calls them by these names.
-extern std::uintptr_t __stack_chk_guard;  // NOLINT(bugprone-reserved-identifier)
-[[noreturn]] void __stack_chk_fail();     // NOLINT(bugprone-reserved-identifier)
-[[noreturn]] void __chk_fail();           // NOLINT(bugprone-reserved-identifier)
+extern std::uintptr_t __stack_chk_guard;  // NOLINT
+[[noreturn]] void __stack_chk_fail();     // NOLINT
+[[noreturn]] void __chk_fail();           // NOLINT
 
 BOOL WINAPI DllMain(HINSTANCE module, DWORD reason, void* reserved);
 BOOL WINAPI LibraryStart(HINSTANCE module, DWORD reason, void* reserved);
