@@ -55,3 +55,20 @@ endfunction()
 function(vorl_stage target)
   set_target_properties(${target} PROPERTIES RUNTIME_OUTPUT_DIRECTORY "${PROJECT_BINARY_DIR}/bin")
 endfunction()
+
+# vorl_message_table(TARGET FILE): the texts of events, compiled from the message file FILE.
+function(vorl_message_table target file)
+  find_program(VORL_MESSAGE_COMPILER NAMES x86_64-w64-mingw32-windmc mc REQUIRED)
+  set(folder "${CMAKE_CURRENT_BINARY_DIR}/${target}_messages")
+  file(MAKE_DIRECTORY "${folder}")
+  get_filename_component(name "${file}" NAME_WE)
+  add_custom_command(
+    OUTPUT "${folder}/${name}.rc" "${folder}/MSG00409.bin"
+    COMMAND "${VORL_MESSAGE_COMPILER}" -h "${folder}" -r "${folder}"
+            "${CMAKE_CURRENT_SOURCE_DIR}/${file}"
+    DEPENDS "${CMAKE_CURRENT_SOURCE_DIR}/${file}"
+    VERBATIM)
+  target_sources(${target} PRIVATE "${folder}/${name}.rc")
+  set_source_files_properties("${folder}/${name}.rc" PROPERTIES INCLUDE_DIRECTORIES "${folder}"
+                                                     OBJECT_DEPENDS "${folder}/MSG00409.bin")
+endfunction()

@@ -196,4 +196,18 @@ INSTANTIATE_TEST_SUITE_P(Staged, StagedProgram,
                          ::testing::Values("vorlsrvc.exe", "vorldiag.exe", "vorlhelper.exe"),
                          WithoutExtension);
 
+// The event-log source names the program as the file with the texts of its events.
+TEST(Program, HasTextsForItsEvents) {
+  const Module program(
+      LoadLibraryExW((StagedFolder() / "vorlsrvc.exe").c_str(), nullptr, LOAD_LIBRARY_AS_DATAFILE));
+  for (const DWORD event : {0x40000001U, 0x80000002U, 0xC0000003U}) {
+    wchar_t text[100] = {};
+    std::wstring value = L"what the module says";
+    DWORD_PTR values[] = {reinterpret_cast<DWORD_PTR>(value.c_str())};
+    FormatMessageW(FORMAT_MESSAGE_FROM_HMODULE | FORMAT_MESSAGE_ARGUMENT_ARRAY, program.Get(),
+                   event, 0x409, text, 100, reinterpret_cast<va_list*>(values));
+    EXPECT_EQ(std::wstring(text), value + L"\r\n") << std::hex << event;
+  }
+}
+
 }  // namespace
