@@ -130,13 +130,13 @@ LockResult TakeLock(SharedLockState& lock, std::uint64_t ownName, std::uint32_t 
       const Life life = LifeOf(holder);
       // The system can report the end of a thread a moment before its last instruction.
       const bool isGone = life == Life::kGone && ++sightings >= kSightingsOfTheDead;
-      // A stranger that bears the identifier of a dead holder must not keep the lock for ever.
-      const bool isStranger = life == Life::kUnknown && isPatienceOver;
-      if ((isGone || isStranger) &&
+      if (isGone &&
           lock.holder.compare_exchange_strong(holder, ownName, std::memory_order_acquire)) {
         return LockResult::kTakenFromTheDead;
       }
-      if (life == Life::kLives && isPatienceOver) {
+      // One that may not be looked at, as by a thread that acts for another user, may well live:
+      // two holders would do more harm than lines that are lost, and counted.
+      if (life != Life::kGone && isPatienceOver) {
         return LockResult::kNotTaken;
       }
     }

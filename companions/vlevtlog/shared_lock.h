@@ -32,8 +32,7 @@ class ThreadNames {
 };
 
 // Waits while the holder makes progress; gives up when nothing has moved for `patience`
-// milliseconds. Of a holder that this process may not look at, standing still for so long is taken
-// for its end.
+// milliseconds. A holder that this thread may not look at counts as living.
 LockResult TakeLock(SharedLockState& lock, std::uint64_t ownName, std::uint32_t patience) noexcept;
 
 void ReleaseLock(SharedLockState& lock, std::uint64_t ownName) noexcept;

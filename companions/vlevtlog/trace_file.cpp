@@ -9,6 +9,7 @@ constexpr DWORD kShareAll = FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELE
 constexpr std::int64_t kTornLimit = std::int64_t{512} * 1024;
 constexpr ULONGLONG kRetryMilliseconds = 1000;
 constexpr ULONGLONG kAttachRetryMilliseconds = 100;
+constexpr int kLongestAttachMilliseconds = 500;
 
 bool ReadAt(HANDLE file, std::int64_t offset, char* bytes, DWORD count) noexcept {
   LARGE_INTEGER position;
@@ -117,7 +118,13 @@ DWORD TraceFile::Attach() noexcept {
   if (now < m_nextAttach.load(std::memory_order_acquire)) {
     return m_attachError.load(std::memory_order_relaxed);
   }
-  AcquireSRWLockExclusive(&m_attachLock);
+  // Its holder may have been ended, as all other threads are at the end of a process.
+  for (int wait = 0; !TryAcquireSRWLockExclusive(&m_attachLock); ++wait) {
+    if (wait == kLongestAttachMilliseconds) {
+      return ERROR_TIMEOUT;
+    }
+    Sleep(1);
+  }
   DWORD error = ERROR_SUCCESS;
   if (m_state.load(std::memory_order_relaxed) == nullptr) {
     error = MakeTraceFolder(m_folder);

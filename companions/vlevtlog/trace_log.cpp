@@ -6,13 +6,13 @@
 #include "companions/vlevtlog/last_error.h"
 #include "companions/vlevtlog/line_text.h"
 #include "companions/vlevtlog/message_format.h"
-#include "companions/vlevtlog/owned_handle.h"
 #include "support/vlevtlog.h"
 
 namespace {
 
 constexpr char kOwnModuleName[] = "vlevtlog.dll";
 constexpr ULONGLONG kLookMilliseconds = 2000;
+constexpr int kLongestWaitMilliseconds = 500;
 // Differs from every file's time of change.
 constexpr std::uint64_t kNeverSeen = static_cast<std::uint64_t>(-1);
 
@@ -21,32 +21,19 @@ struct ReleaseExclusive {
 };
 using ExclusiveLock = std::unique_ptr<SRWLOCK, ReleaseExclusive>;
 
-ExclusiveLock Take(SRWLOCK& lock) noexcept {
-  AcquireSRWLockExclusive(&lock);
-  return ExclusiveLock(&lock);
-}
-
 ExclusiveLock TryToTake(SRWLOCK& lock) noexcept {
   return ExclusiveLock(TryAcquireSRWLockExclusive(&lock) ? &lock : nullptr);
 }
 
-// The folder in which this library lies; empty when its path is too long.
-void FindOwnFolder(wchar_t (&folder)[MAX_PATH]) noexcept {
-  folder[0] = 0;
-  HMODULE self = nullptr;
-  wchar_t path[MAX_PATH] = {};
-  if (!GetModuleHandleExW(
-          GET_MODULE_HANDLE_EX_FLAG_FROM_ADDRESS | GET_MODULE_HANDLE_EX_FLAG_UNCHANGED_REFCOUNT,
-          reinterpret_cast<const wchar_t*>(&FindOwnFolder), &self)) {
-    return;
+// Null when the lock does not become free: its holder may have been ended, as all other threads are
+// at the end of a process.
+ExclusiveLock TakeSoon(SRWLOCK& lock) noexcept {
+  ExclusiveLock taken = TryToTake(lock);
+  for (int wait = 0; taken == nullptr && wait < kLongestWaitMilliseconds; ++wait) {
+    Sleep(1);
+    taken = TryToTake(lock);
   }
-  const DWORD length = GetModuleFileNameW(self, path, MAX_PATH);
-  wchar_t* const lastSeparator = length < MAX_PATH ? wcsrchr(path, L'\\') : nullptr;
-  if (lastSeparator != nullptr) {
-    *lastSeparator = 0;
-    // Shorter than the path that it was.
-    static_cast<void>(StringCchCopyW(folder, MAX_PATH, path));
-  }
+  return taken;
 }
 
 bool JoinPath(wchar_t (&path)[MAX_PATH], const wchar_t* folder, const wchar_t* name) noexcept {
@@ -55,15 +42,6 @@ bool JoinPath(wchar_t (&path)[MAX_PATH], const wchar_t* folder, const wchar_t* n
   }
   path[0] = 0;
   return false;
-}
-
-// Null when the file cannot be read, such as while somebody keeps it for himself.
-OwnedHandle OpenForReading(const wchar_t* path) noexcept {
-  const HANDLE file =
-      CreateFileW(path, GENERIC_READ, FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE,
-                  nullptr, OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL, nullptr);
-  // cppcheck-suppress resourceLeak ; the result owns it
-  return OwnedHandle(file != INVALID_HANDLE_VALUE ? file : nullptr);
 }
 
 const char* Describe(TraceFileResult::Step step) noexcept {
@@ -112,7 +90,10 @@ bool TraceLog::SetConfigurationFile(const wchar_t* path) noexcept {
   }
   TraceOptionProblems problems;
   {
-    const ExclusiveLock lock = Take(m_configurationLock);
+    const ExclusiveLock lock = TakeSoon(m_configurationLock);
+    if (lock == nullptr) {
+      return false;
+    }
     Start();
     // It fits.
     static_cast<void>(StringCchCopyW(m_configurationFile, MAX_PATH, path));
@@ -125,7 +106,7 @@ bool TraceLog::SetConfigurationFile(const wchar_t* path) noexcept {
 }
 
 bool TraceLog::SetFolder(const wchar_t* folder) noexcept {
-  const ExclusiveLock lock = Take(m_configurationLock);
+  const ExclusiveLock lock = TakeSoon(m_configurationLock);
   m_isStarted = true;
   m_seenChange = kNeverSeen;
   const bool hasLogs = JoinPath(m_logsFolder, folder, L"logs");
@@ -141,7 +122,8 @@ void TraceLog::LookAtConfiguration() noexcept {
     // The first lines wait until the options are known. Later nobody waits for a thread that looks
     // already, or that was ended while it did.
     const bool isFirst = m_nextLook.load(std::memory_order_relaxed) == 0;
-    const ExclusiveLock lock = isFirst ? Take(m_configurationLock) : TryToTake(m_configurationLock);
+    const ExclusiveLock lock =
+        isFirst ? TakeSoon(m_configurationLock) : TryToTake(m_configurationLock);
     const ULONGLONG now = GetTickCount64();
     if (lock == nullptr || now < m_nextLook.load(std::memory_order_relaxed)) {
       return;
@@ -160,11 +142,14 @@ void TraceLog::Start() noexcept {
   }
   m_isStarted = true;
   m_seenChange = kNeverSeen;
-  wchar_t folder[MAX_PATH];
-  FindOwnFolder(folder);
-  // Where a path is too long there is no trace, and no configuration for it.
-  static_cast<void>(JoinPath(m_logsFolder, folder, L"logs"));
-  static_cast<void>(JoinPath(m_configurationFile, folder, L"conf\\vorlconf.ini"));
+  // Where a path is too long there is no trace.
+  static_cast<void>(JoinPath(m_logsFolder, m_ownFolder.path, L"logs"));
+  Folder folder = {};
+  FolderFailure unusable;
+  // The support library says why a folder cannot be used; without one nothing is known of options.
+  if (FindConfigFolder(folder, unusable, &m_ownFolder)) {
+    static_cast<void>(JoinPath(m_configurationFile, folder.path, L"vorlconf.ini"));
+  }
   m_file.SetFolder(m_logsFolder);
 }
 
@@ -174,8 +159,10 @@ void TraceLog::TakeOptions(TraceOptionProblems& problems) noexcept {
   const bool isFirst = m_seenChange == kNeverSeen;
   std::uint64_t change = 0;
   std::uint64_t size = 0;
-  OwnedHandle file;
   WIN32_FILE_ATTRIBUTE_DATA data;
+  if (m_configurationFile[0] == 0) {
+    return;
+  }
   if (GetFileAttributesExW(m_configurationFile, GetFileExInfoStandard, &data)) {
     change = (std::uint64_t{data.ftLastWriteTime.dwHighDateTime} << 32) |
              data.ftLastWriteTime.dwLowDateTime;
@@ -183,17 +170,15 @@ void TraceLog::TakeOptions(TraceOptionProblems& problems) noexcept {
     if (change == m_seenChange && size == m_seenSize) {
       return;
     }
-    // Held open while it is read: whoever is shut out reads no values and no error.
-    file = OpenForReading(m_configurationFile);
-    if (file == nullptr) {
-      return;
-    }
   } else if (!isFirst) {
+    return;
+  }
+  TraceOptions options;
+  if (!ReadTraceOptions(m_configurationFile, options, problems)) {
     return;
   }
   m_seenChange = change;
   m_seenSize = size;
-  const TraceOptions options = ReadTraceOptions(m_configurationFile, problems);
   m_levels.store(options.levels, std::memory_order_relaxed);
   m_format.store(options.format, std::memory_order_relaxed);
   m_fileSize.store(options.fileSizeKb * kBytesPerKb, std::memory_order_relaxed);

@@ -5,6 +5,7 @@
 #include <cstdarg>
 #include <cstdint>
 
+#include "companions/common/folders.h"
 #include "companions/vlevtlog/line_layout.h"
 #include "companions/vlevtlog/local_clock.h"
 #include "companions/vlevtlog/trace_file.h"
@@ -43,6 +44,13 @@ class TraceLog {
   // line only; false when the path is too long.
   bool SetFolder(const wchar_t* folder) noexcept;
 
+  // For loading the library, under the loader's lock: the only time at which the loader is asked.
+  void LearnOwnFolder() noexcept {
+    FolderFailure unusable;
+    // Where the path is too long there is no trace, and no configuration for it.
+    static_cast<void>(FindOwnFolder(m_ownFolder, unusable));
+  }
+
   // For unloading the library.
   void Close() noexcept { m_file.Close(); }
 
@@ -63,11 +71,13 @@ class TraceLog {
   std::atomic<ULONGLONG> m_nextLook{0};  // tick count
   std::atomic<std::uint32_t> m_levels{kAllLevelBits};
   std::atomic<TraceFormat> m_format{TraceFormat::kText};
-  std::atomic<std::uint64_t> m_fileSize{TraceOptions{}.fileSizeKb * kBytesPerKb};
-  std::atomic<std::uint32_t> m_files{TraceOptions{}.files};
+  // Nothing is rotated, and nothing deleted, before a configuration was read whole.
+  std::atomic<std::uint64_t> m_fileSize{static_cast<std::uint64_t>(-1)};
+  std::atomic<std::uint32_t> m_files{static_cast<std::uint32_t>(-1)};
 
   // Guards what follows.
   SRWLOCK m_configurationLock = SRWLOCK_INIT;
+  Folder m_ownFolder = {};
   bool m_isStarted = false;
   std::uint64_t m_seenChange = 0;
   std::uint64_t m_seenSize = 0;

@@ -3,6 +3,7 @@
 #include <cwchar>
 #include <iterator>
 
+#include "companions/common/ini_file.h"
 #include "support/vlevtlog.h"
 #include "support/windows_api.h"
 
@@ -94,10 +95,10 @@ void CutComment(wchar_t* value) noexcept {
 
 // Hands the key's value to `parse` when there is one.
 template <typename Parse>
-void ReadKey(const wchar_t* file, const wchar_t* key, TraceOptionProblems& problems,
+void ReadKey(const IniFile& file, const wchar_t* key, TraceOptionProblems& problems,
              Parse parse) noexcept {
   wchar_t value[kValueSize];
-  GetPrivateProfileStringW(kSection, key, L"", value, kValueSize, file);
+  file.Value(kSection, key, value, kValueSize);
   CutComment(value);
   if (value[0] != 0 && !parse(value)) {
     TraceOptionProblem& problem = problems.list[problems.count++];
@@ -120,17 +121,24 @@ std::uint32_t LevelBitOf(int level) noexcept {
   }
 }
 
-TraceOptions ReadTraceOptions(const wchar_t* file, TraceOptionProblems& problems) noexcept {
+bool ReadTraceOptions(const wchar_t* file, TraceOptions& result,
+                      TraceOptionProblems& problems) noexcept {
+  IniFile ini;
+  const IniRead outcome = ini.Read(file);
+  if (outcome != IniRead::kDone && outcome != IniRead::kMissing) {
+    return false;
+  }
   TraceOptions options;
-  ReadKey(file, L"Levels", problems,
+  ReadKey(ini, L"Levels", problems,
           [&](wchar_t* value) { return ParseLevels(value, options.levels); });
-  ReadKey(file, L"Format", problems,
+  ReadKey(ini, L"Format", problems,
           [&](wchar_t* value) { return ParseFormat(value, options.format); });
-  ReadKey(file, L"FileSizeKB", problems, [&](wchar_t* value) {
+  ReadKey(ini, L"FileSizeKB", problems, [&](wchar_t* value) {
     return ParseNumber(value, kSmallestFileSizeKb, kLargestFileSizeKb, options.fileSizeKb);
   });
-  ReadKey(file, L"Files", problems, [&](wchar_t* value) {
+  ReadKey(ini, L"Files", problems, [&](wchar_t* value) {
     return ParseNumber(value, kFewestFiles, kMostFiles, options.files);
   });
-  return options;
+  result = options;
+  return true;
 }

@@ -36,9 +36,11 @@ struct TraceOptionProblems {
   std::size_t count = 0;
 };
 
-// What the file says. A missing file, section or key means the default.
+// What the file says, read whole in one state. A missing file, section or key means the default.
+// False, with nothing changed, when there is a file and it cannot be read now.
 //   Levels=ERROR,INFO,VERBOSE   any of them; or ALL, NONE
 //   Format=TEXT                 or CMTRACE
 //   FileSizeKB=5120             4 to 1048576
 //   Files=10                    2 to 1000
-TraceOptions ReadTraceOptions(const wchar_t* file, TraceOptionProblems& problems) noexcept;
+bool ReadTraceOptions(const wchar_t* file, TraceOptions& options,
+                      TraceOptionProblems& problems) noexcept;

@@ -45,10 +45,13 @@ extern "C" BOOLEAN ApplyTraceOptions(const wchar_t* configurationFile) {
 
 extern "C" BOOL WINAPI DllMain(HINSTANCE module, DWORD reason, void* reserved);
 
-// Nothing on the way in. On the way out only what a library may do there, and only when it is
-// unloaded: at the end of a process the system does it.
+// On the way in only the library's own path, which later would mean asking the loader. On the way
+// out only what a library may do there, and only when it is unloaded: at the end of a process the
+// system does it.
 extern "C" BOOL WINAPI DllMain(HINSTANCE, DWORD reason, void* reserved) {
-  if (reason == DLL_PROCESS_DETACH && reserved == nullptr) {
+  if (reason == DLL_PROCESS_ATTACH) {
+    g_log.LearnOwnFolder();
+  } else if (reason == DLL_PROCESS_DETACH && reserved == nullptr) {
     g_log.Close();
   }
   return TRUE;

@@ -300,6 +300,34 @@ TEST_F(TraceLogTest, RefusesAConfigurationFileThatCannotBe) {
 
 // Rotation.
 
+// What is kept for them is not known yet.
+TEST_F(TraceLogTest, DeletesNothingBeforeItCouldReadTheConfiguration) {
+  Configure("FileSizeKB=4\nFiles=100\n");
+  fs::create_directories(Logs());
+  for (int number = 1; number <= 30; ++number) {
+    std::ofstream(Logs() / ("vorltrace." + std::to_string(number) + ".log")) << "old\r\n";
+  }
+  std::ofstream(First(), std::ios::binary) << std::string(6 * 1024 * 1024, 'x') << "\r\n";
+  const HANDLE keeper = Hold(m_folder.Path() / "conf" / "vorlconf.ini", 0);
+  Log(2, "one");
+  EXPECT_EQ(Files().size(), 31U);
+  CloseHandle(keeper);
+  m_tick += 2 * kSecond;
+  Log(2, "two");
+  EXPECT_EQ(Files().size(), 32U);
+}
+
+// An editor that has emptied the file and is about to write it.
+TEST_F(TraceLogTest, KeepsItsOptionsWhileTheFileIsEmptyForAMoment) {
+  Configure("Levels=ERROR\n");
+  Log(1, "one");
+  std::ofstream(m_folder.Path() / "conf" / "vorlconf.ini", std::ios::trunc).flush();
+  m_tick += 2 * kSecond;
+  Log(2, "two");
+  Log(1, "three");
+  EXPECT_THAT(Messages(), ElementsAre("one", "three"));
+}
+
 TEST_F(TraceLogTest, StartsANewFileWhenOneIsFullAndKeepsTheConfiguredNumber) {
   Configure("FileSizeKB=4\nFiles=3\n");
   const std::string filler(900, 'x');

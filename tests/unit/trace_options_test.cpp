@@ -20,7 +20,8 @@ class TraceOptionsTest : public testing::Test {
     const std::filesystem::path file = m_folder.Path() / "vorlconf.ini";
     std::ofstream(file, std::ios::trunc) << content;
     TraceOptionProblems problems;
-    const TraceOptions options = ReadTraceOptions(file.c_str(), problems);
+    TraceOptions options;
+    EXPECT_TRUE(ReadTraceOptions(file.c_str(), options, problems));
     m_problems.clear();
     for (std::size_t i = 0; i < problems.count; ++i) {
       m_problems.push_back(std::wstring(problems.list[i].key) + L"=" + problems.list[i].value);
@@ -37,7 +38,8 @@ class TraceOptionsTest : public testing::Test {
 
 TEST_F(TraceOptionsTest, HaveDefaultsWithoutAFile) {
   TraceOptionProblems problems;
-  const TraceOptions options = ReadTraceOptions((m_folder.Path() / "none.ini").c_str(), problems);
+  TraceOptions options;
+  EXPECT_TRUE(ReadTraceOptions((m_folder.Path() / "none.ini").c_str(), options, problems));
   EXPECT_EQ(options.levels, 7U);
   EXPECT_EQ(options.format, TraceFormat::kText);
   EXPECT_EQ(options.fileSizeKb, 5120U);
