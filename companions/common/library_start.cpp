@@ -3,6 +3,7 @@
 // exception handler and allocate memory, all of it under the loader lock and in every process.
 // Compiled without the guard that it sets.
 #include <cstdint>
+#include <cstdlib>
 #include <initializer_list>
 
 #include "support/windows_api.h"
@@ -54,6 +55,10 @@ std::uintptr_t MakeGuard() noexcept {
 
 void __stack_chk_fail() { EndAtOnce(); }
 void __chk_fail() { EndAtOnce(); }
+
+// The C runtime's own would call into the library after it was unloaded. Nothing that is registered
+// here, such as the end of a critical section, needs to happen.
+int atexit(void (*)()) { return 0; }
 
 BOOL LibraryStart(HINSTANCE module, DWORD reason, void* reserved) {
   if (reason == DLL_PROCESS_ATTACH) {

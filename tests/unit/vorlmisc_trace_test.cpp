@@ -39,11 +39,12 @@ TEST_F(LogOptions, ComeFromTheConfigurationFolderThatIsRegistered) {
   const TempFolder settings;
   WriteText(settings.Path() / "vorlconf.ini", "[TRACE]\r\nLevels=ERROR\r\n");
   m_machine.SetText(L"ConfigDir", settings.Path().wstring());
+  // The trace library finds the same file by itself.
   Write(2, "information before");
   EXPECT_TRUE(Apply());
   Write(2, "information after");
   Write(1, "error after");
-  EXPECT_THAT(Log(), HasSubstr("information before"));
+  EXPECT_THAT(Log(), Not(HasSubstr("information before")));
   EXPECT_THAT(Log(), Not(HasSubstr("information after")));
   EXPECT_THAT(Log(), HasSubstr("error after"));
 }
