@@ -39,6 +39,15 @@ struct CloseFind {
 };
 using Search = std::unique_ptr<HANDLE, CloseFind>;
 
+// Not a link, and of one name only: whoever can put a link into the folder must not choose the file
+// that is written and cut.
+bool IsPlain(HANDLE file) noexcept {
+  BY_HANDLE_FILE_INFORMATION information;
+  return GetFileInformationByHandle(file, &information) &&
+         (information.dwFileAttributes & FILE_ATTRIBUTE_REPARSE_POINT) == 0 &&
+         information.nNumberOfLinks <= 1;
+}
+
 // The number in the name of a full file; 0 for every other name.
 std::uint32_t NumberIn(const wchar_t* name) noexcept {
   constexpr std::size_t prefixLength = std::size(kFullFilePrefix) - 1;
@@ -94,6 +103,9 @@ DWORD MakeTraceFolder(const wchar_t* folder) noexcept {
     return ERROR_PATH_NOT_FOUND;
   }
   const DWORD attributes = GetFileAttributesW(folder);
+  if (attributes != INVALID_FILE_ATTRIBUTES && (attributes & FILE_ATTRIBUTE_REPARSE_POINT) != 0) {
+    return ERROR_CANT_ACCESS_FILE;
+  }
   if (attributes != INVALID_FILE_ATTRIBUTES && (attributes & FILE_ATTRIBUTE_DIRECTORY) != 0) {
     return ERROR_SUCCESS;
   }
@@ -119,9 +131,14 @@ OwnedHandle OpenTraceFolderFile(const wchar_t* path, DWORD access, DWORD shareMo
   }
   SECURITY_ATTRIBUTES attributes{sizeof attributes, descriptor.get(), FALSE};
   OwnedHandle file(CreateFileW(path, access, shareMode, canMake ? &attributes : nullptr,
-                               disposition, FILE_ATTRIBUTE_NORMAL, nullptr));
+                               disposition, FILE_ATTRIBUTE_NORMAL | FILE_FLAG_OPEN_REPARSE_POINT,
+                               nullptr));
   if (file.get() == INVALID_HANDLE_VALUE) {
     static_cast<void>(file.release());
+  }
+  if (file != nullptr && !IsPlain(file.get())) {
+    file.reset();
+    SetLastError(ERROR_CANT_ACCESS_FILE);
   }
   const DWORD error = GetLastError();
   descriptor.reset();
@@ -131,7 +148,12 @@ OwnedHandle OpenTraceFolderFile(const wchar_t* path, DWORD access, DWORD shareMo
 
 std::uint32_t NextFileNumber(const wchar_t* folder) noexcept {
   std::uint32_t highest = 0;
-  ForEachFullFile(folder, [&](std::uint32_t number) { highest = std::max(highest, number); });
+  ForEachFullFile(folder, [&](std::uint32_t number) {
+    // Nothing could be counted on from the last one.
+    if (number < kHighestNumber) {
+      highest = std::max(highest, number);
+    }
+  });
   return highest + 1;
 }
 

@@ -368,6 +368,26 @@ TEST_F(TraceLogTest, CountsOnFromTheHighestNumberInTheFolder) {
   EXPECT_TRUE(fs::exists(Logs() / "vorltrace.001235.log"));
 }
 
+TEST_F(TraceLogTest, CountsOnBesideTheHighestNumberThatThereIs) {
+  Configure("FileSizeKB=4\n");
+  fs::create_directories(Logs());
+  std::ofstream(Logs() / "vorltrace.999999999.log") << "high";
+  for (int i = 0; i < 3; ++i) {
+    Log(2, "%s", std::string(4000, 'x').c_str());
+  }
+  EXPECT_TRUE(fs::exists(Logs() / "vorltrace.000002.log"));
+}
+
+TEST_F(TraceLogTest, WritesIntoNoFileThatHasASecondName) {
+  const fs::path foreign = m_folder.Path() / "foreign.txt";
+  std::ofstream(foreign, std::ios::binary) << "whole line\r\nno line end";
+  fs::create_directories(Logs());
+  ASSERT_TRUE(CreateHardLinkW(First().c_str(), foreign.c_str(), nullptr));
+  Log(2, "one");
+  EXPECT_EQ(fs::file_size(foreign), 23U);
+  EXPECT_THAT(Messages("vorltrace.second.log"), ElementsAre("one"));
+}
+
 TEST_F(TraceLogTest, LeavesFilesThatAreNotItsOwn) {
   Configure("FileSizeKB=4\nFiles=2\n");
   fs::create_directories(Logs());
