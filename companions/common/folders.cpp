@@ -28,12 +28,49 @@ bool FailAt(FolderFailure& failure, FolderProblem problem, const wchar_t* path) 
   return Fail(failure, problem);
 }
 
+bool IsSeparator(wchar_t character) noexcept { return character == L'\\' || character == L'/'; }
+
+// From the root of a drive on.
 bool IsFullPath(const wchar_t* path) noexcept {
-  const bool onDrive =
-      ((path[0] >= L'A' && path[0] <= L'Z') || (path[0] >= L'a' && path[0] <= L'z')) &&
-      path[1] == L':' && path[2] == L'\\';
-  const bool onServer = path[0] == L'\\' && path[1] == L'\\';
-  return onDrive || onServer;
+  const bool hasDrive =
+      (path[0] >= L'A' && path[0] <= L'Z') || (path[0] >= L'a' && path[0] <= L'z');
+  return hasDrive && path[1] == L':' && IsSeparator(path[2]);
+}
+
+// A server, or a path past the rules of Windows.
+bool IsOffDrives(const wchar_t* path) noexcept {
+  return IsSeparator(path[0]) && (IsSeparator(path[1]) || path[1] == L'?');
+}
+
+// Whether the drive of a full path is a disk of this computer, for every account.
+bool IsLocalDrive(const wchar_t* path) noexcept {
+  const wchar_t root[] = {path[0], L':', L'\\', L'\0'};
+  const wchar_t drive[] = {path[0], L':', L'\0'};
+  if (GetDriveTypeW(root) == DRIVE_REMOTE) {
+    return false;
+  }
+  // A substituted drive stands for a folder, in the sessions of some accounts only.
+  constexpr wchar_t substituted[] = L"\\??\\";
+  wchar_t device[kReadSize] = {};
+  return QueryDosDeviceW(drive, device, kReadSize) == 0 ||
+         std::wcsncmp(device, substituted, std::size(substituted) - 1) != 0;
+}
+
+// Brings a registered value into the form that Windows itself gives a path.
+FolderProblem Normalize(const wchar_t* value, wchar_t (&path)[kReadSize]) noexcept {
+  if (IsOffDrives(value)) {
+    return FolderProblem::kNotOnDrive;
+  }
+  if (!IsFullPath(value)) {
+    return FolderProblem::kNotFullPath;
+  }
+  const DWORD length = GetFullPathNameW(value, kReadSize, path, nullptr);
+  if (length == 0 || length >= kReadSize) {
+    return FolderProblem::kNotFullPath;
+  }
+  // A device, such as NUL, has a path of another form; the root of a drive has nothing behind it.
+  return IsFullPath(path) && path[3] != L'\0' && IsLocalDrive(path) ? FolderProblem::kNone
+                                                                    : FolderProblem::kNotOnDrive;
 }
 
 // Copies `path`, without trailing backslashes, into `folder`.
@@ -68,11 +105,13 @@ Registered ReadRegistered(const wchar_t* valueName, Folder& folder,
     Fail(failure, FolderProblem::kCannotBeRead, static_cast<DWORD>(status));
     return Registered::kUnusable;
   }
-  if (!IsFullPath(value)) {
-    FailAt(failure, FolderProblem::kNotFullPath, value);
+  wchar_t path[kReadSize];
+  const FolderProblem problem = Normalize(value, path);
+  if (problem != FolderProblem::kNone) {
+    FailAt(failure, problem, value);
     return Registered::kUnusable;
   }
-  return Take(value, folder, failure) ? Registered::kYes : Registered::kUnusable;
+  return Take(path, folder, failure) ? Registered::kYes : Registered::kUnusable;
 }
 
 }  // namespace

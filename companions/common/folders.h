@@ -3,16 +3,21 @@
 // The installer writes both folders as the texts "RootDir" and "ConfigDir" into the key
 // HKEY_LOCAL_MACHINE\SOFTWARE\Client Agent\<major version>. A value that is missing or empty means:
 // the folder of the library that asks, and "conf" below the installation folder. A value that is
-// there but cannot be used is never replaced by a guess: the operation fails.
+// there but cannot be used is never replaced by a guess: the operation fails. Only folders on
+// drives of this computer can be used, since the system's own account loads what lies there: no
+// server, no device path, no network or substituted drive. Their paths are given out as Windows
+// itself writes them, without "..", with single backslashes.
 //
 // Nothing here writes a trace line or makes a folder.
 #pragma once
 
 #include "support/windows_api.h"
 
-// The longest folder that is given out. The service's buffers hold 264 characters, and it appends
-// a backslash and a file name, 13 characters together; the terminator comes on top.
-constexpr DWORD kLongestFolder = 264 - 13 - 1;
+// The longest folder that is given out. A file in it, with a backslash and a name of up to 12
+// characters ("\vorlcore.dll", "\vorlconf.ini"), then has a path of 259 characters, which is the
+// longest that a module is loaded from. A new folder may have one character more.
+constexpr DWORD kLongestFolder = MAX_PATH - 1 - 13;
+static_assert(kLongestFolder == 246);
 
 struct Folder {
   // Full path without trailing backslash, null-terminated; empty when it is not known.
@@ -23,6 +28,8 @@ enum class FolderProblem {
   kNone,
   kCannotBeRead,   // registry value `valueName`: `error`
   kNotFullPath,    // registry value `valueName` is `path`
+  kNotOnDrive,     // registry value `valueName` is `path`: a server, a device, the root of a drive,
+                   // or on a drive that leads elsewhere
   kTooLong,        // `path` has `length` characters without trailing backslashes
   kDoesNotExist,   // `path`, the registered installation folder
   kNoLibraryPath,  // the library's own path is unknown: `error`

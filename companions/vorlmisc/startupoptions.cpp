@@ -4,6 +4,7 @@
 #include <limits>
 #include <optional>
 
+#include "companions/common/ini_file.h"
 #include "companions/vorlmisc/misctrace.h"
 
 namespace {
@@ -12,6 +13,11 @@ constexpr wchar_t kSection[] = L"STARTUP_OPTIONS";
 
 // More than any field holds: a value that is cut here is too long for its field in any case.
 constexpr DWORD kValueSize = 1024;
+
+// How long a file in other hands is waited for. Nothing tells when it is given back, so it is tried
+// again after short pauses.
+constexpr DWORD kPauseMilliseconds = 50;
+constexpr unsigned kPauses = 100;
 
 int DigitValue(wchar_t digit) noexcept {
   if (digit >= L'0' && digit <= L'9') {
@@ -62,7 +68,7 @@ std::optional<DWORD> ParseNumber(const wchar_t* text, DWORD largest) noexcept {
 // Reads single fields of one file for one exported operation.
 class OptionReader {
  public:
-  OptionReader(const char* functionName, const wchar_t* file) noexcept
+  OptionReader(const char* functionName, const IniFile& file) noexcept
       : m_functionName(functionName), m_file(file) {}
 
   template <typename Number>
@@ -90,7 +96,7 @@ class OptionReader {
 
  private:
   DWORD ReadValue(const wchar_t* key, wchar_t (&value)[kValueSize]) const noexcept {
-    return GetPrivateProfileStringW(kSection, key, L"", value, kValueSize, m_file);
+    return m_file.Value(kSection, key, value, kValueSize);
   }
 
   void CopyText(const wchar_t* key, char* field, int fieldSize) const noexcept {
@@ -118,42 +124,47 @@ class OptionReader {
   }
 
   const char* m_functionName;
-  const wchar_t* m_file;
+  const IniFile& m_file;
 };
 
-enum class Availability { kThere, kMissing, kClosed };
-
-// Reading single values does not tell a closed file from one without the value.
-Availability Probe(const char* functionName, const wchar_t* file) noexcept {
-  const HANDLE handle =
-      CreateFileW(file, GENERIC_READ, FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE,
-                  nullptr, OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL, nullptr);
-  if (handle != INVALID_HANDLE_VALUE) {
-    CloseHandle(handle);
-    return Availability::kThere;
+IniRead ReadPatiently(const wchar_t* path, IniFile& file) noexcept {
+  IniRead outcome = file.Read(path);
+  for (unsigned pause = 0; outcome == IniRead::kBusy && pause < kPauses; ++pause) {
+    Sleep(kPauseMilliseconds);
+    outcome = file.Read(path);
   }
-  const DWORD error = GetLastError();
-  if (error == ERROR_FILE_NOT_FOUND || error == ERROR_PATH_NOT_FOUND) {
-    return Availability::kMissing;
-  }
-  TraceError(functionName, L"Configuration file cannot be opened (%u): %s",
-             static_cast<unsigned>(error), file);
-  return Availability::kClosed;
+  return outcome;
 }
 
 }  // namespace
 
 bool ReadStartUpOptions(const char* functionName, const wchar_t* configurationFile,
                         CLIENT_AGENT_STARTUP_OPTIONS& options) noexcept {
-  switch (Probe(functionName, configurationFile)) {
-    case Availability::kMissing:
-      return true;
-    case Availability::kClosed:
-      return false;
-    case Availability::kThere:
+  IniFile file;
+  switch (ReadPatiently(configurationFile, file)) {
+    case IniRead::kDone:
       break;
+    case IniRead::kMissing:
+      return true;
+    case IniRead::kBusy:
+      TraceError(functionName, L"Configuration file is still in use after %u s (%u): %s",
+                 static_cast<unsigned>(kPauses * kPauseMilliseconds / 1000),
+                 static_cast<unsigned>(file.Error()), configurationFile);
+      return false;
+    case IniRead::kTooLarge:
+      TraceError(functionName, L"Configuration file has more than %u bytes: %s",
+                 static_cast<unsigned>(kLargestIniFile), configurationFile);
+      return false;
+    case IniRead::kNoText:
+      TraceError(functionName, L"Configuration file is damaged, it holds null characters: %s",
+                 configurationFile);
+      return false;
+    case IniRead::kFailed:
+      TraceError(functionName, L"Configuration file cannot be read (%u): %s",
+                 static_cast<unsigned>(file.Error()), configurationFile);
+      return false;
   }
-  const OptionReader reader(functionName, configurationFile);
+  const OptionReader reader(functionName, file);
   reader.ReadText(L"Text1", options.Text1);
   reader.ReadText(L"Text2", options.Text2);
   reader.ReadText(L"Text3", options.Text3);

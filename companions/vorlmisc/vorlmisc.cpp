@@ -5,8 +5,8 @@
 #include <cwchar>
 #include <iterator>
 
-#include "companions/common/folders.h"
 #include "companions/vlevtlog/trace_control.h"
+#include "companions/vorlmisc/folders.h"
 #include "companions/vorlmisc/misctrace.h"
 #include "companions/vorlmisc/startupoptions.h"
 
@@ -14,63 +14,6 @@ namespace {
 
 constexpr wchar_t kConfigurationFileName[] = L"\\vorlconf.ini";
 constexpr std::size_t kConfigurationFileSize = kLongestFolder + std::size(kConfigurationFileName);
-
-// Says why there is no folder.
-void TraceFailure(const char* functionName, const FolderFailure& failure) noexcept {
-  switch (failure.problem) {
-    case FolderProblem::kNone:
-      break;
-    case FolderProblem::kCannotBeRead:
-      TraceError(functionName, L"Registry value %s cannot be read (%u)", failure.valueName,
-                 static_cast<unsigned>(failure.error));
-      break;
-    case FolderProblem::kNotFullPath:
-      TraceError(functionName, L"Registry value %s is no full path: %s", failure.valueName,
-                 failure.path);
-      break;
-    case FolderProblem::kTooLong:
-      TraceError(functionName, L"Folder of %u characters is too long, at most %u: %s",
-                 static_cast<unsigned>(failure.length), static_cast<unsigned>(kLongestFolder),
-                 failure.path);
-      break;
-    case FolderProblem::kDoesNotExist:
-      TraceError(functionName, L"Installation folder does not exist: %s", failure.path);
-      break;
-    case FolderProblem::kNoLibraryPath:
-      TraceError(functionName, L"GetModuleFileName Failed %u",
-                 static_cast<unsigned>(failure.error));
-      break;
-    case FolderProblem::kNoFolder:
-      TraceError(functionName, L"Library has no folder: %s", failure.path);
-      break;
-  }
-}
-
-bool FindFolder(decltype(FindRootFolder)* find, const char* functionName, Folder& folder) noexcept {
-  FolderFailure failure;
-  if (!find(folder, failure, nullptr)) {
-    TraceFailure(functionName, failure);
-    return false;
-  }
-  return true;
-}
-
-// Makes the configuration folder, not its parents, when it is missing.
-bool MakeConfigFolder(const char* functionName, Folder& folder) noexcept {
-  if (!FindFolder(&FindConfigFolder, functionName, folder)) {
-    return false;
-  }
-  // The attempt itself says whether the folder was missing: another process may make it meanwhile.
-  if (!CreateDirectoryW(folder.path, nullptr)) {
-    const DWORD error = GetLastError();
-    if (!IsFolder(folder.path)) {
-      TraceError(functionName, L"Configuration folder cannot be made (%u): %s",
-                 static_cast<unsigned>(error), folder.path);
-      return false;
-    }
-  }
-  return true;
-}
 
 // Hands a folder to a caller whose buffer holds `capacity` characters, the terminator included.
 BOOLEAN Give(const char* functionName, const Folder& found, wchar_t* folder,
@@ -88,7 +31,7 @@ BOOLEAN Give(const char* functionName, const Folder& found, wchar_t* folder,
 bool FindConfigurationFile(const char* functionName,
                            wchar_t (&file)[kConfigurationFileSize]) noexcept {
   Folder folder;
-  return MakeConfigFolder(functionName, folder) &&
+  return FindConfigFolder(functionName, folder) &&
          SUCCEEDED(StringCchPrintfW(file, kConfigurationFileSize, L"%ls%ls", folder.path,
                                     kConfigurationFileName));
 }
@@ -102,7 +45,7 @@ BOOLEAN GetClientAgentRootDir(wchar_t* folder, DWORD capacity) {
     TraceError(function, L"NULL Parameter received");
     return FALSE;
   }
-  if (!FindFolder(&FindRootFolder, function, found)) {
+  if (!FindRootFolder(function, found)) {
     return FALSE;
   }
   return Give(function, found, folder, capacity);
@@ -115,7 +58,7 @@ BOOLEAN GetClientAgentConfigDir(wchar_t* folder, DWORD capacity) {
     TraceError(function, L"NULL Parameter received");
     return FALSE;
   }
-  if (!MakeConfigFolder(function, found)) {
+  if (!FindConfigFolder(function, found)) {
     return FALSE;
   }
   return Give(function, found, folder, capacity);

@@ -187,8 +187,8 @@ TEST_F(SupportLibrary, UnusableRegistryValueIsRefusedAndNotReplacedByADefault) {
 
 TEST_F(SupportLibrary, FolderThatLeavesRoomForAFileNameIsGivenAndALongerOneIsRefused) {
   const TempFolder parent;
-  const fs::path longest = LongFolder(parent.Path(), 250);
-  const fs::path tooLong = LongFolder(parent.Path(), 251);
+  const fs::path longest = LongFolder(parent.Path(), 246);
+  const fs::path tooLong = LongFolder(parent.Path(), 247);
   m_machine.SetText(L"RootDir", longest.wstring());
   m_machine.SetText(L"ConfigDir", longest.wstring());
   EXPECT_EQ(RootDir(), longest.wstring());
@@ -198,11 +198,11 @@ TEST_F(SupportLibrary, FolderThatLeavesRoomForAFileNameIsGivenAndALongerOneIsRef
   m_machine.SetText(L"RootDir", tooLong.wstring());
   m_machine.SetText(L"ConfigDir", tooLong.wstring());
   EXPECT_EQ(RootDir(), L"refused");
-  EXPECT_THAT(Lines(), ElementsAre(RootLine("Folder of 251 characters is too long, at most 250: " +
+  EXPECT_THAT(Lines(), ElementsAre(RootLine("Folder of 247 characters is too long, at most 246: " +
                                             tooLong.string())));
   EXPECT_EQ(ConfigDir(), L"refused");
   EXPECT_THAT(Lines(),
-              ElementsAre(ConfigLine("Folder of 251 characters is too long, at most 250: " +
+              ElementsAre(ConfigLine("Folder of 247 characters is too long, at most 246: " +
                                      tooLong.string())));
 
   // The folder fits, what is appended to it does not.
@@ -210,8 +210,20 @@ TEST_F(SupportLibrary, FolderThatLeavesRoomForAFileNameIsGivenAndALongerOneIsRef
   m_machine.SetText(L"ConfigDir", L"");
   EXPECT_EQ(ConfigDir(), L"refused");
   EXPECT_THAT(Lines(),
-              ElementsAre(ConfigLine("Folder of 255 characters is too long, at most 250: " +
+              ElementsAre(ConfigLine("Folder of 251 characters is too long, at most 246: " +
                                      longest.string() + "\\conf")));
+}
+
+TEST_F(SupportLibrary, FolderThatIsOnNoDriveOfThisComputerIsRefused) {
+  for (const std::wstring path :
+       {L"\\\\server\\share\\a", L"\\\\?\\C:\\a", L"\\\\.\\C:\\a", L"//server/a", L"C:\\"}) {
+    m_machine.SetText(L"RootDir", path);
+    EXPECT_EQ(RootDir(), L"refused");
+    EXPECT_THAT(
+        Lines(),
+        ElementsAre(RootLine("Registry value RootDir is no folder on a drive of this computer: " +
+                             fs::path(path).string())));
+  }
 }
 
 TEST_F(SupportLibrary, RegistryValueBeyondAllBuffersIsRefused) {
@@ -419,7 +431,7 @@ TEST_F(SupportLibrary, FileThatIsLockedFailsWithOneLineAndAllZero) {
   EXPECT_FALSE(ReadOptions());
   EXPECT_TRUE(AllOptionsAreZero());
   EXPECT_THAT(Lines(),
-              ElementsAre(OptionLine("Configuration file cannot be opened (32): " +
+              ElementsAre(OptionLine("Configuration file is still in use after 5 s (32): " +
                                      (m_installation / "conf" / "vorlconf.ini").string())));
   locked.Reset();
   EXPECT_TRUE(ReadOptions());
@@ -431,7 +443,7 @@ TEST_F(SupportLibrary, FolderOfTheFilesNameFailsWithOneLine) {
   EXPECT_FALSE(ReadOptions());
   EXPECT_TRUE(AllOptionsAreZero());
   EXPECT_THAT(Lines(),
-              ElementsAre(OptionLine("Configuration file cannot be opened (5): " +
+              ElementsAre(OptionLine("Configuration file cannot be read (5): " +
                                      (m_installation / "conf" / "vorlconf.ini").string())));
 }
 

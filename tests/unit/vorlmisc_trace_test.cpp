@@ -55,18 +55,6 @@ TEST_F(LogOptions, MissingFileLeavesTheDefaults) {
   EXPECT_THAT(Log(), HasSubstr("detail"));
 }
 
-TEST_F(LogOptions, PathThatTheTraceLibraryRefusesFailsWithALine) {
-  const TempFolder parent;
-  // The folder may be used; with the name of the file it is longer than 260 characters.
-  const std::filesystem::path folder =
-      parent.Path() / std::wstring(250 - parent.Path().wstring().size() - 1, L'f');
-  ASSERT_TRUE(CreateDirectoryW((L"\\\\?\\" + folder.wstring()).c_str(), nullptr));
-  m_machine.SetText(L"ConfigDir", folder.wstring());
-  EXPECT_FALSE(Apply());
-  EXPECT_THAT(Log(),
-              HasSubstr("Trace options cannot be applied: " + folder.string() + "\\vorlconf.ini"));
-}
-
 TEST_F(LogOptions, LinesOfTheSupportLibraryNameItAsTheirModule) {
   m_machine.SetText(L"ConfigDir", L"nowhere");
   EXPECT_FALSE(Apply());
