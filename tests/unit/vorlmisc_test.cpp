@@ -4,13 +4,18 @@
 #include "support/vorlmisc.h"
 
 #include <gmock/gmock.h>
+// Reads the types of windows.h.
+#include <sddl.h>
 
+#include <algorithm>
 #include <array>
 #include <cstring>
 #include <fstream>
+#include <functional>
 #include <string>
 #include <vector>
 
+#include "companions/vlevtlog/trace_control.h"
 #include "tests/fakes/vlevtlog_fake.h"
 #include "tests/support/empty_machine_key.h"
 #include "tests/support/installation.h"
@@ -81,6 +86,10 @@ class SupportLibrary : public ::testing::Test {
   static std::string RootLine(const std::string& text) {
     return "1 vorlmisc.dll GetClientAgentRootDir: " + text;
   }
+  static std::string OffDriveLine(const fs::path& path) {
+    return RootLine("Registry value RootDir is no folder on a drive of this computer: " +
+                    path.string());
+  }
   static std::string ConfigLine(const std::string& text) {
     return "1 vorlmisc.dll GetClientAgentConfigDir: " + text;
   }
@@ -93,6 +102,41 @@ class SupportLibrary : public ::testing::Test {
   const Library m_library{m_installation / "vorlmisc.dll"};
   CLIENT_AGENT_STARTUP_OPTIONS m_options;
 };
+
+// The pauses of the library, which take no time here.
+struct Pauses {
+  static void Watch(const Library& library, std::function<void(unsigned)> atPause) {
+    s_count = 0;
+    s_milliseconds = 0;
+    s_atPause = std::move(atPause);
+    library.ReplaceImport<void WINAPI(DWORD)>("Sleep", &Pause);
+  }
+  static void WINAPI Pause(DWORD milliseconds) {
+    s_milliseconds += milliseconds;
+    s_atPause(++s_count);
+  }
+
+  static inline unsigned s_count;
+  static inline DWORD s_milliseconds;
+  static inline std::function<void(unsigned)> s_atPause;
+};
+
+std::wstring AccessListOf(PSECURITY_DESCRIPTOR descriptor) {
+  wchar_t* text = nullptr;
+  EXPECT_TRUE(ConvertSecurityDescriptorToStringSecurityDescriptorW(
+      descriptor, SDDL_REVISION_1, DACL_SECURITY_INFORMATION, &text, nullptr));
+  const std::wstring list = text == nullptr ? L"" : text;
+  LocalFree(text);
+  return list;
+}
+
+std::wstring AccessListOf(const fs::path& folder) {
+  std::array<BYTE, 4096> descriptor{};
+  DWORD needed = 0;
+  EXPECT_TRUE(GetFileSecurityW(folder.c_str(), DACL_SECURITY_INFORMATION, descriptor.data(),
+                               static_cast<DWORD>(descriptor.size()), &needed));
+  return AccessListOf(descriptor.data());
+}
 
 // A folder whose path has exactly `length` characters.
 fs::path LongFolder(const fs::path& parent, std::size_t length) {
@@ -123,6 +167,36 @@ TEST_F(SupportLibrary, ConfigFolderIsMadeWhenMissingAndKeptWhenThere) {
   EXPECT_THAT(Lines(), IsEmpty());
 }
 
+// The access list is read on its way to Windows, since Wine keeps of it only what the permissions
+// of its host can express.
+TEST_F(SupportLibrary, ConfigFolderIsMadeForTheSystemAndAdministratorsOnly) {
+  static std::vector<std::wstring> made;
+  made.clear();
+  m_library.ReplaceImport<BOOL WINAPI(const wchar_t*, SECURITY_ATTRIBUTES*)>(
+      "CreateDirectoryW", +[](const wchar_t* path, SECURITY_ATTRIBUTES* attributes) {
+        made.push_back(attributes == nullptr ? L"inherited"
+                                             : AccessListOf(attributes->lpSecurityDescriptor));
+        return CreateDirectoryW(path, attributes);
+      });
+  EXPECT_NE(ConfigDir(), L"refused");
+  EXPECT_THAT(made, ElementsAre(L"D:P(A;OICI;FA;;;SY)(A;OICI;FA;;;BA)"));
+  EXPECT_TRUE(fs::is_directory(m_installation / "conf"));
+  EXPECT_THAT(Lines(), IsEmpty());
+}
+
+TEST_F(SupportLibrary, AccessListOfAConfigFolderThatIsThereIsLeftAlone) {
+  const fs::path folder = m_installation / "conf";
+  SECURITY_ATTRIBUTES access{sizeof access, nullptr, FALSE};
+  ASSERT_TRUE(ConvertStringSecurityDescriptorToSecurityDescriptorW(
+      L"D:P(A;OICI;FA;;;WD)", SDDL_REVISION_1, &access.lpSecurityDescriptor, nullptr));
+  ASSERT_TRUE(CreateDirectoryW(folder.c_str(), &access));
+  LocalFree(access.lpSecurityDescriptor);
+  const std::wstring before = AccessListOf(folder);
+  ASSERT_NE(before.find(L";;;WD)"), std::wstring::npos) << "the test's own folder";
+  EXPECT_EQ(ConfigDir(), folder.wstring());
+  EXPECT_EQ(AccessListOf(folder), before);
+}
+
 TEST_F(SupportLibrary, RegisteredFoldersGoFirst) {
   const TempFolder other;
   fs::create_directory(other.Path() / "root");
@@ -146,6 +220,17 @@ TEST_F(SupportLibrary, TrailingBackslashesAreTakenOff) {
   m_machine.SetText(L"ConfigDir", m_installation.Path().wstring() + L"\\set\\");
   EXPECT_EQ(RootDir(), m_installation.Path().wstring());
   EXPECT_EQ(ConfigDir(), (m_installation / "set").wstring());
+}
+
+TEST_F(SupportLibrary, SlashesAndDotsAreBroughtIntoTheFormOfWindows) {
+  std::wstring slashes = m_installation.Path().wstring();
+  std::replace(slashes.begin(), slashes.end(), L'\\', L'/');
+  m_machine.SetText(L"RootDir", slashes + L"/");
+  m_machine.SetText(L"ConfigDir",
+                    m_installation.Path().wstring() + L"\\no\\such\\..\\.\\..\\\\set");
+  EXPECT_EQ(RootDir(), m_installation.Path().wstring());
+  EXPECT_EQ(ConfigDir(), (m_installation / "set").wstring());
+  EXPECT_THAT(Lines(), IsEmpty());
 }
 
 TEST_F(SupportLibrary, EnvironmentVariablesInTheRegistryAreExpanded) {
@@ -215,15 +300,40 @@ TEST_F(SupportLibrary, FolderThatLeavesRoomForAFileNameIsGivenAndALongerOneIsRef
 }
 
 TEST_F(SupportLibrary, FolderThatIsOnNoDriveOfThisComputerIsRefused) {
-  for (const std::wstring path :
-       {L"\\\\server\\share\\a", L"\\\\?\\C:\\a", L"\\\\.\\C:\\a", L"//server/a", L"C:\\"}) {
+  for (const std::wstring path : {L"\\\\server\\share\\a", L"\\\\?\\C:\\a", L"\\\\.\\C:\\a",
+                                  L"//server/a", L"\\??\\C:\\a", L"C:\\", L"C:\\a\\.."}) {
     m_machine.SetText(L"RootDir", path);
     EXPECT_EQ(RootDir(), L"refused");
-    EXPECT_THAT(
-        Lines(),
-        ElementsAre(RootLine("Registry value RootDir is no folder on a drive of this computer: " +
-                             fs::path(path).string())));
+    EXPECT_THAT(Lines(), ElementsAre(OffDriveLine(path)));
   }
+}
+
+TEST_F(SupportLibrary, FolderOnANetworkDriveIsRefused) {
+  m_library.ReplaceImport<UINT WINAPI(const wchar_t*)>(
+      "GetDriveTypeW", +[](const wchar_t* root) -> UINT {
+        return std::wcscmp(root, L"N:\\") == 0 ? DRIVE_REMOTE : DRIVE_FIXED;
+      });
+  m_machine.SetText(L"RootDir", L"N:\\agent");
+  EXPECT_EQ(RootDir(), L"refused");
+  EXPECT_THAT(Lines(), ElementsAre(OffDriveLine(L"N:\\agent")));
+  m_machine.SetText(L"RootDir", m_installation.Path().wstring());
+  EXPECT_EQ(RootDir(), m_installation.Path().wstring());
+}
+
+TEST_F(SupportLibrary, FolderOnASubstitutedDriveIsRefused) {
+  m_library.ReplaceImport<DWORD WINAPI(const wchar_t*, wchar_t*, DWORD)>(
+      "QueryDosDeviceW", +[](const wchar_t* drive, wchar_t* target, DWORD) -> DWORD {
+        const std::wstring device =
+            std::wcscmp(drive, L"S:") == 0 ? L"\\??\\C:\\folder" : L"\\Device\\HarddiskVolume1";
+        // Two null characters end the list of targets.
+        std::wmemcpy(target, (device + L'\0').c_str(), device.size() + 2);
+        return static_cast<DWORD>(device.size() + 2);
+      });
+  m_machine.SetText(L"RootDir", L"S:\\agent");
+  EXPECT_EQ(RootDir(), L"refused");
+  EXPECT_THAT(Lines(), ElementsAre(OffDriveLine(L"S:\\agent")));
+  m_machine.SetText(L"RootDir", m_installation.Path().wstring());
+  EXPECT_EQ(RootDir(), m_installation.Path().wstring());
 }
 
 TEST_F(SupportLibrary, RegistryValueBeyondAllBuffersIsRefused) {
@@ -423,19 +533,87 @@ TEST_F(SupportLibrary, MissingFileSectionOrKeyMeansZero) {
   EXPECT_THAT(Lines(), IsEmpty());
 }
 
-TEST_F(SupportLibrary, FileThatIsLockedFailsWithOneLineAndAllZero) {
+TEST_F(SupportLibrary, FileThatNobodyHoldsIsReadWithoutAPause) {
+  Pauses::Watch(m_library, [](unsigned) {});
+  EXPECT_TRUE(ReadOptions());
+  EXPECT_TRUE(ReadOptions("Word1=1\r\n"));
+  EXPECT_EQ(m_options.Word1, 1);
+  EXPECT_EQ(Pauses::s_count, 0U);
+}
+
+TEST_F(SupportLibrary, FileThatIsGivenBackIsReadWithoutALine) {
   WriteText(m_installation / "conf" / "vorlconf.ini", "[STARTUP_OPTIONS]\r\nWord1=1\r\n");
-  FileHandle locked(CreateFileW((m_installation / "conf" / "vorlconf.ini").c_str(), GENERIC_READ, 0,
+  // The first pause and the last.
+  for (const unsigned given : {1U, 100U}) {
+    FileHandle held(CreateFileW((m_installation / "conf" / "vorlconf.ini").c_str(), GENERIC_READ, 0,
                                 nullptr, OPEN_EXISTING, 0, nullptr));
-  ASSERT_TRUE(locked);
+    ASSERT_TRUE(held);
+    Pauses::Watch(m_library, [&](unsigned pause) {
+      if (pause == given) {
+        held.Reset();
+      }
+    });
+    EXPECT_TRUE(ReadOptions());
+    EXPECT_EQ(m_options.Word1, 1);
+    EXPECT_EQ(Pauses::s_count, given);
+    EXPECT_THAT(Lines(), IsEmpty());
+  }
+}
+
+TEST_F(SupportLibrary, FileThatIsEmptiedToBeWrittenAnewIsWaitedFor) {
+  WriteText(m_installation / "conf" / "vorlconf.ini", "");
+  // However slow this computer is, the file was emptied just now.
+  static FILETIME emptied;
+  WIN32_FILE_ATTRIBUTE_DATA data{};
+  ASSERT_TRUE(GetFileAttributesExW((m_installation / "conf" / "vorlconf.ini").c_str(),
+                                   GetFileExInfoStandard, &data));
+  emptied = data.ftLastWriteTime;
+  m_library.ReplaceImport<void WINAPI(FILETIME*)>(
+      "GetSystemTimeAsFileTime", +[](FILETIME* now) { *now = emptied; });
+  Pauses::Watch(m_library, [&](unsigned pause) {
+    if (pause == 2) {
+      WriteText(m_installation / "conf" / "vorlconf.ini", "[STARTUP_OPTIONS]\r\nWord1=1\r\n");
+    }
+  });
+  EXPECT_TRUE(ReadOptions());
+  EXPECT_EQ(m_options.Word1, 1);
+  EXPECT_EQ(Pauses::s_count, 2U);
+  EXPECT_THAT(Lines(), IsEmpty());
+}
+
+TEST_F(SupportLibrary, FileThatIsNotGivenBackFailsWithOneLineAndAllZero) {
+  WriteText(m_installation / "conf" / "vorlconf.ini", "[STARTUP_OPTIONS]\r\nWord1=1\r\n");
+  const FileHandle held(CreateFileW((m_installation / "conf" / "vorlconf.ini").c_str(),
+                                    GENERIC_READ, 0, nullptr, OPEN_EXISTING, 0, nullptr));
+  ASSERT_TRUE(held);
+  Pauses::Watch(m_library, [](unsigned) {});
   EXPECT_FALSE(ReadOptions());
   EXPECT_TRUE(AllOptionsAreZero());
+  EXPECT_EQ(Pauses::s_milliseconds, 5000U);
   EXPECT_THAT(Lines(),
               ElementsAre(OptionLine("Configuration file is still in use after 5 s (32): " +
                                      (m_installation / "conf" / "vorlconf.ini").string())));
-  locked.Reset();
+}
+
+TEST_F(SupportLibrary, FileThatIsNoTextOrTooLargeFailsWithOneLineAndAllZero) {
+  const fs::path file = m_installation / "conf" / "vorlconf.ini";
+  Pauses::Watch(m_library, [](unsigned) {});
+  const std::string option = "[STARTUP_OPTIONS]\r\nWord1=1\r\n";
+  WriteText(file, option + std::string(4096, '\0'));
+  EXPECT_FALSE(ReadOptions());
+  EXPECT_TRUE(AllOptionsAreZero());
+  EXPECT_THAT(Lines(),
+              ElementsAre(OptionLine("Configuration file is damaged, it holds null characters: " +
+                                     file.string())));
+  WriteText(file, option + std::string(1048577 - option.size(), ' '));
+  EXPECT_FALSE(ReadOptions());
+  EXPECT_TRUE(AllOptionsAreZero());
+  EXPECT_THAT(Lines(), ElementsAre(OptionLine("Configuration file has more than 1048576 bytes: " +
+                                              file.string())));
+  WriteText(file, option + std::string(1048576 - option.size(), ' '));
   EXPECT_TRUE(ReadOptions());
   EXPECT_EQ(m_options.Word1, 1);
+  EXPECT_EQ(Pauses::s_count, 0U);
 }
 
 TEST_F(SupportLibrary, FolderOfTheFilesNameFailsWithOneLine) {
@@ -499,6 +677,28 @@ TEST_F(SupportLibrary, SampleConfigurationStatesTheDefaults) {
 TEST_F(SupportLibrary, LogOptionsAreATraceLibrarysOwnAffairWhenItTakesNone) {
   EXPECT_NE(m_library.Ordinal<LogOptionsFunction>(5)(), FALSE);
   EXPECT_THAT(Lines(), IsEmpty());
+}
+
+TEST_F(SupportLibrary, LogOptionsThatTheTraceLibraryRefusesFailWithOneLine) {
+  static std::vector<std::wstring> asked;
+  asked.clear();
+  m_library.ReplaceImport<FARPROC WINAPI(HMODULE, const char*)>(
+      "GetProcAddress", +[](HMODULE module, const char* name) -> FARPROC {
+        EXPECT_EQ(module, GetModuleHandleW(L"vlevtlog.dll"));
+        EXPECT_EQ(name, MAKEINTRESOURCEA(kApplyTraceOptionsOrdinal));
+        ApplyTraceOptionsFunction* const refuse = [](const wchar_t* file) -> BOOLEAN {
+          asked.emplace_back(file);
+          return FALSE;
+        };
+        return reinterpret_cast<FARPROC>(reinterpret_cast<void*>(refuse));
+      });
+  EXPECT_EQ(m_library.Ordinal<LogOptionsFunction>(5)(), FALSE);
+  const fs::path file = m_installation / "conf" / "vorlconf.ini";
+  EXPECT_THAT(asked, ElementsAre(file.wstring()));
+  EXPECT_THAT(Lines(),
+              ElementsAre("1 vorlmisc.dll SetClientAgentLogOptions: Trace options cannot be "
+                          "applied: " +
+                          file.string()));
 }
 
 }  // namespace
