@@ -1,3 +1,5 @@
+#include "identity/cachefile.h"
+
 #include <fcntl.h>
 #include <io.h>
 #include <mbstring.h>
@@ -11,11 +13,9 @@
 #include <cstdio>
 #include <cstring>
 #include <iterator>
-#include <string>
 
 #include "identity/crc32.h"
 #include "identity/crtfile.h"
-#include "identity/ztuuid.h"
 #include "support/windows_api.h"
 
 namespace {
@@ -36,49 +36,49 @@ struct CacheHeader {
 // stand at the beginning; further ones run on into the fields behind them.
 constexpr std::size_t kBiosUuidOffset = 36;
 constexpr std::size_t kSerialOffset = 73;
-constexpr std::size_t kPayloadSize = 173;
 
 // How many addresses the payload can hold at all.
-constexpr std::size_t kMaxAddresses = kPayloadSize / kMacAddressSize;
+constexpr std::size_t kMaxAddresses = kCachePayloadSize / kMacAddressSize;
 
 static_assert(offsetof(CacheHeader, crc) == 5);
 static_assert(sizeof(CacheHeader) == 9);
 static_assert(kBiosUuidOffset == 2 * kMacAddressSize);
 static_assert(kSerialOffset == kBiosUuidOffset + kBiosUuidSize);
-static_assert(kPayloadSize == kSerialOffset + kPrimaryHddSerialSize);
-static_assert(sizeof(CacheHeader) + kPayloadSize == 182);
+static_assert(kCachePayloadSize == kSerialOffset + kPrimaryHddSerialSize);
+static_assert(sizeof(CacheHeader) + kCachePayloadSize == 182);
 
 // Sizes of the chunks in which the file's CRC is computed.
 constexpr unsigned kWriterChunkSize = 1024;
 constexpr unsigned kReaderChunkSize = 260;
 
-// Every operation below offers its failure to `status`.
+// Every operation below offers its failure to `lastError`.
 
 bool Open(const std::string& folder, int flags, int permissions, FileDescriptor& file,
-          FingerprintStatus& status) {
+          FingerprintStatus& lastError) {
   char path[kPathSize];
-  if (!status.Check(StringCchPrintfA(path, kPathSize, "%s%s", folder.c_str(), kFileName),
-                    kStageOther)) {
+  if (!lastError.Check(StringCchPrintfA(path, kPathSize, "%s%s", folder.c_str(), kFileName),
+                       kStageOther)) {
     return false;
   }
   if (_sopen_s(file.Receive(), path, flags, _SH_DENYWR, permissions) != 0) {
-    status.RecordFailure(errno, kStageOther);
+    lastError.RecordFailure(errno, kStageOther);
     return false;
   }
   return true;
 }
 
-bool Write(const FileDescriptor& file, const void* data, unsigned size, FingerprintStatus& status) {
+bool Write(const FileDescriptor& file, const void* data, unsigned size,
+           FingerprintStatus& lastError) {
   if (_write(file.Get(), data, size) != static_cast<int>(size)) {
-    status.RecordFailure(errno, kStageOther);
+    lastError.RecordFailure(errno, kStageOther);
     return false;
   }
   return true;
 }
 
-bool Read(const FileDescriptor& file, void* data, unsigned size, FingerprintStatus& status) {
+bool Read(const FileDescriptor& file, void* data, unsigned size, FingerprintStatus& lastError) {
   if (_read(file.Get(), data, size) != static_cast<int>(size)) {
-    status.RecordFailure(errno, kStageOther);
+    lastError.RecordFailure(errno, kStageOther);
     return false;
   }
   return true;
@@ -104,16 +104,17 @@ bool ComputeCrc(const FileDescriptor& file, std::uint32_t& crc) {
 // Exchanges the halves of every byte; done twice, everything is as before.
 template <typename Byte>
 void Scramble(Byte* payload) {
-  std::transform(payload, payload + kPayloadSize, payload, [](Byte byte) {
+  std::transform(payload, payload + kCachePayloadSize, payload, [](Byte byte) {
     const auto value = static_cast<unsigned char>(byte);
     return static_cast<Byte>(value << 4 | value >> 4);
   });
 }
 
 // Texts first, addresses last: a third address is meant to end up over the BIOS UUID.
-bool FillPayload(const CZTUUID& record, char (&payload)[kPayloadSize], FingerprintStatus& status) {
+bool FillPayload(const RawParameters& record, char (&payload)[kCachePayloadSize],
+                 FingerprintStatus& lastError) {
   const auto copy = [&](std::size_t offset, std::size_t size, const char* text) {
-    return status.Check(StringCchCopyA(payload + offset, size, text), kStageOther);
+    return lastError.Check(StringCchCopyA(payload + offset, size, text), kStageOther);
   };
   if (!copy(kBiosUuidOffset, kBiosUuidSize, record.BiosUuid) ||
       !copy(kSerialOffset, kPrimaryHddSerialSize, record.PrimaryHddSerial)) {
@@ -137,23 +138,24 @@ bool EqualIgnoringCase(const char* left, const unsigned char* right) {
 
 }  // namespace
 
-bool CZTUUID::WriteCacheFile() {
+bool WriteCache(const std::string& folder, const RawParameters& parameters,
+                FingerprintStatus& lastError) {
   FileDescriptor file;
-  if (!Open(CacheFolder, _O_RDWR | _O_CREAT | _O_TRUNC | _O_BINARY, _S_IREAD | _S_IWRITE, file,
-            LastError)) {
+  if (!Open(folder, _O_RDWR | _O_CREAT | _O_TRUNC | _O_BINARY, _S_IREAD | _S_IWRITE, file,
+            lastError)) {
     return false;
   }
   CacheHeader header{};
   std::copy(std::begin(kMagic), std::end(kMagic), header.magic);
-  if (!Write(file, &header, sizeof(header), LastError)) {
+  if (!Write(file, &header, sizeof(header), lastError)) {
     return false;
   }
-  char payload[kPayloadSize] = {};
-  if (!FillPayload(*this, payload, LastError)) {
+  char payload[kCachePayloadSize] = {};
+  if (!FillPayload(parameters, payload, lastError)) {
     return false;
   }
   Scramble(payload);
-  if (!Write(file, payload, kPayloadSize, LastError)) {
+  if (!Write(file, payload, kCachePayloadSize, lastError)) {
     return false;
   }
   // Of what has arrived in the file, not of what was meant to.
@@ -162,20 +164,20 @@ bool CZTUUID::WriteCacheFile() {
     return false;
   }
   header.crc = crc;
-  return Seek(file, 0) && Write(file, &header, sizeof(header), LastError);
+  return Seek(file, 0) && Write(file, &header, sizeof(header), lastError);
 }
 
-bool CZTUUID::ReadCacheFile(unsigned char* payload173) {
-  if (payload173 == nullptr) {
-    LastError.RecordFailure(0, kStageNullBuffer);
+bool ReadCache(const std::string& folder, unsigned char* payload, FingerprintStatus& lastError) {
+  if (payload == nullptr) {
+    lastError.RecordFailure(0, kStageNullBuffer);
     return false;
   }
   FileDescriptor file;
-  if (!Open(CacheFolder, _O_RDONLY | _O_BINARY, _S_IREAD, file, LastError)) {
+  if (!Open(folder, _O_RDONLY | _O_BINARY, _S_IREAD, file, lastError)) {
     return false;
   }
   CacheHeader header;
-  if (!Read(file, &header, sizeof(header), LastError) ||
+  if (!Read(file, &header, sizeof(header), lastError) ||
       !std::equal(std::begin(kMagic), std::end(kMagic), header.magic)) {
     return false;
   }
@@ -183,24 +185,26 @@ bool CZTUUID::ReadCacheFile(unsigned char* payload173) {
   if (!ComputeCrc<kReaderChunkSize>(file, crc) || crc != header.crc) {
     return false;
   }
-  if (!Seek(file, sizeof(header)) || !Read(file, payload173, kPayloadSize, LastError)) {
+  if (!Seek(file, sizeof(header)) || !Read(file, payload, kCachePayloadSize, lastError)) {
     return false;
   }
   file.Reset();
-  Scramble(payload173);
+  Scramble(payload);
   return true;
 }
 
-bool CZTUUID::IsCacheCurrent() {
+bool IsCacheOf(const std::string& folder, const RawParameters& parameters,
+               FingerprintStatus& lastError) {
   // One byte more than the file has ends every text, whatever the file holds.
-  unsigned char payload[kPayloadSize + 1] = {};
-  if (!ReadCacheFile(payload) || !EqualIgnoringCase(BiosUuid, payload + kBiosUuidOffset) ||
-      !EqualIgnoringCase(PrimaryHddSerial, payload + kSerialOffset)) {
+  unsigned char payload[kCachePayloadSize + 1] = {};
+  if (!ReadCache(folder, payload, lastError) ||
+      !EqualIgnoringCase(parameters.BiosUuid, payload + kBiosUuidOffset) ||
+      !EqualIgnoringCase(parameters.PrimaryHddSerial, payload + kSerialOffset)) {
     return false;
   }
   // What the file holds beyond this list is not looked at.
   std::size_t i = 0;
-  for (const std::string& address : MacAddressList) {
+  for (const std::string& address : parameters.MacAddressList) {
     if (i == kMaxAddresses) {
       break;
     }

@@ -1,14 +1,14 @@
 #include "identity/ztuuid.h"
 
-#include <algorithm>
 #include <cstring>
-#include <exception>
-#include <iterator>
-#include <utility>
 
+#include "identity/biosuuid.h"
+#include "identity/cachefile.h"
+#include "identity/ipadapters.h"
 #include "identity/md5.h"
+#include "identity/normalise.h"
 #include "identity/osversion.h"
-#include "support/textconv.h"
+#include "identity/systemdisk.h"
 #include "support/trace.h"
 #include "support/windows_api.h"
 
@@ -16,24 +16,6 @@
 #include <objbase.h>
 
 namespace {
-
-// IsVersionEqual's name for version 5.0.
-constexpr int kVersion50 = 1;
-
-// An address without separators.
-constexpr std::size_t kMacDigits = 12;
-constexpr std::ptrdiff_t kMacSeparators = 5;
-
-// How many addresses fit into the four fields that begin at MacAddress1.
-constexpr std::size_t kMacPlaces = 4;
-static_assert(offsetof(FingerprintFields, MacAddress1) + kMacPlaces * kMacAddressSize <=
-              offsetof(FingerprintFields, OptimumHddSerial) + kOptimumHddSerialSize);
-
-// How much of the disk's serial number counts.
-constexpr std::size_t kSerialTail = 8;
-
-// A UUID in braces and its terminator.
-constexpr int kBracedUuidSize = 39;
 
 // Takes this thread out of COM at the end of the scope, also when an exception passes.
 class ComLeaver {
@@ -52,39 +34,6 @@ bool Succeeds(Collect collect) noexcept {
   } catch (...) {
     return false;
   }
-}
-
-// Brings one address into the form with hyphens; false when its form is unknown. Throws
-// std::out_of_range for bare digits that are too few.
-bool Hyphenate(std::string& address) {
-  const auto hyphens = std::count(address.begin(), address.end(), '-');
-  const auto colons = std::count(address.begin(), address.end(), ':');
-  if (hyphens == kMacSeparators) {
-    return true;
-  }
-  if (colons == kMacSeparators) {
-    std::replace(address.begin(), address.end(), ':', '-');
-    return true;
-  }
-  if (hyphens == 0 && colons == 0) {
-    for (const std::size_t position : {10U, 8U, 6U, 4U, 2U}) {
-      address.insert(position, 1, '-');
-    }
-    return true;
-  }
-  return false;
-}
-
-// Whether the first address sorts behind the second; the characters count as signed.
-bool IsGreater(const char* first, const char* second) {
-  for (std::size_t i = 0; i < kMacDigits; ++i) {
-    const auto left = static_cast<signed char>(first[i]);
-    const auto right = static_cast<signed char>(second[i]);
-    if (left != right) {
-      return left > right;
-    }
-  }
-  return false;
 }
 
 // GetZTUUID or GetZTUUIDEx.
@@ -202,85 +151,25 @@ bool CZTUUID::ProcessUUIDParameters() {
 bool CZTUUID::ProcessMACAddresses() {
   constexpr Trace trace{"CZTUUID::ProcessMACAddresses"};
   trace.Info("Entry");
-  try {
-    for (std::string& address : MacAddressList) {
-      std::string hyphenated = address;
-      if (!Hyphenate(hyphenated)) {
-        LastError.RecordFailure(0, kStageMacForm);
-        return false;
-      }
-      address = std::move(hyphenated);
-    }
-  } catch (const std::exception&) {
-    LastError.RecordFailure(0, kStageException);
-    return false;
-  }
-  return true;
+  return HyphenateMacAddresses(MacAddressList, LastError);
 }
 
 bool CZTUUID::SortMacAddress() {
   constexpr Trace trace{"CZTUUID::SortMacAddress"};
   trace.Info("Entry");
-  if (MacAddressList.empty()) {
-    return true;
-  }
-  try {
-    // By address of the whole record, because the third and fourth place lie in the next fields.
-    char* place = reinterpret_cast<char*>(static_cast<FingerprintFields*>(this)) +
-                  offsetof(FingerprintFields, MacAddress1);
-    const char* const end = place + kMacPlaces * kMacAddressSize;
-    for (auto entry = MacAddressList.begin(); entry != MacAddressList.end() && place != end;
-         ++entry, place += kMacAddressSize) {
-      std::string digits = *entry;
-      std::erase(digits, '-');
-      digits.resize(std::min(digits.size(), kMacDigits));
-      if (!LastError.Check(StringCchCopyA(place, kMacAddressSize, digits.c_str()), kStageOther)) {
-        return false;
-      }
-    }
-  } catch (const std::exception&) {
-    LastError.RecordFailure(0, kStageException);
-    return false;
-  }
-  if (IsGreater(MacAddress1, MacAddress2)) {
-    std::swap(MacAddress1, MacAddress2);
-  }
-  return true;
+  return PlaceMacAddresses(MacAddressList, *this);
 }
 
 bool CZTUUID::ValidateUUID() {
   constexpr Trace trace{"CZTUUID::ValidateUUID"};
   trace.Info("Entry");
-  char szUuid[kBracedUuidSize];
-  if (!LastError.Check(StringCchPrintfA(szUuid, kBracedUuidSize, "{%s}", BiosUuid), kStageOther)) {
-    return false;
-  }
-  const int required = AnsiToWide(szUuid, nullptr, 0);
-  wchar_t wszUuid[kBracedUuidSize];
-  if (required == 0 || required > kBracedUuidSize ||
-      AnsiToWide(szUuid, wszUuid, kBracedUuidSize) == 0) {
-    return false;
-  }
-  CLSID uuid{};
-  return SUCCEEDED(CLSIDFromString(wszUuid, &uuid));
+  return HasUuidForm(BiosUuid, LastError);
 }
 
 bool CZTUUID::GetOptimumHDDSrNo() {
   constexpr Trace trace{"CZTUUID::GetOptimumHDDSrNo"};
   trace.Info("Entry");
-  const std::size_t length = std::strlen(PrimaryHddSerial);
-  if (length < kSerialTail) {
-    OptimumHddSerial[0] = '\0';
-    return true;
-  }
-  const HRESULT result =
-      StringCchCopyA(OptimumHddSerial, kSerialTail + 1, PrimaryHddSerial + length - kSerialTail);
-  if (FAILED(result)) {
-    OptimumHddSerial[kSerialTail] = '\0';
-    LastError.RecordFailure(STRSAFE_E_INSUFFICIENT_BUFFER, kStageOther);
-    return false;
-  }
-  return true;
+  return TakeSerialTail(PrimaryHddSerial, OptimumHddSerial, LastError);
 }
 
 bool CZTUUID::ProcessBiosId() {
@@ -290,12 +179,9 @@ bool CZTUUID::ProcessBiosId() {
     trace.Info("Success..");
     return true;
   }
-  char szWithoutHyphens[kBiosUuidSize];
-  std::remove_copy(std::begin(BiosUuid), std::end(BiosUuid), szWithoutHyphens, '-');
-  const HRESULT result = StringCchCopyA(ProcessedBiosId, kProcessedBiosIdSize, szWithoutHyphens);
+  const HRESULT result = RemoveHyphens(BiosUuid, ProcessedBiosId, LastError);
   if (FAILED(result)) {
     trace.ErrorDirect("StringCchCopy failed for UUID\tError code:(%X).", result);
-    LastError.RecordFailure(result, kStageOther);
     return false;
   }
   trace.Info("Success..");
@@ -328,11 +214,35 @@ bool CZTUUID::StringifyMD5(const unsigned char* digest16, char* out, unsigned in
   return true;
 }
 
+bool CZTUUID::GetBiosUuid() { return ReadBiosUuid(BiosUuid, LastError); }
+
+bool CZTUUID::GetPrimaryHDDSrNo() { return ReadSystemDiskSerial(PrimaryHddSerial, LastError); }
+
+bool CZTUUID::GetMacAddresses() { return AppendIpHelperAddresses(MacAddressList, LastError); }
+
+bool CZTUUID::GetOnboardNICMacAddress() { return AppendWmiAddresses(MacAddressList, LastError); }
+
+bool CZTUUID::GetNetworkAdapterList(std::list<NetAdapterEntry>& adapters) {
+  return ListHardwareAdapters(adapters, LastError);
+}
+
+bool CZTUUID::ApplyPermanentAddresses(std::list<NetAdapterEntry>& adapters) {
+  return ReplaceByPermanentAddresses(adapters, LastError);
+}
+
+bool CZTUUID::WriteCacheFile() { return WriteCache(CacheFolder, *this, LastError); }
+
+bool CZTUUID::ReadCacheFile(unsigned char* payload173) {
+  return ReadCache(CacheFolder, payload173, LastError);
+}
+
+bool CZTUUID::IsCacheCurrent() { return IsCacheOf(CacheFolder, *this, LastError); }
+
 bool CZTUUID::CollectParameters(const Trace& trace, ForeignCom foreignCom) {
   trace.Info("Entry");
   IsWindows2000 = false;
   bool isVersion50 = false;
-  if (IsVersionEqual(kVersion50, isVersion50) && isVersion50) {
+  if (IsVersionEqual(kVersionIndex50, isVersion50) && isVersion50) {
     IsWindows2000 = true;
     if (!GetMacAddresses()) {
       trace.Error("GetMacAddresses failed.");

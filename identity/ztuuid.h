@@ -3,26 +3,13 @@
 #pragma once
 
 #include <cstddef>
-#include <cstdint>
 #include <list>
 #include <string>
 
-#include "identity/fingerprintstatus.h"
+#include "identity/parameters.h"
+#include "identity/wmiadapters.h"
 
 class Trace;
-
-// A network adapter as WMI lists it. Both texts are null-terminated.
-struct NetAdapterEntry {
-  char MacAddress[18];
-  char Guid[39];  // with braces; empty when it could not be read
-};
-
-// Sizes of the fingerprint's fields in bytes, terminators included.
-constexpr std::size_t kMacAddressSize = 18;
-constexpr std::size_t kProcessedBiosIdSize = 33;
-constexpr std::size_t kOptimumHddSerialSize = 57;
-constexpr std::size_t kBiosUuidSize = 37;
-constexpr std::size_t kPrimaryHddSerialSize = 100;
 
 // The size of a buffer for the four parameters in one text.
 constexpr std::size_t kCombinedSize = 260;
@@ -30,37 +17,11 @@ constexpr std::size_t kCombinedSize = 260;
 // The size of a buffer that takes the identifier, terminator included.
 constexpr unsigned kIdentifierSize = 33;
 
-// The part of a fingerprint whose layout counts.
-struct FingerprintFields {
-  FingerprintStatus LastError;
-
-  // Set on Windows version 5.0, where the fingerprint is made of network addresses only.
-  bool IsWindows2000 = false;
-
-  // The parameters as they go into the fingerprint. These four lie back to back: SortMacAddress
-  // fills the run that begins at MacAddress1.
-  char MacAddress1[kMacAddressSize] = {};
-  char MacAddress2[kMacAddressSize] = {};
-  char ProcessedBiosId[kProcessedBiosIdSize] = {};
-  char OptimumHddSerial[kOptimumHddSerialSize] = {};
-};
-
-static_assert(sizeof(FingerprintStatus) == 8);
-static_assert(offsetof(FingerprintStatus, ErrorStage) == 4);
-static_assert(sizeof(NetAdapterEntry) == 57);
-static_assert(offsetof(NetAdapterEntry, Guid) == 18);
-static_assert(offsetof(FingerprintFields, LastError) == 0);
-static_assert(offsetof(FingerprintFields, IsWindows2000) == 8);
-static_assert(offsetof(FingerprintFields, MacAddress1) == 9);
-static_assert(offsetof(FingerprintFields, MacAddress2) == 9 + 18);
-static_assert(offsetof(FingerprintFields, ProcessedBiosId) == 9 + 18 + 18);
-static_assert(offsetof(FingerprintFields, OptimumHddSerial) == 9 + 18 + 18 + 33);
-
 // One fingerprint: the parameters as collected, the same normalised, and the operations between
 // them. A fresh record is empty; it serves one collection and belongs to one thread. Operations
 // return true for success; a failure is also offered to LastError, which is kept under its own
 // rule.
-class CZTUUID : public FingerprintFields {
+class CZTUUID : public FingerprintFields, public RawParameters {
  public:
   // Collects, normalises and hashes: writes the identifier into `out`, which has room for
   // `outChars` characters, terminator included; fewer than 33 are refused. Nothing is thrown.
@@ -121,11 +82,6 @@ class CZTUUID : public FingerprintFields {
   bool WriteCacheFile();
   bool ReadCacheFile(unsigned char* payload173);
   bool IsCacheCurrent();
-
-  // The parameters as collected.
-  std::list<std::string> MacAddressList;
-  char BiosUuid[kBiosUuidSize] = {};
-  char PrimaryHddSerial[kPrimaryHddSerialSize] = {};
 
   // Where the cache file lies: a folder with a trailing backslash, or empty for the current folder.
   std::string CacheFolder;

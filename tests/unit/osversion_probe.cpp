@@ -6,6 +6,7 @@
 #include <cstdio>
 #include <fstream>
 
+#include "identity/oscode.h"
 #include "identity/osversion.h"
 
 namespace {

@@ -1,5 +1,8 @@
 #include "identity/osversion.h"
 
+#include "identity/oscode.h"
+#include "identity/osnames.h"
+
 #include <gmock/gmock.h>
 
 #include <algorithm>

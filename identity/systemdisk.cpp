@@ -1,4 +1,5 @@
-// The silent readers of the BIOS UUID and of the system disk's serial number.
+#include "identity/systemdisk.h"
+
 #include <mbstring.h>
 
 #include <algorithm>
@@ -9,7 +10,6 @@
 #include <string_view>
 
 #include "identity/wmi.h"
-#include "identity/ztuuid.h"
 
 namespace {
 
@@ -67,22 +67,21 @@ std::string Trimmed(const std::string& text, FingerprintStatus& lastError) {
 }
 
 // Stores the serial number of a media object; a blank one and one that is too long are not.
-bool StoreSerial(CZTUUID& fingerprint, WmiConnection& wmi, const WmiObject& media) {
+bool StoreSerial(WmiConnection& wmi, const WmiObject& media, char (&serial)[kPrimaryHddSerialSize],
+                 FingerprintStatus& lastError) {
   const Bstr value = wmi.Read(media, L"SerialNumber");
   if (!value) {
     return false;
   }
-  const std::string serial = Trimmed(NarrowByLocale(value.View()), fingerprint.LastError);
-  return !serial.empty() &&
-         fingerprint.LastError.Check(
-             StringCchCopyA(fingerprint.PrimaryHddSerial, kPrimaryHddSerialSize, serial.c_str()),
-             kStageOther);
+  const std::string text = Trimmed(NarrowByLocale(value.View()), lastError);
+  return !text.empty() &&
+         lastError.Check(StringCchCopyA(serial, kPrimaryHddSerialSize, text.c_str()), kStageOther);
 }
 
 // Goes from a media object over the partitions of its disk to their logical disks; where one of
 // these is the system drive, the media's serial number is stored.
-bool StoreSerialOfSystemDisk(CZTUUID& fingerprint, WmiConnection& wmi, const WmiObject& media,
-                             const char* systemDrive) {
+bool StoreSerialOfSystemDisk(WmiConnection& wmi, const WmiObject& media, const char* systemDrive,
+                             char (&serial)[kPrimaryHddSerialSize], FingerprintStatus& lastError) {
   const Bstr tag = wmi.Read(media, L"Tag");
   if (!tag) {
     return false;
@@ -103,7 +102,7 @@ bool StoreSerialOfSystemDisk(CZTUUID& fingerprint, WmiConnection& wmi, const Wmi
     while (const WmiObject logicalDisk = wmi.Next(logicalDisks)) {
       Bstr drive = wmi.Read(logicalDisk, L"DeviceID");
       if (drive && IsSameDrive(drive.Narrow(), systemDrive) &&
-          StoreSerial(fingerprint, wmi, media)) {
+          StoreSerial(wmi, media, serial, lastError)) {
         return true;
       }
     }
@@ -113,25 +112,8 @@ bool StoreSerialOfSystemDisk(CZTUUID& fingerprint, WmiConnection& wmi, const Wmi
 
 }  // namespace
 
-bool CZTUUID::GetBiosUuid() {
-  WmiConnection wmi(LastError);
-  if (!wmi.Open(kCimV2)) {
-    return false;
-  }
-  const WmiResult products = wmi.Query(Bstr("SELECT * FROM Win32_ComputerSystemProduct"));
-  if (!products) {
-    return false;
-  }
-  while (const WmiObject product = wmi.Next(products)) {
-    if (Bstr uuid = wmi.Read(product, L"UUID")) {
-      return LastError.Check(StringCchCopyA(BiosUuid, kBiosUuidSize, uuid.Narrow()), kStageOther);
-    }
-  }
-  return true;
-}
-
-bool CZTUUID::GetPrimaryHDDSrNo() {
-  WmiConnection wmi(LastError);
+bool ReadSystemDiskSerial(char (&serial)[kPrimaryHddSerialSize], FingerprintStatus& lastError) {
+  WmiConnection wmi(lastError);
   if (!wmi.Open(kCimV2)) {
     return false;
   }
@@ -148,7 +130,7 @@ bool CZTUUID::GetPrimaryHDDSrNo() {
   }
 
   while (const WmiObject media = wmi.Next(allMedia)) {
-    if (StoreSerialOfSystemDisk(*this, wmi, media, systemDrive)) {
+    if (StoreSerialOfSystemDisk(wmi, media, systemDrive, serial, lastError)) {
       return true;
     }
   }
