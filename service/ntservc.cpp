@@ -7,6 +7,7 @@
 #include <iterator>
 
 #include "service/helperpipe.h"
+#include "service/reportgate.h"
 #include "service/vorlfun.h"
 #include "support/handle.h"
 #include "support/textconv.h"
@@ -17,10 +18,6 @@ namespace {
 constexpr Trace parseTrace{"CNTService::ParseStandardArgs"};
 
 constexpr DWORD kRestartPauseMilliseconds = 100;
-
-// How long the service thread waits for a control in the handler ahead of its last report. The
-// handler only signals an event and reports the status.
-constexpr DWORD kHandlerWaitMilliseconds = 5000;
 
 constexpr unsigned kDebugMessageSize = 1024;
 constexpr unsigned kConsoleMessageSize = 500;
@@ -33,6 +30,18 @@ constexpr unsigned kWideServiceNameLength = 260;
 
 constexpr char kEventLogKey[] = R"(SYSTEM\CurrentControlSet\Services\EventLog\Application\)";
 constexpr unsigned kEventLogKeySize = sizeof(kEventLogKey) + kServiceNameSize;
+
+constinit ReportGate g_reportGate;
+
+// What a report of the status is made of. A copy serves when the object may be gone.
+struct StatusReport {
+  char szServiceName[kServiceNameSize];
+  SERVICE_STATUS_HANDLE hServiceStatus;
+  SERVICE_STATUS status;
+};
+
+// The report of a failed initialisation, which is made twice.
+constinit StatusReport g_failedInitialization{};
 
 ServiceHandle OpenManager() {
   return ServiceHandle(
@@ -54,6 +63,43 @@ bool GetCommandPath(wchar_t (&commandPath)[kCommandPathLength]) {
 
 bool IsOption(const char* argument, const char* option) { return _stricmp(argument, option) == 0; }
 
+void SendDebugMessageV(const char* serviceName, const char* format, va_list arguments) {
+  constexpr Trace trace{"CNTService::DebugMsg"};
+  trace.Info("Entry");
+  char szMessage[kDebugMessageSize];
+  char* end = szMessage;
+  size_t left = kDebugMessageSize - 1;  // the line feed
+  // Cut messages are still sent.
+  static_cast<void>(StringCchPrintfExA(end, left, &end, &left, /*dwFlags=*/0,
+                                       "[%s](%lu): ", serviceName, GetCurrentThreadId()));
+  static_cast<void>(StringCchVPrintfExA(end, left, &end, &left, /*dwFlags=*/0, format, arguments));
+  end[0] = '\n';
+  end[1] = '\0';
+  OutputDebugStringA(szMessage);
+  trace.Info("Exit");
+}
+
+void SendDebugMessage(const char* serviceName, const char* format, ...) {
+  va_list arguments;
+  va_start(arguments, format);
+  SendDebugMessageV(serviceName, format, arguments);
+  va_end(arguments);
+}
+
+void ReportStatus(const char* serviceName, SERVICE_STATUS_HANDLE handle, SERVICE_STATUS& status,
+                  DWORD state) {
+  constexpr Trace trace{"CNTService::SetStatus"};
+  trace.Info("Entry");
+  SendDebugMessage(serviceName, "CNTService::SetStatus(%lu, %lu)",
+                   static_cast<unsigned long>(reinterpret_cast<ULONG_PTR>(handle)), state);
+  // A control that comes during the last report must not change what is being reported.
+  if (state == SERVICE_STOPPED || g_reportGate.MayReport()) {
+    status.dwCurrentState = state;
+    SetServiceStatus(handle, &status);
+  }
+  trace.Info("Exit");
+}
+
 // All that a hook does when no derived class replaces it.
 void TraceHook(const Trace& trace) {
   trace.Info("Entry");
@@ -73,12 +119,12 @@ CNTService::CNTService(const char* serviceName)
       m_ServiceStatus{},
       m_bRunning(FALSE),
       m_bNotifyServer(false),
-      m_hEventLogSource(nullptr),
-      m_dwHandlerActive(0),
-      m_dwEnding(0) {
+      m_hEventLogSource(nullptr) {
+  static_assert(sizeof(CNTService) == 136, "the class has exactly its declared fields");
   constexpr Trace trace{"CNTService::CNTService"};
   trace.Info("Entry");
   s_pThis = this;
+  g_reportGate.Open();
   // A name that is too long is cut.
   static_cast<void>(StringCchCopyA(m_szServiceName, kServiceNameSize, serviceName));
   m_ServiceStatus.dwServiceType = SERVICE_WIN32_OWN_PROCESS;
@@ -251,15 +297,19 @@ BOOL CNTService::StartService() {
   trace.Info("Before calling StartServiceCtrlDispatcher");
   const BOOL result = StartServiceCtrlDispatcherA(serviceTable);
   trace.Info("After calling StartServiceCtrlDispatcher");
+  // It returns when STOPPED is reported; the service thread still has its last lines to write.
+  if (!g_reportGate.WaitUntilLeft()) {
+    trace.Error("ServiceMain or Handler does not return");
+  }
   trace.Info("Exit");
   return result;
 }
 
 void WINAPI CNTService::ServiceMain(DWORD /*argc*/, char** /*argv*/) {
+  const auto visit = ReportGate::Visit::OfServiceMain(g_reportGate);
   constexpr Trace trace{"CNTService::ServiceMain"};
   trace.Info("Entry");
   CNTService* const service = s_pThis;
-  service->m_dwEnding = 0;
   service->m_ServiceStatus.dwCurrentState = SERVICE_START_PENDING;
   service->m_hServiceStatus =
       RegisterServiceCtrlHandlerA(service->m_szServiceName, &CNTService::Handler);
@@ -274,12 +324,14 @@ void WINAPI CNTService::ServiceMain(DWORD /*argc*/, char** /*argv*/) {
     service->m_ServiceStatus.dwCheckPoint = 0;
     service->m_ServiceStatus.dwWaitHint = 0;
     service->Run();
+    g_reportGate.Close();
+    service->SetStatus(SERVICE_STOPPED);
+  } else {
+    // STOPPED once more, from a copy.
+    StatusReport& report = g_failedInitialization;
+    ReportStatus(report.szServiceName, report.hServiceStatus, report.status, SERVICE_STOPPED);
   }
-
-  service->m_dwEnding = 1;
-  service->WaitForHandler();
-  service->SetStatus(SERVICE_STOPPED);
-  // From here on the dispatcher may have returned and the object may be gone.
+  // The dispatcher has returned or is about to, and the object may be gone.
   trace.Info("Exit");
 }
 
@@ -293,6 +345,11 @@ BOOL CNTService::Initialize() {
   m_ServiceStatus.dwCheckPoint = 0;
   m_ServiceStatus.dwWaitHint = 0;
   if (!initialized) {
+    g_reportGate.Close();
+    static_assert(sizeof(g_failedInitialization.szServiceName) == sizeof(m_szServiceName));
+    std::memcpy(g_failedInitialization.szServiceName, m_szServiceName, sizeof(m_szServiceName));
+    g_failedInitialization.hServiceStatus = m_hServiceStatus;
+    g_failedInitialization.status = m_ServiceStatus;
     SetStatus(SERVICE_STOPPED);
     return FALSE;
   }
@@ -303,24 +360,19 @@ BOOL CNTService::Initialize() {
 }
 
 void WINAPI CNTService::Handler(DWORD control) {
+  const auto visit = ReportGate::Visit::OfHandler(g_reportGate);
   constexpr Trace trace{"CNTService::Handler"};
-  CNTService* const service = s_pThis;
-  service->m_dwHandlerActive = 1;
   trace.Info("Entry");
-
-  // A control that comes when the body has ended has nobody left to act on it. Of the two stores at
-  // least one is seen by the other side: the service thread waits, or nothing is reported here.
-  if (service->m_dwEnding == 0) {
-    if (control == SERVICE_CONTROL_USER_STOP) {
-      trace.Info("Got user stop notification");
-      service->m_bNotifyServer = true;
-    }
-    service->DispatchControl(control);
+  CNTService* const service = s_pThis;
+  if (control == SERVICE_CONTROL_USER_STOP) {
+    trace.Info("Got user stop notification");
+    service->m_bNotifyServer = true;
+  }
+  service->DispatchControl(control);
+  // Behind STOPPED the service control manager would take it for the state that counts.
+  if (g_reportGate.MayReport()) {
     SetServiceStatus(service->m_hServiceStatus, &service->m_ServiceStatus);
   }
-
-  service->m_dwHandlerActive = 0;
-  WakeByAddressAll(&service->m_dwHandlerActive);
   trace.Info("Exit");
 }
 
@@ -352,17 +404,6 @@ void CNTService::DispatchControl(DWORD control) {
   }
 }
 
-// A stop wakes the service thread before the handler has made its second report. That report must
-// not arrive behind STOPPED, or the service control manager waits for the stop for ever.
-void CNTService::WaitForHandler() {
-  const ULONGLONG deadline = GetTickCount64() + kHandlerWaitMilliseconds;
-  DWORD active = m_dwHandlerActive;
-  for (ULONGLONG now = GetTickCount64(); active != 0 && now < deadline; now = GetTickCount64()) {
-    WaitOnAddress(&m_dwHandlerActive, &active, sizeof(active), static_cast<DWORD>(deadline - now));
-    active = m_dwHandlerActive;
-  }
-}
-
 void CNTService::Run() { TraceHook(Trace{"CNTService::Run"}); }
 
 BOOL CNTService::OnInit() {
@@ -386,32 +427,14 @@ BOOL CNTService::OnUserControl(DWORD /*code*/) {
 }
 
 void CNTService::SetStatus(DWORD state) {
-  constexpr Trace trace{"CNTService::SetStatus"};
-  trace.Info("Entry");
-  DebugMsg("CNTService::SetStatus(%lu, %lu)",
-           static_cast<unsigned long>(reinterpret_cast<ULONG_PTR>(m_hServiceStatus)), state);
-  m_ServiceStatus.dwCurrentState = state;
-  SetServiceStatus(m_hServiceStatus, &m_ServiceStatus);
-  trace.Info("Exit");
+  ReportStatus(m_szServiceName, m_hServiceStatus, m_ServiceStatus, state);
 }
 
 void CNTService::DebugMsg(const char* format, ...) {
-  constexpr Trace trace{"CNTService::DebugMsg"};
-  trace.Info("Entry");
-  char szMessage[kDebugMessageSize];
-  char* end = szMessage;
-  size_t left = kDebugMessageSize - 1;  // the line feed
-  // Cut messages are still sent.
-  static_cast<void>(StringCchPrintfExA(end, left, &end, &left, /*dwFlags=*/0,
-                                       "[%s](%lu): ", m_szServiceName, GetCurrentThreadId()));
   va_list arguments;
   va_start(arguments, format);
-  static_cast<void>(StringCchVPrintfExA(end, left, &end, &left, /*dwFlags=*/0, format, arguments));
+  SendDebugMessageV(m_szServiceName, format, arguments);
   va_end(arguments);
-  end[0] = '\n';
-  end[1] = '\0';
-  OutputDebugStringA(szMessage);
-  trace.Info("Exit");
 }
 
 BOOL CNTService::IsInstalled() {

@@ -2,7 +2,6 @@
 // and controls itself from its command line.
 #pragma once
 
-#include <atomic>
 #include <cstdint>
 
 #include "support/windows_api.h"
@@ -42,8 +41,8 @@ class CNTService {
   // the service. Failures are printed and traced, never returned.
   BOOL ParseStandardArgs(int argc, char** argv);
 
-  // Connects the process to the service control manager and blocks until the service has stopped.
-  // False at once when the process was not started as a service.
+  // Connects the process to the service control manager and blocks until the service has stopped
+  // and its callbacks have returned. False at once when the process was not started as a service.
   BOOL StartService();
 
   // Whether the service can be opened for querying its configuration.
@@ -97,7 +96,6 @@ class CNTService {
 
  private:
   void DispatchControl(DWORD control);
-  void WaitForHandler();
 
   void CommandInstall();
   void CommandStart();
@@ -106,11 +104,6 @@ class CNTService {
   void CommandRestart();
   void CommandUninstall();
   void NotifyHelper(DWORD actionCode);
-
-  // Nonzero from the handler's entry until it has made its last report.
-  std::atomic<DWORD> m_dwHandlerActive;
-  // Nonzero when the service's body has ended and STOPPED is about to be reported.
-  std::atomic<DWORD> m_dwEnding;
 
   static CNTService* s_pThis;
   static RemovalHooks s_removalHooks;
