@@ -21,8 +21,8 @@ constexpr char kEventPrefix[] = "Global\\";
 constexpr char kEventSuffix[] = "_v" VORL_MAJOR_VERSION;
 constexpr char kServiceSuffix[] = " " VORL_MAJOR_VERSION;
 
-// What the service keeps its own name in, the terminator included.
-constexpr DWORD kServiceNameSize = 64;
+// The service takes a name of less than 63 characters; the terminator comes on top.
+constexpr DWORD kServiceNameSize = 63;
 
 // Both kinds of name refuse the backslash; the service manager also refuses the slash.
 bool IsUsable(const char* baseName, const char* forbidden) noexcept {

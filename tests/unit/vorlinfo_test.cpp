@@ -70,9 +70,9 @@ TEST_F(VersionedNames, NoCapacityIsRefused) {
   EXPECT_EQ(Event("E", 0), "refused");
 }
 
-TEST_F(VersionedNames, ServiceNameOfMoreThan63CharactersIsRefusedWhateverTheCapacity) {
-  EXPECT_EQ(Service(std::string(61, 'x').c_str(), 1000), std::string(61, 'x') + " 1");
-  EXPECT_EQ(Service(std::string(62, 'x').c_str(), 1000), "refused");
+TEST_F(VersionedNames, ServiceNameOf63CharactersIsRefusedWhateverTheCapacity) {
+  EXPECT_EQ(Service(std::string(60, 'x').c_str(), 1000), std::string(60, 'x') + " 1");
+  EXPECT_EQ(Service(std::string(61, 'x').c_str(), 1000), "refused");
 }
 
 TEST_F(VersionedNames, EventNameMayFillTheCapacity) {
