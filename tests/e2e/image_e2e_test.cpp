@@ -102,9 +102,13 @@ TEST_P(StagedBinary, MayBePlacedAnywhereAndRunsNoData) {
   EXPECT_TRUE(flags & IMAGE_DLLCHARACTERISTICS_DYNAMIC_BASE);
   EXPECT_TRUE(flags & IMAGE_DLLCHARACTERISTICS_HIGH_ENTROPY_VA);
   EXPECT_TRUE(flags & IMAGE_DLLCHARACTERISTICS_NX_COMPAT);
-  // Without relocations the first flag would be an empty promise.
+  // Without relocations the first flag would be an empty promise. Of an image that holds no address
+  // at all there is nothing to list.
   EXPECT_FALSE(image.Headers().FileHeader.Characteristics & IMAGE_FILE_RELOCS_STRIPPED);
-  EXPECT_NE(image.Headers().OptionalHeader.DataDirectory[IMAGE_DIRECTORY_ENTRY_BASERELOC].Size, 0U);
+  const bool holdsNoAddress = path.filename() == "vorlinfo.dll";
+  EXPECT_EQ(
+      image.Headers().OptionalHeader.DataDirectory[IMAGE_DIRECTORY_ENTRY_BASERELOC].Size == 0U,
+      holdsNoAddress);
 }
 
 TEST_P(StagedBinary, NeedsNothingBesideWindowsAndTheThreeLibraries) {
