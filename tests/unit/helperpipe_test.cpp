@@ -46,30 +46,94 @@ std::uint32_t Value32(const Bytes& bytes, std::size_t offset) {
   return value;
 }
 
-Bytes ReadExactly(HANDLE pipe, std::size_t size, std::size_t pieceSize = 65536) {
-  Bytes bytes;
-  while (bytes.size() < size) {
-    Bytes piece(std::min(pieceSize, size - bytes.size()));
-    DWORD read = 0;
-    if (!ReadFile(pipe, piece.data(), static_cast<DWORD>(piece.size()), &read, nullptr)) {
-      break;
+// The server's end of a pipe. A client that does not do its part ends the service, so that neither
+// waits for the other.
+class ServerEnd {
+ public:
+  // `clientReads` is signalled when the client waits for its reply: it has sent what it ever will.
+  ServerEnd(HANDLE pipe, HANDLE clientReads) : m_pipe(pipe), m_clientReads(clientReads) {}
+
+  // Waits for a client, which may be there, or gone again, already; its data can still be read.
+  // False when `over` is signalled instead: no client comes any more.
+  bool Connect(HANDLE over) {
+    OVERLAPPED overlapped = Start();
+    if (!ConnectNamedPipe(m_pipe, &overlapped) && GetLastError() == ERROR_IO_PENDING) {
+      const HANDLE events[] = {overlapped.hEvent, over};
+      WaitForMultipleObjects(2, events, /*bWaitAll=*/FALSE, INFINITE);
+      CancelIoEx(m_pipe, &overlapped);
+      DWORD none = 0;
+      return GetOverlappedResult(m_pipe, &overlapped, &none, /*bWait=*/TRUE) != FALSE;
     }
-    bytes.insert(bytes.end(), piece.begin(), piece.begin() + read);
+    return true;
   }
-  return bytes;
-}
 
-void Reply(HANDLE pipe, const void* data, DWORD size) {
-  DWORD written = 0;
-  WriteFile(pipe, data, size, &written, nullptr);
-}
-
-void WaitUntilTheClientHasClosed(HANDLE pipe) {
-  std::uint8_t byte = 0;
-  DWORD read = 0;
-  while (ReadFile(pipe, &byte, sizeof(byte), &read, nullptr)) {
+  // At most `size` bytes, one message at the most; 0 when there will be no more.
+  DWORD Read(void* data, DWORD size) {
+    OVERLAPPED overlapped = Start();
+    const BOOL done = ReadFile(m_pipe, data, size, nullptr, &overlapped);
+    if (!done && GetLastError() != ERROR_IO_PENDING) {
+      return 0;
+    }
+    const HANDLE events[] = {overlapped.hEvent, m_clientReads};
+    WaitForMultipleObjects(2, events, /*bWaitAll=*/FALSE, INFINITE);
+    CancelIoEx(m_pipe, &overlapped);
+    DWORD count = 0;
+    return GetOverlappedResult(m_pipe, &overlapped, &count, /*bWait=*/TRUE) ? count : 0;
   }
-}
+
+  // As many bytes as come, up to `size`.
+  Bytes ReadExactly(std::size_t size, std::size_t pieceSize = 65536) {
+    Bytes bytes;
+    while (bytes.size() < size) {
+      Bytes piece(std::min(pieceSize, size - bytes.size()));
+      const DWORD read = Read(piece.data(), static_cast<DWORD>(piece.size()));
+      if (read == 0) {
+        break;
+      }
+      bytes.insert(bytes.end(), piece.begin(), piece.begin() + read);
+    }
+    return bytes;
+  }
+
+  // The pipe has room for it.
+  void Reply(const void* data, DWORD size) {
+    OVERLAPPED overlapped = Start();
+    if (!WriteFile(m_pipe, data, size, nullptr, &overlapped) &&
+        GetLastError() == ERROR_IO_PENDING) {
+      DWORD written = 0;
+      GetOverlappedResult(m_pipe, &overlapped, &written, /*bWait=*/TRUE);
+    }
+  }
+
+  // To be called behind the reply. Fails the test when the client does not close.
+  void WaitUntilTheClientHasClosed() {
+    std::uint8_t byte = 0;
+    OVERLAPPED overlapped = Start();
+    if (ReadFile(m_pipe, &byte, sizeof(byte), nullptr, &overlapped) ||
+        GetLastError() != ERROR_IO_PENDING) {
+      return;
+    }
+    // Long enough for any machine; only a client that never closes lets it pass.
+    constexpr DWORD kPatience = 30000;
+    if (WaitForSingleObject(m_event.Get(), kPatience) != WAIT_OBJECT_0) {
+      ADD_FAILURE() << "the client does not close";
+    }
+    CancelIoEx(m_pipe, &overlapped);
+    DWORD count = 0;
+    GetOverlappedResult(m_pipe, &overlapped, &count, /*bWait=*/TRUE);
+  }
+
+ private:
+  OVERLAPPED Start() const {
+    OVERLAPPED overlapped{};
+    overlapped.hEvent = m_event.Get();
+    return overlapped;
+  }
+
+  HANDLE m_pipe;
+  HANDLE m_clientReads;
+  const KernelHandle m_event{CreateEventW(nullptr, /*bManualReset=*/TRUE, FALSE, nullptr)};
+};
 
 // What a receiver does with a body.
 Bytes Unscrambled(Bytes body, std::uint32_t checksum) {
@@ -81,20 +145,24 @@ Bytes Unscrambled(Bytes body, std::uint32_t checksum) {
 }
 
 // A real pipe with one instance and a thread that serves one connection after another, each by the
-// next of `services`. What a connection sent is in m_received.
+// next of `services`. A service without a client at the time of Join fails the test.
 class PipeServer {
  public:
-  using Service = std::function<void(HANDLE pipe)>;
+  using Service = std::function<void(ServerEnd& client)>;
 
-  explicit PipeServer(std::vector<Service> services, DWORD mode = PIPE_TYPE_BYTE)
-      : m_pipe(CreateNamedPipeW(OwnPipeNameWide().c_str(), PIPE_ACCESS_DUPLEX, mode,
+  PipeServer(HANDLE clientReads, std::vector<Service> services, DWORD mode = PIPE_TYPE_BYTE)
+      : m_pipe(CreateNamedPipeW(OwnPipeNameWide().c_str(),
+                                PIPE_ACCESS_DUPLEX | FILE_FLAG_OVERLAPPED, mode,
                                 /*nMaxInstances=*/1, /*nOutBufferSize=*/4096,
                                 /*nInBufferSize=*/4096, /*nDefaultTimeOut=*/0, nullptr)) {
-    m_thread = std::thread([this, services = std::move(services)] {
+    m_thread = std::thread([this, clientReads, services = std::move(services)] {
       for (const Service& service : services) {
-        // Fails when the client is there, or gone again, already; its data can still be read.
-        static_cast<void>(ConnectNamedPipe(m_pipe.Get(), nullptr));
-        service(m_pipe.Get());
+        ServerEnd client(m_pipe.Get(), clientReads);
+        if (!client.Connect(m_over.Get())) {
+          ADD_FAILURE() << "no client has come";
+          return;
+        }
+        service(client);
         DisconnectNamedPipe(m_pipe.Get());
       }
     });
@@ -103,16 +171,22 @@ class PipeServer {
   PipeServer(const PipeServer&) = delete;
   PipeServer& operator=(const PipeServer&) = delete;
 
+  // To be called when no client is to come any more.
   void Join() {
     if (m_thread.joinable()) {
+      SetEvent(m_over.Get());
       m_thread.join();
     }
   }
 
  private:
   FileHandle m_pipe;
+  const KernelHandle m_over{CreateEventW(nullptr, /*bManualReset=*/TRUE, FALSE, nullptr)};
   std::thread m_thread;
 };
+
+// Takes what comes until the client closes, or waits for a reply in vain.
+const PipeServer::Service kTakeAll = [](ServerEnd& client) { client.ReadExactly(4096); };
 
 // The calls of the client, led to the test's own pipe. The server's calls go by unseen.
 class HelperPipe : public ::testing::Test {
@@ -120,10 +194,10 @@ class HelperPipe : public ::testing::Test {
   // A service that takes a whole request, answers `reply` and waits for the client to close.
   PipeServer::Service TakeAndReply(Bytes reply, std::size_t size = 12 + 525,
                                    std::size_t pieceSize = 65536) {
-    return [this, reply, size, pieceSize](HANDLE pipe) {
-      m_received = ReadExactly(pipe, size, pieceSize);
-      Reply(pipe, reply.data(), static_cast<DWORD>(reply.size()));
-      WaitUntilTheClientHasClosed(pipe);
+    return [this, reply, size, pieceSize](ServerEnd& client) {
+      m_received = client.ReadExactly(size, pieceSize);
+      client.Reply(reply.data(), static_cast<DWORD>(reply.size()));
+      client.WaitUntilTheClientHasClosed();
     };
   }
   PipeServer::Service TakeAndReply() { return TakeAndReply({0xD4, 0xC3, 0xB2, 0xA1}); }
@@ -131,6 +205,9 @@ class HelperPipe : public ::testing::Test {
   Bytes ReceivedBody() const {
     return m_received.size() < 12 ? Bytes() : Bytes(m_received.begin() + 12, m_received.end());
   }
+
+  // Signalled when the client waits for its reply.
+  const KernelHandle m_clientReads{CreateEventW(nullptr, /*bManualReset=*/TRUE, FALSE, nullptr)};
 
   const std::string m_open =
       "CreateFileA(\"\\\\.\\pipe\\briskuphelperpipe\", 0xC0000000, 0x0, null, 3, 0x0, null) = ";
@@ -147,6 +224,8 @@ class HelperPipe : public ::testing::Test {
   };
   // The errors of the client's writes; 0 and an empty list as above.
   std::deque<DWORD> m_writeErrors;
+  // How many bytes the client's next writes send at the most, with success; none as above.
+  std::deque<DWORD> m_writeLimits;
   // Replaces the client's read when set.
   std::function<BOOL(void* data, DWORD* read)> m_onRead;
 
@@ -204,6 +283,10 @@ class HelperPipe : public ::testing::Test {
           SetLastError(error);
           return FALSE;
         }
+        if (!m_writeLimits.empty()) {
+          size = std::min(size, m_writeLimits.front());
+          m_writeLimits.pop_front();
+        }
         return m_writePatch.CallOriginal(file, data, size, written, overlapped);
       }};
   CallPatch<struct ReadTag, decltype(ReadFile)> m_readPatch{
@@ -213,6 +296,7 @@ class HelperPipe : public ::testing::Test {
           return m_readPatch.CallOriginal(file, data, size, read, overlapped);
         }
         m_journal.Call("ReadFile(" + std::to_string(size) + (overlapped ? ", overlapped)" : ")"));
+        SetEvent(m_clientReads.Get());
         return m_onRead ? m_onRead(data, read)
                         : m_readPatch.CallOriginal(file, data, size, read, overlapped);
       }};
@@ -229,7 +313,7 @@ class HelperPipe : public ::testing::Test {
 // ---- What is sent ----
 
 TEST_F(HelperPipe, RequestCarriesNameActionAndFlagAndTheReplyIsReturned) {
-  PipeServer server({TakeAndReply()});
+  PipeServer server(m_clientReads.Get(), {TakeAndReply()});
   EXPECT_EQ(NotifyHelperPipe(L"Client Agent 1", 1, 0), kReply);
   server.Join();
 
@@ -251,7 +335,7 @@ TEST_F(HelperPipe, RequestCarriesNameActionAndFlagAndTheReplyIsReturned) {
 class HelperPipeAction : public HelperPipe, public ::testing::WithParamInterface<std::uint32_t> {};
 
 TEST_P(HelperPipeAction, StandsBehindTheName) {
-  PipeServer server({TakeAndReply()});
+  PipeServer server(m_clientReads.Get(), {TakeAndReply()});
   EXPECT_EQ(NotifyHelperPipe(L"Sample", GetParam(), 0), kReply);
   server.Join();
   ASSERT_EQ(m_received.size(), 12U + 525U);
@@ -263,7 +347,7 @@ TEST_P(HelperPipeAction, StandsBehindTheName) {
 INSTANTIATE_TEST_SUITE_P(, HelperPipeAction, Values(1U, 2U, 5U, 0xFEDCBA98U));
 
 TEST_F(HelperPipe, NameIsLeftOutWhenTheFlagIsSet) {
-  PipeServer server({TakeAndReply()});
+  PipeServer server(m_clientReads.Get(), {TakeAndReply()});
   EXPECT_EQ(NotifyHelperPipe(L"Sample", 2, 0x81), kReply);
   server.Join();
   ASSERT_EQ(m_received.size(), 12U + 525U);
@@ -274,12 +358,12 @@ TEST_F(HelperPipe, NameIsLeftOutWhenTheFlagIsSet) {
 }
 
 TEST_F(HelperPipe, NameMayBeNullWhenTheFlagIsSet) {
-  PipeServer server({TakeAndReply()});
+  PipeServer server(m_clientReads.Get(), {TakeAndReply()});
   EXPECT_EQ(NotifyHelperPipe(nullptr, 5, 1), kReply);
 }
 
 TEST_F(HelperPipe, NameOf259CharactersIsSentWhole) {
-  PipeServer server({TakeAndReply()});
+  PipeServer server(m_clientReads.Get(), {TakeAndReply()});
   EXPECT_EQ(NotifyHelperPipe(std::wstring(259, L'\x20AC').c_str(), 1, 0), kReply);
   server.Join();
   ASSERT_EQ(m_received.size(), 12U + 525U);
@@ -313,7 +397,7 @@ TEST_F(HelperPipe, BodyWithTheSum0x1234IsSentWithThatChecksumAndEachByteExchange
   Bytes body(525, 0x08);
   std::fill(body.begin() + 520, body.end(), std::uint8_t{0x64});
   ASSERT_EQ(std::accumulate(body.begin(), body.end(), 0), 0x1234);
-  PipeServer server({TakeAndReply()});
+  PipeServer server(m_clientReads.Get(), {TakeAndReply()});
   EXPECT_EQ(SendHelperPipeMessage(15, body.data(), 525), kReply);
   server.Join();
 
@@ -328,7 +412,7 @@ TEST_F(HelperPipe, EveryByteValueIsScrambledInPlaceAndCanBeRestored) {
   Bytes body(256);
   std::iota(body.begin(), body.end(), std::uint8_t{0});
   const Bytes plain = body;
-  PipeServer server({TakeAndReply({1, 0, 0, 0}, 12 + 256)});
+  PipeServer server(m_clientReads.Get(), {TakeAndReply({1, 0, 0, 0}, 12 + 256)});
   EXPECT_EQ(SendHelperPipeMessage(0x01020304, body.data(), 256), 1U);
   server.Join();
   ASSERT_EQ(m_received.size(), 12U + 256U);
@@ -341,7 +425,7 @@ TEST_F(HelperPipe, EveryByteValueIsScrambledInPlaceAndCanBeRestored) {
 
 TEST_F(HelperPipe, ChecksumTakesBytesAsUnsigned) {
   Bytes body(525, 0xFF);
-  PipeServer server({TakeAndReply()});
+  PipeServer server(m_clientReads.Get(), {TakeAndReply()});
   EXPECT_EQ(SendHelperPipeMessage(15, body.data(), 525), kReply);
   server.Join();
   ASSERT_EQ(m_received.size(), 12U + 525U);
@@ -351,15 +435,13 @@ TEST_F(HelperPipe, ChecksumTakesBytesAsUnsigned) {
 
 TEST_F(HelperPipe, HeaderAndBodyAreOneMessageEach) {
   std::vector<DWORD> sizes;
-  PipeServer server({[&](HANDLE pipe) {
+  PipeServer server(m_clientReads.Get(), {[&](ServerEnd& client) {
                       Bytes buffer(4096);
                       for (int i = 0; i < 2; ++i) {
-                        DWORD read = 0;
-                        ReadFile(pipe, buffer.data(), 4096, &read, nullptr);
-                        sizes.push_back(read);
+                        sizes.push_back(client.Read(buffer.data(), 4096));
                       }
-                      Reply(pipe, &kReply, sizeof(kReply));
-                      WaitUntilTheClientHasClosed(pipe);
+                      client.Reply(&kReply, sizeof(kReply));
+                      client.WaitUntilTheClientHasClosed();
                     }},
                     PIPE_TYPE_MESSAGE | PIPE_READMODE_MESSAGE);
   EXPECT_EQ(NotifyHelperPipe(L"Sample", 1, 0), kReply);
@@ -368,7 +450,7 @@ TEST_F(HelperPipe, HeaderAndBodyAreOneMessageEach) {
 }
 
 TEST_F(HelperPipe, ServerMayReadInPieces) {
-  PipeServer server({TakeAndReply({7, 0, 0, 0}, 12 + 525, /*pieceSize=*/1)});
+  PipeServer server(m_clientReads.Get(), {TakeAndReply({7, 0, 0, 0}, 12 + 525, /*pieceSize=*/1)});
   EXPECT_EQ(NotifyHelperPipe(L"Sample", 1, 0), 7U);
   server.Join();
   EXPECT_EQ(m_received.size(), 12U + 525U);
@@ -377,19 +459,19 @@ TEST_F(HelperPipe, ServerMayReadInPieces) {
 // ---- The reply ----
 
 TEST_F(HelperPipe, ReplyOfZeroIsZero) {
-  PipeServer server({TakeAndReply({0, 0, 0, 0})});
+  PipeServer server(m_clientReads.Get(), {TakeAndReply({0, 0, 0, 0})});
   EXPECT_EQ(NotifyHelperPipe(L"Sample", 1, 0), 0U);
   EXPECT_THAT(m_journal.Calls(), ElementsAre(m_open + "pipe", "WriteFile(12)", "WriteFile(525)",
                                              "ReadFile(4)", "CloseHandle"));
 }
 
 TEST_F(HelperPipe, ShortReplyFillsTheLowestBytes) {
-  PipeServer server({TakeAndReply({0x34, 0x12})});
+  PipeServer server(m_clientReads.Get(), {TakeAndReply({0x34, 0x12})});
   EXPECT_EQ(NotifyHelperPipe(L"Sample", 1, 0), 0x1234U);
 }
 
 TEST_F(HelperPipe, OnlyTheFirstFourBytesOfALongReplyCount) {
-  PipeServer server({TakeAndReply({1, 2, 3, 4, 5, 6, 7, 8})});
+  PipeServer server(m_clientReads.Get(), {TakeAndReply({1, 2, 3, 4, 5, 6, 7, 8})});
   EXPECT_EQ(NotifyHelperPipe(L"Sample", 1, 0), 0x04030201U);
 }
 
@@ -399,7 +481,7 @@ TEST_F(HelperPipe, ReadWithoutBytesGivesZero) {
     *read = 0;
     return TRUE;
   };
-  PipeServer server({TakeAndReply()});
+  PipeServer server(m_clientReads.Get(), {TakeAndReply()});
   EXPECT_EQ(NotifyHelperPipe(L"Sample", 1, 0), 0U);
   EXPECT_EQ(m_journal.Calls().back(), "CloseHandle");
 }
@@ -411,7 +493,7 @@ TEST_F(HelperPipe, FailedReadGivesZero) {
     SetLastError(ERROR_BROKEN_PIPE);
     return FALSE;
   };
-  PipeServer server({TakeAndReply()});
+  PipeServer server(m_clientReads.Get(), {TakeAndReply()});
   EXPECT_EQ(NotifyHelperPipe(L"Sample", 1, 0), 0U);
   EXPECT_THAT(m_journal.Calls(), ElementsAre(m_open + "pipe", "WriteFile(12)", "WriteFile(525)",
                                              "ReadFile(4)", "CloseHandle"));
@@ -438,14 +520,29 @@ TEST_F(HelperPipe, BodyIsLeftAloneWithoutAServer) {
 
 TEST_F(HelperPipe, FailedWriteOfTheHeaderEndsTheRequest) {
   m_writeErrors = {ERROR_NO_DATA};
-  PipeServer server({&WaitUntilTheClientHasClosed});
+  PipeServer server(m_clientReads.Get(), {kTakeAll});
   EXPECT_EQ(NotifyHelperPipe(L"Sample", 1, 0), 0U);
   EXPECT_THAT(m_journal.Entries(), ElementsAre(m_open + "pipe", "WriteFile(12)", "CloseHandle"));
 }
 
 TEST_F(HelperPipe, FailedWriteOfTheBodyEndsTheRequest) {
   m_writeErrors = {0, ERROR_NO_DATA};
-  PipeServer server({&WaitUntilTheClientHasClosed});
+  PipeServer server(m_clientReads.Get(), {kTakeAll});
+  EXPECT_EQ(NotifyHelperPipe(L"Sample", 1, 0), 0U);
+  EXPECT_THAT(m_journal.Entries(),
+              ElementsAre(m_open + "pipe", "WriteFile(12)", "WriteFile(525)", "CloseHandle"));
+}
+
+TEST_F(HelperPipe, ShortWriteOfTheHeaderEndsTheRequest) {
+  m_writeLimits = {11};
+  PipeServer server(m_clientReads.Get(), {kTakeAll});
+  EXPECT_EQ(NotifyHelperPipe(L"Sample", 1, 0), 0U);
+  EXPECT_THAT(m_journal.Entries(), ElementsAre(m_open + "pipe", "WriteFile(12)", "CloseHandle"));
+}
+
+TEST_F(HelperPipe, ShortWriteOfTheBodyEndsTheRequest) {
+  m_writeLimits = {12, 524};
+  PipeServer server(m_clientReads.Get(), {kTakeAll});
   EXPECT_EQ(NotifyHelperPipe(L"Sample", 1, 0), 0U);
   EXPECT_THAT(m_journal.Entries(),
               ElementsAre(m_open + "pipe", "WriteFile(12)", "WriteFile(525)", "CloseHandle"));
@@ -463,7 +560,8 @@ struct HangUp {
 class HelperPipeHangUp : public HelperPipe, public ::testing::WithParamInterface<HangUp> {};
 
 TEST_P(HelperPipeHangUp, GivesZeroAndClosesThePipeOnce) {
-  PipeServer server({[](HANDLE pipe) { ReadExactly(pipe, GetParam().bytesRead); }});
+  PipeServer server(m_clientReads.Get(),
+                    {[](ServerEnd& client) { client.ReadExactly(GetParam().bytesRead); }});
   EXPECT_EQ(NotifyHelperPipe(L"Sample", 1, 0), 0U);
   EXPECT_THAT(m_journal.Calls(), ::testing::Contains("CloseHandle").Times(1));
   EXPECT_EQ(m_journal.Calls().back(), "CloseHandle");
@@ -478,7 +576,7 @@ INSTANTIATE_TEST_SUITE_P(, HelperPipeHangUp,
 // ---- A busy pipe ----
 
 TEST_F(HelperPipe, BusyPipeIsWaitedForUntilTheOtherClientIsDone) {
-  PipeServer server({&WaitUntilTheClientHasClosed, TakeAndReply()});
+  PipeServer server(m_clientReads.Get(), {kTakeAll, TakeAndReply()});
   FileHandle otherClient(CreateFileW(OwnPipeNameWide().c_str(), GENERIC_READ | GENERIC_WRITE, 0,
                                      nullptr, OPEN_EXISTING, 0, nullptr));
   ASSERT_TRUE(otherClient);
@@ -503,7 +601,7 @@ TEST_F(HelperPipe, BusyPipeIsGivenUpWhenTheWaitFails) {
 TEST_F(HelperPipe, BusyPipeIsTriedWithoutALimitOnTheRounds) {
   m_openErrors.assign(1000, ERROR_PIPE_BUSY);
   m_onWait = [] { return DWORD{0}; };
-  PipeServer server({TakeAndReply()});
+  PipeServer server(m_clientReads.Get(), {TakeAndReply()});
   EXPECT_EQ(NotifyHelperPipe(L"Sample", 1, 0), kReply);
   EXPECT_EQ(m_journal.Calls().size(), 1000U * 2U + 5U);
 }
