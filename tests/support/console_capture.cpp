@@ -5,6 +5,8 @@
 
 #include <cstdio>
 
+#include "support/windows_api.h"
+
 namespace {
 
 constexpr unsigned kPipeSize = 65536;
@@ -22,6 +24,17 @@ ConsoleCapture::ConsoleCapture() : m_savedOutput(-1), m_reader(-1) {
 }
 
 ConsoleCapture::~ConsoleCapture() { End(); }
+
+std::string ConsoleCapture::Take() {
+  std::fflush(stdout);
+  DWORD available = 0;
+  PeekNamedPipe(reinterpret_cast<HANDLE>(_get_osfhandle(m_reader)), nullptr, 0, nullptr, &available,
+                nullptr);
+  std::string text(available, '\0');
+  const int count = available == 0 ? 0 : _read(m_reader, text.data(), available);
+  text.resize(count < 0 ? 0 : static_cast<std::size_t>(count));
+  return text;
+}
 
 std::string ConsoleCapture::End() {
   std::string text;

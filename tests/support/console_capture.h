@@ -10,7 +10,10 @@ class ConsoleCapture {
   ConsoleCapture(const ConsoleCapture&) = delete;
   ConsoleCapture& operator=(const ConsoleCapture&) = delete;
 
-  // Prints to the console again and gives what was caught.
+  // What was caught since the last call.
+  std::string Take();
+
+  // Prints to the console again and gives what was caught and not taken.
   std::string End();
 
  private:

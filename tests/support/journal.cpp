@@ -2,6 +2,7 @@
 
 #include <cstdio>
 #include <cstring>
+#include <utility>
 
 #include "support/lasterror.h"
 #include "support/windows_api.h"
@@ -16,8 +17,7 @@ Journal::~Journal() { FakeTraceSetCallback(nullptr, nullptr); }
 
 void Journal::Call(const std::string& text) {
   const LastErrorKeeper keeper;
-  const std::lock_guard guard(m_mutex);
-  m_entries.push_back({false, text});
+  Add(/*isTrace=*/false, text);
 }
 
 std::vector<std::string> Journal::Entries() const { return Select(Kind::kAll); }
@@ -29,6 +29,25 @@ std::vector<std::string> Journal::Calls() const { return Select(Kind::kCalls); }
 void Journal::Clear() {
   const std::lock_guard guard(m_mutex);
   m_entries.clear();
+}
+
+void Journal::Watch(std::function<std::string()> observe) {
+  const std::lock_guard guard(m_mutex);
+  Observe();
+  m_observe = std::move(observe);
+}
+
+void Journal::Add(bool isTrace, const std::string& text) {
+  const std::lock_guard guard(m_mutex);
+  Observe();
+  m_entries.push_back({isTrace, text});
+}
+
+void Journal::Observe() {
+  const std::string text = m_observe ? m_observe() : std::string();
+  if (!text.empty()) {
+    m_entries.push_back({false, text});
+  }
 }
 
 void Journal::OnTrace(const FakeTraceLine* line, void* context) {
@@ -43,10 +62,7 @@ void Journal::OnTrace(const FakeTraceLine* line, void* context) {
   if (line->line <= 0) {
     text += " [without a line number]";
   }
-  {
-    const std::lock_guard guard(journal->m_mutex);
-    journal->m_entries.push_back({true, text});
-  }
+  journal->Add(/*isTrace=*/true, text);
   SetLastError(kRubbishError);
 }
 
@@ -65,6 +81,8 @@ std::string Traced(int level, const std::string& function, const std::string& so
                    const std::string& text) {
   return "level " + std::to_string(level) + " " + function + " (" + source + "): " + text;
 }
+
+std::string Printed(const std::string& text) { return "printed " + Quoted(text.c_str()); }
 
 std::string Hex(unsigned long long value) {
   char text[32];

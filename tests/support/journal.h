@@ -1,5 +1,6 @@
 #pragma once
 
+#include <functional>
 #include <mutex>
 #include <string>
 #include <vector>
@@ -30,6 +31,12 @@ class Journal {
 
   void Clear();
 
+  // Puts what happens beside calls and trace lines, such as output and changed variables, in its
+  // place in the list. `observe` gives the text of what has happened since it was last asked, or
+  // nothing; it is asked ahead of each entry and a last time by the call that ends the watch, with
+  // an empty function. One at a time.
+  void Watch(std::function<std::string()> observe);
+
  private:
   struct Entry {
     bool isTrace;
@@ -38,16 +45,22 @@ class Journal {
   enum class Kind { kAll, kTraces, kCalls };
 
   static void OnTrace(const FakeTraceLine* line, void* context);
+  void Add(bool isTrace, const std::string& text);
+  void Observe();
   std::vector<std::string> Select(Kind kind) const;
 
   mutable std::mutex m_mutex;
   std::vector<Entry> m_entries;
+  std::function<std::string()> m_observe;
 };
 
 // How a journal shows a trace line that names the module "vorlsrvc.exe" and travelled as the
 // argument of "%s"; any other line looks different.
 std::string Traced(int level, const std::string& function, const std::string& source,
                    const std::string& text);
+
+// How a list shows what was printed on the console.
+std::string Printed(const std::string& text);
 
 // What a call left in the last error when it succeeded or closed a handle, and what every trace
 // call leaves there: no product code may report it.

@@ -36,6 +36,8 @@ std::string Helper(int action) {
   return "helper pipe: code 15, action " + std::to_string(action) + ", flag 0, \"Sample\"";
 }
 
+constexpr char kNotifyFlagChanged[] = "m_bNotifyServer changed";
+
 // The steps of the operations that the command line calls, by what is particular to each.
 constexpr char kIsInstalled[] = "OpenServiceA(manager1, \"Sample\", 0x1) = service1";
 constexpr char kIsNotInstalled[] = "OpenServiceA(manager1, \"Sample\", 0x1) = error 1060";
@@ -50,12 +52,14 @@ std::vector<std::string> InstallSteps() {
           Parse("Service not installed hence Insatalling client agent"),
           std::string(kCreate) + "service1",
           Parse("Service installed successfully"),
+          Printed("Sample is installed successfully\n"),
           Parse("Exit")};
 }
 
 class CommandLine : public ::testing::Test {
  protected:
-  // ParseStandardArgs with these arguments behind the program's name; keeps what was printed.
+  // ParseStandardArgs with these arguments behind the program's name; keeps what was printed, which
+  // stands in the journal as well, as a change of the flag m_bNotifyServer does.
   BOOL ParseArguments(CNTService& service, std::vector<std::string> arguments) {
     arguments.insert(arguments.begin(), "vorlsrvc.exe");
     std::vector<char*> argv;
@@ -64,16 +68,27 @@ class CommandLine : public ::testing::Test {
     }
     argv.push_back(nullptr);
     m_journal.Clear();
+    m_printed.clear();
     ConsoleCapture capture;
+    m_journal.Watch([&, notifies = m_service.m_bNotifyServer]() mutable -> std::string {
+      if (notifies != m_service.m_bNotifyServer) {
+        notifies = m_service.m_bNotifyServer;
+        return kNotifyFlagChanged;
+      }
+      const std::string text = capture.Take();
+      m_printed += text;
+      return text.empty() ? text : Printed(text);
+    });
     const BOOL result = service.ParseStandardArgs(static_cast<int>(arguments.size()), argv.data());
-    m_printed = capture.End();
+    m_journal.Watch({});
     return result;
   }
   BOOL ParseArguments(const std::vector<std::string>& arguments) {
     return ParseArguments(m_service, arguments);
   }
 
-  // The parser's own lines and, between them, the calls that tell the operations apart.
+  // The parser's own lines and, between them, what it prints, the change of its flag and the calls
+  // that tell the operations apart.
   std::vector<std::string> Steps() const {
     static constexpr std::array<const char*, 9> kLeftOut = {
         "OpenSCManagerA(null, null, 0xF003F) = m",
@@ -146,7 +161,8 @@ TEST_F(CommandLine, InstallInstallsTheService) {
 TEST_F(CommandLine, InstallOnAnInstalledServiceSaysSoAndDoesNotTouchTheConfiguration) {
   EXPECT_EQ(ParseArguments({"-install"}), 1);
   EXPECT_THAT(Steps(), ElementsAre(Parse("Entry"), Parse("-install"), kIsInstalled,
-                                   Parse("Service is Already installed"), Parse("Exit")));
+                                   Parse("Service is Already installed"),
+                                   Printed("Sample is already installed\n"), Parse("Exit")));
   EXPECT_THAT(m_journal.Calls(), Not(Contains(HasSubstr("ChangeServiceConfig2W"))));
   EXPECT_THAT(m_journal.Calls(), Not(Contains(HasSubstr("Reg"))));
   EXPECT_EQ(m_printed, "Sample is already installed\n");
@@ -159,6 +175,7 @@ TEST_F(CommandLine, FailedInstallPrintsAndTracesTheError) {
   EXPECT_THAT(Steps(), ElementsAre(Parse("Entry"), Parse("-install"), kIsNotInstalled,
                                    Parse("Service not installed hence Insatalling client agent"),
                                    std::string(kCreate) + "error 1072",
+                                   Printed("Unable to install Sample. (Error 1072)\n"),
                                    Parse("Unable to install Sample. (Error 1072)\n")));
   EXPECT_EQ(m_printed, "Unable to install Sample. (Error 1072)\n");
   EXPECT_EQ(m_service.ExitCode(), 0U);
@@ -176,6 +193,17 @@ TEST_F(CommandLine, FailedInstallPrintsTheErrorAsASignedNumber) {
   m_manager.Fail("CreateServiceW", 0x80070005);
   EXPECT_EQ(ParseArguments({"-install"}), 1);
   EXPECT_EQ(m_printed, "Unable to install Sample. (Error -2147024891)\n");
+}
+
+TEST_F(CommandLine, FailedInstallOfTheLongestNameIsPrintedAndTracedWhole) {
+  const std::string name(63, 'n');
+  CNTService service(name.c_str());
+  m_manager.Fail("OpenServiceA", ERROR_SERVICE_DOES_NOT_EXIST);
+  m_manager.Fail("CreateServiceW", 0x80070005);
+  EXPECT_EQ(ParseArguments(service, {"-install"}), 1);
+  const std::string text = "Unable to install " + name + ". (Error -2147024891)\n";
+  EXPECT_EQ(m_printed, text);
+  EXPECT_EQ(m_journal.Traces().back(), Parse(text));
 }
 
 TEST_F(CommandLine, PercentSignInTheNameIsInterpretedAgainOnTheConsoleOfAFailedInstallOnly) {
@@ -243,14 +271,14 @@ class StopCommand : public CommandLine, public ::testing::WithParamInterface<Sto
  protected:
   std::vector<std::string> StopSteps(const std::string& controlResult,
                                      const std::vector<std::string>& after) const {
-    std::vector<std::string> steps = {
-        Parse("Entry"),
-        Parse(GetParam().word),
-        kIsInstalled,
-        Helper(1),
-        Parse("Before calling StopServiceByName"),
-        "OpenServiceA(manager2, \"Sample\", 0xF01FF) = service2",
-        std::string("ControlService(service2, ") + GetParam().control + ")" + controlResult};
+    std::vector<std::string> steps = {Parse("Entry"), Parse(GetParam().word), kIsInstalled,
+                                      Helper(1), Parse("Before calling StopServiceByName")};
+    if (GetParam().notifiesServer) {
+      steps.push_back(kNotifyFlagChanged);
+    }
+    steps.insert(steps.end(), {"OpenServiceA(manager2, \"Sample\", 0xF01FF) = service2",
+                               std::string("ControlService(service2, ") + GetParam().control + ")" +
+                                   controlResult});
     steps.insert(steps.end(), after.begin(), after.end());
     steps.insert(steps.end(),
                  {Parse("After calling StopServiceByName returning"), Helper(2), Parse("Exit")});
@@ -298,29 +326,6 @@ INSTANTIATE_TEST_SUITE_P(, StopCommand,
                          Values(StopWord{"-stop", "1", false},
                                 StopWord{"-stopmanual", "140", true}),
                          [](const auto& test) { return std::string(test.param.word + 1); });
-
-TEST_F(CommandLine, StopManualSetsTheNotifyFlagBehindItsLineAndBeforeTheStop) {
-  m_manager.AnswerStatus({{SERVICE_STOPPED}});
-  bool atBefore = true;
-  bool atControl = false;
-  CallPatch<struct ObservedControl, BOOL(SC_HANDLE, DWORD, LPSERVICE_STATUS)> control(
-      "ADVAPI32.dll", "ControlService", [&](SC_HANDLE, DWORD, LPSERVICE_STATUS) {
-        atControl = m_service.m_bNotifyServer;
-        return TRUE;
-      });
-  CallPatch<struct ObservedPipe, decltype(CreateFileA)> pipe(
-      "KERNEL32.dll", "CreateFileA",
-      [&](LPCSTR, DWORD, DWORD, LPSECURITY_ATTRIBUTES, DWORD, DWORD, HANDLE) {
-        if (!atControl) {
-          atBefore = m_service.m_bNotifyServer;
-        }
-        SetLastError(ERROR_FILE_NOT_FOUND);
-        return INVALID_HANDLE_VALUE;
-      });
-  EXPECT_EQ(ParseArguments({"-stopmanual"}), 1);
-  EXPECT_FALSE(atBefore);
-  EXPECT_TRUE(atControl);
-}
 
 // ---- -restart ----
 
@@ -384,6 +389,7 @@ TEST_F(CommandLine, UninstallOfAServiceThatIsNotInstalledSaysSo) {
   EXPECT_EQ(ParseArguments({"-uninstall"}), 1);
   EXPECT_THAT(Steps(),
               ElementsAre(Parse("Entry"), Parse("-uninstall"), kIsNotInstalled,
+                          Printed("Sample is not installed\n"),
                           Parse("Service Not Found :: Unable to uninstall the service bcoz")));
   EXPECT_EQ(m_printed, "Sample is not installed\n");
 }
@@ -394,7 +400,8 @@ TEST_F(CommandLine, FailedUninstallPrintsTheErrorOfTheDeletion) {
   EXPECT_THAT(Steps(),
               ElementsAre(Parse("Entry"), Parse("-uninstall"), kIsInstalled, Helper(5),
                           "OpenServiceA(manager2, \"Sample\", 0x10000) = service2",
-                          "DeleteService(service2) = error 1072", Parse("Uninstall Failed")));
+                          "DeleteService(service2) = error 1072", Parse("Uninstall Failed"),
+                          Printed("Could not remove Sample. Error 1072\n")));
   EXPECT_EQ(m_printed, "Could not remove Sample. Error 1072\n");
   EXPECT_EQ(m_service.ExitCode(), 0U);
 }
@@ -458,7 +465,8 @@ TEST_F(WithoutRights, InstallTriesToInstallAndPrintsItsError) {
   EXPECT_EQ(ParseArguments({"-install"}), 1);
   EXPECT_THAT(Steps(), ElementsAre(Parse("Entry"), Parse("-install"), kDenied,
                                    Parse("Service not installed hence Insatalling client agent"),
-                                   kDenied, Parse("Unable to install Sample. (Error 5)\n")));
+                                   kDenied, Printed("Unable to install Sample. (Error 5)\n"),
+                                   Parse("Unable to install Sample. (Error 5)\n")));
   EXPECT_EQ(m_printed, "Unable to install Sample. (Error 5)\n");
 }
 
@@ -466,6 +474,7 @@ TEST_F(WithoutRights, UninstallSaysThatTheServiceIsNotInstalled) {
   EXPECT_EQ(ParseArguments({"-uninstall"}), 1);
   EXPECT_THAT(Steps(),
               ElementsAre(Parse("Entry"), Parse("-uninstall"), kDenied,
+                          Printed("Sample is not installed\n"),
                           Parse("Service Not Found :: Unable to uninstall the service bcoz")));
   EXPECT_EQ(m_printed, "Sample is not installed\n");
 }

@@ -593,6 +593,21 @@ INSTANTIATE_TEST_SUITE_P(, HandlerControl,
                            return "Code" + std::to_string(test.param.control);
                          });
 
+TEST_F(Handler, ControlCode140SetsTheNotifyFlagBehindItsLine) {
+  m_journal.Watch([this, notifies = m_service.m_bNotifyServer]() mutable -> std::string {
+    const bool changed = notifies != m_service.m_bNotifyServer;
+    notifies = m_service.m_bNotifyServer;
+    return changed ? "m_bNotifyServer = " + std::to_string(notifies) : std::string();
+  });
+  ExposedService::Handler(140);
+  m_journal.Watch({});
+  const std::vector<std::string> entries = m_journal.Entries();
+  ASSERT_GE(entries.size(), 4U);
+  EXPECT_THAT(std::vector(entries.begin(), entries.begin() + 4),
+              ElementsAre(Line("Handler", "Entry"), Line("Handler", "Got user stop notification"),
+                          "m_bNotifyServer = 1", Line("SetStatus", "Entry")));
+}
+
 TEST_F(NTService, PauseAndContinueAreNotAmongTheAcceptedControls) {
   const ExposedService service("Sample");
   EXPECT_EQ(service.m_ServiceStatus.dwControlsAccepted & DWORD{SERVICE_ACCEPT_PAUSE_CONTINUE}, 0U);
