@@ -1,6 +1,7 @@
 #include <gmock/gmock.h>
 
 #include <cstdint>
+#include <cwchar>
 #include <string>
 #include <vector>
 
@@ -8,6 +9,7 @@
 #include "support/windows_api.h"
 #include "tests/support/fake_helper_pipe.h"
 #include "tests/support/fake_service_manager.h"
+#include "tests/support/import_patch.h"
 #include "tests/support/journal.h"
 
 using ::testing::Contains;
@@ -42,11 +44,11 @@ class IsInstalled : public ::testing::Test {
 
 TEST_F(IsInstalled, IsTrueWhenTheServiceOpens) {
   EXPECT_TRUE(m_service.IsInstalled());
-  EXPECT_THAT(m_journal.Calls(),
-              ElementsAre(kOpenManager, "OpenServiceA(manager1, \"Sample\", 0x1) = service1",
-                          "CloseServiceHandle(service1)", "CloseServiceHandle(manager1)"));
-  EXPECT_THAT(m_journal.Traces(),
-              ElementsAre(Line("IsInstalled", "Entry"), Line("IsInstalled", "Exit")));
+  EXPECT_THAT(
+      m_journal.Entries(),
+      ElementsAre(Line("IsInstalled", "Entry"), kOpenManager,
+                  "OpenServiceA(manager1, \"Sample\", 0x1) = service1", Line("IsInstalled", "Exit"),
+                  "CloseServiceHandle(service1)", "CloseServiceHandle(manager1)"));
 }
 
 TEST_F(IsInstalled, IsFalseWithoutTheRightToOpenTheServiceControlManager) {
@@ -63,12 +65,11 @@ TEST_F(IsInstalled, IsFalseWhenThereIsNoSuchService) {
   m_manager.Fail("OpenServiceA", ERROR_SERVICE_DOES_NOT_EXIST);
   EXPECT_FALSE(m_service.IsInstalled());
   EXPECT_EQ(GetLastError(), DWORD{ERROR_SERVICE_DOES_NOT_EXIST});
-  EXPECT_THAT(m_journal.Calls(),
-              ElementsAre(kOpenManager, "OpenServiceA(manager1, \"Sample\", 0x1) = error 1060",
+  EXPECT_THAT(m_journal.Entries(),
+              ElementsAre(Line("IsInstalled", "Entry"), kOpenManager,
+                          "OpenServiceA(manager1, \"Sample\", 0x1) = error 1060",
+                          Line("IsInstalled", "Unable to open service : 1060"),
                           "CloseServiceHandle(manager1)"));
-  EXPECT_THAT(m_journal.Traces(),
-              ElementsAre(Line("IsInstalled", "Entry"),
-                          Line("IsInstalled", "Unable to open service : 1060")));
 }
 
 TEST_F(IsInstalled, IsFalseWhenAccessToTheServiceIsRefused) {
@@ -150,9 +151,36 @@ TEST_F(Install, LongestPathIsRegisteredWithoutRecoveryActions) {
   EXPECT_TRUE(m_service.Install());
   EXPECT_THAT(m_journal.Calls(), Contains(CreateCall("\"" + path + "\"")));
   EXPECT_THAT(m_journal.Calls(), Contains(MessageFileCall("\"" + path + "\"")));
+  EXPECT_THAT(
+      m_journal.Traces(),
+      Contains(Line("Install",
+                    "ConfigureServiceRecoveryOptions wszCAServicePath (\"" + path + "\")", 1)));
   // The recovery command does not fit into its 260 characters.
   EXPECT_THAT(m_journal.Traces(), Contains(RecoveryLine("Invalid Service handle.")));
   EXPECT_THAT(m_journal.Calls(), Not(Contains(HasSubstr("ChangeServiceConfig2W"))));
+}
+
+// Every character takes two bytes in some code pages.
+TEST_F(Install, LongestPathIsTracedWholeInACodePageOfTwoBytesACharacter) {
+  m_manager.SetModulePath(L"C:\\a b" + std::wstring(253, L'x'));  // 259 characters
+  const CallPatch<struct TwoBytesTag,
+                  int(UINT, DWORD, const wchar_t*, int, char*, int, const char*, BOOL*)>
+      convert("KERNEL32.dll", "WideCharToMultiByte",
+              [](UINT, DWORD, const wchar_t* wide, int, char* narrow, int room, const char*,
+                 BOOL*) -> int {
+                const std::string text(2 * std::wcslen(wide), 'y');
+                if (text.size() >= static_cast<std::size_t>(room)) {
+                  SetLastError(ERROR_INSUFFICIENT_BUFFER);
+                  return 0;
+                }
+                narrow[text.copy(narrow, text.size())] = '\0';
+                return static_cast<int>(text.size()) + 1;
+              });
+  EXPECT_TRUE(m_service.Install());
+  // 261 characters with its quotes; a message has room for 499 bytes.
+  const std::string line =
+      "ConfigureServiceRecoveryOptions wszCAServicePath (" + std::string(2U * 261U, 'y');
+  EXPECT_THAT(m_journal.Traces(), Contains(Line("Install", line.substr(0, 499), 1)));
 }
 
 // A cut path must not be registered: the service would start another program or none.
@@ -160,18 +188,20 @@ TEST_F(Install, FailsWhenThePathIsTooLong) {
   m_manager.SetModulePath(L"C:\\" + std::wstring(257, L'x'));  // 260 characters
   EXPECT_FALSE(m_service.Install());
   EXPECT_EQ(GetLastError(), DWORD{ERROR_INSUFFICIENT_BUFFER});
-  EXPECT_THAT(m_journal.Calls(), ElementsAre(kOpenManager, "GetModuleFileNameW(null, 260)",
-                                             "CloseServiceHandle(manager1)"));
-  EXPECT_THAT(m_journal.Traces(), ElementsAre(Line("Install", "Entry"),
-                                              Line("Install", "GetModuleFileName Failed 122", 1)));
+  EXPECT_THAT(m_journal.Entries(),
+              ElementsAre(Line("Install", "Entry"), kOpenManager, "GetModuleFileNameW(null, 260)",
+                          Line("Install", "GetModuleFileName Failed 122", 1),
+                          "CloseServiceHandle(manager1)"));
 }
 
 TEST_F(Install, FailsWhenThePathIsUnknown) {
   m_manager.Fail("GetModuleFileNameW", ERROR_NOT_ENOUGH_MEMORY);
   EXPECT_FALSE(m_service.Install());
   EXPECT_EQ(GetLastError(), DWORD{ERROR_NOT_ENOUGH_MEMORY});
-  EXPECT_THAT(m_journal.Calls(), ElementsAre(kOpenManager, "GetModuleFileNameW(null, 260)",
-                                             "CloseServiceHandle(manager1)"));
+  EXPECT_THAT(m_journal.Entries(),
+              ElementsAre(Line("Install", "Entry"), kOpenManager, "GetModuleFileNameW(null, 260)",
+                          Line("Install", "GetModuleFileName Failed 8", 1),
+                          "CloseServiceHandle(manager1)"));
 }
 
 TEST_F(Install, FailsWithoutTheServiceControlManager) {
@@ -187,11 +217,11 @@ TEST_F(Install, FailsWhenTheServiceCannotBeCreated) {
   m_manager.Fail("CreateServiceW", ERROR_SERVICE_EXISTS);
   EXPECT_FALSE(m_service.Install());
   EXPECT_EQ(GetLastError(), DWORD{ERROR_SERVICE_EXISTS});
-  EXPECT_THAT(m_journal.Calls(), ElementsAre(kOpenManager, "GetModuleFileNameW(null, 260)",
-                                             CreateCall("C:\\agent\\vorlsrvc.exe", "error 1073"),
-                                             "CloseServiceHandle(manager1)"));
-  EXPECT_THAT(m_journal.Traces(), ElementsAre(Line("Install", "Entry"),
-                                              Line("Install", "CreateService Failed 1073", 1)));
+  EXPECT_THAT(
+      m_journal.Entries(),
+      ElementsAre(Line("Install", "Entry"), kOpenManager, "GetModuleFileNameW(null, 260)",
+                  CreateCall("C:\\agent\\vorlsrvc.exe", "error 1073"),
+                  Line("Install", "CreateService Failed 1073", 1), "CloseServiceHandle(manager1)"));
 }
 
 TEST_F(Install, DoesNotDependOnTheRecoveryActions) {
@@ -220,21 +250,18 @@ TEST_F(Install, LeavesTheServiceInPlaceWhenTheEventLogKeyCannotBeCreated) {
   EXPECT_FALSE(m_service.Install());
   EXPECT_EQ(GetLastError(), DWORD{ERROR_CHILD_MUST_BE_VOLATILE});
   EXPECT_THAT(
-      m_journal.Calls(),
-      ElementsAre(kOpenManager, "GetModuleFileNameW(null, 260)",
-                  CreateCall("C:\\agent\\vorlsrvc.exe"), RecoveryCall("C:\\agent\\vorlsrvc.exe"),
-                  "CloseServiceHandle(service1)", "CloseServiceHandle(manager1)",
-                  std::string("RegCreateKeyA(HKEY_LOCAL_MACHINE, \"") + kEventLogFolder +
-                      "Sample\") = error 5"));
-  // The line carries the thread's last error, not the function's result.
-  EXPECT_THAT(
-      m_journal.Traces(),
+      m_journal.Entries(),
       ElementsAre(
-          Line("Install", "Entry"),
+          Line("Install", "Entry"), kOpenManager, "GetModuleFileNameW(null, 260)",
+          CreateCall("C:\\agent\\vorlsrvc.exe"),
           Line("Install", "ConfigureServiceRecoveryOptions m_szServiceName (Sample)", 1),
           Line("Install",
                "ConfigureServiceRecoveryOptions wszCAServicePath (C:\\agent\\vorlsrvc.exe)", 1),
-          RecoveryLine("Entry"), RecoveryLine("Exit"),
+          RecoveryLine("Entry"), RecoveryCall("C:\\agent\\vorlsrvc.exe"), RecoveryLine("Exit"),
+          "CloseServiceHandle(service1)", "CloseServiceHandle(manager1)",
+          std::string("RegCreateKeyA(HKEY_LOCAL_MACHINE, \"") + kEventLogFolder +
+              "Sample\") = error 5",
+          // The thread's last error, not the function's result.
           Line("Install", "RegCreateKey Failed 1021", 1)));
 }
 
@@ -264,6 +291,23 @@ TEST_F(Install, ConvertsTheServiceNameFromTheAnsiCodePage) {
   EXPECT_TRUE(service.Install());
   EXPECT_THAT(m_journal.Calls(), Contains(CreateCall("C:\\agent\\vorlsrvc.exe", "service1",
                                                      quoted.substr(1, quoted.size() - 2))));
+}
+
+// No code page fails for a name of at most 63 characters; what follows if one does is certain all
+// the same.
+TEST_F(Install, LeavesANameThatCannotBeConvertedToTheServiceControlManagerToRefuse) {
+  const CallPatch<struct NoWideTag, int(UINT, DWORD, const char*, int, wchar_t*, int)> convert(
+      "KERNEL32.dll", "MultiByteToWideChar", [](UINT, DWORD, const char*, int, wchar_t*, int) {
+        SetLastError(ERROR_NO_UNICODE_TRANSLATION);
+        return 0;
+      });
+  m_manager.Fail("CreateServiceW", ERROR_INVALID_NAME);
+  EXPECT_FALSE(m_service.Install());
+  EXPECT_THAT(
+      m_journal.Entries(),
+      ElementsAre(Line("Install", "Entry"), kOpenManager, "GetModuleFileNameW(null, 260)",
+                  CreateCall("C:\\agent\\vorlsrvc.exe", "error 123", ""),
+                  Line("Install", "CreateService Failed 123", 1), "CloseServiceHandle(manager1)"));
 }
 
 TEST_F(Install, PercentSignsInTheServiceNameStandForThemselvesInTheTrace) {
@@ -321,6 +365,16 @@ TEST_F(Uninstall, TellsTheHelperAndDeletesTheService) {
               ElementsAre(Line("Uninstall", "Entry"), kOpenManager, kUninstalling, kOpenForDeletion,
                           "DeleteService(service1)", "CloseServiceHandle(service1)",
                           "CloseServiceHandle(manager1)", Line("Uninstall", "Exit")));
+}
+
+TEST_F(Uninstall, TellsTheHelperAnEmptyNameWhenItCannotBeConverted) {
+  const CallPatch<struct NoWideTag, int(UINT, DWORD, const char*, int, wchar_t*, int)> convert(
+      "KERNEL32.dll", "MultiByteToWideChar", [](UINT, DWORD, const char*, int, wchar_t*, int) {
+        SetLastError(ERROR_NO_UNICODE_TRANSLATION);
+        return 0;
+      });
+  EXPECT_EQ(m_service.Uninstall(), 1);
+  EXPECT_THAT(m_journal.Calls(), Contains("helper pipe: code 15, action 5, flag 0, \"\""));
 }
 
 TEST_F(Uninstall, DoesNotDependOnTheHelper) {

@@ -358,6 +358,17 @@ INSTANTIATE_TEST_SUITE_P(CreateSecurityAttribute, MissingFunction,
                                            "SetSecurityDescriptorDacl", "FreeSid"),
                          [](const auto& test) { return std::string(test.param); });
 
+TEST_F(CreateSecurityAttributeSteps, ReportTheErrorThatStandsBehindTheUnloadOfTheLibrary) {
+  missing = "FreeSid";
+  const CallPatch<struct FailingFreeTag, BOOL(HMODULE)> freeLibrary("KERNEL32.dll", "FreeLibrary",
+                                                                    [](HMODULE) {
+                                                                      SetLastError(4711);
+                                                                      return FALSE;
+                                                                    });
+  EXPECT_EQ(attributes.Create(), FALSE);
+  EXPECT_EQ(recorder.Lines().back(), Line(1, kCreate, kSource, "get proc address Failed (4711)"));
+}
+
 TEST_F(CreateSecurityAttributeSteps, UnloadTheLibraryWhenThereIsNoSid) {
   failing = "AllocateAndInitializeSid";
   EXPECT_EQ(attributes.Create(), FALSE);
@@ -423,6 +434,7 @@ TEST_F(CreateSecurityAttributeSteps, FreeEverythingWhenTheListCannotBeSet) {
               ElementsAre(Line(2, kCreate, kSource, "Entry"),
                           Line(1, kCreate, kSource, "s_pfnSetSecurityDescriptorDacl() Failed")));
   EXPECT_EQ(attributes.sa.nLength, 0U);
+  EXPECT_EQ(attributes.sa.lpSecurityDescriptor, nullptr);
 }
 
 TEST_F(FreeSecurityAttributeSteps, FreeSidListAndDescriptorThenUnload) {

@@ -53,6 +53,19 @@ TEST(NarrowToWide, ConvertsWithoutTheFlagWhereTheCodePageTakesNone) {
   EXPECT_STREQ(wide, L"\x00E9");
 }
 
+TEST(NarrowToWide, AsksOnceWhereTheTextIsTooLong) {
+  std::optional<CallPatch<struct Once, int(UINT, DWORD, const char*, int, wchar_t*, int)>> patch;
+  int calls = 0;
+  patch.emplace("KERNEL32.dll", "MultiByteToWideChar",
+                [&](UINT page, DWORD flags, const char* text, int count, wchar_t* wide, int room) {
+                  ++calls;
+                  return patch->CallOriginal(page, flags, text, count, wide, room);
+                });
+  wchar_t wide[4];
+  EXPECT_FALSE(NarrowToWide("too long", wide, 4));
+  EXPECT_EQ(calls, 1);
+}
+
 TEST(NarrowToWide, TextThatFillsTheLimitWithItsTerminatorFits) {
   const std::string text(259, 'a');
   wchar_t wide[260];

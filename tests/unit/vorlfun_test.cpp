@@ -77,35 +77,36 @@ TEST_F(StartServiceByNameTest, FailsWhenTheServiceCannotBeOpened) {
   m_manager.Fail("OpenServiceA", ERROR_SERVICE_DOES_NOT_EXIST);
   EXPECT_FALSE(StartServiceByName("Sample"));
   EXPECT_EQ(GetLastError(), DWORD{ERROR_SERVICE_DOES_NOT_EXIST});
-  EXPECT_THAT(m_journal.Calls(),
-              ElementsAre("OpenSCManagerA(null, null, 0xF003F) = manager1",
-                          "OpenServiceA(manager1, \"Sample\", 0x14) = error 1060",
-                          "CloseServiceHandle(manager1)"));
-  EXPECT_THAT(m_journal.Traces(),
-              ElementsAre(StartLine(2, "Entry"), StartLine(1, "OpenService Failed (1060)")));
+  EXPECT_THAT(
+      m_journal.Entries(),
+      ElementsAre(StartLine(2, "Entry"), "OpenSCManagerA(null, null, 0xF003F) = manager1",
+                  "OpenServiceA(manager1, \"Sample\", 0x14) = error 1060",
+                  StartLine(1, "OpenService Failed (1060)"), "CloseServiceHandle(manager1)"));
 }
 
 TEST_F(StartServiceByNameTest, FailsWhenTheServiceRunsAlready) {
   m_manager.Fail("StartServiceA", ERROR_SERVICE_ALREADY_RUNNING);
   EXPECT_FALSE(StartServiceByName("Sample"));
   EXPECT_EQ(GetLastError(), DWORD{ERROR_SERVICE_ALREADY_RUNNING});
-  EXPECT_THAT(m_journal.Calls(),
-              ElementsAre("OpenSCManagerA(null, null, 0xF003F) = manager1",
+  EXPECT_THAT(m_journal.Entries(),
+              ElementsAre(StartLine(2, "Entry"), "OpenSCManagerA(null, null, 0xF003F) = manager1",
                           "OpenServiceA(manager1, \"Sample\", 0x14) = service1",
                           "StartServiceA(service1, 0, null) = error 1056",
+                          StartLine(1, "StartService Failed (1056)"),
                           "CloseServiceHandle(service1)", "CloseServiceHandle(manager1)"));
-  EXPECT_THAT(m_journal.Traces(),
-              ElementsAre(StartLine(2, "Entry"), StartLine(1, "StartService Failed (1056)")));
 }
 
 TEST_F(StartServiceByNameTest, FailsWhenTheFirstStatusCannotBeRead) {
   m_manager.AnswerStatus({{0, 0, 0, ERROR_ACCESS_DENIED}});
   EXPECT_FALSE(StartServiceByName("Sample"));
   EXPECT_EQ(GetLastError(), DWORD{ERROR_ACCESS_DENIED});
-  EXPECT_THAT(m_journal.Calls(),
-              ElementsAreArray(StartAndThen({"QueryServiceStatus(service1) = error 5"})));
-  EXPECT_THAT(m_journal.Traces(),
-              ElementsAre(StartLine(2, "Entry"), StartLine(1, "QueryServiceStatus Failed (5)")));
+  EXPECT_THAT(
+      m_journal.Entries(),
+      ElementsAre(StartLine(2, "Entry"), "OpenSCManagerA(null, null, 0xF003F) = manager1",
+                  "OpenServiceA(manager1, \"Sample\", 0x14) = service1",
+                  "StartServiceA(service1, 0, null)", "QueryServiceStatus(service1) = error 5",
+                  StartLine(1, "QueryServiceStatus Failed (5)"), "CloseServiceHandle(service1)",
+                  "CloseServiceHandle(manager1)"));
 }
 
 TEST_F(StartServiceByNameTest, FailsWithoutALineWhenTheServiceStoppedAtOnce) {
@@ -371,52 +372,47 @@ TEST_P(StopService, FailsWhenTheServiceCannotBeOpened) {
   m_manager.Fail("OpenServiceA", ERROR_SERVICE_DOES_NOT_EXIST);
   EXPECT_FALSE(Stop("Sample"));
   EXPECT_EQ(GetLastError(), DWORD{ERROR_SERVICE_DOES_NOT_EXIST});
-  EXPECT_THAT(m_journal.Calls(),
-              ElementsAre("OpenSCManagerA(null, null, 0xF003F) = manager1",
-                          "OpenServiceA(manager1, \"Sample\", 0xF01FF) = error 1060",
-                          "CloseServiceHandle(manager1)"));
   EXPECT_THAT(
-      m_journal.Traces(),
+      m_journal.Entries(),
       ElementsAre(Line(2, "Entry"), Line(2, "before calling OpenSCManager"),
+                  "OpenSCManagerA(null, null, 0xF003F) = manager1",
                   Line(2, "After calling OpenSCManager"), Line(2, "before calling OpenService"),
-                  Line(1, "OpenService Failed (1060)")));
+                  "OpenServiceA(manager1, \"Sample\", 0xF01FF) = error 1060",
+                  Line(1, "OpenService Failed (1060)"), "CloseServiceHandle(manager1)"));
 }
 
 TEST_P(StopService, FailsInControlServiceWhenTheServiceIsStoppedAlready) {
   m_manager.Fail("ControlService", ERROR_SERVICE_NOT_ACTIVE);
   EXPECT_FALSE(Stop("Sample"));
   EXPECT_EQ(GetLastError(), DWORD{ERROR_SERVICE_NOT_ACTIVE});
-  EXPECT_THAT(m_journal.Calls(),
-              ElementsAre("OpenSCManagerA(null, null, 0xF003F) = manager1",
-                          "OpenServiceA(manager1, \"Sample\", 0xF01FF) = service1",
-                          ControlCall(" = error 1062"), "CloseServiceHandle(service1)",
-                          "CloseServiceHandle(manager1)"));
   EXPECT_THAT(
-      m_journal.Traces(),
+      m_journal.Entries(),
       ElementsAre(Line(2, "Entry"), Line(2, "before calling OpenSCManager"),
+                  "OpenSCManagerA(null, null, 0xF003F) = manager1",
                   Line(2, "After calling OpenSCManager"), Line(2, "before calling OpenService"),
+                  "OpenServiceA(manager1, \"Sample\", 0xF01FF) = service1",
                   Line(2, "After calling OpenService"),
-                  Line(2, "Before calling ControlService To stop"),
-                  Line(1, "ControlService Failed (1062)")));
+                  Line(2, "Before calling ControlService To stop"), ControlCall(" = error 1062"),
+                  Line(1, "ControlService Failed (1062)"), "CloseServiceHandle(service1)",
+                  "CloseServiceHandle(manager1)"));
 }
 
 TEST_P(StopService, FailsWhenTheFirstStatusCannotBeRead) {
   m_manager.AnswerStatus({{0, 0, 0, ERROR_ACCESS_DENIED}});
   EXPECT_FALSE(Stop("Sample"));
   EXPECT_EQ(GetLastError(), DWORD{ERROR_ACCESS_DENIED});
-  EXPECT_THAT(m_journal.Calls(),
-              ElementsAre("OpenSCManagerA(null, null, 0xF003F) = manager1",
-                          "OpenServiceA(manager1, \"Sample\", 0xF01FF) = service1", ControlCall(),
-                          "QueryServiceStatus(service1) = error 5", "CloseServiceHandle(service1)",
-                          "CloseServiceHandle(manager1)"));
   EXPECT_THAT(
-      m_journal.Traces(),
+      m_journal.Entries(),
       ElementsAre(
           Line(2, "Entry"), Line(2, "before calling OpenSCManager"),
-          Line(2, "After calling OpenSCManager"), Line(2, "before calling OpenService"),
+          "OpenSCManagerA(null, null, 0xF003F) = manager1", Line(2, "After calling OpenSCManager"),
+          Line(2, "before calling OpenService"),
+          "OpenServiceA(manager1, \"Sample\", 0xF01FF) = service1",
           Line(2, "After calling OpenService"), Line(2, "Before calling ControlService To stop"),
-          Line(2, "After calling ControlService To stop"),
-          Line(2, "Before calling QueryServiceStatus"), Line(1, "QueryServiceStatus Failed (5)")));
+          ControlCall(), Line(2, "After calling ControlService To stop"),
+          Line(2, "Before calling QueryServiceStatus"), "QueryServiceStatus(service1) = error 5",
+          Line(1, "QueryServiceStatus Failed (5)"), "CloseServiceHandle(service1)",
+          "CloseServiceHandle(manager1)"));
 }
 
 TEST_P(StopService, LeavesTheLoopWhenAQueryFails) {
