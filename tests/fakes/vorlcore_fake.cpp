@@ -52,6 +52,9 @@ ULONGLONG ClientAgentCoreCleanUp(const char* text1, const char* text2, const cha
   const DWORD dwords[] = {dword1, dword2, dword3, dword6};
   CopyMemory(g_record.cleanUpDwords, dwords, sizeof(dwords));
   g_record.notify = notify;
+  if (g_record.onCleanUp != nullptr) {
+    g_record.onCleanUp(g_record.context);
+  }
   return g_record.cleanUpResult;
 }
 }

@@ -10,6 +10,8 @@ struct FakeCoreRecord {
   ULONGLONG cleanUpResult = 1;
   // Called from ClientAgentCoreStartUp ahead of its return; null for nothing.
   void (*onStartUp)(void* context);
+  // The same from ClientAgentCoreCleanUp.
+  void (*onCleanUp)(void* context);
   void* context;
 
   unsigned startUpCalls;

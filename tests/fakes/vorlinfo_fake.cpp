@@ -12,6 +12,12 @@ FakeInfoAnswers g_answers;
 
 ULONGLONG WithRubbish(BYTE result) { return 0xDEADBEEFCAFEB000ULL | result; }
 
+void Announce(const char* function, const char* baseName) {
+  if (g_answers.onCall != nullptr) {
+    g_answers.onCall(function, baseName, g_answers.context);
+  }
+}
+
 }  // namespace
 
 extern "C" {
@@ -20,6 +26,7 @@ ULONGLONG GetEventNameByVersion(const char* baseName, char* versionedName, DWORD
 ULONGLONG GetServiceNameByVersion(const char* baseName, char* versionedName, DWORD capacity);
 
 ULONGLONG GetEventNameByVersion(const char* baseName, char* versionedName, DWORD capacity) {
+  Announce("GetEventNameByVersion", baseName);
   ++g_answers.eventNameCalls;
   g_answers.eventNameCapacity = capacity;
   if (g_answers.eventNameCalls == g_answers.eventNameFailingCall) {
@@ -32,6 +39,7 @@ ULONGLONG GetEventNameByVersion(const char* baseName, char* versionedName, DWORD
 }
 
 ULONGLONG GetServiceNameByVersion(const char* baseName, char* versionedName, DWORD capacity) {
+  Announce("GetServiceNameByVersion", baseName);
   ++g_answers.serviceNameCalls;
   g_answers.serviceNameCapacity = capacity;
   StringCchCopyA(g_answers.serviceBaseName, sizeof(g_answers.serviceBaseName), baseName);

@@ -7,11 +7,15 @@ struct FakeInfoAnswers {
   // The names are "<prefix><base name>". Results are the low byte of a register whose other bytes
   // are rubbish.
   BYTE eventNameResult;
-  char eventNamePrefix[100];
+  char eventNamePrefix[460];
   // When not 0: the call of this number (from 1) to GetEventNameByVersion gives false.
   unsigned eventNameFailingCall;
   BYTE serviceNameResult;
   char serviceNamePrefix[100];
+
+  // Called at every call with the function's name and its base name; null for nothing.
+  void (*onCall)(const char* function, const char* baseName, void* context);
+  void* context;
 
   // What the callers passed, and how often.
   unsigned eventNameCalls;

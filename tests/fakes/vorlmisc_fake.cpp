@@ -18,6 +18,12 @@ FakeMiscAnswers g_answers;
 
 ULONGLONG WithRubbish(BYTE result) { return 0xDEADBEEFCAFEB000ULL | result; }
 
+void Announce(const char* function) {
+  if (g_answers.onCall != nullptr) {
+    g_answers.onCall(function, g_answers.context);
+  }
+}
+
 ULONGLONG AnswerFolder(BYTE result, const wchar_t* answer, wchar_t* folder) {
   if (result != 0) {
     StringCchCopyW(folder, kFolderBufferLength, answer);
@@ -35,23 +41,27 @@ ULONGLONG SetClientAgentLogOptions();
 ULONGLONG GetClientAgentStartUpOptions(CLIENT_AGENT_STARTUP_OPTIONS* options);
 
 ULONGLONG GetClientAgentRootDir(wchar_t* folder, DWORD capacity) {
+  Announce("GetClientAgentRootDir");
   ++g_answers.rootDirCalls;
   g_answers.rootDirCapacity = capacity;
   return AnswerFolder(g_answers.rootDirResult, g_answers.rootDir, folder);
 }
 
 ULONGLONG GetClientAgentConfigDir(wchar_t* folder, DWORD capacity) {
+  Announce("GetClientAgentConfigDir");
   ++g_answers.configDirCalls;
   g_answers.configDirCapacity = capacity;
   return AnswerFolder(g_answers.configDirResult, g_answers.configDir, folder);
 }
 
 ULONGLONG SetClientAgentLogOptions() {
+  Announce("SetClientAgentLogOptions");
   ++g_answers.logOptionsCalls;
   return WithRubbish(g_answers.logOptionsResult);
 }
 
 ULONGLONG GetClientAgentStartUpOptions(CLIENT_AGENT_STARTUP_OPTIONS* options) {
+  Announce("GetClientAgentStartUpOptions");
   ++g_answers.startUpOptionsCalls;
   const BYTE* const bytes = reinterpret_cast<const BYTE*>(options);
   g_answers.startUpOptionsWereZero =

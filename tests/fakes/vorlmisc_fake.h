@@ -7,12 +7,16 @@
 // whose other bytes are rubbish, as a library in another language may leave them.
 struct FakeMiscAnswers {
   BYTE rootDirResult;
-  wchar_t rootDir[260];
+  wchar_t rootDir[kFolderCapacity];
   BYTE configDirResult;
   wchar_t configDir[260];
   BYTE logOptionsResult;
   BYTE startUpOptionsResult;
   CLIENT_AGENT_STARTUP_OPTIONS startUpOptions;
+
+  // Called at every call with the function's name; null for nothing.
+  void (*onCall)(const char* function, void* context);
+  void* context;
 
   // What the callers passed, and how often.
   DWORD rootDirCapacity;

@@ -2,7 +2,7 @@
 
 namespace {
 
-FakeUpdateRecord g_record = {.result = 1, .calls = 0};
+FakeUpdateRecord g_record = {.result = 1, .calls = 0, .onCall = nullptr, .context = nullptr};
 
 }  // namespace
 
@@ -15,6 +15,9 @@ FakeUpdateRecord* FakeUpdate() { return &g_record; }
 
 ULONGLONG UpdateBeforeClientService() {
   ++g_record.calls;
+  if (g_record.onCall != nullptr) {
+    g_record.onCall(g_record.context);
+  }
   return g_record.result;
 }
 }

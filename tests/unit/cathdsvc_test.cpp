@@ -12,6 +12,7 @@
 #include "tests/support/handle_calls.h"
 #include "tests/support/import_patch.h"
 #include "tests/support/journal.h"
+#include "tests/support/library_calls.h"
 #include "tests/support/trace_recorder.h"
 #include "tests/unit/agent_service.h"
 
@@ -166,12 +167,15 @@ TEST_F(WaitForServiceClosureTest, CreatesBothEventsManualAndNotSignalledWithTheA
 }
 
 TEST_F(WaitForServiceClosureTest, ClosesTheExitEventAndLeavesTheCloseEventToTheService) {
+  const LibraryCalls libraries(journal);
   Signal(kCloseEvent);
   service.Watch();
-  EXPECT_THAT(journal.Entries(), ElementsAre(Watched(2, "Entry"), "CreateEventA " + kCloseEvent,
-                                             "CreateEventA " + kExitEvent, "WaitForMultipleObjects",
-                                             Watched(2, "Close Event Signalled"),
-                                             "CloseHandle " + kExitEvent, Watched(2, "Exit")));
+  EXPECT_THAT(journal.Entries(),
+              ElementsAre(Watched(2, "Entry"), "GetEventNameByVersion " + kCloseEvent,
+                          "GetEventNameByVersion " + kExitEvent, "CreateEventA " + kCloseEvent,
+                          "CreateEventA " + kExitEvent, "WaitForMultipleObjects",
+                          Watched(2, "Close Event Signalled"), "CloseHandle " + kExitEvent,
+                          Watched(2, "Exit")));
   EXPECT_THAT(handles.Open(), ElementsAre(kCloseEvent));
   EXPECT_TRUE(IsSignalled(service.m_hCloseEvent));
   EXPECT_EQ(handles.FailedCloses(), 0U);
@@ -232,16 +236,29 @@ TEST_F(WaitForServiceClosureTest, ClosesTheCloseEventOnceWhenTheExitEventCannotB
   handles.FailCreation(kExitEvent, ERROR_ACCESS_DENIED);
   EXPECT_EQ(service.Watch(), 0U);
   EXPECT_THAT(
-      recorder.Lines(),
-      ElementsAre(WatcherLine(2, "Entry"),
-                  WatcherLine(2, "CreateEvent Failed for " + VersionedName(kExitEvent) + " (5):")));
-  EXPECT_THAT(journal.Calls(),
-              ElementsAre("CreateEventA " + kCloseEvent, "CreateEventA " + kExitEvent,
-                          "CloseHandle " + kCloseEvent));
+      journal.Entries(),
+      ElementsAre(Watched(2, "Entry"), "CreateEventA " + kCloseEvent, "CreateEventA " + kExitEvent,
+                  Watched(2, "CreateEvent Failed for " + VersionedName(kExitEvent) + " (5):"),
+                  "CloseHandle " + kCloseEvent));
   // The member keeps the value.
   EXPECT_EQ(service.m_hCloseEvent, handles.Creations()[0].handle);
   EXPECT_EQ(handles.FailedCloses(), 0U);
   service.m_hCloseEvent = nullptr;
+}
+
+// As long as a versioned name may be. An event's own name may have 260 characters only.
+TEST_F(WaitForServiceClosureTest, TakesALongNameWhole) {
+  const std::string prefix = std::string(450, 'n') + "_";
+  StringCchCopyA(FakeInfo()->eventNamePrefix, sizeof(FakeInfo()->eventNamePrefix), prefix.c_str());
+  EXPECT_EQ(service.Watch(), 0U);
+  const std::vector<HandleCalls::Creation> creations = handles.Creations();
+  ASSERT_EQ(creations.size(), 1U);
+  EXPECT_EQ(creations[0].name, prefix + "AcClientAgentSrvcCloseFromServicef");
+  // A message has room for 499 characters.
+  const std::string line =
+      "CreateEvent Failed for " + prefix + "AcClientAgentSrvcCloseFromServicef (206):";
+  EXPECT_THAT(recorder.Lines(),
+              ElementsAre(WatcherLine(2, "Entry"), WatcherLine(2, line.substr(0, 499))));
 }
 
 TEST_F(WaitForServiceClosureTest, AFailedWaitIsAnErrorAndAnEnd) {

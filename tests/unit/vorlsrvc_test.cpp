@@ -18,6 +18,7 @@
 #include "tests/support/fake_wmi.h"
 #include "tests/support/import_patch.h"
 #include "tests/support/journal.h"
+#include "tests/support/library_calls.h"
 #include "tests/support/text.h"
 #include "tests/support/trace_recorder.h"
 
@@ -289,6 +290,33 @@ TEST_F(SetClientUUIDTest, ConvertsUpTo520CharactersWithTheTerminator) {
   const std::string longest(519, 'x');
   EXPECT_TRUE(SetClientUUID(longest.c_str()));
   EXPECT_EQ(configuration.Read(), FileWith(longest));
+}
+
+// The conversion's result does not count: what is stored is no identifier, and the next start makes
+// one.
+TEST_F(SetClientUUIDTest, ATextOfMoreThan519CharactersIsStoredAsAnEmptyOne) {
+  for (const std::size_t length : {520U, 521U, 5000U}) {
+    SCOPED_TRACE(length);
+    configuration.Write("[ADMIN_CONSOLE_CLIENT_AGENT_SECTION]\r\nserver=10.0.0.1\r\n");
+    FakeTraceClear();
+    EXPECT_TRUE(SetClientUUID(std::string(length, 'x').c_str()));
+    EXPECT_THAT(recorder.Lines(), ElementsAre(SetLine(8, " Entry"), SetLine(8, " Exit")));
+    EXPECT_EQ(configuration.Read(),
+              "[ADMIN_CONSOLE_CLIENT_AGENT_SECTION]\r\nserver=10.0.0.1\r\nclientuniqueid=\r\n");
+    EXPECT_FALSE(IsClientUUIDPresent());
+  }
+}
+
+TEST_F(IsClientUUIDPresentTest, ATextOfMoreThan519CharactersIsCutAt259) {
+  for (const std::size_t length : {519U, 520U, 3000U}) {
+    SCOPED_TRACE(length);
+    configuration.Write(FileWith(std::string(259, 'x') + std::string(length - 259, 'y')));
+    FakeTraceClear();
+    EXPECT_TRUE(IsClientUUIDPresent());
+    EXPECT_THAT(recorder.Lines(),
+                ElementsAre(IsPresentLine(2, "Entry"), FetchedLine(std::string(259, 'x')),
+                            IsPresentLine(2, "Exit")));
+  }
 }
 
 // What orders the writes of all starts of the program.
@@ -588,6 +616,31 @@ TEST_F(MainTest, WithoutArgumentsBecomesTheService) {
   EXPECT_EQ(dispatchedName, "Test Client Agent");
   EXPECT_TRUE(tableEnds);
   EXPECT_EQ(console, "");
+}
+
+TEST_F(MainTest, WritesEachLineInItsPlaceAmongTheCallsOfTheLibraries) {
+  HaveIdentifier();
+  const LibraryCalls libraries(journal);
+  Run({});
+  std::vector<std::string> entries = journal.Entries();
+  std::erase_if(entries, [](const std::string& entry) {
+    return entry.starts_with("level ") && entry.find(" main (") == std::string::npos;
+  });
+  const auto main = [](int level, const std::string& text) {
+    return Traced(level, "main", kSource, text);
+  };
+  EXPECT_THAT(
+      entries,
+      ElementsAre(main(2, "Entry"), main(2, "Before Calling SetClientAgentLogOptions"),
+                  "SetClientAgentLogOptions", main(2, "After Calling SetClientAgentLogOptions"),
+                  "GetServiceNameByVersion Client Agent", "GetClientAgentConfigDir",
+                  main(2, "Before Creating CAcAsSvc Object"),
+                  main(2, "After Creating CAcAsSvc Object"),
+                  main(2, "Before Calling asServiceObj.ParseStandardArgs"),
+                  main(1, "asServiceObj.ParseStandardArgs Failed"),
+                  main(2, "Before Calling asServiceObj.StartService"),
+                  main(2, "After Calling asServiceObj.StartService"),
+                  main(2, "After Calling asServiceObj.ParseStandardArgs"), main(2, "Exit")));
 }
 
 TEST_F(MainTest, WithACommandNeverBecomesTheService) {

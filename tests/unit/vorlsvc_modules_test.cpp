@@ -1,6 +1,7 @@
 // How the service's core and update modules are found, loaded and called.
 #include <gmock/gmock.h>
 
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -9,11 +10,11 @@
 #include "tests/fakes/vorlupd_fake.h"
 #include "tests/support/import_patch.h"
 #include "tests/support/journal.h"
+#include "tests/support/library_calls.h"
 #include "tests/support/text.h"
 #include "tests/support/trace_recorder.h"
 
 using ::testing::ElementsAre;
-using ::testing::IsEmpty;
 
 namespace {
 
@@ -21,14 +22,21 @@ constexpr char kSource[] = "agent/vorlsvc.cpp";
 constexpr char kLoad[] = "LoadVorlcoreDll";
 constexpr char kPatch[] = "DoPendingPatchTasks";
 
-// Its trace lines in the journal.
+// Their trace lines in the journal.
+std::string Loaded(int level, const std::string& text) {
+  return Traced(level, kLoad, kSource, text);
+}
 std::string Patched(int level, const std::string& text) {
   return Traced(level, kPatch, kSource, text);
 }
 
+constexpr char kGetRoot[] = "GetClientAgentRootDir";
+constexpr char kAskForUpdate[] = "_waccess vorlupd.dll 0";
+
 std::wstring BaseName(const std::wstring& path) { return path.substr(path.rfind(L'\\') + 1); }
 
-// Loads and unloads go to the journal, by the name of the module's file.
+// Loads, unloads and questions for a file go to the journal, by the name of the module's file, and
+// the calls of the support library do.
 class ModuleLoading : public ::testing::Test {
  protected:
   struct LoadCall {
@@ -37,7 +45,10 @@ class ModuleLoading : public ::testing::Test {
     DWORD flags;
   };
 
-  ModuleLoading() { FakeMiscReset(); }
+  ModuleLoading() {
+    FakeMiscReset();
+    libraries.emplace(journal);
+  }
   ~ModuleLoading() override {
     if (!temporary.empty()) {
       DeleteFileW((temporary + L"\\vorlcore.dll").c_str());
@@ -50,7 +61,7 @@ class ModuleLoading : public ::testing::Test {
   void UseRoot(const std::wstring& name) { SetRoot(TestFolder() + L"\\roots\\" + name); }
   void SetRoot(const std::wstring& folder) {
     root = folder;
-    StringCchCopyW(FakeMisc()->rootDir, 260, folder.c_str());
+    StringCchCopyW(FakeMisc()->rootDir, kFolderCapacity, folder.c_str());
   }
 
   // Makes a fresh folder the agent's root folder.
@@ -72,8 +83,17 @@ class ModuleLoading : public ::testing::Test {
     return "wszFilePath: " + Utf8(root + L"\\" + file);
   }
 
+  // The lines that name the path of a module.
+  std::string CorePath() const {
+    return Loaded(8, PathText(L"vorlcore.dll")) + " [as format wszFilePath: %s]";
+  }
+  std::string UpdatePath() const {
+    return Patched(2, PathText(L"vorlupd.dll")) + " [as format wszFilePath: %s]";
+  }
+
   const TraceRecorder recorder;
   Journal journal;
+  std::optional<LibraryCalls> libraries;
   std::wstring root;
   std::wstring temporary;
   std::vector<LoadCall> loads;
@@ -81,7 +101,13 @@ class ModuleLoading : public ::testing::Test {
  private:
   struct LoadTag;
   struct FreeTag;
+  struct AccessTag;
 
+  CallPatch<AccessTag, int(const wchar_t*, int)> m_access{
+      "msvcrt.dll", "_waccess", [this](const wchar_t* path, int mode) {
+        journal.Call("_waccess " + Utf8(BaseName(path)) + " " + std::to_string(mode));
+        return m_access.CallOriginal(path, mode);
+      }};
   CallPatch<LoadTag, HMODULE(const wchar_t*, HANDLE, DWORD)> m_load{
       "KERNEL32.dll", "LoadLibraryExW", [this](const wchar_t* path, HANDLE file, DWORD flags) {
         journal.Call("LoadLibraryExW " + Utf8(BaseName(path)));
@@ -109,7 +135,8 @@ TEST_F(LoadVorlcoreDllTest, LoadsTheCoreModuleOfTheRootFolder) {
               ElementsAre(Line(2, kLoad, kSource, "Entry."),
                           WideLine(8, kLoad, kSource, "wszFilePath: %s", PathText(L"vorlcore.dll")),
                           Line(2, kLoad, kSource, "Exit.")));
-  EXPECT_THAT(journal.Calls(), ElementsAre("LoadLibraryExW vorlcore.dll"));
+  EXPECT_THAT(journal.Entries(), ElementsAre(Loaded(2, "Entry."), kGetRoot, CorePath(),
+                                             "LoadLibraryExW vorlcore.dll", Loaded(2, "Exit.")));
   FreeLibrary(module);
 }
 
@@ -127,10 +154,8 @@ TEST_F(LoadVorlcoreDllTest, SearchesTheModulesOwnFolderForItsDependencies) {
 TEST_F(LoadVorlcoreDllTest, FailsWithoutARootFolder) {
   FakeMisc()->rootDirResult = 0;
   EXPECT_EQ(LoadVorlcoreDll(), nullptr);
-  EXPECT_THAT(recorder.Lines(),
-              ElementsAre(Line(2, kLoad, kSource, "Entry."),
-                          Line(1, kLoad, kSource, "GetClientAgentRootDir Fail...")));
-  EXPECT_THAT(journal.Calls(), IsEmpty());
+  EXPECT_THAT(journal.Entries(), ElementsAre(Loaded(2, "Entry."), kGetRoot,
+                                             Loaded(1, "GetClientAgentRootDir Fail...")));
 }
 
 TEST_F(LoadVorlcoreDllTest, OnlyTheLowByteOfTheFoldersResultCounts) {
@@ -149,6 +174,10 @@ TEST_F(LoadVorlcoreDllTest, FailsWhenTheModuleIsMissing) {
                           WideLine(8, kLoad, kSource, "wszFilePath: %s", PathText(L"vorlcore.dll")),
                           DirectLine(1, kLoad, kSource, "Load Library Fail... with error (%lu)",
                                      "Load Library Fail... with error (126)")));
+  EXPECT_THAT(journal.Entries(),
+              ElementsAre(Loaded(2, "Entry."), kGetRoot, CorePath(), "LoadLibraryExW vorlcore.dll",
+                          Loaded(1, "Load Library Fail... with error (126)") +
+                              " [as format Load Library Fail... with error (%lu)]"));
 }
 
 TEST_F(LoadVorlcoreDllTest, FailsWhenTheFileIsNoModule) {
@@ -160,6 +189,10 @@ TEST_F(LoadVorlcoreDllTest, FailsWhenTheFileIsNoModule) {
                           WideLine(8, kLoad, kSource, "wszFilePath: %s", PathText(L"vorlcore.dll")),
                           DirectLine(1, kLoad, kSource, "Load Library Fail... with error (%lu)",
                                      "Load Library Fail... with error (193)")));
+  EXPECT_THAT(journal.Entries(),
+              ElementsAre(Loaded(2, "Entry."), kGetRoot, CorePath(), "LoadLibraryExW vorlcore.dll",
+                          Loaded(1, "Load Library Fail... with error (193)") +
+                              " [as format Load Library Fail... with error (%lu)]"));
 }
 
 TEST_F(LoadVorlcoreDllTest, AFolderMayHaveAnyCharactersInItsName) {
@@ -182,15 +215,27 @@ TEST_F(LoadVorlcoreDllTest, AFolderOf259CharactersLeavesRoomForTheModulesName) {
   EXPECT_EQ(loads[0].path, root + L"\\vorlcore.dll");
 }
 
+// As many characters as a folder may have.
+TEST_F(LoadVorlcoreDllTest, AFolderThatFillsTheCapacityLeavesRoomForTheModulesName) {
+  SetRoot(L"C:\\" + std::wstring(516, L'x'));
+  EXPECT_EQ(LoadVorlcoreDll(), nullptr);
+  ASSERT_EQ(loads.size(), 1U);
+  EXPECT_EQ(loads[0].path, root + L"\\vorlcore.dll");
+}
+
 // The update module of the root folder, held by the test so that its record outlives the product's
-// use of it.
+// use of it. Its calls go to the journal.
 class HeldUpdateModule {
  public:
-  explicit HeldUpdateModule(const std::wstring& root)
+  HeldUpdateModule(const std::wstring& root, Journal& journal)
       : m_path(root + L"\\vorlupd.dll"), m_module(LoadLibraryW(m_path.c_str())) {
     const auto record = reinterpret_cast<FakeUpdateFn*>(
         reinterpret_cast<void*>(GetProcAddress(m_module, "FakeUpdate")));
     m_record = record();
+    m_record->context = &journal;
+    m_record->onCall = [](void* context) {
+      static_cast<Journal*>(context)->Call("UpdateBeforeClientService");
+    };
   }
 
   FakeUpdateRecord* operator->() const { return m_record; }
@@ -211,18 +256,17 @@ using DoPendingPatchTasksTest = ModuleLoading;
 
 TEST_F(DoPendingPatchTasksTest, CallsTheUpdateModuleAndUnloadsIt) {
   UseRoot(L"complete");
-  HeldUpdateModule update(root);
+  HeldUpdateModule update(root, journal);
   EXPECT_TRUE(DoPendingPatchTasks());
   EXPECT_EQ(update->calls, 1U);
   EXPECT_THAT(recorder.Lines(),
               ElementsAre(Line(2, kPatch, kSource, "Entry."),
                           WideLine(2, kPatch, kSource, "wszFilePath: %s", PathText(L"vorlupd.dll")),
                           Line(2, kPatch, kSource, "Exit.")));
-  EXPECT_THAT(
-      journal.Entries(),
-      ElementsAre(Patched(2, "Entry."),
-                  Patched(2, PathText(L"vorlupd.dll")) + " [as format wszFilePath: %s]",
-                  "LoadLibraryExW vorlupd.dll", "FreeLibrary vorlupd.dll", Patched(2, "Exit.")));
+  EXPECT_THAT(journal.Entries(),
+              ElementsAre(Patched(2, "Entry."), kGetRoot, UpdatePath(), kAskForUpdate,
+                          "LoadLibraryExW vorlupd.dll", "UpdateBeforeClientService",
+                          "FreeLibrary vorlupd.dll", Patched(2, "Exit.")));
   EXPECT_TRUE(update.ReleaseLast());
 }
 
@@ -239,9 +283,8 @@ TEST_F(DoPendingPatchTasksTest, SearchesTheModulesOwnFolderForItsDependencies) {
 TEST_F(DoPendingPatchTasksTest, FailsWithoutARootFolder) {
   FakeMisc()->rootDirResult = 0;
   EXPECT_FALSE(DoPendingPatchTasks());
-  EXPECT_THAT(recorder.Lines(), ElementsAre(Line(2, kPatch, kSource, "Entry."),
-                                            Line(1, kPatch, kSource, "GetAdmnConRootDir Fail...")));
-  EXPECT_THAT(journal.Calls(), IsEmpty());
+  EXPECT_THAT(journal.Entries(),
+              ElementsAre(Patched(2, "Entry."), kGetRoot, Patched(1, "GetAdmnConRootDir Fail...")));
 }
 
 TEST_F(DoPendingPatchTasksTest, NoUpdateModuleInTheRootFolderIsAnErrorLineAndNothingIsLoaded) {
@@ -252,14 +295,17 @@ TEST_F(DoPendingPatchTasksTest, NoUpdateModuleInTheRootFolderIsAnErrorLineAndNot
                           WideLine(2, kPatch, kSource, "wszFilePath: %s", PathText(L"vorlupd.dll")),
                           WideLine(1, kPatch, kSource, "File not exist (%s)",
                                    "File not exist (" + Utf8(root) + "\\vorlupd.dll)")));
-  EXPECT_THAT(journal.Calls(), IsEmpty());
+  EXPECT_THAT(journal.Entries(),
+              ElementsAre(Patched(2, "Entry."), kGetRoot, UpdatePath(), kAskForUpdate,
+                          Patched(1, "File not exist (" + Utf8(root) + "\\vorlupd.dll)") +
+                              " [as format File not exist (%s)]"));
 }
 
 TEST_F(DoPendingPatchTasksTest, AsksOnlyWhetherTheFileExists) {
   UseRoot(L"complete");
   std::wstring path;
   int mode = -1;
-  const CallPatch<struct AccessTag, int(const wchar_t*, int)> access(
+  const CallPatch<struct AskedTag, int(const wchar_t*, int)> access(
       "msvcrt.dll", "_waccess", [&](const wchar_t* askedPath, int askedMode) {
         path = askedPath;
         mode = askedMode;
@@ -268,7 +314,7 @@ TEST_F(DoPendingPatchTasksTest, AsksOnlyWhetherTheFileExists) {
   EXPECT_FALSE(DoPendingPatchTasks());
   EXPECT_EQ(path, root + L"\\vorlupd.dll");
   EXPECT_EQ(mode, 0);
-  EXPECT_THAT(journal.Calls(), IsEmpty());
+  EXPECT_THAT(journal.Calls(), ElementsAre(kGetRoot));
 }
 
 TEST_F(DoPendingPatchTasksTest, FailsWhenTheFileIsNoModule) {
@@ -280,7 +326,11 @@ TEST_F(DoPendingPatchTasksTest, FailsWhenTheFileIsNoModule) {
                           WideLine(2, kPatch, kSource, "wszFilePath: %s", PathText(L"vorlupd.dll")),
                           DirectLine(1, kPatch, kSource, "Load Library Fail... with error (%lu)",
                                      "Load Library Fail... with error (193)")));
-  EXPECT_THAT(journal.Calls(), ElementsAre("LoadLibraryExW vorlupd.dll"));
+  EXPECT_THAT(journal.Entries(),
+              ElementsAre(Patched(2, "Entry."), kGetRoot, UpdatePath(), kAskForUpdate,
+                          "LoadLibraryExW vorlupd.dll",
+                          Patched(1, "Load Library Fail... with error (193)") +
+                              " [as format Load Library Fail... with error (%lu)]"));
 }
 
 TEST_F(DoPendingPatchTasksTest, AnUpdateModuleWithoutTheExportIsLoadedAndUnloadedAgain) {
@@ -292,8 +342,7 @@ TEST_F(DoPendingPatchTasksTest, AnUpdateModuleWithoutTheExportIsLoadedAndUnloade
                           DirectLine(1, kPatch, kSource, "GetProcAddress Fail... with error (%lu)",
                                      "GetProcAddress Fail... with error (127)")));
   EXPECT_THAT(journal.Entries(),
-              ElementsAre(Patched(2, "Entry."),
-                          Patched(2, PathText(L"vorlupd.dll")) + " [as format wszFilePath: %s]",
+              ElementsAre(Patched(2, "Entry."), kGetRoot, UpdatePath(), kAskForUpdate,
                           "LoadLibraryExW vorlupd.dll",
                           Patched(1, "GetProcAddress Fail... with error (127)") +
                               " [as format GetProcAddress Fail... with error (%lu)]",
@@ -305,7 +354,7 @@ class UpdateResult : public ModuleLoading, public ::testing::WithParamInterface<
 
 TEST_P(UpdateResult, OfALowByteOfZeroIsAFailure) {
   UseRoot(L"complete");
-  HeldUpdateModule update(root);
+  HeldUpdateModule update(root, journal);
   update->result = GetParam();
   EXPECT_FALSE(DoPendingPatchTasks());
   EXPECT_EQ(update->calls, 1U);
@@ -315,10 +364,9 @@ TEST_P(UpdateResult, OfALowByteOfZeroIsAFailure) {
                           Line(1, kPatch, kSource, "pfn_UpdateBeforeServerService Fail.")));
   EXPECT_THAT(
       journal.Entries(),
-      ElementsAre(Patched(2, "Entry."),
-                  Patched(2, PathText(L"vorlupd.dll")) + " [as format wszFilePath: %s]",
-                  "LoadLibraryExW vorlupd.dll", Patched(1, "pfn_UpdateBeforeServerService Fail."),
-                  "FreeLibrary vorlupd.dll"));
+      ElementsAre(Patched(2, "Entry."), kGetRoot, UpdatePath(), kAskForUpdate,
+                  "LoadLibraryExW vorlupd.dll", "UpdateBeforeClientService",
+                  Patched(1, "pfn_UpdateBeforeServerService Fail."), "FreeLibrary vorlupd.dll"));
   EXPECT_TRUE(update.ReleaseLast());
 }
 
@@ -327,7 +375,7 @@ INSTANTIATE_TEST_SUITE_P(DoPendingPatchTasks, UpdateResult,
 
 TEST_F(DoPendingPatchTasksTest, AnyLowByteButZeroIsSuccess) {
   UseRoot(L"complete");
-  HeldUpdateModule update(root);
+  HeldUpdateModule update(root, journal);
   for (const ULONGLONG result : {ULONGLONG{2}, ULONGLONG{0x80}, ULONGLONG{0xDEADBEEFCAFEB0FF}}) {
     update->result = result;
     EXPECT_TRUE(DoPendingPatchTasks()) << result;

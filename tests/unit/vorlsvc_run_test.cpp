@@ -2,6 +2,7 @@
 #include <gmock/gmock.h>
 #include <process.h>
 
+#include <functional>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -15,6 +16,7 @@
 #include "tests/support/handle_calls.h"
 #include "tests/support/import_patch.h"
 #include "tests/support/journal.h"
+#include "tests/support/library_calls.h"
 #include "tests/support/text.h"
 #include "tests/support/trace_recorder.h"
 #include "tests/unit/agent_service.h"
@@ -115,7 +117,7 @@ class RunTest : public ::testing::Test {
 
   void UseRoot(const std::wstring& name) {
     root = TestFolder() + L"\\roots\\" + name;
-    StringCchCopyW(FakeMisc()->rootDir, 260, root.c_str());
+    StringCchCopyW(FakeMisc()->rootDir, kFolderCapacity, root.c_str());
   }
 
   void HoldWatcher() { ResetEvent(m_gate); }
@@ -140,6 +142,17 @@ class RunTest : public ::testing::Test {
     m_work = std::move(work);
     core->context = &m_work;
     core->onStartUp = [](void* context) { (*static_cast<std::function<void()>*>(context))(); };
+  }
+
+  // Puts the core's two calls into the journal.
+  void JournalCore(HeldCore& core) {
+    core->context = &journal;
+    core->onStartUp = [](void* context) {
+      static_cast<Journal*>(context)->Call("ClientAgentCoreStartUp");
+    };
+    core->onCleanUp = [](void* context) {
+      static_cast<Journal*>(context)->Call("ClientAgentCoreCleanUp");
+    };
   }
 
   // The lines of everything but the watcher.
@@ -172,7 +185,10 @@ class RunTest : public ::testing::Test {
   bool beginFails = false;
   void* beginArgument = nullptr;
   unsigned waitsForWatcher = 0;
-  DWORD lastErrorOfNullCalls = 0;
+  // What happens when the service has entered its wait for the watcher.
+  std::function<void()> atWait;
+  // Whether the journal shows which exports of the modules are looked up.
+  bool journalsLookUps = false;
 
  private:
   using Procedure = unsigned (*)(void*);
@@ -222,6 +238,7 @@ class RunTest : public ::testing::Test {
   struct WaitTag;
   struct LoadTag;
   struct FreeTag;
+  struct LookUpTag;
   struct StatusTag;
 
   CallPatch<BeginTag, std::uintptr_t(void*, unsigned, Procedure, void*, unsigned, unsigned*)>
@@ -236,6 +253,9 @@ class RunTest : public ::testing::Test {
           EXPECT_EQ(milliseconds, INFINITE);
           journal.Call("WaitForSingleObject watcher thread");
           ++waitsForWatcher;
+          if (atWait) {
+            atWait();
+          }
           // Does not let a lost signal hang the test.
           if (m_wait.CallOriginal(handle, 10000) == WAIT_TIMEOUT) {
             ADD_FAILURE() << "the watcher has missed its signal";
@@ -248,6 +268,15 @@ class RunTest : public ::testing::Test {
       "KERNEL32.dll", "LoadLibraryExW", [this](const wchar_t* path, HANDLE file, DWORD flags) {
         journal.Call("LoadLibraryExW " + FileName(path));
         return m_load.CallOriginal(path, file, flags);
+      }};
+  CallPatch<LookUpTag, FARPROC(HMODULE, const char*)> m_lookUp{
+      "KERNEL32.dll", "GetProcAddress", [this](HMODULE module, const char* name) {
+        if (journalsLookUps) {
+          wchar_t path[MAX_PATH] = {};
+          GetModuleFileNameW(module, path, MAX_PATH);
+          journal.Call("GetProcAddress " + FileName(path) + " " + name);
+        }
+        return m_lookUp.CallOriginal(module, name);
       }};
   CallPatch<FreeTag, BOOL(HMODULE)> m_free{"KERNEL32.dll", "FreeLibrary", [this](HMODULE module) {
                                              wchar_t path[MAX_PATH] = {};
@@ -328,6 +357,44 @@ TEST_F(RunTest, CallsWindowsInOrder) {
                   Ran(2, "After calling FreeSecurityAttributeForEveryone"), Ran(2, "Exit")));
 }
 
+TEST_F(RunTest, WritesEachLineInItsPlaceAmongAllCalls) {
+  HeldCore core(root);
+  JournalCore(core);
+  journalsLookUps = true;
+  const LibraryCalls libraries(journal);
+  // The watcher works while the service waits for it, and at no other time.
+  HoldWatcher();
+  const HANDLE exitEvent = OpenOrCreateEvent(kExitEvent);
+  SetEvent(exitEvent);
+  atWait = [this] {
+    ReleaseWatcher();
+    AwaitWatcher();
+  };
+  service->Run();
+  CloseHandle(exitEvent);
+  EXPECT_THAT(
+      RunAndCalls(),
+      ElementsAre(
+          Ran(2, "Entry"), "_beginthreadex", Ran(2, "Before calling GetClientAgentStartUpOptions"),
+          "GetClientAgentStartUpOptions", Ran(2, "Calling for pending update..."),
+          "GetClientAgentRootDir", "LoadLibraryExW vorlupd.dll",
+          "GetProcAddress vorlupd.dll UpdateBeforeClientService", "FreeLibrary vorlupd.dll",
+          Ran(2, "After calling GetClientAgentStartUpOptions"), "GetClientAgentRootDir",
+          "LoadLibraryExW vorlcore.dll", "GetProcAddress vorlcore.dll ClientAgentCoreStartUp",
+          Ran(2, "Before calling ClientAgentCoreStartUp"), "ClientAgentCoreStartUp",
+          Ran(2, "After calling ClientAgentCoreStartUp"),
+          Ran(2, "Before Calling WaitForSingleObject"), "WaitForSingleObject watcher thread",
+          "GetEventNameByVersion " + kCloseEvent, "GetEventNameByVersion " + kExitEvent,
+          "CreateEventA " + kCloseEvent, "CreateEventA " + kExitEvent, "CloseHandle " + kExitEvent,
+          Ran(2, "After Calling WaitForSingleObject"), "CloseHandle watcher thread",
+          Ran(2, "Before calling ClientAgentCoreCleanUp"),
+          "GetProcAddress vorlcore.dll ClientAgentCoreCleanUp", Ran(2, "Notify server is false"),
+          "ClientAgentCoreCleanUp", Ran(2, "After calling ClientAgentCoreCleanUp"),
+          Ran(2, "Before calling FreeSecurityAttributeForEveryone"), "FreeLibrary vorlcore.dll",
+          "FreeLibrary advapi32.dll", Ran(2, "After calling FreeSecurityAttributeForEveryone"),
+          Ran(2, "Exit")));
+}
+
 TEST_F(RunTest, UnloadsTheUpdateModuleBeforeItLoadsTheCore) {
   HeldCore core(root);
   HoldWatcher();
@@ -386,10 +453,9 @@ TEST_F(RunTest, StartsTheWatcherWithTheService) {
 TEST_F(RunTest, EndsWhenTheWatcherCannotBeStarted) {
   beginFails = true;
   service->Run();
-  EXPECT_THAT(recorder.Lines(),
-              ElementsAre(RunLine(2, "Entry"), RunLine(1, "_beginthreadex Failed 8")));
+  EXPECT_THAT(journal.Entries(),
+              ElementsAre(Ran(2, "Entry"), "_beginthreadex", Ran(1, "_beginthreadex Failed 8")));
   EXPECT_EQ(FakeMisc()->startUpOptionsCalls, 0U);
-  EXPECT_THAT(journal.Calls(), ElementsAre("_beginthreadex"));
 }
 
 // Without start-up options.
@@ -411,15 +477,18 @@ TEST_F(RunTest, FailingOptionsSignalTheCloseEventSoThatTheWatcherEndsAtOnceAndLo
 }
 
 TEST_F(RunTest, FailingOptionsSignalTheCloseEventAndCloseTheHandle) {
+  const LibraryCalls libraries(journal);
   HoldWatcher();
   FakeMisc()->startUpOptionsResult = 0;
   service->Run();
-  EXPECT_THAT(journal.Entries(),
-              ElementsAre(Ran(2, "Entry"), "_beginthreadex",
-                          Ran(2, "Before calling GetClientAgentStartUpOptions"),
-                          Ran(1, "GetClientAgentStartUpOptions Failed"),
-                          "CreateEventA " + kCloseEvent, "DuplicateHandle " + kCloseEvent,
-                          "SetEvent " + kCloseEvent, "CloseHandle " + kCloseEvent));
+  EXPECT_THAT(
+      journal.Entries(),
+      ElementsAre(Ran(2, "Entry"), "_beginthreadex",
+                  Ran(2, "Before calling GetClientAgentStartUpOptions"),
+                  "GetClientAgentStartUpOptions", Ran(1, "GetClientAgentStartUpOptions Failed"),
+                  "GetEventNameByVersion " + kCloseEvent, "CreateEventA " + kCloseEvent,
+                  "DuplicateHandle " + kCloseEvent, "SetEvent " + kCloseEvent,
+                  "CloseHandle " + kCloseEvent));
   const HandleCalls::Creation creation = handles.Creations()[0];
   EXPECT_EQ(creation.name, VersionedName("AcClientAgentSrvcCloseFromServicef"));
   EXPECT_EQ(creation.attributes, &service->m_SecurityAttributes);
@@ -535,10 +604,14 @@ TEST_F(RunTest, UnloadsACoreWithoutCleanUpAfterTwoCallsWithoutAHandle) {
                           RunLine(2, "After Calling WaitForSingleObject"),
                           RunLine(2, "Before calling ClientAgentCoreCleanUp"),
                           RunLine(1, "GetProcAddress() failed for ClientAgentCoreCleanUp.")));
-  EXPECT_THAT(journal.Calls(),
-              ElementsAre("WaitForSingleObject watcher thread", "CloseHandle watcher thread",
-                          "SetEvent null", "CloseHandle null", "FreeLibrary vorlcore.dll"));
-  EXPECT_EQ(RunAndCalls()[5], Ran(2, "Before calling ClientAgentCoreCleanUp"));
+  EXPECT_THAT(
+      RunAndCalls(),
+      ElementsAre(Ran(2, "After calling ClientAgentCoreStartUp"),
+                  Ran(2, "Before Calling WaitForSingleObject"),
+                  "WaitForSingleObject watcher thread", Ran(2, "After Calling WaitForSingleObject"),
+                  "CloseHandle watcher thread", Ran(2, "Before calling ClientAgentCoreCleanUp"),
+                  Ran(1, "GetProcAddress() failed for ClientAgentCoreCleanUp."), "SetEvent null",
+                  "CloseHandle null", "FreeLibrary vorlcore.dll"));
 }
 
 // With a core that reports failures.
@@ -627,6 +700,14 @@ TEST_F(RunTest, AStopByTheUserStopControlLeadsToNotifyValue2) {
   EXPECT_EQ(core->notify, 2);
   EXPECT_THAT(recorder.LinesOf("CAcAsSvc::Run"),
               ::testing::Contains(RunLine(2, "Notify server is TRUE")));
+}
+
+TEST_F(RunTest, AUserStopDuringTheWaitForTheWatcherLeadsToNotifyValue2) {
+  HeldCore core(root);
+  atWait = [] { TestService::Handler(140); };
+  service->Run();
+  EXPECT_EQ(waitsForWatcher, 1U);
+  EXPECT_EQ(core->notify, 2);
 }
 
 TEST_F(RunTest, AnOrdinaryStopLeadsToNotifyValue1) {

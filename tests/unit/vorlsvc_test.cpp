@@ -6,6 +6,7 @@
 #include <string>
 #include <vector>
 
+#include "support/handle.h"
 #include "tests/fakes/vorlinfo_fake.h"
 #include "tests/support/handle_calls.h"
 #include "tests/support/import_patch.h"
@@ -175,9 +176,47 @@ TEST_F(OnStop, KeepsTheSignalledEventAliveUntilTheServiceIsDestroyed) {
   const HANDLE event = OpenOrCreateEvent(kCloseEvent);
   EXPECT_TRUE(IsSignalled(event));
   CloseHandle(event);
+  journal.Clear();
   service.reset();
+  EXPECT_THAT(
+      journal.Entries(),
+      ElementsAre(Traced(2, "CAcAsSvc::~CAcAsSvc", kSource, "Entry"), "CloseHandle " + kCloseEvent,
+                  Traced(2, "CAcAsSvc::~CAcAsSvc", kSource, "Exit"),
+                  Traced(2, "CNTService::~CNTService", "service/ntservc.cpp", "Entry"),
+                  Traced(2, "CNTService::~CNTService", "service/ntservc.cpp", "Exit")));
   EXPECT_THAT(handles.Open(), IsEmpty());
   EXPECT_EQ(handles.FailedCloses(), 0U);
+}
+
+TEST_F(OnStop, SignalsTheCloseEventAlsoWhenNoSecondHandleCanBeHad) {
+  const CallPatch<struct NoSecondTag, BOOL(HANDLE, HANDLE, HANDLE, HANDLE*, DWORD, BOOL, DWORD)>
+      duplicate("KERNEL32.dll", "DuplicateHandle",
+                [](HANDLE, HANDLE, HANDLE, HANDLE*, DWORD, BOOL, DWORD) {
+                  SetLastError(ERROR_NO_SYSTEM_RESOURCES);
+                  return FALSE;
+                });
+  const HANDLE event = OpenOrCreateEvent(kCloseEvent);
+  service->OnStop();
+  EXPECT_TRUE(IsSignalled(event));
+  CloseHandle(event);
+  EXPECT_THAT(journal.Entries(),
+              ElementsAre(Stopped(2, "Entry"), "CreateEventA " + kCloseEvent,
+                          Stopped(2, "Before setting close Event"), "SetEvent " + kCloseEvent,
+                          Stopped(2, "After setting close Event"), "CloseHandle " + kCloseEvent,
+                          Stopped(2, "Exit")));
+  EXPECT_THAT(handles.Open(), IsEmpty());
+}
+
+// As long as a versioned name may be. An event's own name may have 260 characters only.
+TEST_F(OnStop, TakesALongNameWhole) {
+  const std::string prefix = std::string(450, 'n') + "_";
+  StringCchCopyA(FakeInfo()->eventNamePrefix, sizeof(FakeInfo()->eventNamePrefix), prefix.c_str());
+  service->OnStop();
+  ASSERT_EQ(handles.Creations().size(), 1U);
+  EXPECT_EQ(handles.Creations()[0].name, prefix + "AcClientAgentSrvcCloseFromServicef");
+  EXPECT_THAT(
+      recorder.Lines(),
+      ElementsAre(StopLine(2, "Entry"), StopLine(1, "CreateEvent Failed for Close Event : 206")));
 }
 
 TEST_F(OnStop, TwiceKeepsOneHandle) {
@@ -200,9 +239,8 @@ TEST_F(OnStop, EndsWhenTheEventHasNoName) {
 TEST_F(OnStop, EndsWhenTheEventCannotBeCreated) {
   handles.FailCreation(kCloseEvent, ERROR_ACCESS_DENIED);
   service->OnStop();
-  EXPECT_THAT(recorder.Lines(), ElementsAre(StopLine(2, "Entry"),
-                                            StopLine(1, "CreateEvent Failed for Close Event : 5")));
-  EXPECT_THAT(journal.Calls(), ElementsAre("CreateEventA " + kCloseEvent));
+  EXPECT_THAT(journal.Entries(), ElementsAre(Stopped(2, "Entry"), "CreateEventA " + kCloseEvent,
+                                             Stopped(1, "CreateEvent Failed for Close Event : 5")));
 }
 
 TEST_F(OnStop, EndsWhenAnotherKindOfObjectHasTheEventsName) {
@@ -391,29 +429,76 @@ TEST_F(SaveStatusTest, RunsOnNoOtherUserControl) {
 }
 
 // The real registry, with HKEY_LOCAL_MACHINE turned to a key of the test's own.
-TEST(UserControl128, CreatesTheStatusKeyWhenMissingAndWritesTheStatusAsADword) {
-  const TraceRecorder recorder;
-  const std::string name = "Software\\vorl test " + std::to_string(GetCurrentProcessId());
-  HKEY own = nullptr;
-  ASSERT_EQ(
-      RegCreateKeyExW(HKEY_CURRENT_USER, std::wstring(name.begin(), name.end()).c_str(), 0, nullptr,
-                      REG_OPTION_NON_VOLATILE, KEY_ALL_ACCESS, nullptr, &own, nullptr),
-      ERROR_SUCCESS);
-  TestService service("Sample");
-  service.m_dwCurrentStatus = 7;
-  ASSERT_EQ(RegOverridePredefKey(HKEY_LOCAL_MACHINE, own), ERROR_SUCCESS);
-  EXPECT_TRUE(service.OnUserControl(128));
-  RegOverridePredefKey(HKEY_LOCAL_MACHINE, nullptr);
+class UserControl128 : public ::testing::Test {
+ protected:
+  UserControl128() {
+    EXPECT_EQ(
+        RegCreateKeyExW(HKEY_CURRENT_USER, m_path.c_str(), 0, nullptr, REG_OPTION_NON_VOLATILE,
+                        KEY_ALL_ACCESS, nullptr, own.Receive(), nullptr),
+        ERROR_SUCCESS);
+    service.m_dwCurrentStatus = 7;
+  }
+  ~UserControl128() override {
+    RegDeleteTreeW(own.Get(), nullptr);
+    own.Reset();
+    RegDeleteKeyW(HKEY_CURRENT_USER, m_path.c_str());
+  }
 
-  DWORD value = 0;
-  DWORD size = sizeof(value);
-  EXPECT_EQ(RegGetValueW(own, L"SYSTEM\\CurrentControlSet\\Services\\Sample\\Status", L"Current",
-                         RRF_RT_REG_DWORD, nullptr, &value, &size),
+  void SendControl() {
+    ASSERT_EQ(RegOverridePredefKey(HKEY_LOCAL_MACHINE, own.Get()), ERROR_SUCCESS);
+    FakeTraceClear();
+    EXPECT_EQ(service.OnUserControl(128), TRUE);
+    RegOverridePredefKey(HKEY_LOCAL_MACHINE, nullptr);
+    EXPECT_THAT(
+        recorder.Lines(),
+        ElementsAre(Line(2, "CAcAsSvc::OnUserControl", kSource, "Entry"),
+                    Line(2, "CAcAsSvc::OnUserControl", kSource, "Before calling SaveStatus"),
+                    SaveLine(2, "Entry"), SaveLine(2, "Before calling RegCreateKeyEx"),
+                    SaveLine(2, "Before aclling RegSetValueEx"), SaveLine(2, "Exit"),
+                    Line(2, "CAcAsSvc::OnUserControl", kSource, "After calling SaveStatus")));
+  }
+
+  // A number of the status key; the largest one when it is missing or no number.
+  DWORD Number(const wchar_t* name) const {
+    DWORD value = 0;
+    DWORD size = sizeof(value);
+    const LSTATUS result =
+        RegGetValueW(own.Get(), kStatusKey, name, RRF_RT_REG_DWORD, nullptr, &value, &size);
+    return result == ERROR_SUCCESS ? value : MAXDWORD;
+  }
+
+  static constexpr wchar_t kStatusKey[] = L"SYSTEM\\CurrentControlSet\\Services\\Sample\\Status";
+
+  const TraceRecorder recorder;
+  TestService service{"Sample"};
+  RegistryKey own;
+
+ private:
+  const std::wstring m_path = L"Software\\vorl test " + std::to_wstring(GetCurrentProcessId());
+};
+
+TEST_F(UserControl128, CreatesTheMissingKeyAndWritesTheStatusAsADword) {
+  RegistryKey before;
+  ASSERT_EQ(RegOpenKeyExW(own.Get(), L"SYSTEM", 0, KEY_READ, before.Receive()),
+            ERROR_FILE_NOT_FOUND);
+  SendControl();
+  EXPECT_EQ(Number(L"Current"), 7U);
+}
+
+TEST_F(UserControl128, WritesTheStatusIntoAKeyThatIsThereAndLeavesTheRestOfItAlone) {
+  const std::wstring inside = std::wstring(kStatusKey) + L"\\Inside";
+  RegistryKey below;
+  ASSERT_EQ(RegCreateKeyExW(own.Get(), inside.c_str(), 0, nullptr, REG_OPTION_NON_VOLATILE,
+                            KEY_ALL_ACCESS, nullptr, below.Receive(), nullptr),
             ERROR_SUCCESS);
-  EXPECT_EQ(value, 7U);
-  RegDeleteTreeW(own, nullptr);
-  RegCloseKey(own);
-  RegDeleteKeyA(HKEY_CURRENT_USER, name.c_str());
+  const DWORD other = 5;
+  RegSetKeyValueW(own.Get(), kStatusKey, L"Other", REG_DWORD, &other, sizeof(other));
+  RegSetKeyValueW(own.Get(), kStatusKey, L"Current", REG_SZ, L"old", sizeof(L"old"));
+  SendControl();
+  EXPECT_EQ(Number(L"Current"), 7U);
+  EXPECT_EQ(Number(L"Other"), 5U);
+  RegistryKey after;
+  EXPECT_EQ(RegOpenKeyExW(own.Get(), inside.c_str(), 0, KEY_READ, after.Receive()), ERROR_SUCCESS);
 }
 
 }  // namespace
