@@ -221,7 +221,7 @@ IniRead IniFile::DecodeNarrow(const unsigned char* bytes, DWORD count, UINT code
 }
 
 IniRead IniFile::DecodeWide(const unsigned char* bytes, DWORD count, bool isBigEndian) noexcept {
-  m_length = count / sizeof(wchar_t);
+  m_length = static_cast<DWORD>(count / sizeof(wchar_t));
   m_text = Allocate<wchar_t>(m_length);
   if (!m_text) {
     return Fail(IniRead::kFailed, ERROR_NOT_ENOUGH_MEMORY);
