@@ -52,17 +52,7 @@ void Journal::Observe() {
 
 void Journal::OnTrace(const FakeTraceLine* line, void* context) {
   auto* const journal = static_cast<Journal*>(context);
-  std::string text = Traced(line->level, line->functionName, line->sourceFile, line->text);
-  if (line->isWide || std::strcmp(line->format, "%s") != 0) {
-    text += std::string(" [as format ") + line->format + "]";
-  }
-  if (std::strcmp(line->moduleName, "vorlsrvc.exe") != 0) {
-    text += std::string(" [of module ") + line->moduleName + "]";
-  }
-  if (line->line <= 0) {
-    text += " [without a line number]";
-  }
-  journal->Add(/*isTrace=*/true, text);
+  journal->Add(/*isTrace=*/true, JournalText(*line));
   SetLastError(kRubbishError);
 }
 
@@ -81,6 +71,22 @@ std::string Traced(int level, const std::string& function, const std::string& so
                    const std::string& text) {
   return "level " + std::to_string(level) + " " + function + " (" + source + "): " + text;
 }
+
+std::string JournalText(const FakeTraceLine& line) {
+  std::string text = Traced(line.level, line.functionName, line.sourceFile, line.text);
+  if (line.isWide || std::strcmp(line.format, "%s") != 0) {
+    text += AsFormat(line.format);
+  }
+  if (std::strcmp(line.moduleName, "vorlsrvc.exe") != 0) {
+    text += std::string(" [of module ") + line.moduleName + "]";
+  }
+  if (line.line <= 0) {
+    text += " [without a line number]";
+  }
+  return text;
+}
+
+std::string AsFormat(const std::string& format) { return " [as format " + format + "]"; }
 
 std::string Printed(const std::string& text) { return "printed " + Quoted(text.c_str()); }
 

@@ -59,6 +59,12 @@ class Journal {
 std::string Traced(int level, const std::string& function, const std::string& source,
                    const std::string& text);
 
+// What stands behind that where the line travelled as a format of its own.
+std::string AsFormat(const std::string& format);
+
+// How a journal shows a line of the recording trace library.
+std::string JournalText(const FakeTraceLine& line);
+
 // How a list shows what was printed on the console.
 std::string Printed(const std::string& text);
 

@@ -1,13 +1,13 @@
 // The steps that turn collected parameters into the identifier's components. Whole machines are in
-// ztuuid_machine_test.cpp.
+// ztuuid_collection_test.cpp and ztuuid_composition_test.cpp.
 #include "identity/ztuuid.h"
 
 #include <gmock/gmock.h>
 
 #include "support/windows_api.h"
+#include "tests/support/expected_trace.h"
 #include "tests/support/import_patch.h"
 #include "tests/support/no_memory.h"
-#include "tests/support/trace_recorder.h"
 
 // COM is left out of the lean windows.h.
 #include <objbase.h>
@@ -20,6 +20,13 @@ namespace {
 using std::string_literals::operator""s;
 
 constexpr char kSource[] = "identity/ztuuid.cpp";
+constexpr ExpectedTrace kSerialTail{"CZTUUID::GetOptimumHDDSrNo", kSource};
+constexpr ExpectedTrace kBiosId{"CZTUUID::ProcessBiosId", kSource};
+constexpr ExpectedTrace kHyphenate{"CZTUUID::ProcessMACAddresses", kSource};
+constexpr ExpectedTrace kNormalise{"CZTUUID::ProcessUUIDParameters", kSource};
+constexpr ExpectedTrace kSort{"CZTUUID::SortMacAddress", kSource};
+constexpr ExpectedTrace kStringify{"CZTUUID::StringifyMD5", kSource};
+constexpr ExpectedTrace kValidate{"CZTUUID::ValidateUUID", kSource};
 constexpr HRESULT kCut = static_cast<HRESULT>(0x8007007A);
 
 // The record begins with a failure in it, so that it keeps what the steps offer.
@@ -34,10 +41,6 @@ class CZTUUIDTest : public ::testing::Test {
   void SetBiosUuid(const char* text) { StringCchCopyA(fingerprint.BiosUuid, kBiosUuidSize, text); }
   void SetSerial(const char* text) {
     StringCchCopyA(fingerprint.PrimaryHddSerial, kPrimaryHddSerialSize, text);
-  }
-
-  TraceLine Of(const char* function, int level, const char* text) {
-    return Line(level, std::string("CZTUUID::") + function, kSource, text);
   }
 
   TraceRecorder recorder;
@@ -119,7 +122,7 @@ TEST_F(ProcessMACAddresses, BringsTheThreeFormsIntoOneAndKeepsTheLetterCase) {
   EXPECT_TRUE(fingerprint.ProcessMACAddresses());
   EXPECT_THAT(fingerprint.MacAddressList,
               ElementsAre("00-1a-2B-3c-4d-5e", "00-1a-2B-3c-4d-5e", "00-1a-2B-3c-4d-5e"));
-  EXPECT_THAT(recorder.Lines(), ElementsAre(Of("ProcessMACAddresses", 2, "Entry")));
+  EXPECT_THAT(recorder.Lines(), ElementsAre(kHyphenate.Info("Entry")));
   ExpectRecorded(1, 1);
 }
 
@@ -174,7 +177,7 @@ TEST_F(SortMacAddress, EmptyListLeavesTheFieldsUntouched) {
   EXPECT_TRUE(fingerprint.SortMacAddress());
   EXPECT_STREQ(fingerprint.MacAddress1, "z");
   EXPECT_STREQ(fingerprint.MacAddress2, "a");
-  EXPECT_THAT(recorder.Lines(), ElementsAre(Of("SortMacAddress", 2, "Entry")));
+  EXPECT_THAT(recorder.Lines(), ElementsAre(kSort.Info("Entry")));
 }
 
 TEST_F(SortMacAddress, OneAddressEndsUpInTheSecondField) {
@@ -268,8 +271,7 @@ TEST_F(ValidateUUID, AcceptsAGuidInEitherLetterCase) {
     SetBiosUuid(uuid);
     EXPECT_TRUE(fingerprint.ValidateUUID()) << uuid;
   }
-  EXPECT_THAT(recorder.Lines(),
-              ElementsAre(Of("ValidateUUID", 2, "Entry"), Of("ValidateUUID", 2, "Entry")));
+  EXPECT_THAT(recorder.Lines(), ElementsAre(kValidate.Info("Entry"), kValidate.Info("Entry")));
   ExpectRecorded(1, 1);
 }
 
@@ -340,17 +342,15 @@ TEST_F(ProcessBiosId, RemovesEveryHyphenAndNothingElse) {
   SetBiosUuid("-{a b}--C-");
   EXPECT_TRUE(fingerprint.ProcessBiosId());
   EXPECT_STREQ(fingerprint.ProcessedBiosId, "{a b}C");
-  EXPECT_THAT(recorder.Lines(),
-              ElementsAre(Of("ProcessBiosId", 2, "Entry"), Of("ProcessBiosId", 2, "Success.."),
-                          Of("ProcessBiosId", 2, "Entry"), Of("ProcessBiosId", 2, "Success..")));
+  EXPECT_THAT(recorder.Lines(), ElementsAre(kBiosId.Info("Entry"), kBiosId.Info("Success.."),
+                                            kBiosId.Info("Entry"), kBiosId.Info("Success..")));
 }
 
 TEST_F(ProcessBiosId, EmptyUuidLeavesTheFieldUnchangedAndCountsAsSuccess) {
   StringCchCopyA(fingerprint.ProcessedBiosId, 33, "as it was");
   EXPECT_TRUE(fingerprint.ProcessBiosId());
   EXPECT_STREQ(fingerprint.ProcessedBiosId, "as it was");
-  EXPECT_THAT(recorder.Lines(),
-              ElementsAre(Of("ProcessBiosId", 2, "Entry"), Of("ProcessBiosId", 2, "Success..")));
+  EXPECT_THAT(recorder.Lines(), ElementsAre(kBiosId.Info("Entry"), kBiosId.Info("Success..")));
 }
 
 TEST_F(ProcessBiosId, UuidOfHyphensOnlyEmptiesTheField) {
@@ -365,7 +365,7 @@ TEST_F(ProcessBiosId, TextThatIsTooLongByOneIsCutAndStage0) {
   EXPECT_FALSE(fingerprint.ProcessBiosId());
   EXPECT_STREQ(fingerprint.ProcessedBiosId, "0123456789abcdef0123456789abcdef");
   EXPECT_THAT(recorder.Lines(),
-              ElementsAre(Of("ProcessBiosId", 2, "Entry"),
+              ElementsAre(kBiosId.Info("Entry"),
                           DirectLine(1, "CZTUUID::ProcessBiosId", kSource,
                                      "StringCchCopy failed for UUID\tError code:(%X).",
                                      "StringCchCopy failed for UUID\tError code:(8007007A).")));
@@ -395,9 +395,9 @@ TEST_F(GetOptimumHDDSrNo, LongerSerialContributesItsLastEightCharactersSpacesInc
   SetSerial(std::string(99, 'x').c_str());
   EXPECT_TRUE(fingerprint.GetOptimumHDDSrNo());
   EXPECT_STREQ(fingerprint.OptimumHddSerial, "xxxxxxxx");
-  EXPECT_THAT(recorder.LinesOf("CZTUUID::GetOptimumHDDSrNo"),
-              ElementsAre(Of("GetOptimumHDDSrNo", 2, "Entry"), Of("GetOptimumHDDSrNo", 2, "Entry"),
-                          Of("GetOptimumHDDSrNo", 2, "Entry")));
+  EXPECT_THAT(
+      recorder.LinesOf("CZTUUID::GetOptimumHDDSrNo"),
+      ElementsAre(kSerialTail.Info("Entry"), kSerialTail.Info("Entry"), kSerialTail.Info("Entry")));
 }
 
 TEST_F(GetOptimumHDDSrNo, WritesNoMoreThanNineCharacters) {
@@ -422,11 +422,9 @@ TEST_F(ProcessUUIDParameters, NormalisesEveryParameter) {
   EXPECT_STREQ(fingerprint.ProcessedBiosId, "4C4C4544003530108048B4C04F4B3732");
   EXPECT_STREQ(fingerprint.OptimumHddSerial, "E1234567");
   EXPECT_THAT(recorder.Lines(),
-              ElementsAre(Of("ProcessUUIDParameters", 2, "Entry"),
-                          Of("ProcessMACAddresses", 2, "Entry"), Of("SortMacAddress", 2, "Entry"),
-                          Of("ValidateUUID", 2, "Entry"), Of("GetOptimumHDDSrNo", 2, "Entry"),
-                          Of("ProcessBiosId", 2, "Entry"), Of("ProcessBiosId", 2, "Success.."),
-                          Of("ProcessUUIDParameters", 2, "Success....")));
+              ElementsAre(kNormalise.Info("Entry"), kHyphenate.Info("Entry"), kSort.Info("Entry"),
+                          kValidate.Info("Entry"), kSerialTail.Info("Entry"), kBiosId.Info("Entry"),
+                          kBiosId.Info("Success.."), kNormalise.Info("Success....")));
 }
 
 TEST_F(ProcessUUIDParameters, OnVersion50OnlyTheAddressesAreNormalised) {
@@ -438,10 +436,8 @@ TEST_F(ProcessUUIDParameters, OnVersion50OnlyTheAddressesAreNormalised) {
   EXPECT_STREQ(fingerprint.MacAddress2, "001a2b3c4d5e");
   EXPECT_STREQ(fingerprint.BiosUuid, "no GUID");
   EXPECT_STREQ(fingerprint.OptimumHddSerial, "");
-  EXPECT_THAT(
-      recorder.Lines(),
-      ElementsAre(Of("ProcessUUIDParameters", 2, "Entry"), Of("ProcessMACAddresses", 2, "Entry"),
-                  Of("SortMacAddress", 2, "Entry"), Of("ProcessUUIDParameters", 2, "Success...")));
+  EXPECT_THAT(recorder.Lines(), ElementsAre(kNormalise.Info("Entry"), kHyphenate.Info("Entry"),
+                                            kSort.Info("Entry"), kNormalise.Info("Success...")));
 }
 
 TEST_F(ProcessUUIDParameters, AddressOfUnknownFormEmptiesTheListAndNothingFillsTheFields) {
@@ -452,9 +448,8 @@ TEST_F(ProcessUUIDParameters, AddressOfUnknownFormEmptiesTheListAndNothingFillsT
   EXPECT_STREQ(fingerprint.MacAddress1, "");
   EXPECT_STREQ(fingerprint.MacAddress2, "");
   EXPECT_THAT(recorder.LinesOf("CZTUUID::ProcessUUIDParameters"),
-              ElementsAre(Of("ProcessUUIDParameters", 2, "Entry"),
-                          Of("ProcessUUIDParameters", 1, "ProcessMACAddresses failed."),
-                          Of("ProcessUUIDParameters", 2, "Success....")));
+              ElementsAre(kNormalise.Info("Entry"), kNormalise.Error("ProcessMACAddresses failed."),
+                          kNormalise.Info("Success....")));
 }
 
 TEST_F(ProcessUUIDParameters, FailedSortingEmptiesTheListAndKeepsTheFieldsWritten) {
@@ -472,9 +467,8 @@ TEST_F(ProcessUUIDParameters, FailedSortingEmptiesTheListAndKeepsTheFieldsWritte
   EXPECT_THAT(fingerprint.MacAddressList, IsEmpty());
   EXPECT_STREQ(fingerprint.MacAddress1, "001a2b3c4d5e");
   EXPECT_THAT(recorder.LinesOf("CZTUUID::ProcessUUIDParameters"),
-              ElementsAre(Of("ProcessUUIDParameters", 2, "Entry"),
-                          Of("ProcessUUIDParameters", 1, "SortMacAddress failed."),
-                          Of("ProcessUUIDParameters", 2, "Success...")));
+              ElementsAre(kNormalise.Info("Entry"), kNormalise.Error("SortMacAddress failed."),
+                          kNormalise.Info("Success...")));
 }
 
 TEST_F(ProcessUUIDParameters, UuidThatIsNoGuidContributesNothing) {
@@ -483,9 +477,8 @@ TEST_F(ProcessUUIDParameters, UuidThatIsNoGuidContributesNothing) {
   EXPECT_STREQ(fingerprint.BiosUuid, "");
   EXPECT_STREQ(fingerprint.ProcessedBiosId, "");
   EXPECT_THAT(recorder.LinesOf("CZTUUID::ProcessUUIDParameters"),
-              ElementsAre(Of("ProcessUUIDParameters", 2, "Entry"),
-                          Of("ProcessUUIDParameters", 1, "ValidateUUID failed."),
-                          Of("ProcessUUIDParameters", 2, "Success....")));
+              ElementsAre(kNormalise.Info("Entry"), kNormalise.Error("ValidateUUID failed."),
+                          kNormalise.Info("Success....")));
 }
 
 TEST_F(ProcessUUIDParameters, UuidThatDoesNotFitContributesNothing) {
@@ -496,9 +489,8 @@ TEST_F(ProcessUUIDParameters, UuidThatDoesNotFitContributesNothing) {
   EXPECT_TRUE(fingerprint.ProcessUUIDParameters());
   EXPECT_STREQ(fingerprint.ProcessedBiosId, "");
   EXPECT_THAT(recorder.LinesOf("CZTUUID::ProcessUUIDParameters"),
-              ElementsAre(Of("ProcessUUIDParameters", 2, "Entry"),
-                          Of("ProcessUUIDParameters", 1, "ProcessBiosId failed."),
-                          Of("ProcessUUIDParameters", 2, "Success....")));
+              ElementsAre(kNormalise.Info("Entry"), kNormalise.Error("ProcessBiosId failed."),
+                          kNormalise.Info("Success....")));
 }
 
 TEST_F(ProcessUUIDParameters, ThirdAddressStaysInThePlaceOfARejectedUuid) {
@@ -528,7 +520,7 @@ TEST_F(StringifyMD5, WritesTwoUpperCaseDigitsForEachByte) {
   char text[33];
   EXPECT_TRUE(fingerprint.StringifyMD5(kDigest, text, 33));
   EXPECT_STREQ(text, "000FF0FFD41D8CD98F00B204E9800998");
-  EXPECT_THAT(recorder.Lines(), ElementsAre(Of("StringifyMD5", 2, "Entry")));
+  EXPECT_THAT(recorder.Lines(), ElementsAre(kStringify.Info("Entry")));
   ExpectRecorded(1, 1);
 }
 
