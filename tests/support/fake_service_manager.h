@@ -1,5 +1,6 @@
 #pragma once
 
+#include <functional>
 #include <map>
 #include <string>
 #include <vector>
@@ -26,7 +27,8 @@ class FakeServiceManager {
  public:
   explicit FakeServiceManager(Journal& journal);
 
-  // `function` fails with `error`, at every call or only at the `call`th (from 1).
+  // `function` fails with `error`, at every call or only at the `call`th (from 1). Fails the test
+  // when the function is none that can be made to fail.
   void Fail(const std::string& function, DWORD error, unsigned call = 0);
 
   // RegCreateKeyA returns `result` and leaves `lastError`, which is something else: the function
@@ -43,7 +45,34 @@ class FakeServiceManager {
   void SetTick(DWORD tick) { m_tick = tick; }
 
  private:
+  // A member function as the replacement of a Windows function.
+  template <typename Result, typename... Args>
+  std::function<Result(Args...)> Bound(Result (FakeServiceManager::*member)(Args...)) {
+    return [this, member](Args... args) { return (this->*member)(args...); };
+  }
+
+  SC_HANDLE OpenManager(LPCSTR machine, LPCSTR database, DWORD access);
+  SC_HANDLE OpenNamed(SC_HANDLE manager, LPCSTR name, DWORD access);
+  SC_HANDLE CreateNamed(SC_HANDLE manager, LPCWSTR name, LPCWSTR displayName, DWORD access,
+                        DWORD type, DWORD start, DWORD errorControl, LPCWSTR path, LPCWSTR group,
+                        LPDWORD tag, LPCWSTR dependencies, LPCWSTR account, LPCWSTR password);
+  BOOL CloseService(SC_HANDLE handle);
+  BOOL ChangeConfig(SC_HANDLE service, DWORD level, LPVOID record);
+  BOOL Delete(SC_HANDLE service);
+  BOOL Start(SC_HANDLE service, DWORD count, LPCSTR* arguments);
+  BOOL Control(SC_HANDLE service, DWORD control, LPSERVICE_STATUS status);
+  BOOL QueryStatus(SC_HANDLE service, LPSERVICE_STATUS status);
+  LSTATUS CreateKey(HKEY parent, LPCSTR path, PHKEY key);
+  LSTATUS SetTextValue(HKEY key, LPCWSTR name, DWORD reserved, DWORD type, const BYTE* data,
+                       DWORD bytes);
+  LSTATUS SetNumberValue(HKEY key, LPCSTR name, DWORD reserved, DWORD type, const BYTE* data,
+                         DWORD bytes);
+  LSTATUS CloseKey(HKEY key);
+  DWORD GetModulePath(HMODULE module, LPWSTR path, DWORD size);
+  void AdvanceTick(DWORD milliseconds);
+
   bool Fails(const std::string& function, DWORD& error);
+  LSTATUS FailureOf(const std::string& function);
   std::string Open(const char* kind, ULONG_PTR& handle);
   std::string NameOf(const void* handle) const;
   bool Close(const void* handle);
