@@ -29,14 +29,18 @@ constexpr ULONGLONG kSecond = 1000;
 
 MATCHER_P(MatchesRegex, pattern, "") { return std::regex_match(arg, std::regex(pattern)); }
 
-// Where the message starts: behind the date, the time, the offset, the level, the process, the
-// thread, the module, the function and the place.
+// What stands behind the stamp, which must be a whole one: what is left of another line in front of
+// it makes none.
 std::string MessageOf(const std::string& line) {
-  std::size_t at = 0;
-  for (int field = 0; field < 9; ++field) {
-    at = line.find(' ', at) + 1;
+  static const std::regex stamp(
+      R"(\d{4}-\d\d-\d\d \d\d:\d\d:\d\d\.\d{3} [-+]\d\d:\d\d [A-Z]+\d* \d+ \d+ )"
+      R"((module Function source\.cpp:1|vlevtlog\.dll \S+ \S+:\d+) )");
+  std::smatch match;
+  if (!std::regex_search(line, match, stamp, std::regex_constants::match_continuous)) {
+    ADD_FAILURE() << "no stamp: " << line;
+    return "";
   }
-  return line.substr(at);
+  return match.suffix();
 }
 
 class TraceLogTest : public testing::Test {
@@ -56,9 +60,26 @@ class TraceLogTest : public testing::Test {
     }
   }
 
-  static DWORD WINAPI LogTornLine(void* test) {
-    static_cast<TraceLogTest*>(test)->Log(2, "torn");
+  static void LogTo(TraceLog& log, int level, const char* format, ...) {
+    if (log.IsOn(level)) {
+      va_list arguments;
+      va_start(arguments, format);
+      log.Write(level, "module", "Function", "source.cpp", 1, format, arguments);
+      va_end(arguments);
+    }
+  }
+
+  static DWORD WINAPI LogLastLine(void* log) {
+    LogTo(*static_cast<TraceLog*>(log), 2, "last");
     return 0;
+  }
+
+  // Writes a line in a thread of its own that a patched call ends before the line is done.
+  static void LogUntilTheEnd(TraceLog& log) {
+    const HANDLE thread = CreateThread(nullptr, 0, &LogLastLine, &log, 0, nullptr);
+    ASSERT_NE(thread, nullptr);
+    WaitForSingleObject(thread, INFINITE);
+    CloseHandle(thread);
   }
 
   fs::path Logs() const { return m_folder.Path() / "logs"; }
@@ -537,13 +558,50 @@ TEST_F(TraceLogTest, GoesOnWhenAThreadEndsInTheMiddleOfALine) {
           patch.CallOriginal(file, bytes, 10, written, overlapped);
           ExitThread(0);
         });
-    const HANDLE thread = CreateThread(nullptr, 0, &LogTornLine, this, 0, nullptr);
-    ASSERT_NE(thread, nullptr);
-    WaitForSingleObject(thread, INFINITE);
-    CloseHandle(thread);
+    LogUntilTheEnd(m_log);
   }
   Log(2, "two");
   EXPECT_THAT(Messages(), ElementsAre("one", "two"));
+}
+
+// Another writer whose file has been moved away by then, or has the beginning of a line at its end.
+TEST_F(TraceLogTest, OpensTheFileAnewWhenAnotherWriterEndedWhileItChangedFiles) {
+  Configure("FileSizeKB=4\n");
+  const std::string filler(4000, 'x');
+  Log(2, "%s", filler.c_str());
+  TraceLog other;
+  ASSERT_TRUE(other.SetFolder(m_folder.Path().c_str()));
+  {
+    CallPatch<struct DieTag, BOOL WINAPI(const wchar_t*, const wchar_t*, DWORD)> patch(
+        "KERNEL32.dll", "MoveFileExW",
+        [&](const wchar_t* from, const wchar_t* to, DWORD flags) -> BOOL {
+          patch.CallOriginal(from, to, flags);
+          ExitThread(0);
+        });
+    LogUntilTheEnd(other);
+  }
+  Log(2, "two");
+  EXPECT_THAT(Messages("vorltrace.000001.log"), ElementsAre(filler));
+  EXPECT_THAT(Messages(), ElementsAre("two"));
+  other.Close();
+}
+
+TEST_F(TraceLogTest, CutsTheBeginningOfALineThatAnotherWriterLeftInTheOpenFile) {
+  Log(2, "one");
+  TraceLog other;
+  ASSERT_TRUE(other.SetFolder(m_folder.Path().c_str()));
+  {
+    CallPatch<struct DieTag, BOOL WINAPI(HANDLE, const void*, DWORD, DWORD*, OVERLAPPED*)> patch(
+        "KERNEL32.dll", "WriteFile",
+        [&](HANDLE file, const void* bytes, DWORD, DWORD* written, OVERLAPPED* overlapped) -> BOOL {
+          patch.CallOriginal(file, bytes, 10, written, overlapped);
+          ExitThread(0);
+        });
+    LogUntilTheEnd(other);
+  }
+  Log(2, "two");
+  EXPECT_THAT(Messages(), ElementsAre("one", "two"));
+  other.Close();
 }
 
 // Losses.
