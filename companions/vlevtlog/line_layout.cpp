@@ -4,7 +4,6 @@
 #include <string_view>
 
 #include "companions/vlevtlog/line_text.h"
-#include "companions/vlevtlog/readable_text.h"
 #include "support/vlevtlog.h"
 
 namespace {
@@ -17,7 +16,7 @@ constexpr unsigned long kCmTraceTypeInformation = 1;
 constexpr unsigned long kCmTraceTypeError = 3;
 
 void AppendName(LineText& line, const char* name) noexcept {
-  const std::size_t length = name != nullptr ? ReadableLength(name, kNameLimit) : 0;
+  const std::size_t length = name != nullptr ? line.ReadableLength(name, kNameLimit) : 0;
   if (length == 0 || length == kUnreadable) {
     line.AppendLiteral("-");
     return;

@@ -35,6 +35,14 @@ constexpr bool IsLineOrControl(char32_t character) {
          character == 0x2029;
 }
 
+// All of Unicode's characters that turn the direction of a text (Bidi_Control): a viewer that obeys
+// them shows a line in an order in which it was not written.
+constexpr bool IsDirection(char32_t character) {
+  return character == 0x061C || character == 0x200E || character == 0x200F ||
+         (character >= 0x202A && character <= 0x202E) ||
+         (character >= 0x2066 && character <= 0x2069);
+}
+
 constexpr bool IsHighSurrogate(wchar_t unit) { return unit >= 0xD800 && unit < 0xDC00; }
 constexpr bool IsLowSurrogate(wchar_t unit) { return unit >= 0xDC00 && unit < 0xE000; }
 
@@ -172,7 +180,7 @@ void LineText::AppendCharacter(char32_t character) noexcept {
     AppendLiteral(">");
     return;
   }
-  if (character < 0x80 || IsLineOrControl(character)) {
+  if (character < 0x80 || IsLineOrControl(character) || IsDirection(character)) {
     AppendEscape(character);
     return;
   }

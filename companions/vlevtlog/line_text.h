@@ -4,7 +4,10 @@
 #include <cstddef>
 #include <string_view>
 
-// Which characters cannot stand for themselves. Control characters and line ends never can.
+#include "companions/vlevtlog/readable_text.h"
+
+// Which characters cannot stand for themselves. Control characters, line ends and characters that
+// turn the direction of a text never can.
 enum class Escaping {
   kText,              // nothing more
   kField,             // blanks, which separate the fields of a line
@@ -13,8 +16,9 @@ enum class Escaping {
 };
 
 // A growing UTF-8 text. What the caller of the trace hands in is escaped while it is appended
-// (\n, \r, \t, \x07, \u2028), so that a line is one line whatever it says. Starts inside the object
-// and needs memory for long lines only; where there is none, the line is cut. Never throws.
+// (\n, \r, \t, \x07, \u2028, \u202E), so that a line is one line whatever it says. Starts inside
+// the object and needs memory for long lines only; where there is none, the line is cut. Never
+// throws.
 class LineText {
  public:
   // A message may take this many bytes; the rest is cut.
@@ -54,6 +58,12 @@ class LineText {
   // There is always room for the line end.
   void EndLine() noexcept;
 
+  // What can be appended of a text that the caller of the trace handed in; see ReadableMemory.
+  template <typename Char>
+  std::size_t ReadableLength(const Char* text, std::size_t limit) noexcept {
+    return m_memory.LengthOf(text, limit);
+  }
+
   std::string_view View() const noexcept { return {m_data, m_size}; }
 
  private:
@@ -74,4 +84,5 @@ class LineText {
   std::size_t m_limit = kUnlimited;
   bool m_isFull = false;
   Escaping m_escaping = Escaping::kText;
+  ReadableMemory m_memory;
 };

@@ -9,7 +9,6 @@
 #include <string_view>
 
 #include "companions/vlevtlog/line_text.h"
-#include "companions/vlevtlog/readable_text.h"
 
 namespace {
 
@@ -76,7 +75,7 @@ void AppendString(LineText& line, const Conversion& conversion, const Char* text
       conversion.precision == kNotGiven
           ? kReadLimit
           : std::min(kReadLimit, static_cast<std::size_t>(conversion.precision));
-  const std::size_t length = ReadableLength(text, limit);
+  const std::size_t length = line.ReadableLength(text, limit);
   if (length == kUnreadable) {
     AppendPadded(line, conversion, kUnreadableText.data(), kUnreadableText.size());
     return;
@@ -176,35 +175,49 @@ std::uint64_t TakeUnsigned(Arguments& arguments, ArgumentSize size) noexcept {
   }
 }
 
-int PrintFloat(char (&text)[512], char type, int precision, double value) noexcept {
-  switch (type) {
+// `precision`: kNotGiven for the conversion's own.
+int PrintFloat(char (&text)[512], const Conversion& conversion, int precision,
+               double value) noexcept {
+  const bool isAlternate = conversion.isAlternate;
+  switch (conversion.type) {
     case 'f':
+      return std::snprintf(text, sizeof text, isAlternate ? "%#.*f" : "%.*f", precision, value);
     case 'F':
-      return std::snprintf(text, sizeof text, "%.*f", precision, value);
+      return std::snprintf(text, sizeof text, isAlternate ? "%#.*F" : "%.*F", precision, value);
     case 'e':
-      return std::snprintf(text, sizeof text, "%.*e", precision, value);
+      return std::snprintf(text, sizeof text, isAlternate ? "%#.*e" : "%.*e", precision, value);
     case 'E':
-      return std::snprintf(text, sizeof text, "%.*E", precision, value);
+      return std::snprintf(text, sizeof text, isAlternate ? "%#.*E" : "%.*E", precision, value);
+    case 'g':
+      return std::snprintf(text, sizeof text, isAlternate ? "%#.*g" : "%.*g", precision, value);
     case 'G':
-      return std::snprintf(text, sizeof text, "%.*G", precision, value);
+      return std::snprintf(text, sizeof text, isAlternate ? "%#.*G" : "%.*G", precision, value);
     case 'a':
-      return std::snprintf(text, sizeof text, "%a", value);
-    case 'A':
-      return std::snprintf(text, sizeof text, "%A", value);
+      return std::snprintf(text, sizeof text, isAlternate ? "%#.*a" : "%.*a", precision, value);
     default:
-      return std::snprintf(text, sizeof text, "%.*g", precision, value);
+      return std::snprintf(text, sizeof text, isAlternate ? "%#.*A" : "%.*A", precision, value);
   }
 }
 
 void AppendFloat(LineText& line, Conversion conversion, double value) noexcept {
-  char digits[512];
-  const int precision =
-      conversion.precision == kNotGiven ? 6 : std::min(conversion.precision, kFloatPrecisionLimit);
-  const int length = PrintFloat(digits, conversion.type, precision, std::fabs(value));
+  char text[512];
+  const int length = PrintFloat(
+      text, conversion, std::min(conversion.precision, kFloatPrecisionLimit), std::fabs(value));
+  std::string_view digits(text, static_cast<std::size_t>(std::clamp(length, 0, 511)));
   conversion.precision = kNotGiven;
   conversion.hasZeros = conversion.hasZeros && std::isfinite(value);
-  const auto known = static_cast<std::size_t>(std::clamp(length, 0, 511));
-  AppendDigits(line, conversion, SignOf(conversion, std::signbit(value)), {digits, known});
+  // What stands in front of the zeros that fill a width.
+  char prefix[3];
+  std::size_t prefixLength = 0;
+  for (const char sign : SignOf(conversion, std::signbit(value))) {
+    prefix[prefixLength++] = sign;
+  }
+  if (digits.size() > 2 && (digits[1] == 'x' || digits[1] == 'X')) {
+    prefix[prefixLength++] = digits[0];
+    prefix[prefixLength++] = digits[1];
+    digits.remove_prefix(2);
+  }
+  AppendDigits(line, conversion, {prefix, prefixLength}, digits);
 }
 
 bool IsWideArgument(const Conversion& conversion, bool isWideFormat) noexcept {
@@ -388,7 +401,7 @@ class FormatReader {
 
 template <typename Char>
 void AppendAll(LineText& line, const Char* format, Arguments& arguments) noexcept {
-  const std::size_t length = format != nullptr ? ReadableLength(format, kReadLimit) : 0;
+  const std::size_t length = format != nullptr ? line.ReadableLength(format, kReadLimit) : 0;
   if (format == nullptr || length == kUnreadable) {
     line.AppendLiteral(format == nullptr ? kNullText : kUnreadableText);
     return;

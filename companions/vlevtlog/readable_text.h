@@ -1,18 +1,29 @@
+// Texts that a caller handed in, read without being sure that they are texts.
 #pragma once
 
 #include <cstddef>
-#include <cwchar>
-
-#include "support/windows_api.h"
+#include <cstdint>
 
 inline constexpr std::size_t kUnreadable = static_cast<std::size_t>(-1);
 
-// The length of a text that the caller handed in, at most `limit`; kUnreadable when the pointer
-// leads nowhere. A wrong pointer must cost a caller one text and not the process. These functions
-// are the ones that have a handler for the fault in every compiler that builds this.
-inline std::size_t ReadableLength(const char* text, std::size_t limit) noexcept {
-  return IsBadStringPtrA(text, limit) ? kUnreadable : strnlen(text, limit);
-}
-inline std::size_t ReadableLength(const wchar_t* text, std::size_t limit) noexcept {
-  return IsBadStringPtrW(text, limit) ? kUnreadable : wcsnlen(text, limit);
-}
+// Knows which memory may be read, for the time of one call of the trace. A wrong pointer must cost
+// the caller one text and not the process; nor may the look at it touch a guard page, which is
+// there once only, for its owner: a thread whose stack's guard is gone ends the process later. So
+// Windows is asked before a page is touched, except for the thread's own stack and the program's
+// own image, where most texts lie.
+class ReadableMemory {
+ public:
+  // In characters, at most `limit`; kUnreadable when memory that cannot be read comes before both
+  // the limit and the terminator.
+  std::size_t LengthOf(const char* text, std::size_t limit) noexcept;
+  std::size_t LengthOf(const wchar_t* text, std::size_t limit) noexcept;
+
+ private:
+  template <typename Char>
+  std::size_t Length(const Char* text, std::size_t limit) noexcept;
+  std::uintptr_t EndFrom(std::uintptr_t address) noexcept;
+
+  // What Windows said last: most texts of a call lie near each other.
+  std::uintptr_t m_start = 0;
+  std::uintptr_t m_end = 0;
+};

@@ -50,6 +50,29 @@ TEST(LineText, EscapesWhatWouldBreakALine) {
             "a\\nb\\u0085c\\u2028d\\u2029e\\u009F");
 }
 
+// A name like L"gpj.exe" behind one of them would read exe.jpg.
+TEST(LineText, EscapesWhatTurnsTheDirectionOfAText) {
+  const std::wstring directions =
+      L"\x061C\x200E\x200F\x202A\x202B\x202C\x202D\x202E\x2066\x2067\x2068\x2069";
+  EXPECT_EQ(Wide(directions),
+            "\\u061C\\u200E\\u200F\\u202A\\u202B\\u202C\\u202D\\u202E"
+            "\\u2066\\u2067\\u2068\\u2069");
+  EXPECT_EQ(Wide(L"\x061B\x061D\x200D\x2010\x2029\x202F\x2065\x206A"),
+            "\xD8\x9B\xD8\x9D\xE2\x80\x8D\xE2\x80\x90\\u2029\xE2\x80\xAF\xE2\x81\xA5\xE2\x81\xAA");
+}
+
+// Code pages of the Near East have two of them in one byte.
+TEST(LineText, EscapesWhatTurnsTheDirectionInTheCodePageOfTheSystem) {
+  CallPatch<struct CodePage, int WINAPI(UINT, DWORD, const char*, int, wchar_t*, int)> arabic(
+      "KERNEL32.dll", "MultiByteToWideChar",
+      [&](UINT, DWORD flags, const char* text, int length, wchar_t* wide, int size) {
+        return arabic.CallOriginal(1256, flags, text, length, wide, size);
+      });
+  EXPECT_EQ(Narrow("a\xFD"
+                   "b\xFE\xC7"),
+            "a\\u200Eb\\u200F\xD8\xA7");
+}
+
 TEST(LineText, LeavesBackslashesOfPathsAlone) {
   EXPECT_EQ(Narrow("C:\\new\\table"), "C:\\new\\table");
 }

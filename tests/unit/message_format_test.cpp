@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <cmath>
 #include <cstdarg>
 #include <cstdio>
 #include <random>
@@ -79,6 +80,32 @@ TEST(AppendFormatted, TakesWidthAndPrecision) {
   EXPECT_EQ(Formatted("[%8.3f][%-9.1e][%G][%a]", -3.14159, 12345.678, 0.5, 1.0),
             "[  -3.142][1.2e+04  ][0.5][0x1p+0]");
   EXPECT_EQ(Formatted("%.1000f", 1.0).substr(0, 4), "1.00");
+}
+
+TEST(AppendFormatted, WritesFloatingPointNumbersAsTheStandardSays) {
+  EXPECT_EQ(Formatted("[%f][%e][%g][%a]", 0.5, 1234.5, 1e-10, 0.5),
+            "[0.500000][1.234500e+03][1e-10][0x1p-1]");
+  EXPECT_EQ(Formatted("[%F][%E][%G][%A]", 0.5, 1234.5, 1e-10, 0.5),
+            "[0.500000][1.234500E+03][1E-10][0X1P-1]");
+  EXPECT_EQ(Formatted("[%f][%e][%g][%a]", HUGE_VAL, -HUGE_VAL, HUGE_VAL, HUGE_VAL),
+            "[inf][-inf][inf][inf]");
+  EXPECT_EQ(Formatted("[%F][%E][%G][%A]", HUGE_VAL, -HUGE_VAL, HUGE_VAL, HUGE_VAL),
+            "[INF][-INF][INF][INF]");
+  EXPECT_EQ(Formatted("[%+010.2f][%-10.2f][% 010.2f][%010f]", 1.5, 1.5, 1.5, HUGE_VAL),
+            "[+000001.50][1.50      ][ 000001.50][       inf]");
+  EXPECT_EQ(Formatted("[%012a][%+.3A][%.0f][%.3g]", 1.0, 1.0, 2.5, 12345.0),
+            "[0x0000001p+0][+0X1.000P+0][2][1.23e+04]");
+}
+
+// The decimal point and the zeros behind it stay.
+TEST(AppendFormatted, ObeysTheAlternateFormOfFloatingPointNumbers) {
+  EXPECT_EQ(Formatted("[%#.0f][%#.0F][%#.0e][%#.0E]", 3.0, 3.0, 3.0, 3.0),
+            "[3.][3.][3.e+00][3.E+00]");
+  EXPECT_EQ(Formatted("[%#g][%#G][%#.3g][%#.1G]", 0.5, 0.5, 100.0, 1e9),
+            "[0.500000][0.500000][100.][1.E+09]");
+  EXPECT_EQ(Formatted("[%#a][%#A][%#.0a]", 1.0, 2.0, 1.0), "[0x1.p+0][0X1.P+1][0x1.p+0]");
+  EXPECT_EQ(Formatted(L"[%#08.0f][%-#6.0f]", 3.0, 3.0), "[0000003.][3.    ]");
+  EXPECT_EQ(Formatted("[%#.99f]", 1e308).size(), 376U);
 }
 
 TEST(AppendFormatted, AgreesWithTheRuntimeOnWholeNumbers) {

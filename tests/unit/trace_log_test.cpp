@@ -197,23 +197,26 @@ TEST_F(TraceLogTest, ContinuesAnExistingFile) {
 TEST_F(TraceLogTest, NeitherFormatsNorWritesALineThatIsOff) {
   Configure("Levels=ERROR\n");
   Log(1, "start");
+  const std::string text(1000, 'x');
   int reads = 0;
   int writes = 0;
   {
-    const CallPatch<struct ReadTag, BOOL WINAPI(const char*, UINT_PTR)> read(
-        "KERNEL32.dll", "IsBadStringPtrA", [&](const char*, UINT_PTR) -> BOOL {
-          ++reads;
-          return FALSE;
-        });
+    const CallPatch<struct ReadTag, SIZE_T WINAPI(const void*, MEMORY_BASIC_INFORMATION*, SIZE_T)>
+        read("KERNEL32.dll", "VirtualQuery",
+             [&](const void*, MEMORY_BASIC_INFORMATION*, SIZE_T) -> SIZE_T {
+               ++reads;
+               return 0;
+             });
     const CallPatch<struct WriteTag, BOOL WINAPI(HANDLE, const void*, DWORD, DWORD*, OVERLAPPED*)>
         write("KERNEL32.dll", "WriteFile",
               [&](HANDLE, const void*, DWORD, DWORD*, OVERLAPPED*) -> BOOL {
                 ++writes;
                 return FALSE;
               });
-    Log(2, "%s", "info");
-    Log(8, "%s", "verbose");
-    Log(4, "%s", "unnamed levels go with the verbose one");
+    Log(2, "%s", text.c_str());
+    Log(8, "%s", text.c_str());
+    // Unnamed levels go with the verbose one.
+    Log(4, "%s", text.c_str());
   }
   EXPECT_EQ(reads, 0);
   EXPECT_EQ(writes, 0);
