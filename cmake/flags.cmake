@@ -1,5 +1,7 @@
 # Flags for everything that is built here. Warnings are errors in every configuration.
 option(VORL_TRAP_UNDEFINED "End the program at undefined behaviour" OFF)
+# Only packaging/symbols.sh sets it, in a tree of its own: what ships is linked without.
+option(VORL_SYMBOLS "Keep debug information in release binaries" OFF)
 
 add_library(vorl_flags INTERFACE)
 target_compile_features(vorl_flags INTERFACE cxx_std_20)
@@ -42,7 +44,16 @@ else()
     -Wl,--high-entropy-va
     -Wl,--nxcompat
     -Wl,--no-insert-timestamp
-    "$<$<CONFIG:Release>:-s>")
+    # Names the build; computed from the image, so equal sources give equal identifiers.
+    -Wl,--build-id)
+  if(VORL_SYMBOLS)
+    # Debug information, too, names sources by their paths in the repository.
+    target_compile_options(
+      vorl_flags INTERFACE
+                 "$<$<COMPILE_LANGUAGE:CXX>:-g;-fdebug-prefix-map=${PROJECT_BINARY_DIR}=.>")
+  else()
+    target_link_options(vorl_flags INTERFACE "$<$<CONFIG:Release>:-s>")
+  endif()
   if(VORL_TRAP_UNDEFINED)
     target_compile_options(
       vorl_flags INTERFACE "$<$<COMPILE_LANGUAGE:CXX>:-fsanitize=undefined>"
