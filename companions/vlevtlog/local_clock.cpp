@@ -13,6 +13,11 @@ constexpr std::uint64_t kTicksPerInterval = 100'000'000;
 constexpr unsigned kOffsetBits = 16;
 constexpr int kOffsetBase = 0x8000;
 
+using ReadClock = void WINAPI(FILETIME*);
+
+// Null where there is none.
+constinit std::atomic<ReadClock*> g_fineClock{nullptr};
+
 std::uint64_t Join(FILETIME time) noexcept {
   return (std::uint64_t{time.dwHighDateTime} << 32) | time.dwLowDateTime;
 }
@@ -52,9 +57,20 @@ LocalTime ToLocalTime(std::uint64_t fileTime, int utcOffsetMinutes) noexcept {
           utcOffsetMinutes};
 }
 
+void FindFineClock() noexcept {
+  const FARPROC found =
+      GetProcAddress(GetModuleHandleW(L"kernel32.dll"), "GetSystemTimePreciseAsFileTime");
+  g_fineClock.store(reinterpret_cast<ReadClock*>(reinterpret_cast<void*>(found)),
+                    std::memory_order_relaxed);
+}
+
 LocalTime LocalClock::Now() noexcept {
   FILETIME now;
-  GetSystemTimePreciseAsFileTime(&now);
+  if (ReadClock* const fineClock = g_fineClock.load(std::memory_order_relaxed)) {
+    fineClock(&now);
+  } else {
+    GetSystemTimeAsFileTime(&now);
+  }
   const std::uint64_t fileTime = Join(now);
   const std::uint64_t interval = fileTime / kTicksPerInterval;
   std::uint64_t known = m_known.load(std::memory_order_relaxed);

@@ -18,6 +18,10 @@ struct LocalTime {
 // `fileTime`: 100 ns units since 1601, UTC.
 LocalTime ToLocalTime(std::uint64_t fileTime, int utcOffsetMinutes) noexcept;
 
+// For loading the library: looks for a clock that is finer than the ticks of the system, which
+// Windows has from version 8 on. Without this call time goes by ticks.
+void FindFineClock() noexcept;
+
 // Reads the clock. Asking Windows for the time zone takes longer than writing a line, so the offset
 // is asked for once in ten seconds; changes to and from summer time fall on such borders.
 class LocalClock {

@@ -1,5 +1,6 @@
 #include "companions/vlevtlog/trace_file.h"
 
+#include "companions/vlevtlog/process_end.h"
 #include "companions/vlevtlog/trace_folder.h"
 
 namespace {
@@ -118,9 +119,9 @@ DWORD TraceFile::Attach() noexcept {
   if (now < m_nextAttach.load(std::memory_order_acquire)) {
     return m_attachError.load(std::memory_order_relaxed);
   }
-  // Its holder may have been ended, as all other threads are at the end of a process.
+  // Its holder may have been ended.
   for (int wait = 0; !TryAcquireSRWLockExclusive(&m_attachLock); ++wait) {
-    if (wait == kLongestAttachMilliseconds) {
+    if (wait == kLongestAttachMilliseconds || IsProcessEnding()) {
       return ERROR_TIMEOUT;
     }
     Sleep(1);

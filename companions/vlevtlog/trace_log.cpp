@@ -6,6 +6,7 @@
 #include "companions/vlevtlog/last_error.h"
 #include "companions/vlevtlog/line_text.h"
 #include "companions/vlevtlog/message_format.h"
+#include "companions/vlevtlog/process_end.h"
 #include "support/vlevtlog.h"
 
 namespace {
@@ -25,11 +26,11 @@ ExclusiveLock TryToTake(SRWLOCK& lock) noexcept {
   return ExclusiveLock(TryAcquireSRWLockExclusive(&lock) ? &lock : nullptr);
 }
 
-// Null when the lock does not become free: its holder may have been ended, as all other threads are
-// at the end of a process.
+// Null when the lock does not become free: its holder may have been ended.
 ExclusiveLock TakeSoon(SRWLOCK& lock) noexcept {
   ExclusiveLock taken = TryToTake(lock);
-  for (int wait = 0; taken == nullptr && wait < kLongestWaitMilliseconds; ++wait) {
+  const int longestWait = IsProcessEnding() ? 0 : kLongestWaitMilliseconds;
+  for (int wait = 0; taken == nullptr && wait < longestWait; ++wait) {
     Sleep(1);
     taken = TryToTake(lock);
   }

@@ -3,6 +3,7 @@
 #include <cstdarg>
 
 #include "companions/vlevtlog/last_error.h"
+#include "companions/vlevtlog/local_clock.h"
 #include "companions/vlevtlog/trace_control.h"
 #include "companions/vlevtlog/trace_log.h"
 #include "support/windows_api.h"
@@ -45,12 +46,12 @@ extern "C" BOOLEAN ApplyTraceOptions(const wchar_t* configurationFile) {
 
 extern "C" BOOL WINAPI DllMain(HINSTANCE module, DWORD reason, void* reserved);
 
-// On the way in only the library's own path, which later would mean asking the loader. On the way
-// out only what a library may do there, and only when it is unloaded: at the end of a process the
-// system does it.
+// On the way in only what later would mean asking the loader. On the way out only what a library
+// may do there, and only when it is unloaded: at the end of a process the system does it.
 extern "C" BOOL WINAPI DllMain(HINSTANCE, DWORD reason, void* reserved) {
   if (reason == DLL_PROCESS_ATTACH) {
     g_log.LearnOwnFolder();
+    FindFineClock();
   } else if (reason == DLL_PROCESS_DETACH && reserved == nullptr) {
     g_log.Close();
   }

@@ -40,7 +40,7 @@ TEST(ToLocalTime, CrossesDaysMonthsAndLeapYears) {
 class LocalClockTest : public testing::Test {
  protected:
   LocalClockTest()
-      : m_clockPatch("KERNEL32.dll", "GetSystemTimePreciseAsFileTime",
+      : m_clockPatch("KERNEL32.dll", "GetSystemTimeAsFileTime",
                      [this](FILETIME* time) {
                        time->dwLowDateTime = static_cast<DWORD>(m_now);
                        time->dwHighDateTime = static_cast<DWORD>(m_now >> 32);
@@ -81,6 +81,29 @@ TEST_F(LocalClockTest, KnowsSummerTimeFromItsFirstMoment) {
   m_offset = 120;
   m_now += 1;
   EXPECT_EQ(TextOf(m_clock.Now()), "2026-03-29 03:00:00.000 120");
+}
+
+void WINAPI FineClock(FILETIME* time) {
+  const std::uint64_t now = FileTimeOf({2030, 1, 0, 1, 12, 0, 0, 0}) + 1'230'000;
+  *time = {static_cast<DWORD>(now), static_cast<DWORD>(now >> 32)};
+}
+
+// Windows 7 has none: a library that imports it is not loaded there.
+TEST_F(LocalClockTest, ReadsTheFineClockWhereThereIsOne) {
+  FARPROC fineClock = nullptr;
+  std::string wanted;
+  const CallPatch<struct FindTag, FARPROC WINAPI(HMODULE, const char*)> find(
+      "KERNEL32.dll", "GetProcAddress", [&](HMODULE, const char* name) {
+        wanted = name;
+        return fineClock;
+      });
+  fineClock = reinterpret_cast<FARPROC>(reinterpret_cast<void*>(&FineClock));
+  FindFineClock();
+  EXPECT_EQ(wanted, "GetSystemTimePreciseAsFileTime");
+  EXPECT_EQ(TextOf(m_clock.Now()), "2030-01-01 13:00:00.123 60");
+  fineClock = nullptr;
+  FindFineClock();
+  EXPECT_EQ(TextOf(m_clock.Now()), "2026-03-29 01:59:50.000 60");
 }
 
 TEST_F(LocalClockTest, TakesOffsetsWestOfGreenwich) {
