@@ -12,6 +12,10 @@ namespace {
 // than this is taken for such a file.
 constexpr ULONGLONG kEmptyForGood = 2 * 10'000'000ULL;  // 2 s in the units of FILETIME
 
+// Nothing tells when a file is given back, so it is tried again after short pauses.
+constexpr DWORD kPauseMilliseconds = 50;
+constexpr DWORD kPauses = kIniPatienceMilliseconds / kPauseMilliseconds;
+
 constexpr unsigned char kUtf16Mark[] = {0xFF, 0xFE};
 constexpr unsigned char kUtf16BigEndianMark[] = {0xFE, 0xFF};
 constexpr unsigned char kUtf8Mark[] = {0xEF, 0xBB, 0xBF};
@@ -43,7 +47,9 @@ bool MeansBusy(DWORD error) noexcept {
 }
 
 bool IsMissing(DWORD error) noexcept {
-  return error == ERROR_FILE_NOT_FOUND || error == ERROR_PATH_NOT_FOUND;
+  return error == ERROR_FILE_NOT_FOUND || error == ERROR_PATH_NOT_FOUND ||
+         error == ERROR_INVALID_NAME || error == ERROR_BAD_PATHNAME ||
+         error == ERROR_FILENAME_EXCED_RANGE;
 }
 
 bool IsSameState(const BY_HANDLE_FILE_INFORMATION& left,
@@ -166,6 +172,15 @@ IniRead IniFile::Read(const wchar_t* path) noexcept {
   return outcome;
 }
 
+IniRead IniFile::ReadPatiently(const wchar_t* path) noexcept {
+  IniRead outcome = Read(path);
+  for (DWORD pause = 0; outcome == IniRead::kBusy && pause < kPauses; ++pause) {
+    Sleep(kPauseMilliseconds);
+    outcome = Read(path);
+  }
+  return outcome;
+}
+
 DWORD IniFile::Value(const wchar_t* section, const wchar_t* key, wchar_t* value,
                      DWORD capacity) const noexcept {
   const Span text{m_text.get(), m_text.get() + m_length};
@@ -207,7 +222,10 @@ IniRead IniFile::DecodeNarrow(const unsigned char* bytes, DWORD count, UINT code
   if (!m_text) {
     return Fail(IniRead::kFailed, ERROR_NOT_ENOUGH_MEMORY);
   }
-  if (count == 0) {
+  // ASCII is the same in every code page.
+  if (std::all_of(bytes, bytes + count, [](unsigned char byte) { return byte < 0x80; })) {
+    std::copy_n(bytes, count, m_text.get());
+    m_length = count;
     return IniRead::kDone;
   }
   const int size = static_cast<int>(count);

@@ -1,5 +1,6 @@
 // A configuration file (INI) in one state: read whole, against writers, so that all its values come
-// from the same version of it. Nothing here waits or writes a trace line.
+// from the same version of it. For the libraries that read settings and for the program, which
+// looks for its identifier there. Nothing here writes a trace line.
 #pragma once
 
 #include <memory>
@@ -9,9 +10,12 @@
 // In bytes; many times what any setting needs.
 constexpr DWORD kLargestIniFile = 1024 * 1024;
 
+// How long IniFile::ReadPatiently waits for a file in other hands.
+constexpr DWORD kIniPatienceMilliseconds = 5000;
+
 enum class IniRead {
   kDone,
-  kMissing,   // no such file, or no such folder
+  kMissing,   // no such file, no such folder, or a name that none can have
   kBusy,      // in the hands of another program, or just being written: to be tried again
   kTooLarge,  // more than kLargestIniFile
   kNoText,    // holds null characters: damaged, or UTF-16 without its mark
@@ -23,6 +27,9 @@ class IniFile {
   // Reads text in the ANSI code page, or in UTF-16 or UTF-8 with a byte order mark. One attempt.
   // The object is without values unless this gives kDone.
   IniRead Read(const wchar_t* path) noexcept;
+
+  // The same, tried again for as long as it gives kBusy, until the patience is at its end.
+  IniRead ReadPatiently(const wchar_t* path) noexcept;
 
   // The Windows error behind kBusy and kFailed.
   DWORD Error() const noexcept { return m_error; }

@@ -14,11 +14,6 @@ constexpr wchar_t kSection[] = L"STARTUP_OPTIONS";
 // More than any field holds: a value that is cut here is too long for its field in any case.
 constexpr DWORD kValueSize = 1024;
 
-// How long a file in other hands is waited for. Nothing tells when it is given back, so it is tried
-// again after short pauses.
-constexpr DWORD kPauseMilliseconds = 50;
-constexpr unsigned kPauses = 100;
-
 int DigitValue(wchar_t digit) noexcept {
   if (digit >= L'0' && digit <= L'9') {
     return digit - L'0';
@@ -127,28 +122,19 @@ class OptionReader {
   const IniFile& m_file;
 };
 
-IniRead ReadPatiently(const wchar_t* path, IniFile& file) noexcept {
-  IniRead outcome = file.Read(path);
-  for (unsigned pause = 0; outcome == IniRead::kBusy && pause < kPauses; ++pause) {
-    Sleep(kPauseMilliseconds);
-    outcome = file.Read(path);
-  }
-  return outcome;
-}
-
 }  // namespace
 
 bool ReadStartUpOptions(const char* functionName, const wchar_t* configurationFile,
                         CLIENT_AGENT_STARTUP_OPTIONS& options) noexcept {
   IniFile file;
-  switch (ReadPatiently(configurationFile, file)) {
+  switch (file.ReadPatiently(configurationFile)) {
     case IniRead::kDone:
       break;
     case IniRead::kMissing:
       return true;
     case IniRead::kBusy:
       TraceError(functionName, L"Configuration file is still in use after %u s (%u): %s",
-                 static_cast<unsigned>(kPauses * kPauseMilliseconds / 1000),
+                 static_cast<unsigned>(kIniPatienceMilliseconds / 1000),
                  static_cast<unsigned>(file.Error()), configurationFile);
       return false;
     case IniRead::kTooLarge:
