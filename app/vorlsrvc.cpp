@@ -1,12 +1,8 @@
 #include "app/vorlsrvc.h"
 
-#include <cstring>
-#include <cwchar>
-
 #include "agent/vorlsvc.h"
+#include "app/identifierstore.h"
 #include "identity/ztuuid.h"
-#include "support/handle.h"
-#include "support/lasterror.h"
 #include "support/textconv.h"
 #include "support/trace.h"
 #include "support/vorlinfo.h"
@@ -18,56 +14,19 @@ namespace {
 constexpr char kServiceBaseName[] = "Client Agent";
 constexpr unsigned kServiceNameBufferSize = 100;
 
-constexpr wchar_t kConfigurationFile[] = L"\\vorlconf.ini";
-constexpr wchar_t kSection[] = L"ADMIN_CONSOLE_CLIENT_AGENT_SECTION";
-constexpr wchar_t kIdentifierKey[] = L"clientuniqueid";
-
-// An identifier, as it is computed and as it may stand in the file.
 constexpr unsigned kIdentifierBufferSize = 40;
-constexpr DWORD kStoredIdentifierLength = 260;
-constexpr int kWideIdentifierLength = 520;
+constexpr int kWideIdentifierSize = 520;
 
-constexpr char kConfigurationLock[] = "Global\\ClientAgentConfigurationFile";
-constexpr DWORD kLockPatienceMilliseconds = 5000;
-
-// Lets one start of the program at a time change the configuration file, in whatever session it
-// runs. The profile functions write the whole file anew, and nobody promises that two processes
-// which do so at the same moment lose none of its other settings: under Wine they do. Where the
-// lock cannot be had (somebody keeps it, or keeps us out), the identifier is written without it.
-class ConfigurationLock {
- public:
-  // No more access than an administrator has to a lock that the service has made.
-  ConfigurationLock() noexcept
-      : m_mutex(CreateMutexExA(nullptr, kConfigurationLock, /*dwFlags=*/0, SYNCHRONIZE)) {
-    if (m_mutex) {
-      const DWORD result = WaitForSingleObject(m_mutex.Get(), kLockPatienceMilliseconds);
-      m_isHeld = result == WAIT_OBJECT_0 || result == WAIT_ABANDONED;
-    }
-  }
-  ~ConfigurationLock() {
-    if (m_isHeld) {
-      const LastErrorKeeper keeper;
-      ReleaseMutex(m_mutex.Get());
-    }
-  }
-  ConfigurationLock(const ConfigurationLock&) = delete;
-  ConfigurationLock& operator=(const ConfigurationLock&) = delete;
-
- private:
-  KernelHandle m_mutex;
-  bool m_isHeld = false;
-};
-
-bool WriteIdentifier(const wchar_t* identifier, const wchar_t* path) {
-  const ConfigurationLock lock;
-  return WritePrivateProfileStringW(kSection, kIdentifierKey, identifier, path) != FALSE;
+// A file that nobody can read may hold an identifier, which must not be taken for missing.
+void TraceUnreadable(const Trace& trace, DWORD error) {
+  trace.Error("vorlconf.ini cannot be read (%u), a client UUID in it is left as it is", error);
 }
 
-// The path of vorlconf.ini.
-bool GetConfigurationFile(wchar_t (&path)[kFolderBufferLength]) {
-  path[0] = L'\0';
-  return GetClientAgentConfigDir(path, kFolderCapacity) != 0 &&
-         SUCCEEDED(StringCchCatW(path, kFolderBufferLength, kConfigurationFile));
+// At the error level, like the new identifier that it stands for.
+void TraceKept(const Trace& trace, const StoredIdentifier& found) {
+  char szClientId[kStoredIdentifierSize];
+  static_cast<void>(WideToNarrow(found.text, szClientId, kStoredIdentifierSize));
+  trace.ErrorDirect("Client UUID is present in INI by now and is kept : %s", szClientId);
 }
 
 }  // namespace
@@ -80,15 +39,17 @@ bool IsClientUUIDPresent() {
     trace.Error("GetClientAgentConfigDir failed");
     return false;
   }
-  wchar_t wszClientId[kStoredIdentifierLength];
-  if (GetPrivateProfileStringW(kSection, kIdentifierKey, /*lpDefault=*/nullptr, wszClientId,
-                               kStoredIdentifierLength, wszFilePath) == 0) {
+  const StoredIdentifier stored = ReadIdentifier(wszFilePath);
+  if (stored.state != StoredIdentifierState::kPresent) {
+    if (stored.state == StoredIdentifierState::kUnreadable) {
+      TraceUnreadable(trace, stored.error);
+    }
     trace.Error("Client UUID is not present in INI .Creating new ...");
     return false;
   }
-  char szClientId[kStoredIdentifierLength];
+  char szClientId[kStoredIdentifierSize];
   // What cannot be converted is traced as empty; it is an identifier all the same.
-  static_cast<void>(WideToNarrow(wszClientId, szClientId, kStoredIdentifierLength));
+  static_cast<void>(WideToNarrow(stored.text, szClientId, kStoredIdentifierSize));
   trace.InfoDirect("ClientUUID fetched : %s", szClientId);
   trace.Info("Exit");
   return true;
@@ -101,18 +62,28 @@ bool SetClientUUID(const char* clientId) {
     trace.Error("Invalid parameters");
     return false;
   }
-  wchar_t wszClientId[kWideIdentifierLength];
+  wchar_t wszClientId[kWideIdentifierSize];
   // Identifiers are plain ASCII text of 32 characters.
-  static_cast<void>(NarrowToWide(clientId, wszClientId, kWideIdentifierLength));
+  static_cast<void>(NarrowToWide(clientId, wszClientId, kWideIdentifierSize));
 
   wchar_t wszFilePath[kFolderBufferLength];
   if (!GetConfigurationFile(wszFilePath)) {
     trace.Error("GetClientAgentConfigDir failed");
     return false;
   }
-  if (!WriteIdentifier(wszClientId, wszFilePath)) {
-    trace.Error("WritePrivateProfileString failed.");
-    return false;
+  StoredIdentifier found;
+  switch (StoreIdentifier(wszClientId, wszFilePath, found)) {
+    case StoreOutcome::kStored:
+      break;
+    case StoreOutcome::kKept:
+      TraceKept(trace, found);
+      break;
+    case StoreOutcome::kUnreadable:
+      TraceUnreadable(trace, found.error);
+      [[fallthrough]];
+    case StoreOutcome::kFailed:
+      trace.Error("WritePrivateProfileString failed.");
+      return false;
   }
   trace.Verbose(" Exit");
   return true;

@@ -131,11 +131,24 @@ TEST_F(Identity, WithoutConfigurationFolderNothingIsReadOrStoredAndTheCommandRun
 class IdentityOfStartsInStep : public Identity {
  protected:
   static constexpr int kStarts = 2;
+  static constexpr DWORD kPatienceMilliseconds = 60000;
 
   void PutInStep() const {
     fs::rename(installation.Folder() / "vorlmisc.dll",
                installation.Folder() / "vorlmisc_behind.dll");
     installation.Replace("vorlmisc_in_step.dll", "vorlmisc.dll");
+  }
+
+  // One start that does `meanwhile` between its two looks at the file.
+  template <typename Meanwhile>
+  void StartAndMeanwhile(Meanwhile meanwhile) const {
+    const KernelHandle arrived(CreateSemaphoreW(nullptr, 0, kStarts, L"VorlIdentityTestArrived"));
+    const KernelHandle go(CreateEventW(nullptr, TRUE, FALSE, L"VorlIdentityTestGo"));
+    BackgroundProgram program(installation.Program(), "-uninstall");
+    EXPECT_EQ(WaitForSingleObject(arrived.Get(), kPatienceMilliseconds), DWORD{WAIT_OBJECT_0});
+    meanwhile();
+    SetEvent(go.Get());
+    EXPECT_EQ(program.Finish().output, CommandOutput());
   }
 
   // Two starts, whose writes begin together.
@@ -144,7 +157,6 @@ class IdentityOfStartsInStep : public Identity {
     const KernelHandle go(CreateEventW(nullptr, TRUE, FALSE, L"VorlIdentityTestGo"));
     BackgroundProgram first(installation.Program(), "-uninstall");
     BackgroundProgram second(installation.Program(), "-uninstall");
-    constexpr DWORD kPatienceMilliseconds = 60000;
     for (int i = 0; i < kStarts; ++i) {
       EXPECT_EQ(WaitForSingleObject(arrived.Get(), kPatienceMilliseconds), DWORD{WAIT_OBJECT_0});
     }
@@ -172,6 +184,38 @@ TEST_F(IdentityOfStartsInStep, OneIdentifierIsStoredAndNothingIsLost) {
     EXPECT_THAT(installation.TextsOf("SetClientUUID"),
                 UnorderedElementsAre(" Entry", " Entry", " Exit", " Exit"));
   }
+}
+
+// The file is in the hands of another program when the program looks for the identifier, and given
+// back before the new one would be written.
+TEST_F(IdentityOfStartsInStep, IdentifierOfAFileInOtherHandsIsNeverReplaced) {
+  const std::string text = kSection + KeyLine("that of other hardware");
+  WriteConfiguration(text);
+  PutInStep();
+  FileHandle holder(CreateFileW(installation.ConfigurationFile().c_str(), GENERIC_READ,
+                                /*dwShareMode=*/0, nullptr, OPEN_EXISTING, 0, nullptr));
+  ASSERT_TRUE(holder) << GetLastError();
+  StartAndMeanwhile([&] { holder.Reset(); });
+  EXPECT_EQ(Configuration(), text);
+  EXPECT_THAT(LinesOf("IsClientUUIDPresent"),
+              ElementsAre("2 Entry",
+                          "1 vorlconf.ini cannot be read (32), a client UUID in it is left as it "
+                          "is",
+                          "1 Client UUID is not present in INI .Creating new ..."));
+  EXPECT_THAT(LinesOf("SetClientUUID"),
+              ElementsAre("8  Entry",
+                          "1 Client UUID is present in INI by now and is kept : that of other "
+                          "hardware",
+                          "8  Exit"));
+}
+
+TEST_F(IdentityOfStartsInStep, IdentifierThatAnotherProgramStoresMeanwhileIsNeverReplaced) {
+  const std::string text = kSection + KeyLine("that of a start that saw more of the hardware");
+  fs::remove(installation.ConfigurationFile());
+  PutInStep();
+  StartAndMeanwhile([&] { WriteConfiguration(text); });
+  EXPECT_EQ(Configuration(), text);
+  EXPECT_THAT(installation.TextsOf("CreateAndSetClientUUID"), Contains("Exit"));
 }
 
 }  // namespace

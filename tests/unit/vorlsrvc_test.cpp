@@ -6,7 +6,6 @@
 #include <functional>
 #include <regex>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include "support/windows_api.h"
@@ -21,6 +20,7 @@
 #include "tests/support/library_calls.h"
 #include "tests/support/text.h"
 #include "tests/support/trace_recorder.h"
+#include "tests/unit/configuration_folder.h"
 
 using ::testing::Contains;
 using ::testing::ElementsAre;
@@ -36,64 +36,9 @@ namespace {
 
 constexpr char kSource[] = "app/vorlsrvc.cpp";
 
-constexpr char kIdentifier[] = "0123456789ABCDEF0123456789ABCDEF";
 // Of a machine that has nothing but a BIOS UUID; the digest is md5sum's.
 constexpr wchar_t kBiosUuid[] = L"4C4C4544-0035-3010-8048-B4C04F4B3732";
 constexpr char kIdentifierOfBiosUuid[] = "C35B15042D89CBEA48C4CD7FBC0C11AA";
-
-// A configuration folder of the test's own.
-class ConfigurationFolder {
- public:
-  ConfigurationFolder()
-      : m_folder(TestFolder() + L"\\conf " + std::to_wstring(GetCurrentProcessId())) {
-    FakeMiscReset();
-    CreateDirectoryW(m_folder.c_str(), nullptr);
-    StringCchCopyW(FakeMisc()->configDir, 260, m_folder.c_str());
-  }
-  ~ConfigurationFolder() {
-    DeleteFileW(File().c_str());
-    RemoveDirectoryW(m_folder.c_str());
-  }
-  ConfigurationFolder(const ConfigurationFolder&) = delete;
-  ConfigurationFolder& operator=(const ConfigurationFolder&) = delete;
-
-  std::wstring File() const { return m_folder + L"\\vorlconf.ini"; }
-
-  void Write(const std::string& text) const {
-    const HANDLE file =
-        CreateFileW(File().c_str(), GENERIC_WRITE, 0, nullptr, CREATE_ALWAYS, 0, nullptr);
-    DWORD written = 0;
-    EXPECT_TRUE(WriteFile(file, text.data(), static_cast<DWORD>(text.size()), &written, nullptr));
-    CloseHandle(file);
-  }
-
-  // The whole file; empty when there is none.
-  std::string Read() const {
-    const HANDLE file =
-        CreateFileW(File().c_str(), GENERIC_READ, FILE_SHARE_READ | FILE_SHARE_WRITE, nullptr,
-                    OPEN_EXISTING, 0, nullptr);
-    if (file == INVALID_HANDLE_VALUE) {
-      return {};
-    }
-    char text[4096];
-    DWORD length = 0;
-    EXPECT_TRUE(ReadFile(file, text, sizeof(text), &length, nullptr));
-    CloseHandle(file);
-    return {text, length};
-  }
-
- private:
-  std::wstring m_folder;
-};
-
-constexpr char kStored[] =
-    "[ADMIN_CONSOLE_CLIENT_AGENT_SECTION]\r\n"
-    "clientuniqueid=0123456789ABCDEF0123456789ABCDEF\r\n";
-
-// What the file holds after the identifier `text` was stored.
-std::string FileWith(const std::string& text) {
-  return "[ADMIN_CONSOLE_CLIENT_AGENT_SECTION]\r\nclientuniqueid=" + text + "\r\n";
-}
 
 class ClientUUID : public ::testing::Test {
  protected:
@@ -319,106 +264,69 @@ TEST_F(IsClientUUIDPresentTest, ATextOfMoreThan519CharactersIsCutAt259) {
   }
 }
 
-// What orders the writes of all starts of the program.
-class WriteLock : public ClientUUID {
- protected:
-  WriteLock() : m_mutex(CreateMutexA(nullptr, FALSE, "Global\\ClientAgentConfigurationFile")) {
-    EXPECT_NE(m_mutex, nullptr);
-  }
-  ~WriteLock() override { CloseHandle(m_mutex); }
+// A file that cannot be read.
 
-  // What a wait of another thread gives, which then ends, releasing the lock or not.
-  DWORD TryToTake(DWORD milliseconds, bool isReleased = true) const {
-    DWORD result = WAIT_FAILED;
-    std::thread([&] {
-      result = WaitForSingleObject(m_mutex, milliseconds);
-      if (isReleased && result != WAIT_TIMEOUT) {
-        ReleaseMutex(m_mutex);
-      }
-    }).join();
-    return result;
-  }
+constexpr char kUnreadableText[] =
+    "vorlconf.ini cannot be read (32), a client UUID in it is left as it is";
 
-  static constexpr DWORD kPatience = 60000;
+TEST_F(IsClientUUIDPresentTest, FetchesWhatAHeldFileHoldsWhenItIsGivenBack) {
+  configuration.Write(kStored);
+  FileHandle holder = configuration.Hold();
+  const Pauses pauses([&](unsigned) { holder.Reset(); });
+  EXPECT_TRUE(IsClientUUIDPresent());
+  EXPECT_EQ(pauses.count, 1U);
+  EXPECT_THAT(recorder.Lines(), ElementsAre(IsPresentLine(2, "Entry"), FetchedLine(kIdentifier),
+                                            IsPresentLine(2, "Exit")));
+}
 
- private:
-  HANDLE m_mutex;
-};
+TEST_F(IsClientUUIDPresentTest, SaysThatAFileCannotBeRead) {
+  configuration.Write(kStored);
+  const FileHandle holder = configuration.Hold();
+  const Pauses pauses;
+  EXPECT_FALSE(IsClientUUIDPresent());
+  EXPECT_THAT(recorder.Lines(), ElementsAre(IsPresentLine(2, "Entry"),
+                                            IsPresentLine(1, kUnreadableText), MissingLine()));
+}
 
-using SetClientUUIDLock = WriteLock;
-
-TEST_F(SetClientUUIDLock, IsHeldDuringTheWriteAndNotAfterwards) {
-  DWORD duringTheWrite = WAIT_FAILED;
+TEST_F(SetClientUUIDTest, WritesNothingIntoAFileThatCannotBeReadAndSaysSo) {
+  configuration.Write(FileWith("of other hardware"));
   {
-    const CallPatch<struct LockedWriteTag, decltype(WritePrivateProfileStringW)> write(
-        "KERNEL32.dll", "WritePrivateProfileStringW",
-        [&](LPCWSTR section, LPCWSTR key, LPCWSTR text, LPCWSTR file) {
-          duringTheWrite = TryToTake(0);
-          return write.CallOriginal(section, key, text, file);
-        });
-    EXPECT_TRUE(SetClientUUID(kIdentifier));
+    const FileHandle holder = configuration.Hold();
+    const Pauses pauses;
+    EXPECT_FALSE(SetClientUUID(kIdentifier));
   }
-  EXPECT_EQ(duringTheWrite, DWORD{WAIT_TIMEOUT});
-  EXPECT_EQ(TryToTake(kPatience), DWORD{WAIT_OBJECT_0});
-  EXPECT_EQ(configuration.Read(), kStored);
-  EXPECT_THAT(recorder.Lines(), ElementsAre(SetLine(8, " Entry"), SetLine(8, " Exit")));
+  EXPECT_EQ(configuration.Read(), FileWith("of other hardware"));
+  EXPECT_THAT(recorder.Lines(), ElementsAre(SetLine(8, " Entry"), SetLine(1, kUnreadableText),
+                                            SetLine(1, "WritePrivateProfileString failed.")));
 }
 
-TEST_F(SetClientUUIDLock, IsReleasedAfterAFailedWriteToo) {
-  StringCchCatW(FakeMisc()->configDir, 260, L"\\missing");
-  EXPECT_FALSE(SetClientUUID(kIdentifier));
-  EXPECT_EQ(TryToTake(kPatience), DWORD{WAIT_OBJECT_0});
-}
-
-TEST_F(SetClientUUIDLock, OfAStartThatEndedInTheMiddleIsTakenOver) {
-  TryToTake(kPatience, /*isReleased=*/false);
+TEST_F(SetClientUUIDTest, KeepsAnotherIdentifierAndSaysWhich) {
+  configuration.Write(FileWith("100% of other hardware"));
   EXPECT_TRUE(SetClientUUID(kIdentifier));
-  EXPECT_EQ(TryToTake(kPatience), DWORD{WAIT_OBJECT_0});
-  EXPECT_EQ(configuration.Read(), kStored);
+  EXPECT_EQ(configuration.Read(), FileWith("100% of other hardware"));
+  EXPECT_THAT(recorder.Lines(),
+              ElementsAre(SetLine(8, " Entry"),
+                          DirectLine(1, "SetClientUUID", kSource,
+                                     "Client UUID is present in INI by now and is kept : %s",
+                                     "Client UUID is present in INI by now and is kept : "
+                                     "100% of other hardware"),
+                          SetLine(8, " Exit")));
 }
 
-TEST_F(SetClientUUIDLock, IsDoneWithoutWhereItCannotBeMade) {
-  const CallPatch<struct NoMutexTag, decltype(CreateMutexExA)> create(
-      "KERNEL32.dll", "CreateMutexExA", [](LPSECURITY_ATTRIBUTES, LPCSTR, DWORD, DWORD) {
-        SetLastError(ERROR_ACCESS_DENIED);
-        return HANDLE{nullptr};
-      });
-  EXPECT_TRUE(SetClientUUID(kIdentifier));
-  EXPECT_EQ(configuration.Read(), kStored);
-  EXPECT_THAT(recorder.Lines(), ElementsAre(SetLine(8, " Entry"), SetLine(8, " Exit")));
-}
-
-TEST_F(SetClientUUIDLock, IsDoneWithoutWhenSomebodyKeepsIt) {
-  HANDLE lock = nullptr;
-  DWORD access = 0;
-  DWORD patience = INFINITE;
-  unsigned releases = 0;
-  const CallPatch<struct MutexTag, decltype(CreateMutexExA)> create(
-      "KERNEL32.dll", "CreateMutexExA",
-      [&](LPSECURITY_ATTRIBUTES security, LPCSTR name, DWORD flags, DWORD desiredAccess) {
-        access = desiredAccess;
-        return lock = create.CallOriginal(security, name, flags, desiredAccess);
-      });
-  const CallPatch<struct WaitTag, decltype(WaitForSingleObject)> wait(
-      "KERNEL32.dll", "WaitForSingleObject", [&](HANDLE handle, DWORD milliseconds) {
-        if (handle != lock) {
-          return wait.CallOriginal(handle, milliseconds);
+// Windows then refuses the flag for precomposed characters.
+TEST_F(SetClientUUIDTest, StoresItWhereTheCodePageIsUtf8) {
+  const CallPatch<struct Utf8Tag, int(UINT, DWORD, const char*, int, wchar_t*, int)> convert(
+      "KERNEL32.dll", "MultiByteToWideChar",
+      [&](UINT, DWORD flags, const char* narrow, int length, wchar_t* wide, int size) {
+        if (flags != 0) {
+          SetLastError(ERROR_INVALID_FLAGS);
+          return 0;
         }
-        patience = milliseconds;
-        return DWORD{WAIT_TIMEOUT};
+        return convert.CallOriginal(CP_UTF8, 0, narrow, length, wide, size);
       });
-  const CallPatch<struct ReleaseTag, decltype(ReleaseMutex)> release(
-      "KERNEL32.dll", "ReleaseMutex", [&](HANDLE handle) {
-        ++releases;
-        return release.CallOriginal(handle);
-      });
+  configuration.Write("; \xC3\xA4\r\n");
   EXPECT_TRUE(SetClientUUID(kIdentifier));
-  EXPECT_NE(lock, nullptr);
-  // All that an administrator has on what the service has made.
-  EXPECT_EQ(access, DWORD{SYNCHRONIZE});
-  EXPECT_EQ(patience, 5000U);
-  EXPECT_EQ(releases, 0U);
-  EXPECT_EQ(configuration.Read(), kStored);
+  EXPECT_EQ(configuration.Read(), std::string("; \xC3\xA4\r\n") + kStored);
 }
 
 // The machine's real WMI takes no part in the tests of the new identifier.
