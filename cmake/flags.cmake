@@ -10,7 +10,7 @@ target_compile_definitions(
   vorl_flags
   INTERFACE WIN32_LEAN_AND_MEAN
             NOMINMAX
-            _WIN32_WINNT=0x0A00
+            _WIN32_WINNT=0x0601
             # strsafe.h otherwise poisons the C functions, of which some are used on purpose.
             STRSAFE_NO_DEPRECATE)
 

@@ -22,7 +22,7 @@ fi
 echo "-- clang-format"
 find "${rooms[@]}" tests bench -name '*.cpp' -o -name '*.h' | xargs clang-format --dry-run -Werror
 
-target_options=(-std=c++20 -I. -DWIN32_LEAN_AND_MEAN -DNOMINMAX -D_WIN32_WINNT=0x0A00
+target_options=(-std=c++20 -I. -DWIN32_LEAN_AND_MEAN -DNOMINMAX -D_WIN32_WINNT=0x0601
   -DSTRSAFE_NO_DEPRECATE -DVORL_MAJOR_VERSION=\"1\" -DVORL_VERSION=\"1\")
 
 echo "-- cppcheck"

@@ -12,6 +12,7 @@
 
 #include "support/handle.h"
 #include "support/windows_api.h"
+#include "tests/e2e/windows7_functions.h"
 
 namespace fs = std::filesystem;
 using ::testing::Each;
@@ -60,29 +61,50 @@ class Image {
     return At<IMAGE_NT_HEADERS64>(static_cast<DWORD>(At<IMAGE_DOS_HEADER>(0).e_lfanew));
   }
 
-  // The imports by library (in lower case): names, or "#n" for ordinals.
+  // The imports by library (in lower case), the delayed ones too: names, or "#n" for ordinals.
   std::map<std::string, std::set<std::string>> Imports() const {
     std::map<std::string, std::set<std::string>> imports;
-    const DWORD directory =
-        Headers().OptionalHeader.DataDirectory[IMAGE_DIRECTORY_ENTRY_IMPORT].VirtualAddress;
-    for (const auto* library = &At<IMAGE_IMPORT_DESCRIPTOR>(directory); library->Name != 0;
-         ++library) {
-      std::string name = &At<char>(library->Name);
-      for (char& character : name) {
-        character = static_cast<char>(std::tolower(static_cast<unsigned char>(character)));
+    if (const DWORD directory = Directory(IMAGE_DIRECTORY_ENTRY_IMPORT); directory != 0) {
+      for (const auto* library = &At<IMAGE_IMPORT_DESCRIPTOR>(directory); library->Name != 0;
+           ++library) {
+        imports[LibraryName(library->Name)].merge(Functions(library->OriginalFirstThunk));
       }
-      const auto* entry = &At<IMAGE_THUNK_DATA64>(library->OriginalFirstThunk);
-      for (; entry->u1.AddressOfData != 0; ++entry) {
-        const ULONGLONG value = entry->u1.Ordinal;
-        imports[name].insert((value & IMAGE_ORDINAL_FLAG64) != 0
-                                 ? "#" + std::to_string(IMAGE_ORDINAL64(value))
-                                 : std::string(&At<char>(static_cast<DWORD>(value) + 2)));
+    }
+    if (const DWORD directory = Directory(IMAGE_DIRECTORY_ENTRY_DELAY_IMPORT); directory != 0) {
+      for (const auto* library = &At<IMAGE_DELAYLOAD_DESCRIPTOR>(directory);
+           library->DllNameRVA != 0; ++library) {
+        imports[LibraryName(library->DllNameRVA)].merge(Functions(library->ImportNameTableRVA));
       }
     }
     return imports;
   }
 
  private:
+  // Where that directory begins; 0 when there is none.
+  DWORD Directory(int entry) const {
+    return Headers().OptionalHeader.DataDirectory[entry].VirtualAddress;
+  }
+
+  std::string LibraryName(DWORD offset) const {
+    std::string name = &At<char>(offset);
+    for (char& character : name) {
+      character = static_cast<char>(std::tolower(static_cast<unsigned char>(character)));
+    }
+    return name;
+  }
+
+  std::set<std::string> Functions(DWORD table) const {
+    std::set<std::string> functions;
+    for (const auto* entry = &At<IMAGE_THUNK_DATA64>(table); entry->u1.AddressOfData != 0;
+         ++entry) {
+      const ULONGLONG value = entry->u1.Ordinal;
+      functions.insert((value & IMAGE_ORDINAL_FLAG64) != 0
+                           ? "#" + std::to_string(IMAGE_ORDINAL64(value))
+                           : std::string(&At<char>(static_cast<DWORD>(value) + 2)));
+    }
+    return functions;
+  }
+
   template <typename T>
   const T& At(DWORD offset) const {
     return *reinterpret_cast<const T*>(m_base + offset);
@@ -111,16 +133,32 @@ TEST_P(StagedBinary, MayBePlacedAnywhereAndRunsNoData) {
       holdsNoAddress);
 }
 
-TEST_P(StagedBinary, NeedsNothingBesideWindowsAndTheThreeLibraries) {
-  const std::set<std::string> known = {
-      "advapi32.dll", "iphlpapi.dll", "kernel32.dll", "msvcrt.dll",   "ole32.dll",   "oleaut32.dll",
-      "user32.dll",   "version.dll",  "vlevtlog.dll", "vorlinfo.dll", "vorlmisc.dll"};
+// The libraries that come with the program are imported by ordinal, everything else from Windows.
+TEST_P(StagedBinary, ImportsOnlyWhatWindows7Has) {
   for (const auto& [library, functions] : Image(path).Imports()) {
-    EXPECT_TRUE(known.contains(library) || library.starts_with("api-ms-win-")) << library;
-    if (library.starts_with("vl") || library.starts_with("vorl")) {
+    if (library == "vlevtlog.dll" || library == "vorlinfo.dll" || library == "vorlmisc.dll") {
       EXPECT_THAT(functions, Each(StartsWith("#"))) << library;
+      continue;
+    }
+    const auto known = Windows7Functions().find(library);
+    if (known == Windows7Functions().end()) {
+      ADD_FAILURE() << library << " is not known to be a part of every Windows";
+      continue;
+    }
+    for (const std::string& function : functions) {
+      EXPECT_TRUE(known->second.contains(function))
+          << library << " of Windows 7 is not known to have " << function
+          << ": tests/e2e/windows7_functions.h says what to do";
     }
   }
+}
+
+TEST_P(StagedBinary, AsksForNoNewerSystemThanWindows7) {
+  const Image image(path);
+  const IMAGE_OPTIONAL_HEADER64& header = image.Headers().OptionalHeader;
+  EXPECT_LE(MAKELONG(header.MinorSubsystemVersion, header.MajorSubsystemVersion), MAKELONG(1, 6));
+  EXPECT_LE(MAKELONG(header.MinorOperatingSystemVersion, header.MajorOperatingSystemVersion),
+            MAKELONG(1, 6));
 }
 
 TEST_P(StagedBinary, SaysWhatItIsAndWhoMadeIt) {
