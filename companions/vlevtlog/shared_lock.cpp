@@ -1,9 +1,13 @@
 #include "companions/vlevtlog/shared_lock.h"
 
+#include "support/windows_api.h"
+
+// Reads the types of windows.h.
+#include <tlhelp32.h>
+
 #include <algorithm>
 
 #include "companions/vlevtlog/owned_handle.h"
-#include "support/windows_api.h"
 
 namespace {
 
@@ -14,6 +18,8 @@ constexpr int kSightingsOfTheDead = 2;
 // What lies between two looks counts for no more than this: while the computer slept, or nobody got
 // a processor, the holder could not move either.
 constexpr ULONGLONG kLongestLookMilliseconds = 100;
+// The list of all threads is long.
+constexpr ULONGLONG kListMilliseconds = 50;
 
 // Distinguishes threads that had the same identifier one after the other; never zero.
 std::uint32_t BirthMark(HANDLE thread) noexcept {
@@ -31,14 +37,14 @@ std::uint64_t Name(DWORD threadId, std::uint32_t birthMark) noexcept {
   return (std::uint64_t{birthMark} << 32) | threadId;
 }
 
-enum class Life { kGone, kLives, kUnknown };
+enum class Life { kGone, kLives, kHidden };
 
 Life LifeOf(std::uint64_t name) noexcept {
   const auto threadId = static_cast<DWORD>(name);
   const OwnedHandle thread(
       OpenThread(SYNCHRONIZE | THREAD_QUERY_LIMITED_INFORMATION, FALSE, threadId));
   if (thread == nullptr) {
-    return GetLastError() == ERROR_INVALID_PARAMETER ? Life::kGone : Life::kUnknown;
+    return GetLastError() == ERROR_INVALID_PARAMETER ? Life::kGone : Life::kHidden;
   }
   if (WaitForSingleObject(thread.get(), 0) == WAIT_OBJECT_0) {
     return Life::kGone;
@@ -48,9 +54,31 @@ Life LifeOf(std::uint64_t name) noexcept {
   return areBothKnown && name != Name(threadId, birthMark) ? Life::kGone : Life::kLives;
 }
 
+// Whether the system lists a thread of this identifier, which asks for no right. It can be another
+// one that got the identifier later.
+bool IsListed(DWORD threadId) noexcept {
+  const OwnedHandle list(CreateToolhelp32Snapshot(TH32CS_SNAPTHREAD, 0));
+  if (list.get() == INVALID_HANDLE_VALUE) {
+    return true;
+  }
+  THREADENTRY32 entry{};
+  entry.dwSize = sizeof entry;
+  if (!Thread32First(list.get(), &entry)) {
+    return true;
+  }
+  do {
+    if (entry.th32ThreadID == threadId) {
+      return true;
+    }
+  } while (Thread32Next(list.get(), &entry));
+  return GetLastError() != ERROR_NO_MORE_FILES;
+}
+
 bool TakeFree(SharedLockState& lock, std::uint64_t ownName) noexcept {
   std::uint64_t expected = kFree;
-  return lock.holder.load(std::memory_order_relaxed) == kFree &&
+  const std::uint64_t late = lock.late.load(std::memory_order_relaxed);
+  return (late == kFree || late == ownName) &&
+         lock.holder.load(std::memory_order_relaxed) == kFree &&
          lock.holder.compare_exchange_strong(expected, ownName, std::memory_order_acquire);
 }
 
@@ -69,6 +97,16 @@ bool TakeSoon(SharedLockState& lock, std::uint64_t ownName) noexcept {
     SwitchToThread();
   }
   return false;
+}
+
+// While one that is late tries, nobody who came after it gets the lock.
+bool TakeLate(SharedLockState& lock, std::uint64_t ownName) noexcept {
+  std::uint64_t expected = kFree;
+  lock.late.compare_exchange_strong(expected, ownName, std::memory_order_relaxed);
+  const bool isTaken = TakeSoon(lock, ownName);
+  expected = ownName;
+  lock.late.compare_exchange_strong(expected, kFree, std::memory_order_relaxed);
+  return isTaken;
 }
 
 }  // namespace
@@ -104,46 +142,61 @@ void ThreadNames::Close() noexcept {
 }
 
 LockResult TakeLock(SharedLockState& lock, std::uint64_t ownName, std::uint32_t patience) noexcept {
+  if (TakeSoon(lock, ownName)) {
+    return LockResult::kTaken;
+  }
   std::uint64_t seenHolder = kFree;
+  std::uint64_t seenLate = kFree;
   std::uint64_t seenReleases = 0;
   ULONGLONG lastLook = 0;
   ULONGLONG stoodStill = 0;  // milliseconds
+  ULONGLONG nextList = 0;
   int sightings = 0;
   for (;;) {
-    if (TakeSoon(lock, ownName)) {
-      return LockResult::kTaken;
-    }
     std::uint64_t holder = lock.holder.load(std::memory_order_relaxed);
+    std::uint64_t late = lock.late.load(std::memory_order_relaxed);
     const std::uint64_t releases = lock.releases.load(std::memory_order_relaxed);
     const ULONGLONG now = GetTickCount64();
     if (holder == ownName) {
       return LockResult::kNotTaken;
     }
-    if (holder != seenHolder || releases != seenReleases) {
+    if (holder != seenHolder || late != seenLate || releases != seenReleases) {
       seenHolder = holder;
+      seenLate = late;
       seenReleases = releases;
       stoodStill = 0;
+      nextList = kListMilliseconds;
       sightings = 0;
     } else if (holder != kFree) {
       stoodStill += std::min(now - lastLook, kLongestLookMilliseconds);
-      const bool isPatienceOver = stoodStill >= patience;
-      const Life life = LifeOf(holder);
+      Life life = LifeOf(holder);
+      // As to a thread that acts for another user. Unknown is not dead: two holders would do more
+      // harm than a line that goes elsewhere.
+      if (life == Life::kHidden && stoodStill >= nextList) {
+        life = IsListed(static_cast<DWORD>(holder)) ? Life::kLives : Life::kGone;
+        nextList = stoodStill + kListMilliseconds;
+      }
       // The system can report the end of a thread a moment before its last instruction.
       const bool isGone = life == Life::kGone && ++sightings >= kSightingsOfTheDead;
       if (isGone &&
           lock.holder.compare_exchange_strong(holder, ownName, std::memory_order_acquire)) {
         return LockResult::kTakenFromTheDead;
       }
-      // One that may not be looked at, as by a thread that acts for another user, may well live:
-      // two holders would do more harm than lines that are lost, and counted.
-      if (life != Life::kGone && isPatienceOver) {
+      if (life != Life::kGone && stoodStill >= patience) {
         return LockResult::kNotTaken;
       }
+    } else if (late != kFree) {
+      // It would have taken the lock if it were able to.
+      lock.late.compare_exchange_strong(late, kFree, std::memory_order_relaxed);
     }
     lastLook = now;
     // The holder signals no object, which would cost it more than its line, so there is none to
     // wait for.
     Sleep(1);
+    // Whoever sleeps is overtaken, but only so often.
+    if (TakeLate(lock, ownName)) {
+      return LockResult::kTaken;
+    }
   }
 }
 

@@ -10,6 +10,7 @@
 // would say the same and costs more than the line itself.
 struct SharedLockState {
   std::atomic<std::uint64_t> holder;
+  std::atomic<std::uint64_t> late;  // one that has waited and now comes first
   std::atomic<std::uint64_t> releases;
 };
 static_assert(std::atomic<std::uint64_t>::is_always_lock_free);
@@ -32,7 +33,7 @@ class ThreadNames {
 };
 
 // Waits while the holder makes progress; gives up when nothing has moved for `patience`
-// milliseconds. A holder that this thread may not look at counts as living.
+// milliseconds. A holder counts as living unless the system says that it is not.
 LockResult TakeLock(SharedLockState& lock, std::uint64_t ownName, std::uint32_t patience) noexcept;
 
 void ReleaseLock(SharedLockState& lock, std::uint64_t ownName) noexcept;

@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <thread>
 #include <vector>
 
@@ -11,6 +12,8 @@
 namespace {
 
 constexpr std::uint32_t kLittlePatience = 30;
+// Enough to look at the list of all threads more than once.
+constexpr std::uint32_t kListedPatience = 300;
 constexpr std::uint32_t kMuchPatience = 60000;
 
 class SharedLockTest : public testing::Test {
@@ -97,14 +100,108 @@ TEST_F(SharedLockTest, IsTakenFromAThreadWhoseIdentifierIsInUseAgain) {
 
 // As by a thread that acts for another user: the holder may be in the middle of its line.
 TEST_F(SharedLockTest, IsNotTakenFromAHolderThatMayNotBeLookedAt) {
+  ASSERT_EQ(Take(), LockResult::kTaken);
+  LockResult result = LockResult::kTaken;
+  int refusals = 0;
+  std::thread([&] {
+    const CallPatch<struct OpenTag, HANDLE WINAPI(DWORD, BOOL, DWORD)> patch(
+        "KERNEL32.dll", "OpenThread", [&](DWORD, BOOL, DWORD) -> HANDLE {
+          ++refusals;
+          SetLastError(ERROR_ACCESS_DENIED);
+          return nullptr;
+        });
+    result = Take(kListedPatience);
+  }).join();
+  EXPECT_EQ(result, LockResult::kNotTaken);
+  EXPECT_GT(refusals, 0);
+  EXPECT_EQ(m_lock.holder.load(), m_names.OwnName());
+}
+
+TEST_F(SharedLockTest, IsTakenFromADeadHolderThatMayNotBeLookedAt) {
+  std::thread([&] { ASSERT_EQ(Take(), LockResult::kTaken); }).join();
+  LockResult result = LockResult::kNotTaken;
+  {
+    const CallPatch<struct OpenTag, HANDLE WINAPI(DWORD, BOOL, DWORD)> patch(
+        "KERNEL32.dll", "OpenThread", [](DWORD, BOOL, DWORD) -> HANDLE {
+          SetLastError(ERROR_ACCESS_DENIED);
+          return nullptr;
+        });
+    result = Take();
+  }
+  EXPECT_EQ(result, LockResult::kTakenFromTheDead);
+}
+
+// What is not known of the dead either is not taken for an end.
+TEST_F(SharedLockTest, IsNotTakenFromAHolderOfWhomTheSystemSaysNothing) {
   m_lock.holder.store(0xFEDCBA9876543211);
-  const CallPatch<struct OpenTag, HANDLE WINAPI(DWORD, BOOL, DWORD)> patch(
-      "KERNEL32.dll", "OpenThread", [](DWORD, BOOL, DWORD) -> HANDLE {
-        SetLastError(ERROR_ACCESS_DENIED);
-        return nullptr;
-      });
-  EXPECT_EQ(Take(kLittlePatience), LockResult::kNotTaken);
+  LockResult result = LockResult::kTaken;
+  {
+    const CallPatch<struct OpenTag, HANDLE WINAPI(DWORD, BOOL, DWORD)> open(
+        "KERNEL32.dll", "OpenThread", [](DWORD, BOOL, DWORD) -> HANDLE {
+          SetLastError(ERROR_ACCESS_DENIED);
+          return nullptr;
+        });
+    const CallPatch<struct ListTag, HANDLE WINAPI(DWORD, DWORD)> list(
+        "KERNEL32.dll", "CreateToolhelp32Snapshot", [](DWORD, DWORD) -> HANDLE {
+          SetLastError(ERROR_NOT_ENOUGH_MEMORY);
+          return INVALID_HANDLE_VALUE;
+        });
+    result = Take(kListedPatience);
+  }
+  EXPECT_EQ(result, LockResult::kNotTaken);
   EXPECT_EQ(m_lock.holder.load(), 0xFEDCBA9876543211);
+}
+
+// Nobody is overtaken again and again: who has slept comes before who asks now.
+TEST_F(SharedLockTest, GoesToOneThatHasWaitedBeforeOneThatAsksAnew) {
+  ASSERT_EQ(Take(), LockResult::kTaken);
+  const DWORD asker = GetCurrentThreadId();
+  const HANDLE isLate = CreateEventW(nullptr, TRUE, FALSE, nullptr);
+  const HANDLE isAsked = CreateEventW(nullptr, TRUE, FALSE, nullptr);
+  const HANDLE wasHeld = CreateEventW(nullptr, TRUE, FALSE, nullptr);
+  std::atomic<bool> hasSlept{false};
+  std::atomic<bool> asks{false};
+  std::atomic<bool> hadIt{false};
+  const CallPatch<struct SleepTag, void WINAPI(DWORD)> sleep("KERNEL32.dll", "Sleep", [&](DWORD) {
+    hasSlept = hasSlept || GetCurrentThreadId() != asker;
+    if (asks && GetCurrentThreadId() == asker) {
+      WaitForSingleObject(wasHeld, INFINITE);
+    }
+  });
+  CallPatch<struct YieldTag, BOOL WINAPI()> yield("KERNEL32.dll", "SwitchToThread", [&]() -> BOOL {
+    if (asks && GetCurrentThreadId() == asker) {
+      SetEvent(isAsked);
+    } else if (hasSlept && GetCurrentThreadId() != asker) {
+      SetEvent(isLate);
+      WaitForSingleObject(isAsked, INFINITE);
+    }
+    return yield.CallOriginal();
+  });
+  std::thread waiter([&] {
+    EXPECT_EQ(Take(), LockResult::kTaken);
+    hadIt = true;
+    Release();
+    SetEvent(wasHeld);
+  });
+  WaitForSingleObject(isLate, INFINITE);
+  asks = true;
+  Release();
+  EXPECT_EQ(Take(), LockResult::kTaken);
+  EXPECT_TRUE(hadIt);
+  asks = false;
+  SetEvent(isAsked);
+  Release();
+  waiter.join();
+  CloseHandle(isLate);
+  CloseHandle(isAsked);
+  CloseHandle(wasHeld);
+  EXPECT_EQ(m_lock.late.load(), 0U);
+}
+
+TEST_F(SharedLockTest, IsNotKeptForOneThatWaitedAndIsGone) {
+  m_lock.late.store(0xFEDCBA9876543211);
+  EXPECT_EQ(Take(), LockResult::kTaken);
+  EXPECT_EQ(m_lock.late.load(), 0U);
 }
 
 TEST_F(SharedLockTest, IsTakenFromRubbish) {
