@@ -1,37 +1,18 @@
 #include "companions/vlevtlog/trace_folder.h"
 
-// Reads the types of windows.h.
-#include <sddl.h>
-
 #include <algorithm>
 #include <cwchar>
 #include <iterator>
 #include <memory>
 
-namespace {
+#include "companions/common/protected_access.h"
 
-// Full access for the system and the administrators; protected, so nothing is inherited.
-constexpr wchar_t kFileAccess[] = L"D:P(A;;FA;;;SY)(A;;FA;;;BA)";
-constexpr wchar_t kFolderAccess[] = L"D:P(A;OICI;FA;;;SY)(A;OICI;FA;;;BA)";
+namespace {
 
 constexpr wchar_t kFullFilePattern[] = L"vorltrace.*.log";
 constexpr wchar_t kFullFilePrefix[] = L"vorltrace.";
 constexpr wchar_t kFullFileFormat[] = L"vorltrace.%06u.log";
 constexpr std::uint32_t kHighestNumber = 999'999'999;
-
-struct FreeLocal {
-  void operator()(void* memory) const noexcept { LocalFree(memory); }
-};
-using SecurityDescriptor = std::unique_ptr<void, FreeLocal>;
-
-SecurityDescriptor MakeDescriptor(const wchar_t* text) noexcept {
-  PSECURITY_DESCRIPTOR descriptor = nullptr;
-  if (!ConvertStringSecurityDescriptorToSecurityDescriptorW(text, SDDL_REVISION_1, &descriptor,
-                                                            nullptr)) {
-    return nullptr;
-  }
-  return SecurityDescriptor(descriptor);
-}
 
 struct CloseFind {
   using pointer = HANDLE;
@@ -109,11 +90,7 @@ DWORD MakeTraceFolder(const wchar_t* folder) noexcept {
   if (attributes != INVALID_FILE_ATTRIBUTES && (attributes & FILE_ATTRIBUTE_DIRECTORY) != 0) {
     return ERROR_SUCCESS;
   }
-  const SecurityDescriptor descriptor = MakeDescriptor(kFolderAccess);
-  if (descriptor == nullptr) {
-    return GetLastError();
-  }
-  SECURITY_ATTRIBUTES access{sizeof access, descriptor.get(), FALSE};
+  SECURITY_ATTRIBUTES access = ProtectedAccess(ProtectedObject::kFolder);
   if (CreateDirectoryW(folder, &access)) {
     return ERROR_SUCCESS;
   }
@@ -125,11 +102,7 @@ DWORD MakeTraceFolder(const wchar_t* folder) noexcept {
 OwnedHandle OpenTraceFolderFile(const wchar_t* path, DWORD access, DWORD shareMode,
                                 DWORD disposition) noexcept {
   const bool canMake = disposition != OPEN_EXISTING;
-  SecurityDescriptor descriptor = canMake ? MakeDescriptor(kFileAccess) : nullptr;
-  if (canMake && descriptor == nullptr) {
-    return nullptr;
-  }
-  SECURITY_ATTRIBUTES attributes{sizeof attributes, descriptor.get(), FALSE};
+  SECURITY_ATTRIBUTES attributes = ProtectedAccess(ProtectedObject::kFile);
   OwnedHandle file(CreateFileW(path, access, shareMode, canMake ? &attributes : nullptr,
                                disposition, FILE_ATTRIBUTE_NORMAL | FILE_FLAG_OPEN_REPARSE_POINT,
                                nullptr));
@@ -140,9 +113,6 @@ OwnedHandle OpenTraceFolderFile(const wchar_t* path, DWORD access, DWORD shareMo
     file.reset();
     SetLastError(ERROR_CANT_ACCESS_FILE);
   }
-  const DWORD error = GetLastError();
-  descriptor.reset();
-  SetLastError(error);
   return file;
 }
 
