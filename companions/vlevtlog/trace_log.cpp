@@ -116,6 +116,14 @@ bool TraceLog::SetFolder(const wchar_t* folder) noexcept {
   return hasLogs && hasConfiguration;
 }
 
+void TraceLog::LearnOwnFolder() noexcept {
+  FolderFailure unusable;
+  // Where the path is too long there is no trace, and no configuration for it.
+  static_cast<void>(FindOwnFolder(m_ownFolder, unusable));
+  static_cast<void>(JoinPath(m_logsFolder, m_ownFolder.path, L"logs"));
+  m_file.SetFolder(m_logsFolder);
+}
+
 void TraceLog::LookAtConfiguration() noexcept {
   const LastError lastError;
   TraceOptionProblems problems;
@@ -143,15 +151,12 @@ void TraceLog::Start() noexcept {
   }
   m_isStarted = true;
   m_seenChange = kNeverSeen;
-  // Where a path is too long there is no trace.
-  static_cast<void>(JoinPath(m_logsFolder, m_ownFolder.path, L"logs"));
   Folder folder = {};
   FolderFailure unusable;
   // The support library says why a folder cannot be used; without one nothing is known of options.
   if (FindConfigFolder(folder, unusable, &m_ownFolder)) {
     static_cast<void>(JoinPath(m_configurationFile, folder.path, L"vorlconf.ini"));
   }
-  m_file.SetFolder(m_logsFolder);
 }
 
 // Reads the file when it is not the one that was read last. While there is none, or none that can

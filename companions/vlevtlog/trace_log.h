@@ -45,11 +45,7 @@ class TraceLog {
   bool SetFolder(const wchar_t* folder) noexcept;
 
   // For loading the library, under the loader's lock: the only time at which the loader is asked.
-  void LearnOwnFolder() noexcept {
-    FolderFailure unusable;
-    // Where the path is too long there is no trace, and no configuration for it.
-    static_cast<void>(FindOwnFolder(m_ownFolder, unusable));
-  }
+  void LearnOwnFolder() noexcept;
 
   // For unloading the library.
   void Close() noexcept { m_file.Close(); }

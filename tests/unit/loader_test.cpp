@@ -102,7 +102,7 @@ TEST_P(FirstLine, GoesOnBesideALineFromADllMain) {
   EXPECT_THAT(Messages(), UnorderedElementsAre("first", "loaded"));
 }
 
-// The line from the DllMain may be lost then, and is counted; the process may not.
+// The line from the DllMain may be lost then, and is counted; no other is.
 TEST_P(FirstLine, LetsALineFromADllMainGoWhileItIsHeldUp) {
   m_report.Get()->writesWhenLoaded = 1;
   EXPECT_EQ(Run(GetParam(), "written"), 0U);
