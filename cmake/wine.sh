@@ -1,20 +1,38 @@
 #!/bin/sh
-# wine.sh PROGRAM [ARGUMENT...]: runs a Windows program under Wine, in the build folder's prefix.
-# wine-server.sh start makes the prefix and keeps its server warm.
+# wine.sh [--must-speak] PROGRAM [ARGUMENT...]: runs a Windows program under Wine, in the build
+# folder's prefix. wine-server.sh start makes the prefix and keeps its server warm.
+#
+# --must-speak: the program prints something as soon as it begins. Wine fails to start about one
+# process in several thousand, with status 1 and no output at all. What ends so has not been started;
+# it is started once more, and a line in build/wine.empty-starts tells of it.
 . "$(dirname "$0")/wine-env.sh"
 [ -d "$WINEPREFIX/drive_c/windows" ] || "$(dirname "$0")/wine-server.sh" start
 
-if [ ! -p /dev/stdout ] && [ ! -S /dev/stdout ]; then
+must_speak=
+if [ "${1:-}" = --must-speak ]; then
+  must_speak=yes
+  shift
+elif [ ! -p /dev/stdout ] && [ ! -S /dev/stdout ]; then
   exec $WINE_LAUNCHER "$WINE_LOADER" "$@"
 fi
+
 # Programs that Wine starts beside this one, such as its desktop, inherit the output. They would hold
 # a pipe open long after the program's end, so the output takes the way through a file.
 output=$(mktemp)
-$WINE_LAUNCHER "$WINE_LOADER" "$@" </dev/null >"$output" 2>&1 &
-program=$!
+trap 'rm -f "$output"' EXIT
 trap 'kill "$program" 2>/dev/null' INT TERM
-status=0
-wait "$program" || status=$?
+
+run() {
+  $WINE_LAUNCHER "$WINE_LOADER" "$@" </dev/null >"$output" 2>&1 &
+  program=$!
+  status=0
+  wait "$program" || status=$?
+}
+
+run "$@"
+if [ -n "$must_speak" ] && [ "$status" -eq 1 ] && [ ! -s "$output" ]; then
+  echo "$*" >>"$WINEPREFIX.empty-starts"
+  run "$@"
+fi
 cat "$output"
-rm -f "$output"
 exit "$status"

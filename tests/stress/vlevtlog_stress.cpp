@@ -28,6 +28,8 @@
 #include "support/vlevtlog.h"
 #include "tests/stress/stress_lines.h"
 #include "tests/support/installation.h"
+#include "tests/support/start_process.h"
+#include "tests/support/test_run.h"
 
 namespace {
 
@@ -142,16 +144,11 @@ class TraceUnderStress : public testing::Test {
     EXPECT_LT(writer, kMostWriters);
     KernelHandle hasBegun(
         CreateEventW(nullptr, TRUE, FALSE, BegunEventName(m_sectionName, writer).c_str()));
-    std::wstring command = L"\"" + OwnProgram().wstring() + L"\" " + mode + L" \"" +
-                           (m_installation / "vlevtlog.dll").wstring() + L"\" " + m_sectionName +
-                           L" " + std::to_wstring(writer) + L" " + std::to_wstring(lines);
-    STARTUPINFOW startup{};
-    startup.cb = sizeof startup;
-    PROCESS_INFORMATION process{};
-    EXPECT_TRUE(CreateProcessW(nullptr, command.data(), nullptr, nullptr, FALSE, 0, nullptr,
-                               nullptr, &startup, &process));
-    CloseHandle(process.hThread);
-    return {KernelHandle(process.hProcess), std::move(hasBegun)};
+    const std::wstring command = L"\"" + OwnProgram().wstring() + L"\" " + mode + L" \"" +
+                                 (m_installation / "vlevtlog.dll").wstring() + L"\" " +
+                                 m_sectionName + L" " + std::to_wstring(writer) + L" " +
+                                 std::to_wstring(lines);
+    return {StartProcess(command).process, std::move(hasBegun)};
   }
 
   // Waits for writers that nobody ends.
@@ -355,6 +352,5 @@ int main(int argc, char** argv) {
         arguments[2], arguments[3], static_cast<unsigned>(std::wcstoul(arguments[4], nullptr, 10)),
         static_cast<unsigned>(std::wcstoul(arguments[5], nullptr, 10)), mode == "--end");
   }
-  testing::InitGoogleMock(&argc, argv);
-  return RUN_ALL_TESTS();
+  return RunTests(argc, argv);
 }

@@ -1,0 +1,3 @@
+#include "tests/support/test_run.h"
+
+int main(int argc, char** argv) { return RunTests(argc, argv); }
