@@ -12,6 +12,7 @@
 #include <cstring>
 #include <string>
 
+#include "samples/helper/consolestop.h"
 #include "samples/helper/pipeserver.h"
 
 namespace {
@@ -23,13 +24,6 @@ struct Arguments {
   unsigned long count = 0;  // 0: no end
   const char* pipeName = kHelperPipeName;
 };
-
-HANDLE g_stop = nullptr;
-
-BOOL WINAPI StopOnControl(DWORD /*control*/) {
-  SetEvent(g_stop);
-  return TRUE;
-}
 
 // Writes a line at once, so that whoever reads along sees it: as wide text on a console, in UTF-8
 // anywhere else.
@@ -70,9 +64,9 @@ bool Parse(int argc, char** argv, Arguments& arguments) {
   return true;
 }
 
-int Serve(PipeServer& server, const Arguments& arguments) {
+int Serve(PipeServer& server, HANDLE stop, const Arguments& arguments) {
   for (unsigned long notified = 0; arguments.count == 0 || notified < arguments.count;) {
-    const PipeServer::Result result = server.ServeClient(g_stop);
+    const PipeServer::Result result = server.ServeClient(stop);
     switch (result.outcome) {
       case PipeServer::Outcome::kNotified:
         WriteLine(STD_OUTPUT_HANDLE, Describe(result.notification));
@@ -99,16 +93,13 @@ int main(int argc, char** argv) {
     WriteLine(STD_ERROR_HANDLE, L"usage: vorlhelper [--count N] [--pipe NAME]");
     return kExitUsage;
   }
-  const KernelHandle stop(CreateEventW(nullptr, TRUE, FALSE, nullptr));
-  g_stop = stop.Get();
+  const ConsoleStop stop;
   PipeServer server;
-  if (!stop || !SetConsoleCtrlHandler(StopOnControl, TRUE) || !server.Open(arguments.pipeName)) {
+  if (stop.Event() == nullptr || !server.Open(arguments.pipeName)) {
     WriteLine(STD_ERROR_HANDLE,
               L"the pipe cannot be served: error " + std::to_wstring(GetLastError()));
     return kExitPipe;
   }
   WriteLine(STD_OUTPUT_HANDLE, L"waiting for notifications");
-  const int exitCode = Serve(server, arguments);
-  SetConsoleCtrlHandler(StopOnControl, FALSE);
-  return exitCode;
+  return Serve(server, stop.Event(), arguments);
 }
