@@ -4,9 +4,11 @@
 
 #include <gmock/gmock.h>
 
+#include <cstdint>
 #include <optional>
 #include <string>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include "tests/fakes/vlevtlog_fake.h"
@@ -167,11 +169,112 @@ TEST_F(CoreModule, CleanUpWithoutAStartIsRefused) {
 
 TEST_F(CoreModule, MissingTextIsRefused) {
   Load();
-  EXPECT_FALSE(StartUp(kNever, nullptr));
-  EXPECT_THAT(LinesOf("ClientAgentCoreStartUp"),
-              ElementsAre("2 Entry", "1 NULL Parameter received"));
+  for (int missing = 0; missing < 4; ++missing) {
+    FakeTraceClear();
+    const char* texts[] = {"one", "two", "three", "four"};
+    texts[missing] = nullptr;
+    EXPECT_FALSE(
+        m_startUp(texts[0], texts[1], texts[2], texts[3], 1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11));
+    EXPECT_THAT(LinesOf("ClientAgentCoreStartUp"),
+                ElementsAre("2 Entry", "1 NULL Parameter received"));
+  }
   EXPECT_TRUE(StartUp(kNever));
   EXPECT_TRUE(CleanUp());
+}
+
+TEST_F(CoreModule, TextsAreNoFormats) {
+  Load();
+  EXPECT_TRUE(StartUp(kNever, "100%s %n"));
+  EXPECT_TRUE(CleanUp());
+  EXPECT_EQ(LinesOf("ClientAgentCoreStartUp")[1], "2 Text1: 100%s %n");
+}
+
+TEST_F(CoreModule, CleanUpNeedsNoTexts) {
+  Load();
+  EXPECT_TRUE(StartUp(kNever));
+  EXPECT_TRUE(m_cleanUp(nullptr, nullptr, nullptr, nullptr, 0, 0, 0, 0, 0, 1));
+}
+
+// What the module's calls of Windows meet.
+struct Imports {
+  static inline decltype(CreateEventW)* createEvent;
+  static inline decltype(CloseHandle)* closeHandle;
+  static inline decltype(WaitForSingleObject)* wait;
+  static inline std::uintptr_t(__cdecl* beginThread)(void*, unsigned, unsigned(__stdcall*)(void*),
+                                                     void*, unsigned, unsigned*);
+  static inline bool hasEvents;
+  static inline bool hasThreads;
+  static inline HANDLE event;
+  static inline bool isEventClosed;
+  static inline DWORD interval;
+
+  static HANDLE WINAPI CreateOne(SECURITY_ATTRIBUTES* security, BOOL isManual, BOOL isSet,
+                                 const wchar_t* name) {
+    event = hasEvents ? createEvent(security, isManual, isSet, name) : nullptr;
+    isEventClosed = false;
+    SetLastError(ERROR_NOT_ENOUGH_MEMORY);
+    return event;
+  }
+  static BOOL WINAPI CloseOne(HANDLE handle) {
+    isEventClosed = isEventClosed || handle == event;
+    return closeHandle(handle);
+  }
+  static std::uintptr_t __cdecl BeginOne(void* security, unsigned stack,
+                                         unsigned(__stdcall* function)(void*), void* argument,
+                                         unsigned flags, unsigned* id) {
+    if (hasThreads) {
+      return beginThread(security, stack, function, argument, flags, id);
+    }
+    SetLastError(ERROR_COMMITMENT_LIMIT);
+    return 0;
+  }
+  // A wait with a limit is told, and lasts until what is waited for happens.
+  static DWORD WINAPI WaitForOne(HANDLE handle, DWORD milliseconds) {
+    if (milliseconds != INFINITE) {
+      interval = milliseconds;
+    }
+    return wait(handle, INFINITE);
+  }
+};
+
+TEST_F(CoreModule, StartFailsWithoutAnEventAndCanBeTriedAgain) {
+  Load();
+  Imports::createEvent = m_library->ReplaceImport("CreateEventW", &Imports::CreateOne);
+  Imports::hasEvents = false;
+  EXPECT_FALSE(StartUp(kNever));
+  EXPECT_THAT(LinesOf("Heartbeat::Start"), ElementsAre("1 CreateEvent Failed 8"));
+  EXPECT_EQ(LinesOf("ClientAgentCoreStartUp").back(), "1 Heartbeat cannot be started");
+  EXPECT_FALSE(CleanUp());
+  Imports::hasEvents = true;
+  EXPECT_TRUE(StartUp(kNever));
+  EXPECT_TRUE(CleanUp());
+}
+
+TEST_F(CoreModule, StartFailsWithoutAThreadClosesTheEventAndCanBeTriedAgain) {
+  Load();
+  Imports::createEvent = m_library->ReplaceImport("CreateEventW", &Imports::CreateOne);
+  Imports::closeHandle = m_library->ReplaceImport("CloseHandle", &Imports::CloseOne);
+  Imports::beginThread = m_library->ReplaceImport("_beginthreadex", &Imports::BeginOne);
+  Imports::hasEvents = true;
+  Imports::hasThreads = false;
+  EXPECT_FALSE(StartUp(kNever));
+  EXPECT_TRUE(Imports::isEventClosed);
+  EXPECT_THAT(LinesOf("Heartbeat::Start"), ElementsAre("1 _beginthreadex Failed 1455"));
+  EXPECT_EQ(LinesOf("ClientAgentCoreStartUp").back(), "1 Heartbeat cannot be started");
+  EXPECT_FALSE(CleanUp());
+  Imports::hasThreads = true;
+  EXPECT_TRUE(StartUp(kNever));
+  EXPECT_TRUE(CleanUp());
+}
+
+TEST_F(CoreModule, IntervalOfZeroMeansAMinute) {
+  Load();
+  Imports::wait = m_library->ReplaceImport("WaitForSingleObject", &Imports::WaitForOne);
+  for (const auto& [given, meant] : {std::pair(DWORD{0}, DWORD{60'000}), {7, 7}}) {
+    EXPECT_TRUE(StartUp(given));
+    EXPECT_TRUE(CleanUp());
+    EXPECT_EQ(Imports::interval, meant);
+  }
 }
 
 TEST_F(CoreModule, OfTwoStartsAtOnceOneIsRefused) {
