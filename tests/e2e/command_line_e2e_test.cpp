@@ -1,6 +1,5 @@
 // The command words against the real service control manager.
 #include <algorithm>
-#include <sstream>
 
 #include "support/handle.h"
 #include "tests/e2e/service_fixture.h"
@@ -12,11 +11,11 @@ using ::testing::Not;
 
 namespace {
 
-class CommandLine : public ServiceTest {};
+class Commands : public ServiceTest {};
 
-class CommandLineInFolderWithBlank : public ServiceTest {
+class CommandsInFolderWithBlank : public ServiceTest {
  protected:
-  CommandLineInFolderWithBlank() : ServiceTest(" with blank") {}
+  CommandsInFolderWithBlank() : ServiceTest(" with blank") {}
 };
 
 struct EventSource {
@@ -47,7 +46,7 @@ EventSource ReadEventSource(const std::string& serviceName) {
   return source;
 }
 
-TEST_F(CommandLine, InstallRegistersTheServiceAsItIsDocumented) {
+TEST_F(Commands, InstallRegistersTheServiceAsItIsDocumented) {
   const CommandResult result = installation.Run("-install");
   EXPECT_EQ(result.exitCode, 0U);
   EXPECT_EQ(result.output, InstalledText());
@@ -69,7 +68,7 @@ TEST_F(CommandLine, InstallRegistersTheServiceAsItIsDocumented) {
   EXPECT_EQ(source.typesSupported, 7U);
 }
 
-TEST_F(CommandLineInFolderWithBlank, PathIsRegisteredInQuotesAndTheServiceStarts) {
+TEST_F(CommandsInFolderWithBlank, PathIsRegisteredInQuotesAndTheServiceStarts) {
   ASSERT_EQ(installation.Run("-install").output, InstalledText());
   const std::wstring quoted = L"\"" + installation.Program().wstring() + L"\"";
   EXPECT_EQ(service.Configuration().commandPath, quoted);
@@ -86,7 +85,7 @@ TEST_F(CommandLineInFolderWithBlank, PathIsRegisteredInQuotesAndTheServiceStarts
 // The recovery command itself is checked where ChangeServiceConfig2W can be watched: Wine accepts
 // failure actions, stores none and never runs any.
 
-TEST_F(CommandLine, InstallOnAnInstalledServiceSaysSoAndDoesNotTouchTheConfiguration) {
+TEST_F(Commands, InstallOnAnInstalledServiceSaysSoAndDoesNotTouchTheConfiguration) {
   ASSERT_EQ(installation.Run("-install").output, InstalledText());
   service.SetStartType(SERVICE_DEMAND_START);
   const CommandResult again = installation.Run("-install");
@@ -95,21 +94,21 @@ TEST_F(CommandLine, InstallOnAnInstalledServiceSaysSoAndDoesNotTouchTheConfigura
   EXPECT_EQ(service.Configuration().startType, DWORD{SERVICE_DEMAND_START});
 }
 
-TEST_F(CommandLine, OptionWordsAreReadInAnyLetterCase) {
+TEST_F(Commands, OptionWordsAreReadInAnyLetterCase) {
   EXPECT_EQ(installation.Run("-INSTALL").output, InstalledText());
   EXPECT_EQ(installation.Run("-Install").output, name + " is already installed\r\n");
   EXPECT_EQ(installation.Run("-UnInstall").output, "");
   EXPECT_FALSE(service.IsInstalled());
 }
 
-TEST_F(CommandLine, SecondArgumentNeverChangesWhatHappens) {
+TEST_F(Commands, SecondArgumentNeverChangesWhatHappens) {
   EXPECT_EQ(installation.Run("-install -uninstall").output, InstalledText());
   EXPECT_TRUE(service.IsInstalled());
 }
 
 // Outside the service control manager the dispatcher fails: at once on Windows, after 10 seconds
 // under Wine. So the three run beside each other.
-TEST_F(CommandLine, WordsThatAreNoOptionsFallThroughToTheDispatcher) {
+TEST_F(Commands, WordsThatAreNoOptionsFallThroughToTheDispatcher) {
   BackgroundProgram withoutDash(installation.Program(), "install");
   BackgroundProgram withSlash(installation.Program(), "/install");
   BackgroundProgram withoutArguments(installation.Program(), "");
@@ -125,7 +124,7 @@ TEST_F(CommandLine, WordsThatAreNoOptionsFallThroughToTheDispatcher) {
               Contains("No Arguments hence returning").Times(1));
 }
 
-TEST_F(CommandLine, StartAndResetStartTheServiceAndTraceTheSameWord) {
+TEST_F(Commands, StartAndResetStartTheServiceAndTraceTheSameWord) {
   ASSERT_EQ(installation.Run("-install").output, InstalledText());
   for (const std::string word : {"-start", "-reset"}) {
     const CommandResult result = installation.Run(word);
@@ -140,7 +139,7 @@ TEST_F(CommandLine, StartAndResetStartTheServiceAndTraceTheSameWord) {
   EXPECT_THAT(texts, Not(Contains("-reset")));
 }
 
-TEST_F(CommandLine, StartOfARunningServiceFailsWithError1056AndExitCode0) {
+TEST_F(Commands, StartOfARunningServiceFailsWithError1056AndExitCode0) {
   InstallAndStart();
   EXPECT_EQ(installation.Run("-start").exitCode, 0U);
   EXPECT_THAT(installation.TextsOf("StartServiceByName"),
@@ -148,7 +147,7 @@ TEST_F(CommandLine, StartOfARunningServiceFailsWithError1056AndExitCode0) {
   EXPECT_EQ(service.State(), DWORD{SERVICE_RUNNING});
 }
 
-TEST_F(CommandLine, StopOfAStoppedServiceFailsInControlServiceWithExitCode0) {
+TEST_F(Commands, StopOfAStoppedServiceFailsInControlServiceWithExitCode0) {
   ASSERT_EQ(installation.Run("-install").output, InstalledText());
   const CommandResult result = installation.Run("-stop");
   EXPECT_EQ(result.exitCode, 0U);
@@ -158,7 +157,7 @@ TEST_F(CommandLine, StopOfAStoppedServiceFailsInControlServiceWithExitCode0) {
               Contains("Stop service Failed"));
 }
 
-TEST_F(CommandLine, StopsOfAServiceThatIsNotInstalledAreSilent) {
+TEST_F(Commands, StopsOfAServiceThatIsNotInstalledAreSilent) {
   for (const std::string word : {"-stop", "-stopmanual"}) {
     const CommandResult result = installation.Run(word);
     EXPECT_EQ(result.exitCode, 0U);
@@ -168,7 +167,7 @@ TEST_F(CommandLine, StopsOfAServiceThatIsNotInstalledAreSilent) {
               ElementsAre("Entry", "-stop", "Entry", "-stopmanual"));
 }
 
-TEST_F(CommandLine, RestartOfAServiceThatIsNotInstalledStillTriesToStartIt) {
+TEST_F(Commands, RestartOfAServiceThatIsNotInstalledStillTriesToStartIt) {
   const CommandResult result = installation.Run("-restart");
   EXPECT_EQ(result.exitCode, 0U);
   EXPECT_EQ(result.output, "");
@@ -179,7 +178,7 @@ TEST_F(CommandLine, RestartOfAServiceThatIsNotInstalledStillTriesToStartIt) {
               ElementsAre("Entry", "OpenService Failed (1060)"));
 }
 
-TEST_F(CommandLine, RestartReplacesTheRunningProcess) {
+TEST_F(Commands, RestartReplacesTheRunningProcess) {
   InstallAndStart();
   const DWORD before = service.Status().dwProcessId;
   EXPECT_EQ(installation.Run("-restart").exitCode, 0U);
@@ -187,13 +186,13 @@ TEST_F(CommandLine, RestartReplacesTheRunningProcess) {
   EXPECT_NE(service.Status().dwProcessId, before);
 }
 
-TEST_F(CommandLine, UninstallOfAServiceThatIsNotInstalledSaysSo) {
+TEST_F(Commands, UninstallOfAServiceThatIsNotInstalledSaysSo) {
   const CommandResult result = installation.Run("-uninstall");
   EXPECT_EQ(result.exitCode, 0U);
   EXPECT_EQ(result.output, name + " is not installed\r\n");
 }
 
-TEST_F(CommandLine, UninstallRemovesTheServiceAndLeavesTheEventSource) {
+TEST_F(Commands, UninstallRemovesTheServiceAndLeavesTheEventSource) {
   ASSERT_EQ(installation.Run("-install").output, InstalledText());
   const CommandResult result = installation.Run("-uninstall");
   EXPECT_EQ(result.exitCode, 0U);
@@ -202,7 +201,7 @@ TEST_F(CommandLine, UninstallRemovesTheServiceAndLeavesTheEventSource) {
   EXPECT_EQ(ReadEventSource(name).typesSupported, 7U);
 }
 
-TEST_F(CommandLine, UninstallOfARunningServiceLeavesItRunning) {
+TEST_F(Commands, UninstallOfARunningServiceLeavesItRunning) {
   InstallAndStart();
   const DWORD processId = service.Status().dwProcessId;
   const KernelHandle process(OpenProcess(SYNCHRONIZE, FALSE, processId));
@@ -210,29 +209,33 @@ TEST_F(CommandLine, UninstallOfARunningServiceLeavesItRunning) {
   EXPECT_EQ(WaitForSingleObject(process.Get(), 0), DWORD{WAIT_TIMEOUT});
 }
 
-TEST_F(CommandLine, StopsAndUninstallationAreToldToTheHelperProcess) {
+// Each command begins when the one before is seen to be over: a start that has not led to RUNNING
+// would leave the helper waiting for what nobody says.
+TEST_F(Commands, StopsAndUninstallationAreToldToTheHelperProcess) {
   InstallAndStart();
   BackgroundProgram helper(installation.Folder() / "vorlhelper.exe", "--count 5");
   ASSERT_TRUE(helper.WaitForOutput("waiting for notifications"));
   installation.Run("-stop");
+  ASSERT_TRUE(helper.WaitForOutput("(action 2, flag 0)"));
+  ASSERT_TRUE(service.WaitForState(SERVICE_STOPPED));
   installation.Run("-start");
+  ASSERT_TRUE(service.WaitForState(SERVICE_RUNNING));
   installation.Run("-stopmanual");
+  ASSERT_TRUE(service.WaitForState(SERVICE_STOPPED));
   installation.Run("-uninstall");
 
-  std::istringstream output(helper.Finish().output);
-  std::vector<std::string> actions;
-  std::string line;
-  std::getline(output, line);
-  while (std::getline(output, line)) {
-    EXPECT_THAT(line, HasSubstr("\"" + name + "\""));
-    actions.push_back(line.substr(line.find('(')));
-  }
-  EXPECT_THAT(actions,
-              ElementsAre("(action 1, flag 0)\r", "(action 2, flag 0)\r", "(action 1, flag 0)\r",
-                          "(action 2, flag 0)\r", "(action 5, flag 0)\r"));
+  const CommandResult told = helper.Finish();
+  EXPECT_EQ(told.exitCode, 0U);
+  const std::string quoted = "\"" + name + "\"";
+  EXPECT_EQ(told.output, "waiting for notifications\r\n" + quoted +
+                             ": about to be stopped (action 1, flag 0)\r\n" + quoted +
+                             ": stop carried out (action 2, flag 0)\r\n" + quoted +
+                             ": about to be stopped (action 1, flag 0)\r\n" + quoted +
+                             ": stop carried out (action 2, flag 0)\r\n" + quoted +
+                             ": about to be uninstalled (action 5, flag 0)\r\n");
 }
 
-TEST_F(CommandLine, IdentifierIsCreatedBeforeTheOptionIsLookedAt) {
+TEST_F(Commands, IdentifierIsCreatedBeforeTheOptionIsLookedAt) {
   EXPECT_THAT(installation.Run("-uninstall").output, HasSubstr("is not installed"));
   std::vector<std::string> functions;
   for (const TraceEntry& entry : installation.Trace()) {

@@ -10,6 +10,7 @@
 #include "support/procaddress.h"
 #include "support/vorlinfo.h"
 #include "tests/e2e/wait_until.h"
+#include "tests/support/start_process.h"
 
 namespace fs = std::filesystem;
 
@@ -122,22 +123,19 @@ BackgroundProgram::BackgroundProgram(const fs::path& program, const std::string&
   }
   SetHandleInformation(m_output, HANDLE_FLAG_INHERIT, 0);
 
-  STARTUPINFOW startup{};
-  startup.cb = sizeof(startup);
-  startup.dwFlags = STARTF_USESTDHANDLES;
-  startup.hStdOutput = write.Get();
-  startup.hStdError = write.Get();
-  PROCESS_INFORMATION process{};
-  std::wstring commandLine =
-      L"\"" + program.wstring() + L"\" " + std::wstring(arguments.begin(), arguments.end());
-  if (!CreateProcessW(program.c_str(), commandLine.data(), nullptr, nullptr,
-                      /*bInheritHandles=*/TRUE, CREATE_NEW_PROCESS_GROUP, nullptr, nullptr,
-                      &startup, &process)) {
+  StartOptions options;
+  options.flags = CREATE_NEW_PROCESS_GROUP;
+  options.output = write.Get();
+  options.errors = write.Get();
+  StartedProcess started = StartProcess(
+      L"\"" + program.wstring() + L"\" " + std::wstring(arguments.begin(), arguments.end()),
+      options);
+  if (!started.process) {
+    CloseHandle(m_output);
     throw std::runtime_error("cannot start " + program.string());
   }
-  CloseHandle(process.hThread);
-  m_process = process.hProcess;
-  m_processId = process.dwProcessId;
+  m_process = started.process.Release();
+  m_processId = started.id;
 }
 
 BackgroundProgram::~BackgroundProgram() {

@@ -5,6 +5,7 @@
 #include "support/procaddress.h"
 #include "support/vorlinfo.h"
 #include "tests/e2e/service_fixture.h"
+#include "tests/e2e/wait_until.h"
 
 namespace fs = std::filesystem;
 using ::testing::Contains;
@@ -28,7 +29,8 @@ class Service : public ServiceTest {
   }
 };
 
-// Opens the event `baseName` of this installation's version; null when nobody holds it.
+// Opens the event `baseName` of this installation's version. The watcher makes its events when the
+// service says RUNNING already, so they are waited for; null when none comes within a minute.
 KernelHandle OpenVersionedEvent(const Installation& installation, const char* baseName) {
   constexpr WORD kGetEventNameByVersionOrdinal = 1;
   const Module library(LoadLibraryW((installation.Folder() / "vorlinfo.dll").c_str()));
@@ -38,7 +40,12 @@ KernelHandle OpenVersionedEvent(const Installation& installation, const char* ba
   if (getName == nullptr || getName(baseName, name, sizeof(name)) == 0) {
     return KernelHandle();
   }
-  return KernelHandle(OpenEventA(EVENT_MODIFY_STATE, FALSE, name));
+  KernelHandle event;
+  WaitUntil([&] {
+    event.Reset(OpenEventA(EVENT_MODIFY_STATE, FALSE, name));
+    return static_cast<bool>(event);
+  });
+  return event;
 }
 
 TEST_F(Service, OrdinaryRunWritesTheWholeStory) {
@@ -231,7 +238,10 @@ TEST_F(Service, KilledServiceCanBeStartedAgain) {
 }
 
 // The handler's last report, STOP_PENDING, and the service thread's STOPPED come from two threads.
-// In the wrong order they leave the service at STOP_PENDING for ever.
+// In the wrong order they leave the service at STOP_PENDING for ever. A start that fails, about
+// once in several thousand, with error 1053 or 1359 is Wine's own: its loader ends the new process
+// before any of the program runs, because the kernel has laid the loader's heap over the page that
+// Windows shares with every process. cmake/wine-env.sh keeps that from happening where it may.
 TEST_F(Service, EveryOneOf500StopsEndsAtStopped) {
   installation.Replace("quick_core.dll", "vorlcore.dll");
   fs::remove(installation.Folder() / "vorlupd.dll");
@@ -239,7 +249,8 @@ TEST_F(Service, EveryOneOf500StopsEndsAtStopped) {
   for (int i = 0; i < 500; ++i) {
     const DWORD startError = service.Start();
     // Wine sometimes answers so for a service that ran and stopped at once.
-    ASSERT_TRUE(startError == ERROR_SUCCESS || startError == ERROR_SERVICE_REQUEST_TIMEOUT);
+    ASSERT_TRUE(startError == ERROR_SUCCESS || startError == ERROR_SERVICE_REQUEST_TIMEOUT)
+        << "start " << i << ": error " << startError;
     ASSERT_TRUE(service.WaitForState(SERVICE_RUNNING)) << "start " << i;
     ASSERT_EQ(service.Control(SERVICE_CONTROL_STOP), 0U) << "stop " << i;
     ASSERT_TRUE(service.WaitForState(SERVICE_STOPPED)) << "stop " << i;
