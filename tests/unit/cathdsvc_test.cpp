@@ -13,6 +13,7 @@
 #include "tests/support/import_patch.h"
 #include "tests/support/journal.h"
 #include "tests/support/library_calls.h"
+#include "tests/support/start_process.h"
 #include "tests/support/trace_recorder.h"
 #include "tests/unit/agent_service.h"
 
@@ -310,20 +311,14 @@ class WaitForServiceClosureThread : public WaitForServiceClosureTest {
 };
 
 TEST_F(WaitForServiceClosureThread, TheExitEventSignalledByAnotherProcessEndsTheWait) {
-  char command[600];
-  StringCchPrintfA(command, sizeof(command), "set_event.exe %s", VersionedName(kExitEvent).c_str());
-  STARTUPINFOA startup = {};
-  startup.cb = sizeof(startup);
-  PROCESS_INFORMATION process{};
-  ASSERT_TRUE(CreateProcessA(nullptr, command, nullptr, nullptr, FALSE, 0, nullptr, nullptr,
-                             &startup, &process));
+  const std::string command = "set_event.exe " + VersionedName(kExitEvent);
+  const KernelHandle process = StartProcess({command.begin(), command.end()}).process;
+  ASSERT_TRUE(process);
   watcher.join();
-  WaitForSingleObject(process.hProcess, INFINITE);
+  WaitForSingleObject(process.Get(), INFINITE);
   DWORD exitCode = 1;
-  GetExitCodeProcess(process.hProcess, &exitCode);
+  GetExitCodeProcess(process.Get(), &exitCode);
   EXPECT_EQ(exitCode, 0U);
-  CloseHandle(process.hThread);
-  CloseHandle(process.hProcess);
   EXPECT_THAT(recorder.Lines(),
               ElementsAre(WatcherLine(2, "Entry"), WatcherLine(2, "Exit Event Signalled"),
                           WatcherLine(2, "Exit")));

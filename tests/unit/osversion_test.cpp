@@ -16,6 +16,7 @@
 #include "support/handle.h"
 #include "tests/support/files.h"
 #include "tests/support/import_patch.h"
+#include "tests/support/start_process.h"
 
 using ::testing::ElementsAre;
 using ::testing::Test;
@@ -807,19 +808,11 @@ class ReportedVersion {
 
 // Runs the program to its end; returns its exit code.
 DWORD RunProgram(const std::string& program, const std::string& argument) {
-  std::string commandLine = '"' + program + "\" \"" + argument + '"';
-  STARTUPINFOA startup{};
-  startup.cb = sizeof(startup);
-  PROCESS_INFORMATION process{};
-  if (!CreateProcessA(nullptr, commandLine.data(), nullptr, nullptr, FALSE, 0, nullptr, nullptr,
-                      &startup, &process)) {
-    return 0xFFFFFFFF;
-  }
-  const KernelHandle owner(process.hProcess);
-  const KernelHandle thread(process.hThread);
-  WaitForSingleObject(process.hProcess, INFINITE);
+  const std::string commandLine = '"' + program + "\" \"" + argument + '"';
+  const KernelHandle process = StartProcess({commandLine.begin(), commandLine.end()}).process;
+  WaitForSingleObject(process.Get(), INFINITE);
   DWORD code = 0xFFFFFFFF;
-  GetExitCodeProcess(process.hProcess, &code);
+  GetExitCodeProcess(process.Get(), &code);
   return code;
 }
 

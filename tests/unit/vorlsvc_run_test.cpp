@@ -17,6 +17,7 @@
 #include "tests/support/import_patch.h"
 #include "tests/support/journal.h"
 #include "tests/support/library_calls.h"
+#include "tests/support/start_process.h"
 #include "tests/support/text.h"
 #include "tests/support/trace_recorder.h"
 #include "tests/unit/agent_service.h"
@@ -731,15 +732,9 @@ TEST_F(RunTest, TheExitEventSignalledByAnotherProcessLeadsToTheCleanUp) {
   AtStartUp(core, [this] {
     // The event must be there for the other process to open it.
     const HANDLE event = OpenOrCreateEvent(kExitEvent);
-    std::string command = "set_event.exe " + VersionedName(kExitEvent);
-    STARTUPINFOA startup = {};
-    startup.cb = sizeof(startup);
-    PROCESS_INFORMATION process{};
-    EXPECT_TRUE(CreateProcessA(nullptr, command.data(), nullptr, nullptr, FALSE, 0, nullptr,
-                               nullptr, &startup, &process));
+    const std::string command = "set_event.exe " + VersionedName(kExitEvent);
+    StartProcess({command.begin(), command.end()});
     AwaitWatcher();
-    CloseHandle(process.hThread);
-    CloseHandle(process.hProcess);
     CloseHandle(event);
   });
   service->Run();
