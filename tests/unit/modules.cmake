@@ -32,3 +32,9 @@ add_executable(vorlupd_victim vorlupd_victim.cpp)
 target_link_libraries(vorlupd_victim PRIVATE test_installation fake_libraries)
 set_target_properties(vorlupd_victim PROPERTIES RUNTIME_OUTPUT_DIRECTORY "${VORL_UNIT_TEST_FOLDER}")
 vorl_module_test(vorlmisc_trace vorlmisc vlevtlog)
+
+# What all in-house libraries do while they are loaded.
+vorl_module_test(library_load vlevtlog vorlmisc vorlinfo stack_guard_probe loader_victim)
+vorl_library(stack_guard_probe stack_guard_probe.def stack_guard_probe.cpp)
+set_target_properties(stack_guard_probe PROPERTIES RUNTIME_OUTPUT_DIRECTORY
+                                                   "${VORL_UNIT_TEST_FOLDER}")
