@@ -4,7 +4,7 @@
 
 #include <string>
 
-constexpr unsigned kThreads = 4;
+constexpr unsigned kThreads = 3;
 // What the module stress_module.dll writes counts as a thread of its own.
 constexpr unsigned kModuleThread = kThreads;
 constexpr unsigned kModuleLines = 6;

@@ -1,6 +1,6 @@
 // Several processes with several threads write numbered lines through the staged trace library;
 // afterwards every line is looked for in the files. VORL_TRACE_STRESS_LINES says how many lines
-// each thread writes, for runs that are longer than those of every day.
+// each thread writes; with 30000, 46 processes are terminated meanwhile, else fewer.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -35,20 +35,42 @@ namespace {
 
 namespace fs = std::filesystem;
 
-constexpr unsigned kProcesses = 4;
+constexpr unsigned kProcesses = 6;
 constexpr unsigned kMostWriters = 4096;
-constexpr unsigned kEverydayLines = 5000;
+constexpr unsigned kEverydayLines = 2000;
+constexpr unsigned kFullLines = 30000;
 constexpr unsigned kLinesUntilBegun = 10;
 constexpr unsigned kEndless = 0xFFFFFFFF;
 constexpr unsigned kEverydayTerminations = 10;
+constexpr unsigned kFullTerminations = 46;
+// Some hundred lines.
+constexpr unsigned kSmallFileKb = 64;
 constexpr DWORD kTerminationInterval = 100;
 constexpr DWORD kHoldInterval = 30;
+constexpr DWORD kCollectInterval = 20;
 
-// Filled by the writers, read by the test when they are gone: the number of the last line whose
-// call returned.
+// Filled by the writers, read by the test when they are gone.
 struct Progress {
+  // The number of the last line whose call returned.
   std::array<std::array<std::atomic<std::uint32_t>, kThreads>, kMostWriters> returned;
+  std::atomic<std::uint64_t> longestCall;  // microseconds
 };
+
+std::uint64_t Microseconds() {
+  LARGE_INTEGER frequency;
+  LARGE_INTEGER now;
+  QueryPerformanceFrequency(&frequency);
+  QueryPerformanceCounter(&now);
+  const auto perSecond = static_cast<std::uint64_t>(frequency.QuadPart);
+  return static_cast<std::uint64_t>(now.QuadPart) * 1000 / perSecond * 1000 +
+         static_cast<std::uint64_t>(now.QuadPart) * 1000 % perSecond * 1000 / perSecond;
+}
+
+void Raise(std::atomic<std::uint64_t>& longest, std::uint64_t value) {
+  std::uint64_t known = longest.load();
+  while (known < value && !longest.compare_exchange_weak(known, value)) {
+  }
+}
 
 struct ViewTraits {
   using Type = Progress*;
@@ -97,7 +119,9 @@ int WriteLines(const wchar_t* libraryFile, const wchar_t* sectionName, unsigned 
         if (number == kLinesUntilBegun) {
           SetEvent(hasBegun.Get());
         }
+        const std::uint64_t start = Microseconds();
         WriteLine(logTrace, writer, thread, number);
+        Raise(progress.Get()->longestCall, Microseconds() - start);
         progress.Get()->returned[writer][thread].store(number, std::memory_order_release);
       }
     });
@@ -125,19 +149,48 @@ class TraceUnderStress : public testing::Test {
         m_section(CreateFileMappingW(INVALID_HANDLE_VALUE, nullptr, PAGE_READWRITE, 0,
                                      sizeof(Progress), m_sectionName.c_str())),
         m_progress(Map(m_section.Get())) {
-    // So many files that none is deleted before it is read.
-    Configure(m_lines > 4 * kEverydayLines ? 4096 : 512);
-  }
-
-  void Configure(unsigned fileSizeKb) const {
-    WriteText(m_installation / "conf" / "vorlconf.ini",
-              "[TRACE]\r\nFileSizeKB=" + std::to_string(fileSizeKb) + "\r\nFiles=1000\r\n");
+    fs::create_directories(Kept());
+    Configure(kSmallFileKb);
   }
 
   struct Writer {
     KernelHandle process;
     KernelHandle hasBegun;
   };
+
+  fs::path Kept() const { return m_installation / "kept"; }
+
+  // Moves the full files out of the trace's reach, where none of them is deleted however many there
+  // are; except the youngest, whose number is what the next one is counted from.
+  void Collect() const {
+    std::vector<fs::path> full;
+    std::error_code ignored;
+    for (const fs::directory_entry& entry :
+         fs::directory_iterator(m_installation / "logs", ignored)) {
+      const std::string name = entry.path().filename().string();
+      if (name.find_first_of("0123456789") != std::string::npos) {
+        full.push_back(entry.path());
+      }
+    }
+    std::sort(full.begin(), full.end());
+    for (std::size_t i = 0; i + 1 < full.size(); ++i) {
+      fs::rename(full[i], Kept() / full[i].filename(), ignored);
+    }
+  }
+
+  // Waits for the writers, and collects meanwhile.
+  void CollectUntil(const std::vector<Writer>& writers) const {
+    for (const Writer& writer : writers) {
+      while (WaitForSingleObject(writer.process.Get(), kCollectInterval) == WAIT_TIMEOUT) {
+        Collect();
+      }
+    }
+  }
+
+  void Configure(unsigned fileSizeKb) const {
+    WriteText(m_installation / "conf" / "vorlconf.ini",
+              "[TRACE]\r\nFileSizeKB=" + std::to_string(fileSizeKb) + "\r\nFiles=1000\r\n");
+  }
 
   Writer StartWriter(unsigned lines, const wchar_t* mode = L"--write") {
     const unsigned writer = m_writers++;
@@ -170,13 +223,17 @@ class TraceUnderStress : public testing::Test {
   // whose call was about to return.
   void CheckFiles(std::size_t fewestFiles) {
     std::vector<fs::path> files;
-    for (const fs::directory_entry& entry : fs::directory_iterator(m_installation / "logs")) {
-      if (entry.path().extension() == ".log") {
-        files.push_back(entry.path());
+    for (const fs::path& folder : {m_installation / "logs", Kept()}) {
+      for (const fs::directory_entry& entry : fs::directory_iterator(folder)) {
+        if (entry.path().extension() == ".log") {
+          files.push_back(entry.path());
+        }
       }
     }
     // The numbers have leading zeros, and digits come before letters.
-    std::sort(files.begin(), files.end());
+    std::sort(files.begin(), files.end(), [](const fs::path& one, const fs::path& other) {
+      return one.filename() < other.filename();
+    });
     EXPECT_GE(files.size(), fewestFiles);
     EXPECT_EQ(files.back().filename(), "vorltrace.log");
     for (const fs::path& file : files) {
@@ -192,8 +249,9 @@ class TraceUnderStress : public testing::Test {
         total += found;
       }
     }
-    printf("%u writers, %llu lines, %u files\n", m_writers, total,
-           static_cast<unsigned>(files.size()));
+    printf("%u processes of %u threads, %llu lines, %u files, longest call %.3f ms\n", m_writers,
+           kThreads, total, static_cast<unsigned>(files.size()),
+           static_cast<double>(m_progress.Get()->longestCall) / 1000);
   }
 
   const unsigned m_lines = WantedLines();
@@ -251,13 +309,14 @@ TEST_F(TraceUnderStress, KeepsEveryLineOfSeveralProcesses) {
   for (unsigned i = 0; i < kProcesses; ++i) {
     writers.push_back(StartWriter(m_lines));
   }
+  CollectUntil(writers);
   Finish(writers);
   CheckFiles(3);
 }
 
 TEST_F(TraceUnderStress, KeepsEveryLineWhileProcessesAreTerminated) {
   std::vector<Writer> writers;
-  for (unsigned i = 1; i < kProcesses; ++i) {
+  for (unsigned i = 0; i < kProcesses; ++i) {
     writers.push_back(StartWriter(m_lines));
   }
   const auto areOthersWriting = [&] {
@@ -265,10 +324,12 @@ TEST_F(TraceUnderStress, KeepsEveryLineWhileProcessesAreTerminated) {
       return WaitForSingleObject(writer.process.Get(), 0) == WAIT_TIMEOUT;
     });
   };
+  const unsigned wanted = m_lines < kFullLines ? kEverydayTerminations : kFullTerminations;
   unsigned terminations = 0;
   Writer victim = StartWriter(kEndless);
   Writer nextVictim = StartWriter(kEndless);
-  while (terminations < kEverydayTerminations || areOthersWriting()) {
+  while (terminations < wanted || areOthersWriting()) {
+    Collect();
     // Ends by time-out: a victim never ends of itself.
     ASSERT_EQ(WaitForSingleObject(victim.process.Get(), kTerminationInterval),
               static_cast<DWORD>(WAIT_TIMEOUT));
@@ -304,6 +365,8 @@ TEST_F(TraceUnderStress, TakesLinesFromWithinDllMainOfProcessesThatBeginAndEnd) 
 }
 
 TEST_F(TraceUnderStress, KeepsEveryLineWhileAReaderHoldsTheFiles) {
+  // Nobody collects, so that the reader meets the file that is about to be set aside.
+  Configure(m_lines < kFullLines ? 512 : 4096);
   const KernelHandle stop(CreateEventW(nullptr, TRUE, FALSE, nullptr));
   std::atomic<unsigned> holds{0};
   std::thread reader([&] {
