@@ -55,28 +55,82 @@ std::optional<std::vector<Entry>> ReadFolder(const std::wstring& folder) {
   return entries;
 }
 
-bool ListFilesBelow(const std::wstring& folder, const std::wstring& prefix,
-                    std::vector<std::wstring>& files) {
+// `level`: that of what lies in `folder`, from 0.
+Listing ListFilesBelow(const std::wstring& folder, const std::wstring& prefix, unsigned level,
+                       std::vector<std::wstring>& files) {
+  if (level > kDeepestLevel) {
+    return Listing::kTooDeep;
+  }
   const std::optional<std::vector<Entry>> entries = ReadFolder(folder);
   if (!entries) {
-    return false;
+    return Listing::kFailed;
   }
   for (const Entry& entry : *entries) {
-    switch (entry.kind) {
-      case PathKind::kFile:
-        files.push_back(prefix + entry.name);
-        break;
-      case PathKind::kFolder:
-        if (!ListFilesBelow(folder + L"\\" + entry.name, prefix + entry.name + L"\\", files)) {
-          return false;
-        }
-        break;
-      default:
-        SetLastError(ERROR_CANT_ACCESS_FILE);
-        return false;
+    if (entry.kind == PathKind::kFile) {
+      files.push_back(prefix + entry.name);
+    } else if (entry.kind == PathKind::kFolder) {
+      const Listing listing = ListFilesBelow(folder + L"\\" + entry.name,
+                                             prefix + entry.name + L"\\", level + 1, files);
+      if (listing != Listing::kComplete) {
+        return listing;
+      }
+    } else {
+      SetLastError(ERROR_CANT_ACCESS_FILE);
+      return Listing::kFailed;
     }
   }
-  return true;
+  return Listing::kComplete;
+}
+
+// One of the two fits the link; neither touches what it leads to.
+bool RemoveLink(const std::wstring& link) noexcept {
+  return RemoveDirectoryW(link.c_str()) || DeleteFileW(link.c_str());
+}
+
+bool RemoveTreeAt(const std::wstring& folder, unsigned level) {
+  if (level > kDeepestLevel) {
+    return false;
+  }
+  const std::optional<std::vector<Entry>> entries = ReadFolder(folder);
+  if (!entries) {
+    return ::KindOf(folder) == PathKind::kNothing;
+  }
+  bool isAllGone = true;
+  for (const Entry& entry : *entries) {
+    const std::wstring path = folder + L"\\" + entry.name;
+    bool isGone = false;
+    switch (entry.kind) {
+      case PathKind::kFolder:
+        isGone = RemoveTreeAt(path, level + 1);
+        break;
+      case PathKind::kFile:
+        isGone = DeleteAnyFile(path);
+        break;
+      default:
+        isGone = RemoveLink(path);
+        break;
+    }
+    isAllGone = isAllGone && isGone;
+  }
+  return isAllGone && RemoveDirectoryW(folder.c_str());
+}
+
+void RemoveEmptyFoldersAt(const std::wstring& folder, unsigned level) {
+  if (level > kDeepestLevel) {
+    return;
+  }
+  const std::optional<std::vector<Entry>> entries = ReadFolder(folder);
+  if (!entries) {
+    return;
+  }
+  for (const Entry& entry : *entries) {
+    if (entry.kind == PathKind::kFolder) {
+      const std::wstring path = folder + L"\\" + entry.name;
+      RemoveEmptyFoldersAt(path, level + 1);
+      // Fails where a file is left, which is as it should be.
+      RemoveDirectoryW(path.c_str());
+    }
+  }
 }
 
 bool Flush(const std::wstring& path) noexcept {
@@ -150,8 +204,14 @@ PathKind KindOf(const std::wstring& path) noexcept {
                                                                         : PathKind::kUnknown;
 }
 
-bool ListFiles(const std::wstring& folder, std::vector<std::wstring>& files) {
-  return ListFilesBelow(folder, L"", files);
+std::wstring NameOnDisk(const std::wstring& path) {
+  WIN32_FIND_DATAW found;
+  const FindHandle search(FindFirstFileW(path.c_str(), &found));
+  return search ? found.cFileName : std::wstring();
+}
+
+Listing ListFiles(const std::wstring& folder, std::vector<std::wstring>& files) {
+  return ListFilesBelow(folder, L"", 0, files);
 }
 
 bool CopyToDisk(const std::wstring& source, const std::wstring& target) noexcept {
@@ -222,42 +282,7 @@ bool DeleteAnyFile(const std::wstring& file) noexcept {
 }
 
 bool RemoveTree(const std::wstring& folder) {
-  const std::optional<std::vector<Entry>> entries = ReadFolder(folder);
-  if (!entries) {
-    return KindOf(folder) == PathKind::kNothing;
-  }
-  bool isAllGone = true;
-  for (const Entry& entry : *entries) {
-    const std::wstring path = folder + L"\\" + entry.name;
-    bool isGone = false;
-    switch (entry.kind) {
-      case PathKind::kFolder:
-        isGone = RemoveTree(path);
-        break;
-      case PathKind::kFile:
-        isGone = DeleteAnyFile(path);
-        break;
-      default:
-        // One of the two fits the link; neither touches what it leads to.
-        isGone = RemoveDirectoryW(path.c_str()) || DeleteFileW(path.c_str());
-        break;
-    }
-    isAllGone = isAllGone && isGone;
-  }
-  return isAllGone && RemoveDirectoryW(folder.c_str());
+  return KindOf(folder) == PathKind::kLink ? RemoveLink(folder) : RemoveTreeAt(folder, 0);
 }
 
-void RemoveEmptyFolders(const std::wstring& folder) {
-  const std::optional<std::vector<Entry>> entries = ReadFolder(folder);
-  if (!entries) {
-    return;
-  }
-  for (const Entry& entry : *entries) {
-    if (entry.kind == PathKind::kFolder) {
-      const std::wstring path = folder + L"\\" + entry.name;
-      RemoveEmptyFolders(path);
-      // Fails where a file is left, which is as it should be.
-      RemoveDirectoryW(path.c_str());
-    }
-  }
-}
+void RemoveEmptyFolders(const std::wstring& folder) { RemoveEmptyFoldersAt(folder, 0); }

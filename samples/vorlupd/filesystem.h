@@ -23,9 +23,21 @@ enum class PathKind {
 };
 PathKind KindOf(const std::wstring& path) noexcept;
 
-// Adds the relative paths of all files below `folder` to `files`, in a fixed order. False when a
-// folder cannot be read, or with ERROR_CANT_ACCESS_FILE at a link.
-bool ListFiles(const std::wstring& folder, std::vector<std::wstring>& files);
+// The name under which the last part of `path` lies in its folder, where `path` may have its short
+// (8.3) name; empty when nothing is there or it cannot be told.
+std::wstring NameOnDisk(const std::wstring& path);
+
+// Folders below a folder are looked into down to this level; what is nested deeper is left alone.
+constexpr unsigned kDeepestLevel = 64;
+
+enum class Listing {
+  kComplete,
+  kTooDeep,  // folders are nested deeper than kDeepestLevel
+  kFailed    // a folder cannot be read, or with ERROR_CANT_ACCESS_FILE: there is a link
+};
+
+// Adds the relative paths of all files below `folder` to `files`, in a fixed order.
+Listing ListFiles(const std::wstring& folder, std::vector<std::wstring>& files);
 
 // Copies a file, replacing `target`, and returns when the copy is on the disk.
 bool CopyToDisk(const std::wstring& source, const std::wstring& target) noexcept;
@@ -45,9 +57,9 @@ bool RemoveFile(const std::wstring& file, const std::wstring& aside);
 // Deletes a file also when it is read-only. A missing file is success.
 bool DeleteAnyFile(const std::wstring& file) noexcept;
 
-// Deletes `folder` with all that is in it, as far as it can. Links are removed, not followed. False
-// when something is left; a missing folder is success.
+// Deletes `folder` with all that is in it, as far as it can. Links are removed, not followed, also
+// when `folder` is one. False when something is left; a missing folder is success.
 bool RemoveTree(const std::wstring& folder);
 
-// Removes the folders below `folder`, at any depth, that hold no file.
+// Removes the folders below `folder` that hold no file.
 void RemoveEmptyFolders(const std::wstring& folder);

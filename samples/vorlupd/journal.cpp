@@ -1,5 +1,6 @@
 #include "samples/vorlupd/journal.h"
 
+#include <algorithm>
 #include <string_view>
 
 #include "samples/vorlupd/filesystem.h"
@@ -59,9 +60,9 @@ std::optional<std::wstring_view> TakeLine(std::wstring_view& text) {
 std::optional<std::wstring> ReadWholeFile(const std::wstring& path) {
   const FileHandle file(CreateFileW(path.c_str(), GENERIC_READ, FILE_SHARE_READ | FILE_SHARE_DELETE,
                                     nullptr, OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL, nullptr));
-  constexpr LONGLONG largest = LONGLONG{64} * 1024 * 1024;
   LARGE_INTEGER size{};
-  if (!file || !GetFileSizeEx(file.Get(), &size) || size.QuadPart > largest) {
+  if (!file || !GetFileSizeEx(file.Get(), &size) ||
+      static_cast<ULONGLONG>(size.QuadPart) > kLargestJournalSize) {
     return std::nullopt;
   }
   std::wstring text(static_cast<std::size_t>(size.QuadPart) / sizeof(wchar_t), L'\0');
@@ -78,16 +79,32 @@ bool WriteToDisk(const std::wstring& path, const std::wstring& text) {
                                     FILE_ATTRIBUTE_NORMAL, nullptr));
   const DWORD byteCount = static_cast<DWORD>(text.size() * sizeof(wchar_t));
   DWORD written = 0;
-  return file && WriteFile(file.Get(), text.data(), byteCount, &written, nullptr) &&
-         FlushFileBuffers(file.Get());
+  if (!file || !WriteFile(file.Get(), text.data(), byteCount, &written, nullptr)) {
+    return false;
+  }
+  if (written != byteCount) {
+    SetLastError(ERROR_DISK_FULL);
+    return false;
+  }
+  return FlushFileBuffers(file.Get()) != FALSE;
 }
 
 }  // namespace
 
 bool WriteJournal(const std::wstring& file, const std::vector<Step>& steps) {
+  if (!std::all_of(steps.begin(), steps.end(),
+                   [](const Step& step) { return IsPlainRelativePath(step.path); })) {
+    SetLastError(ERROR_INVALID_NAME);
+    return false;
+  }
+  const std::wstring text = Compose(steps);
+  if (text.size() > kLargestJournalSize / sizeof(wchar_t)) {
+    SetLastError(ERROR_FILE_TOO_LARGE);
+    return false;
+  }
   // Under another name until it is complete: half a journal would undo half an update.
   const std::wstring unfinished = file + L".new";
-  return WriteToDisk(unfinished, Compose(steps)) &&
+  return WriteToDisk(unfinished, text) &&
          MoveFileExW(unfinished.c_str(), file.c_str(), MOVEFILE_WRITE_THROUGH);
 }
 

@@ -5,6 +5,7 @@
 // to the installation.
 #pragma once
 
+#include <cstddef>
 #include <optional>
 #include <string>
 #include <vector>
@@ -22,8 +23,12 @@ struct Step {
   bool operator==(const Step&) const = default;
 };
 
-// Returns when the complete journal is on the disk; false, with the last error set and no journal
-// there, when it cannot be written.
+// A journal is at most this large.
+constexpr std::size_t kLargestJournalSize = std::size_t{64} * 1024 * 1024;
+
+// Returns when the complete journal is on the disk. False, with the last error set and no journal
+// there, when it cannot be written, would be too large (ERROR_FILE_TOO_LARGE) or could not be read
+// again for one of its paths (ERROR_INVALID_NAME).
 bool WriteJournal(const std::wstring& file, const std::vector<Step>& steps);
 
 // The steps, or nothing when this is no complete journal or one of its paths would lead out of the

@@ -11,10 +11,9 @@ namespace {
 constexpr wchar_t kPendingName[] = L"pending";
 constexpr wchar_t kWorkName[] = L"update.work";
 
-// Whether the first name of `path` is `name`, in whatever letters.
-bool BeginsWith(const std::wstring& path, const wchar_t* name) {
-  return CompareStringOrdinal(path.substr(0, path.find(L'\\')).c_str(), -1, name, -1, TRUE) ==
-         CSTR_EQUAL;
+// In whatever letters, as file names are compared.
+bool IsSameName(const std::wstring& left, const wchar_t* right) {
+  return CompareStringOrdinal(left.c_str(), -1, right, -1, TRUE) == CSTR_EQUAL;
 }
 
 }  // namespace
@@ -42,6 +41,13 @@ bool Update::UndoInterrupted() const {
   if (KindOf(m_journal) == PathKind::kNothing) {
     return true;
   }
+  for (const std::wstring& folder : {m_staged, m_backup, m_aside}) {
+    const PathKind kind = KindOf(folder);
+    if (kind != PathKind::kFolder && kind != PathKind::kNothing) {
+      trace.ErrorDirect(L"Not a folder of this installation: %s", folder.c_str());
+      return false;
+    }
+  }
   trace.Info("An earlier update was cut off and is undone");
   const std::optional<std::vector<Step>> steps = ReadJournal(m_journal);
   if (!steps) {
@@ -58,9 +64,15 @@ bool Update::ApplyPending() const {
     case PathKind::kNothing:
       break;
     case PathKind::kFolder:
-      if (!ListFiles(m_pending, files)) {
-        trace.Error("Pending files cannot be listed (%u)", GetLastError());
-        return false;
+      switch (ListFiles(m_pending, files)) {
+        case Listing::kComplete:
+          break;
+        case Listing::kTooDeep:
+          trace.Error("Pending folders are nested deeper than %u", kDeepestLevel);
+          return false;
+        case Listing::kFailed:
+          trace.Error("Pending files cannot be listed (%u)", GetLastError());
+          return false;
       }
       break;
     default:
@@ -80,7 +92,7 @@ bool Update::ApplyPending() const {
   }
 
   std::vector<Step> steps;
-  if (!Plan(files, steps) || !Prepare(steps)) {
+  if (!MakeWork() || !Plan(files, steps) || !Prepare(steps)) {
     ClearWork();
     return false;
   }
@@ -103,6 +115,18 @@ bool Update::ApplyPending() const {
   return true;
 }
 
+// Comes first, so that the folder shows under all its names.
+bool Update::MakeWork() const {
+  constexpr Trace trace{"Update::MakeWork"};
+  for (const std::wstring& folder : {m_work, m_staged, m_backup}) {
+    if (!CreateDirectoryW(folder.c_str(), nullptr) && GetLastError() != ERROR_ALREADY_EXISTS) {
+      trace.ErrorDirect(L"Folder cannot be made: %s", folder.c_str());
+      return false;
+    }
+  }
+  return true;
+}
+
 bool Update::Plan(const std::vector<std::wstring>& files, std::vector<Step>& steps) const {
   return std::all_of(files.begin(), files.end(),
                      [&](const std::wstring& file) { return PlanFile(file, steps); });
@@ -111,7 +135,7 @@ bool Update::Plan(const std::vector<std::wstring>& files, std::vector<Step>& ste
 // Adds the steps that bring `file` to its place, or refuses what lies there.
 bool Update::PlanFile(const std::wstring& file, std::vector<Step>& steps) const {
   constexpr Trace trace{"Update::PlanFile"};
-  if (!IsPlainRelativePath(file) || BeginsWith(file, kPendingName) || BeginsWith(file, kWorkName)) {
+  if (!IsPlainRelativePath(file) || IsOwnFolder(file.substr(0, file.find(L'\\')))) {
     trace.ErrorDirect(L"Pending file is refused: %s", file.c_str());
     return false;
   }
@@ -144,12 +168,6 @@ bool Update::PlanFile(const std::wstring& file, std::vector<Step>& steps) const 
 // Makes all copies, before anything of the installation changes.
 bool Update::Prepare(const std::vector<Step>& steps) const {
   constexpr Trace trace{"Update::Prepare"};
-  for (const std::wstring& folder : {m_work, m_staged, m_backup}) {
-    if (!CreateDirectoryW(folder.c_str(), nullptr) && GetLastError() != ERROR_ALREADY_EXISTS) {
-      trace.ErrorDirect(L"Folder cannot be made: %s", folder.c_str());
-      return false;
-    }
-  }
   for (const Step& step : steps) {
     if (step.kind == Step::Kind::kFolder) {
       continue;
@@ -246,6 +264,14 @@ bool Update::UndoStep(const Step& step) const {
   return false;
 }
 
+// Whether `name` in the installation is one of the folders that belong to updating, by its short
+// name too.
+bool Update::IsOwnFolder(const std::wstring& name) const {
+  const std::wstring onDisk = NameOnDisk(m_installation + L"\\" + name);
+  return IsSameName(name, kPendingName) || IsSameName(name, kWorkName) ||
+         IsSameName(onDisk, kPendingName) || IsSameName(onDisk, kWorkName);
+}
+
 // Whether no link stands between the installation and the target of `step`.
 bool Update::IsInside(const Step& step) const {
   for (std::size_t end = step.path.find(L'\\'); end != std::wstring::npos;
@@ -263,9 +289,10 @@ bool Update::ClearWork() const {
   if (KindOf(m_work) == PathKind::kNothing) {
     return true;
   }
-  RemoveTree(m_aside);
-  const bool isClear =
-      RemoveTree(m_staged) && RemoveTree(m_backup) && DeleteAnyFile(m_journal + L".new");
+  // Former files may stay, but not behind a link.
+  const bool isAsideUsable = RemoveTree(m_aside) || KindOf(m_aside) == PathKind::kFolder;
+  const bool isClear = isAsideUsable && RemoveTree(m_staged) && RemoveTree(m_backup) &&
+                       DeleteAnyFile(m_journal + L".new");
   // Stays as long as it holds a file that is in use.
   RemoveDirectoryW(m_work.c_str());
   return isClear;

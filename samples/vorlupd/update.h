@@ -27,6 +27,7 @@ class Update {
   bool ApplyPending() const;
 
  private:
+  bool MakeWork() const;
   bool Plan(const std::vector<std::wstring>& files, std::vector<Step>& steps) const;
   bool PlanFile(const std::wstring& file, std::vector<Step>& steps) const;
   bool Prepare(const std::vector<Step>& steps) const;
@@ -34,6 +35,7 @@ class Update {
   bool Undo(const std::vector<Step>& steps) const;
   bool UndoStep(const Step& step) const;
   bool IsInside(const Step& step) const;
+  bool IsOwnFolder(const std::wstring& name) const;
   bool ClearWork() const;
   void RemovePending(const std::vector<Step>& steps) const;
 

@@ -8,6 +8,8 @@
 #include <string>
 #include <vector>
 
+#include "samples/vorlupd/filesystem.h"
+#include "samples/vorlupd/journal.h"
 #include "tests/fakes/vlevtlog_fake.h"
 #include "tests/support/start_process.h"
 #include "tests/unit/vorlupd_operations.h"
@@ -302,7 +304,30 @@ TEST_F(UpdateModule, ItsOwnFoldersCannotBeUpdated) {
   }
 }
 
-// Under Wine only links to folders show as such.
+TEST_F(UpdateModule, ItsOwnFoldersAreKnownByTheirShortNames) {
+  // A file that an earlier update could not delete.
+  Install("update.work\\aside\\0", "former");
+  wchar_t path[1024];
+  ASSERT_NE(GetShortPathNameW((m_installation / "update.work").c_str(), path, 1024), 0U);
+  const std::string shortName = fs::path(path).filename().string();
+  if (shortName == "update.work") {
+    GTEST_SKIP() << "there are no short names here";
+  }
+  for (const bool isThere : {true, false}) {
+    if (!isThere) {
+      fs::remove_all(m_installation / "update.work");
+    }
+    Pend(shortName + "\\aside\\1", "new");
+    EXPECT_FALSE(Run());
+    EXPECT_THAT(Lines(), Contains("1 Update::PlanFile: Pending file is refused: " + shortName +
+                                  "\\aside\\1"));
+    EXPECT_THAT(Installed(), Contains("pending\\" + shortName + "\\aside\\1=new"));
+    EXPECT_FALSE(fs::exists(m_installation / "update.work"));
+  }
+}
+
+// Under Wine only links to folders show as such, and what removes a folder there removes what its
+// links lead to as well.
 TEST_F(UpdateModule, LinksAreNotFollowedOutOfTheInstallation) {
   const TempFolder outside;
   WriteText(outside.Path() / "a.txt", "outside");
@@ -322,6 +347,38 @@ TEST_F(UpdateModule, LinksAreNotFollowedOutOfTheInstallation) {
   EXPECT_THAT(Lines(), Contains("1 Update::ApplyPending: Pending files cannot be listed (1920)"));
   EXPECT_FALSE(fs::exists(m_installation / "taken"));
   EXPECT_THAT(TreeOf(outside.Path()), ElementsAre("a.txt=outside"));
+}
+
+TEST_F(UpdateModule, LinksInPlaceOfItsFoldersAreNotFollowed) {
+  for (const char* name : {"pending", "update.work"}) {
+    const TempFolder outside;
+    WriteText(outside.Path() / "a.txt", "outside");
+    const Installation installation({"vorlupd.dll"});
+    WriteText(installation / "pending" / "b.txt", "new b");
+    fs::remove_all(installation / name);
+    if (!MakeFolderLink(installation / name, outside.Path())) {
+      GTEST_SKIP() << "no link can be made here";
+    }
+    EXPECT_FALSE(Run(installation));
+    EXPECT_THAT(Lines(), Contains(::testing::HasSubstr("Not a folder of this installation: ")));
+    EXPECT_FALSE(fs::exists(installation / "a.txt"));
+    EXPECT_THAT(TreeOf(outside.Path()), ElementsAre("a.txt=outside")) << name;
+  }
+  // Inside its own folder a link is removed like anything that is left over. Under Wine no call
+  // removes one, and the update has to wait.
+  for (const char* name : {"staged", "backup", "aside"}) {
+    const TempFolder outside;
+    WriteText(outside.Path() / "a.txt", "outside");
+    const Installation installation({"vorlupd.dll"});
+    WriteText(installation / "pending" / "b.txt", "new b");
+    const fs::path link = installation / "update.work" / name;
+    fs::create_directory(link.parent_path());
+    ASSERT_TRUE(MakeFolderLink(link, outside.Path()));
+    const bool isApplied = Run(installation);
+    const bool isLeft = GetFileAttributesW(link.c_str()) != INVALID_FILE_ATTRIBUTES;
+    EXPECT_EQ(isApplied, !isLeft) << name;
+    EXPECT_THAT(TreeOf(outside.Path()), ElementsAre("a.txt=outside")) << name;
+  }
 }
 
 TEST_F(UpdateModule, PathsBeyond260CharactersAreUpdated) {
@@ -344,6 +401,97 @@ TEST_F(UpdateModule, PathsBeyond260CharactersAreUpdated) {
   // What removes the folder afterwards does not reach so far.
   DeleteFileW((root + L"\\" + deep + L"\\a.txt").c_str());
   RemoveDirectoryW((root + L"\\" + deep).c_str());
+}
+
+// `levels` folders of one another below `root`, each called "d"; the path of the deepest.
+std::wstring MakeNested(const std::wstring& root, unsigned levels) {
+  std::wstring path = root;
+  CreateDirectoryW(path.c_str(), nullptr);
+  for (unsigned level = 0; level < levels; ++level) {
+    path += L"\\d";
+    EXPECT_TRUE(CreateDirectoryW(path.c_str(), nullptr)) << "level " << level;
+  }
+  return path;
+}
+
+// The other way round; files in the folders must be gone.
+void RemoveNested(std::wstring path, unsigned levels) {
+  for (unsigned level = 0; level < levels; ++level) {
+    EXPECT_TRUE(RemoveDirectoryW(path.c_str())) << "level " << level;
+    path.resize(path.size() - 2);
+  }
+}
+
+TEST_F(UpdateModule, FoldersNestedHundredsDeepAreRefused) {
+  constexpr unsigned kLevels = 300;
+  const std::wstring pending = L"\\\\?\\" + m_installation.Path().wstring() + L"\\pending";
+  const std::wstring deepest = MakeNested(pending, kLevels);
+  Pend("a.txt", "new a");
+  EXPECT_FALSE(Run());
+  EXPECT_THAT(Lines(),
+              ElementsAre("2 UpdateBeforeClientService: Entry",
+                          "1 Update::ApplyPending: Pending folders are nested deeper than 64",
+                          "1 UpdateBeforeClientService: Update Failed"));
+  EXPECT_FALSE(fs::exists(m_installation / "a.txt"));
+  RemoveNested(deepest, kLevels);
+}
+
+TEST_F(UpdateModule, FoldersNested64DeepAreUpdated) {
+  const std::wstring root = L"\\\\?\\" + m_installation.Path().wstring();
+  const std::wstring pending = MakeNested(root + L"\\pending", 64);
+  ASSERT_TRUE(FileHandle(CreateFileW((pending + L"\\a.txt").c_str(), GENERIC_WRITE, 0, nullptr,
+                                     CREATE_NEW, 0, nullptr)));
+  EXPECT_TRUE(Run());
+  std::wstring target = root;
+  for (unsigned level = 0; level < 64; ++level) {
+    target += L"\\d";
+  }
+  EXPECT_TRUE(DeleteFileW((target + L"\\a.txt").c_str()));
+  RemoveNested(target, 64);
+  EXPECT_THAT(Installed(), ElementsAre("pending\\"));
+}
+
+// Every folder holds one more.
+HANDLE WINAPI FindEndless(const wchar_t* path, WIN32_FIND_DATAW* found) {
+  const HANDLE search = FindFirstFileW(path, found);
+  if (std::wstring_view(path).find(L"\\pending\\") == std::wstring_view::npos &&
+      std::wstring_view(path).find(L"\\aside\\") == std::wstring_view::npos) {
+    return search;
+  }
+  if (search != INVALID_HANDLE_VALUE) {
+    FindClose(search);
+  }
+  WIN32_FIND_DATAW unused;
+  *found = {};
+  found->dwFileAttributes = FILE_ATTRIBUTE_DIRECTORY;
+  found->cFileName[0] = L'd';
+  return FindFirstFileW(L"C:\\*", &unused);
+}
+
+BOOL WINAPI FindNoMore(HANDLE, WIN32_FIND_DATAW*) {
+  SetLastError(ERROR_NO_MORE_FILES);
+  return FALSE;
+}
+
+TEST_F(UpdateModule, EndlesslyNestedFoldersAreLeftAlone) {
+  fs::create_directories(m_installation / "pending");
+  {
+    const Library module(m_installation / "vorlupd.dll");
+    module.ReplaceImport("FindFirstFileW", &FindEndless);
+    module.ReplaceImport("FindNextFileW", &FindNoMore);
+    EXPECT_FALSE(module.Name<decltype(UpdateBeforeClientService)>("UpdateBeforeClientService")());
+  }
+  EXPECT_THAT(Lines(),
+              Contains("1 Update::ApplyPending: Pending folders are nested deeper than 64"));
+  // In its own folder.
+  fs::remove_all(m_installation / "pending");
+  fs::create_directories(m_installation / "update.work" / "aside");
+  {
+    const Library module(m_installation / "vorlupd.dll");
+    module.ReplaceImport("FindFirstFileW", &FindEndless);
+    module.ReplaceImport("FindNextFileW", &FindNoMore);
+    EXPECT_TRUE(module.Name<decltype(UpdateBeforeClientService)>("UpdateBeforeClientService")());
+  }
 }
 
 // An update with every kind of step, before and after it.
@@ -474,16 +622,17 @@ TEST_F(CutOffUpdate, AtAnyFailingOperationLeavesTheOldOrTheNewInstallation) {
   EXPECT_GT(failed, 10U);
 }
 
-class Journal : public UpdateModule {
+class JournalOfModule : public UpdateModule {
  protected:
-  void WriteJournal(const std::wstring& text) const {
+  void PutJournal(const std::wstring& text) const { PutJournal(m_installation, text); }
+  static void PutJournal(const Installation& installation, const std::wstring& text) {
     std::string bytes = "\xFF\xFE";
     bytes.append(reinterpret_cast<const char*>(text.data()), text.size() * sizeof(wchar_t));
-    WriteText(m_installation / "update.work" / "journal", bytes);
+    WriteText(installation / "update.work" / "journal", bytes);
   }
 };
 
-TEST_F(Journal, OfACutOffUpdateIsFollowedBackwards) {
+TEST_F(JournalOfModule, OfACutOffUpdateIsFollowedBackwards) {
   Install("a.txt", "new a");
   Install("fresh\\c.txt", "new c");
   Install("later.txt", "old later");
@@ -493,7 +642,7 @@ TEST_F(Journal, OfACutOffUpdateIsFollowedBackwards) {
   Install("update.work\\staged\\later.txt", "new later");
   // Moved aside, and nothing put in its place yet.
   Install("update.work\\staged\\gone.txt", "new gone");
-  WriteJournal(
+  PutJournal(
       L"vorlupd journal 1\r\nreplace a.txt\r\nfolder fresh\r\ncreate fresh\\c.txt\r\n"
       L"replace gone.txt\r\nreplace later.txt\r\nend\r\n");
   EXPECT_TRUE(Run());
@@ -506,12 +655,12 @@ TEST_F(Journal, OfACutOffUpdateIsFollowedBackwards) {
                           "2 UpdateBeforeClientService: Exit"));
 }
 
-TEST_F(Journal, ThatCannotBeUndoneYetIsTriedAgainAndHoldsBackOtherUpdates) {
+TEST_F(JournalOfModule, ThatCannotBeUndoneYetIsTriedAgainAndHoldsBackOtherUpdates) {
   Install("a.txt", "new a");
   Install("b.txt", "new b");
   Install("update.work\\backup\\a.txt", "old a");
   Install("update.work\\backup\\b.txt", "old b");
-  WriteJournal(L"vorlupd journal 1\r\nreplace a.txt\r\nreplace b.txt\r\nend\r\n");
+  PutJournal(L"vorlupd journal 1\r\nreplace a.txt\r\nreplace b.txt\r\nend\r\n");
   Pend("c.txt", "new c");
   {
     const FileHandle held = OpenWithoutSharing(m_installation / "a.txt");
@@ -531,10 +680,10 @@ HANDLE WINAPI FindAllButStaged(const wchar_t* path, WIN32_FIND_DATAW* found) {
   return FindFirstFileW(path, found);
 }
 
-TEST_F(Journal, OfWhichAStepCannotBeToldIsNotTakenForUndone) {
+TEST_F(JournalOfModule, OfWhichAStepCannotBeToldIsNotTakenForUndone) {
   Install("a.txt", "new a");
   Install("update.work\\backup\\a.txt", "old a");
-  WriteJournal(L"vorlupd journal 1\r\nreplace a.txt\r\nend\r\n");
+  PutJournal(L"vorlupd journal 1\r\nreplace a.txt\r\nend\r\n");
   {
     const Library module(m_installation / "vorlupd.dll");
     module.ReplaceImport("FindFirstFileW", &FindAllButStaged);
@@ -545,7 +694,7 @@ TEST_F(Journal, OfWhichAStepCannotBeToldIsNotTakenForUndone) {
   EXPECT_THAT(Installed(), ElementsAre("a.txt=old a"));
 }
 
-TEST_F(Journal, ThatIsDamagedOrLeadsOutOfTheInstallationIsNotFollowed) {
+TEST_F(JournalOfModule, ThatIsDamagedOrLeadsOutOfTheInstallationIsNotFollowed) {
   const TempFolder outside;
   WriteText(outside.Path() / "a.txt", "outside");
   Install("a.txt", "a");
@@ -564,7 +713,7 @@ TEST_F(Journal, ThatIsDamagedOrLeadsOutOfTheInstallationIsNotFollowed) {
         std::wstring(L"vorlupd journal 1\r\ncreate a.txt:stream\r\nend\r\n"),
         std::wstring(L"vorlupd journal 1\r\ncreate \r\nend\r\n"),
         std::wstring(L"vorlupd journal 1\r\ncreate a.txt\\\r\nend\r\n")}) {
-    WriteJournal(journal);
+    PutJournal(journal);
     const Tree before = Installed();
     FakeTraceClear();
     EXPECT_FALSE(Run());
@@ -572,6 +721,117 @@ TEST_F(Journal, ThatIsDamagedOrLeadsOutOfTheInstallationIsNotFollowed) {
     EXPECT_THAT(Installed(), ElementsAreArray(before));
     EXPECT_THAT(TreeOf(outside.Path()), ElementsAre("a.txt=outside"));
   }
+}
+
+TEST_F(JournalOfModule, IsNotFollowedThroughLinks) {
+  for (const char* name : {"backup", "staged", "aside"}) {
+    const TempFolder outside;
+    WriteText(outside.Path() / "a.txt", "outside");
+    const Installation installation({"vorlupd.dll"});
+    WriteText(installation / "a.txt", "a");
+    PutJournal(installation, L"vorlupd journal 1\r\nreplace a.txt\r\nend\r\n");
+    if (!MakeFolderLink(installation / "update.work" / name, outside.Path())) {
+      GTEST_SKIP() << "no link can be made here";
+    }
+    EXPECT_FALSE(Run(installation)) << name;
+    EXPECT_THAT(Lines(), Contains(::testing::HasSubstr("Not a folder of this installation: ")));
+    EXPECT_THAT(TreeOf(outside.Path()), ElementsAre("a.txt=outside"));
+    EXPECT_THAT(TreeOfInstallation(installation), Contains("a.txt=a")) << name;
+  }
+}
+
+// The journal's own functions, with the largest and strangest that they can be given.
+class JournalFile : public ::testing::Test {
+ protected:
+  std::vector<std::string> Files() const { return TreeOf(m_folder.Path()); }
+
+  const TempFolder m_folder;
+  const std::wstring m_file = ExtendedLength((m_folder.Path() / "journal").wstring());
+};
+
+TEST_F(JournalFile, IsReadAgainWhateverTheNamesAre) {
+  std::vector<Step> steps;
+  for (const std::wstring& name :
+       {std::wstring(L"a"), std::wstring(L" "), std::wstring(L" a "), std::wstring(L"a."),
+        std::wstring(L"end"), std::wstring(L"create b"), std::wstring(L"100% %s %n"),
+        std::wstring(L"\x7F"), std::wstring(L"\x85"), std::wstring(L"\x2028\x2029"),
+        std::wstring(L"\xFEFF"), std::wstring(L"\xFFFE\xFFFF"), std::wstring(L"\xD83D\xDE00"),
+        std::wstring(L"\xDE00\xD83D"), std::wstring(L"\xD83D"), std::wstring(32'000, L'x')}) {
+    steps.push_back({Step::Kind::kFolder, name});
+    steps.push_back({Step::Kind::kReplace, name + L"\\" + name});
+    steps.push_back({Step::Kind::kCreate, name + L"\\b\\" + name});
+  }
+  ASSERT_TRUE(WriteJournal(m_file, steps));
+  EXPECT_EQ(ReadJournal(m_file), steps);
+}
+
+TEST_F(JournalFile, IsNotWrittenWhereItCouldNotBeReadAgain) {
+  for (const wchar_t* path : {L"", L"a\r\nb", L"a\n", L"\r", L"..\\a", L"a\\..\\b", L"a\\\\b",
+                              L"a\\", L"\\a", L"a/b", L"a:b", L"a\x1F"}) {
+    EXPECT_FALSE(WriteJournal(m_file, {{Step::Kind::kCreate, L"a"}, {Step::Kind::kCreate, path}}));
+    EXPECT_EQ(GetLastError(), DWORD{ERROR_INVALID_NAME});
+    EXPECT_THAT(Files(), IsEmpty());
+  }
+}
+
+TEST_F(JournalFile, IsReadAgainWhenItIsTheLargestAndNotWrittenWhenItWouldBeLarger) {
+  // One step takes "create ", its path and the end of the line.
+  constexpr std::size_t kPathLength = 32'000;
+  constexpr std::size_t kStepSize = (7 + kPathLength + 2) * sizeof(wchar_t);
+  // The mark, the title and the last line.
+  constexpr std::size_t kFrameSize = (1 + 19 + 5) * sizeof(wchar_t);
+  const std::size_t count = (kLargestJournalSize - kFrameSize) / kStepSize;
+  std::vector<Step> steps(count, {Step::Kind::kCreate, std::wstring(kPathLength, L'x')});
+  steps.back().path.append((kLargestJournalSize - kFrameSize - count * kStepSize) / 2, L'y');
+  ASSERT_TRUE(WriteJournal(m_file, steps));
+  EXPECT_EQ(fs::file_size(m_file), kLargestJournalSize);
+  EXPECT_TRUE(ReadJournal(m_file) == steps);
+  fs::remove(m_file);
+
+  steps.back().path.append(L"z");
+  EXPECT_FALSE(WriteJournal(m_file, steps));
+  EXPECT_EQ(GetLastError(), DWORD{ERROR_FILE_TOO_LARGE});
+  EXPECT_THAT(Files(), IsEmpty());
+}
+
+TEST_F(JournalFile, ThatIsCutAnywhereIsNotRead) {
+  const std::vector<Step> steps = {{Step::Kind::kFolder, L"a"}, {Step::Kind::kCreate, L"a\\end"}};
+  ASSERT_TRUE(WriteJournal(m_file, steps));
+  const ByteVector whole = ReadBytes(fs::path(m_file).string());
+  for (std::size_t size = 0; size < whole.size(); ++size) {
+    fs::resize_file(m_file, size);
+    EXPECT_FALSE(ReadJournal(m_file)) << size << " bytes";
+    fs::remove(m_file);
+    ASSERT_TRUE(WriteJournal(m_file, steps));
+  }
+}
+
+// A disk that fills up in the middle of the journal.
+BOOL(WINAPI* g_writeFile)(HANDLE, const void*, DWORD, DWORD*, OVERLAPPED*) = nullptr;
+
+BOOL WINAPI WriteHalf(HANDLE file, const void* data, DWORD size, DWORD* written,
+                      OVERLAPPED* overlapped) {
+  return g_writeFile(file, data, size / 2, written, overlapped);
+}
+
+TEST_F(JournalOfModule, OfWhichOnlyHalfIsWrittenStopsTheUpdate) {
+  Install("a.txt", "old a");
+  Pend("a.txt", "new a");
+  {
+    const Library module(m_installation / "vorlupd.dll");
+    g_writeFile = module.ReplaceImport("WriteFile", &WriteHalf);
+    EXPECT_FALSE(module.Name<decltype(UpdateBeforeClientService)>("UpdateBeforeClientService")());
+  }
+  EXPECT_THAT(Lines(), Contains("1 Update::ApplyPending: Journal cannot be written (112)"));
+  EXPECT_THAT(Installed(), ElementsAre("a.txt=old a", "pending\\", "pending\\a.txt=new a"));
+}
+
+TEST_F(JournalOfModule, ThatWasNotFinishedIsNoJournal) {
+  Install("a.txt", "old a");
+  Install("update.work\\journal.new", "half a");
+  Pend("a.txt", "new a");
+  EXPECT_TRUE(Run());
+  EXPECT_THAT(Installed(), ElementsAre("a.txt=new a", "pending\\"));
 }
 
 }  // namespace
