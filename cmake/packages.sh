@@ -22,7 +22,7 @@ install_packages() {
 build_packages=(cmake ninja-build g++-mingw-w64-x86-64-posix wine64 googletest)
 lint_packages=(clang-format clang-tidy cppcheck)
 # The installer package and what ./dist makes besides.
-dist_packages=(wixl msitools faketime osslsigncode openssl zip)
+dist_packages=(wixl msitools faketime osslsigncode openssl zip unzip)
 
 # step TEXT: says what happens next.
 step() {
