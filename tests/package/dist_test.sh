@@ -66,9 +66,12 @@ verify "build/dist/client-agent-$version.msi" >"$sign/verified.txt" ||
   fail "the package is not signed: $(cat "$sign/verified.txt")"
 mkdir "$sign/unpacked"
 (cd "$sign/unpacked" && msiextract "../../dist/client-agent-$version.msi" >/dev/null)
-for binary in $(find "$sign/unpacked" -name '*.exe' -o -name '*.dll' | tr ' ' '?'); do
-  verify "$(printf '%s' $binary)" >"$sign/verified.txt" || fail "not signed: $binary"
-done
+signed=0
+while IFS= read -r -d '' binary; do
+  verify "$binary" >"$sign/verified.txt" || fail "not signed: $binary"
+  signed=$((signed + 1))
+done < <(find "$sign/unpacked" \( -name '*.exe' -o -name '*.dll' \) -print0)
+[ "$signed" -eq 7 ] || fail "$signed signed binaries"
 cp "build/dist/client-agent-$version.msi" "$sign/changed.msi"
 printf 'X' | dd of="$sign/changed.msi" bs=1 seek=20000 conv=notrunc 2>/dev/null
 ! verify "$sign/changed.msi" >/dev/null || fail "a changed package still passes for signed"
