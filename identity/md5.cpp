@@ -11,6 +11,7 @@
 #include <cstring>
 #include <memory>
 #include <new>
+#include <utility>
 
 #include "identity/crtfile.h"
 #include "support/textconv.h"
@@ -54,15 +55,46 @@ struct CryptHashTraits {
 };
 using CryptHash = UniqueHandle<CryptHashTraits>;
 
-std::uint32_t DecodeWord(const unsigned char* bytes) noexcept {
-  return bytes[0] | std::uint32_t{bytes[1]} << 8 | std::uint32_t{bytes[2]} << 16 |
-         std::uint32_t{bytes[3]} << 24;
-}
+// The words of a block, which lie there as this processor holds them: low byte first.
+static_assert(std::endian::native == std::endian::little);
 
 void DecodeBlock(const unsigned char* block, std::uint32_t (&words)[kBlockWords]) noexcept {
-  for (std::size_t i = 0; i < kBlockWords; ++i) {
-    words[i] = DecodeWord(block + 4 * i);
+  static_assert(sizeof(words) == kMd5BlockSize);
+  std::memcpy(words, block, sizeof(words));
+}
+
+// One of the 64 steps on the chaining values A, B, C, D, of which each step changes another. What
+// depends on the step alone is settled when compiling. The value that the step before this one has
+// changed enters as late as it can, because everything waits for it: the second round adds the two
+// parts of its selection, which have no bit in common, instead of joining them.
+template <std::uint32_t kStep>
+void Step(const std::uint32_t* words, std::uint32_t (&values)[4]) noexcept {
+  constexpr std::uint32_t kRound = kStep / 16;
+  constexpr std::uint32_t kFactors[4] = {1, 5, 3, 7};
+  constexpr std::uint32_t kOffsets[4] = {0, 1, 5, 0};
+  constexpr std::uint32_t kWord = (kFactors[kRound] * kStep + kOffsets[kRound]) % kBlockWords;
+  std::uint32_t& a = values[(64 - kStep) % 4];
+  const std::uint32_t b = values[(65 - kStep) % 4];
+  const std::uint32_t c = values[(66 - kStep) % 4];
+  const std::uint32_t d = values[(67 - kStep) % 4];
+  std::uint32_t sum = a + words[kWord] + kSines[kStep];
+  if constexpr (kRound == 0) {
+    sum += d ^ (b & (c ^ d));
+  } else if constexpr (kRound == 1) {
+    sum += c & ~d;
+    sum += b & d;
+  } else if constexpr (kRound == 2) {
+    sum += b ^ (c ^ d);
+  } else {
+    sum += c ^ (b | ~d);
   }
+  a = b + std::rotl(sum, kShifts[kRound][kStep % 4]);
+}
+
+template <std::uint32_t... kSteps>
+void AllSteps(const std::uint32_t* words, std::uint32_t (&values)[4],
+              std::integer_sequence<std::uint32_t, kSteps...> /*steps*/) noexcept {
+  (Step<kSteps>(words, values), ...);
 }
 
 void EncodeDigest(const std::uint32_t (&state)[4], unsigned char* digest) noexcept {
@@ -254,34 +286,11 @@ int CMd5::MD5Transform(const std::uint32_t* words, std::uint32_t* state) {
   if (words == nullptr || state == nullptr) {
     return 0;
   }
-  std::uint32_t a = state[0];
-  std::uint32_t b = state[1];
-  std::uint32_t c = state[2];
-  std::uint32_t d = state[3];
-  // One step: the mixed value joins the others, which move on by one place.
-  const auto step = [&](std::uint32_t i, std::uint32_t mix, std::uint32_t word) {
-    const std::uint32_t sum = a + mix + words[word % kBlockWords] + kSines[i];
-    a = d;
-    d = c;
-    c = b;
-    b += std::rotl(sum, kShifts[i / 16][i % 4]);
-  };
-  for (std::uint32_t i = 0; i < 16; ++i) {
-    step(i, (b & c) | (~b & d), i);
+  std::uint32_t values[4] = {state[0], state[1], state[2], state[3]};
+  AllSteps(words, values, std::make_integer_sequence<std::uint32_t, 64>());
+  for (std::size_t i = 0; i < 4; ++i) {
+    state[i] += values[i];
   }
-  for (std::uint32_t i = 16; i < 32; ++i) {
-    step(i, (b & d) | (c & ~d), 5 * i + 1);
-  }
-  for (std::uint32_t i = 32; i < 48; ++i) {
-    step(i, b ^ c ^ d, 3 * i + 5);
-  }
-  for (std::uint32_t i = 48; i < 64; ++i) {
-    step(i, c ^ (b | ~d), 7 * i);
-  }
-  state[0] += a;
-  state[1] += b;
-  state[2] += c;
-  state[3] += d;
   return 1;
 }
 

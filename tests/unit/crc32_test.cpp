@@ -80,6 +80,40 @@ TEST_F(Crc32, EveryEntryOfTheTableFollowsFromThePolynomial) {
   }
 }
 
+// Long input is taken in by slices of 16 bytes: every value in every place of one.
+TEST_F(Crc32, EveryByteCountsInEveryPlaceOfASlice) {
+  for (std::size_t place = 0; place < 16; ++place) {
+    for (int value = 0; value < 256; ++value) {
+      ByteVector bytes(16);
+      bytes[place] = static_cast<unsigned char>(value);
+      EXPECT_EQ(m_crc32.Calculate(bytes.data(), 16, &m_crc), 1);
+      ASSERT_EQ(~m_crc, CrcByDefinition(bytes)) << value << " in place " << place;
+    }
+  }
+}
+
+TEST_F(Crc32, LengthsAroundTheSlicesFromAnyAddressFollowFromThePolynomial) {
+  const ByteVector bytes = HashCase{100, nullptr, 0}.Bytes();
+  for (std::size_t first = 0; first <= 16; ++first) {
+    for (std::size_t length = 0; length <= 80; ++length) {
+      const auto start = bytes.begin() + static_cast<std::ptrdiff_t>(first);
+      const ByteVector part(start, start + static_cast<std::ptrdiff_t>(length));
+      EXPECT_EQ(m_crc32.Calculate(&bytes[first], static_cast<int>(length), &m_crc), 1);
+      ASSERT_EQ(~m_crc, CrcByDefinition(part)) << length << " bytes from " << first;
+    }
+  }
+}
+
+TEST_F(Crc32, TheRunningFormMayBeSplitAnywhere) {
+  const ByteVector bytes = HashCase{100, nullptr, 0}.Bytes();
+  for (int split = 0; split <= 100; ++split) {
+    m_crc = 0xFFFFFFFF;
+    EXPECT_EQ(m_crc32.Update(bytes.data(), split, &m_crc), 1);
+    EXPECT_EQ(m_crc32.Update(bytes.data() + split, 100 - split, &m_crc), 1);
+    ASSERT_EQ(~m_crc, CrcByDefinition(bytes)) << split;
+  }
+}
+
 TEST_F(Crc32, StringsOfHighCharactersAreBytes) {
   EXPECT_EQ(m_crc32.CalculateString("\xFF\x80\x7F", &m_crc), 1);
   EXPECT_EQ(m_crc, CrcByDefinition({0xFF, 0x80, 0x7F}));

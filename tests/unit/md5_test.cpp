@@ -149,6 +149,22 @@ TEST(Md5Steps, SplittingTheInputChangesNothing) {
   }
 }
 
+TEST(Md5Steps, TheMessageMayLieAtAnyAddress) {
+  for (std::uint32_t length = 0; length <= 200; ++length) {
+    const ByteVector message = HashCase{length + 1, nullptr, 0}.Bytes();
+    CMd5 md5;
+    Digest expected;
+    ASSERT_EQ(md5.CalculateMD5(message.data(), length, expected.bytes), 1);
+    for (std::size_t shift = 1; shift < 8; ++shift) {
+      ByteVector shifted(shift + message.size());
+      std::copy(message.begin(), message.end(), &shifted[shift]);
+      Digest digest;
+      ASSERT_EQ(md5.CalculateMD5(&shifted[shift], length, digest.bytes), 1);
+      ASSERT_EQ(digest.Hex(), expected.Hex()) << length << " bytes, shifted by " << shift;
+    }
+  }
+}
+
 TEST(Md5Steps, InitSetsTheChainingValuesAndClearsTheCount) {
   Md5Context context{};
   context.count[0] = 1;
