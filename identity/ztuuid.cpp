@@ -3,7 +3,6 @@
 #include <cstring>
 
 #include "identity/biosuuid.h"
-#include "identity/cachefile.h"
 #include "identity/ipadapters.h"
 #include "identity/md5.h"
 #include "identity/normalise.h"
@@ -229,14 +228,6 @@ bool CZTUUID::GetNetworkAdapterList(std::list<NetAdapterEntry>& adapters) {
 bool CZTUUID::ApplyPermanentAddresses(std::list<NetAdapterEntry>& adapters) {
   return ReplaceByPermanentAddresses(adapters, LastError);
 }
-
-bool CZTUUID::WriteCacheFile() { return WriteCache(CacheFolder, *this, LastError); }
-
-bool CZTUUID::ReadCacheFile(unsigned char* payload173) {
-  return ReadCache(CacheFolder, payload173, LastError);
-}
-
-bool CZTUUID::IsCacheCurrent() { return IsCacheOf(CacheFolder, *this, LastError); }
 
 bool CZTUUID::CollectParameters(const Trace& trace, ForeignCom foreignCom) {
   trace.Info("Entry");

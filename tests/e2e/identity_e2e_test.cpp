@@ -5,6 +5,8 @@
 #include <fstream>
 #include <iterator>
 #include <regex>
+#include <string>
+#include <vector>
 
 #include "support/handle.h"
 #include "tests/e2e/service_fixture.h"
@@ -12,6 +14,7 @@
 namespace fs = std::filesystem;
 using ::testing::Contains;
 using ::testing::ElementsAre;
+using ::testing::HasSubstr;
 using ::testing::IsEmpty;
 using ::testing::UnorderedElementsAre;
 
@@ -125,6 +128,81 @@ TEST_F(Identity, WithoutConfigurationFolderNothingIsReadOrStoredAndTheCommandRun
   EXPECT_THAT(installation.TextsOf("CreateAndSetClientUUID"), Contains("SetClientUUID failed."));
   EXPECT_THAT(installation.TextsOf("CNTService::ParseStandardArgs"), Contains("-uninstall"));
 }
+
+// --- The libraries that only a first start needs, and that are loaded when they are called ---
+
+// Which of its own and of other makers' libraries Wine gives to the program. Windows does not look
+// there.
+class WineOverrides {
+ public:
+  WineOverrides() {
+    EXPECT_EQ(RegCreateKeyExA(HKEY_CURRENT_USER,
+                              R"(Software\Wine\AppDefaults\vorlsrvc.exe\DllOverrides)", 0, nullptr,
+                              REG_OPTION_VOLATILE, KEY_WRITE, nullptr, m_key.Receive(), nullptr),
+              ERROR_SUCCESS);
+  }
+  ~WineOverrides() {
+    for (const std::string& library : m_libraries) {
+      RegDeleteValueA(m_key.Get(), library.c_str());
+    }
+  }
+  WineOverrides(const WineOverrides&) = delete;
+  WineOverrides& operator=(const WineOverrides&) = delete;
+
+  void Set(const std::string& library, const std::string& order) {
+    m_libraries.push_back(library);
+    EXPECT_EQ(RegSetValueExA(m_key.Get(), library.c_str(), 0, REG_SZ,
+                             reinterpret_cast<const BYTE*>(order.c_str()),
+                             static_cast<DWORD>(order.size() + 1)),
+              ERROR_SUCCESS);
+  }
+
+ private:
+  RegistryKey m_key;
+  std::vector<std::string> m_libraries;
+};
+
+TEST_F(Identity, LibrariesOfAFirstStartAreNotTakenFromTheProgramsFolder) {
+  const std::string identifier = NewIdentifier();
+  // By itself Wine prefers its own libraries wherever others lie.
+  WineOverrides overrides;
+  for (const std::string library : {"iphlpapi", "ole32", "oleaut32", "user32"}) {
+    overrides.Set(library, "native,builtin");
+    // A library without any of the functions.
+    fs::copy_file(installation.Folder() / "vorlinfo.dll",
+                  installation.Folder() / (library + ".dll"));
+  }
+  EXPECT_EQ(NewIdentifier(), identifier);
+}
+
+// A machine without a library that the identifier is made with. Wine can be told to have none; on
+// Windows nothing keeps a program from the libraries of the system.
+class IdentityWithout : public Identity, public ::testing::WithParamInterface<std::string> {
+ protected:
+  void SetUp() override {
+    if (GetProcAddress(GetModuleHandleW(L"ntdll.dll"), "wine_get_version") == nullptr) {
+      GTEST_SKIP() << "needs Wine";
+    }
+    m_overrides.Set(GetParam(), "");
+    Identity::SetUp();
+  }
+
+ private:
+  WineOverrides m_overrides;
+};
+
+TEST_P(IdentityWithout, AFirstStartSaysSoAndTheCommandRuns) {
+  Start();
+  EXPECT_THAT(LinesOf("CZTUUID::GetUUIDParameters"),
+              ElementsAre("2 Entry", HasSubstr("CoInitializeEx failed")));
+  EXPECT_THAT(LinesOf("CZTUUID::GetUUIDParameters"), Contains(HasSubstr("(80070505)")));
+  EXPECT_THAT(LinesOf("CZTUUID::GetZTUUID"), Contains("1 GetUUIDParameters failed."));
+  EXPECT_EQ(Configuration(), "");
+  EXPECT_THAT(installation.TextsOf("CNTService::ParseStandardArgs"), Contains("-uninstall"));
+}
+
+INSTANTIATE_TEST_SUITE_P(Libraries, IdentityWithout, ::testing::Values("ole32", "oleaut32"),
+                         [](const auto& test) { return test.param; });
 
 // Starts of the program that all find no identifier and are held until each is about to write its
 // own.

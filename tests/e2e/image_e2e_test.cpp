@@ -198,6 +198,26 @@ TEST(Program, ImportsTheThreeLibrariesByTheirOrdinals) {
   EXPECT_THAT(imports.at("vorlinfo.dll"), ElementsAre("#1", "#9"));
 }
 
+// Every start of the program would wait for them.
+TEST(Program, WaitsForNoLibraryThatOnlyAFirstStartNeeds) {
+  const auto imports = Image(StagedFolder() / "vorlsrvc.exe").Imports();
+  for (const char* library : {"iphlpapi.dll", "ole32.dll", "oleaut32.dll", "user32.dll"}) {
+    EXPECT_FALSE(imports.contains(library)) << library;
+  }
+}
+
+#ifdef NDEBUG
+// Bytes on the disk of every computer, and pages of its memory.
+TEST(Program, IsSmallAndSoIsWhatItCannotDoWithout) {
+  EXPECT_LT(fs::file_size(StagedFolder() / "vorlsrvc.exe"), 160U * 1024);
+  std::uintmax_t together = 0;
+  for (const char* name : {"vorlsrvc.exe", "vlevtlog.dll", "vorlmisc.dll", "vorlinfo.dll"}) {
+    together += fs::file_size(StagedFolder() / name);
+  }
+  EXPECT_LT(together, 400U * 1024);
+}
+#endif
+
 TEST(Program, IsAConsoleProgram) {
   EXPECT_EQ(Image(StagedFolder() / "vorlsrvc.exe").Headers().OptionalHeader.Subsystem,
             IMAGE_SUBSYSTEM_WINDOWS_CUI);
