@@ -1,60 +1,23 @@
 #include "companions/vlevtlog/trace_file.h"
 
-#include "companions/vlevtlog/process_end.h"
+#include <algorithm>
+
+#include "companions/vlevtlog/bounded_lock.h"
+#include "companions/vlevtlog/torn_end.h"
 #include "companions/vlevtlog/trace_folder.h"
 
 namespace {
 
-constexpr DWORD kShareAll = FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE;
-// A torn line is no longer than a line can be, with what surrounds its message.
-constexpr std::int64_t kTornLimit = std::int64_t{512} * 1024;
 constexpr ULONGLONG kRetryMilliseconds = 1000;
-constexpr ULONGLONG kAttachRetryMilliseconds = 100;
-constexpr int kLongestAttachMilliseconds = 500;
+constexpr int kMostDetaches = 3;
 
-bool ReadAt(HANDLE file, std::int64_t offset, char* bytes, DWORD count) noexcept {
-  LARGE_INTEGER position;
-  position.QuadPart = offset;
-  DWORD read = 0;
-  return SetFilePointerEx(file, position, nullptr, FILE_BEGIN) &&
-         ReadFile(file, bytes, count, &read, nullptr) && read == count;
-}
-
-bool CutAt(HANDLE file, std::int64_t size) noexcept {
-  LARGE_INTEGER position;
-  position.QuadPart = size;
-  return SetFilePointerEx(file, position, nullptr, FILE_BEGIN) && SetEndOfFile(file);
-}
-
-// The size of the file up to and with its last line end; 0 when there is none as far back as a
-// line can reach, -1 when it cannot be read.
-std::int64_t EndOfLastLine(HANDLE file, std::int64_t size) noexcept {
-  constexpr std::int64_t kBlockSize = 4096;
-  char block[kBlockSize];
-  std::int64_t end = size;
-  while (end > 0 && size - end < kTornLimit) {
-    const std::int64_t start = end > kBlockSize ? end - kBlockSize : 0;
-    const auto count = static_cast<DWORD>(end - start);
-    if (!ReadAt(file, start, block, count)) {
-      return -1;
-    }
-    for (DWORD i = count; i > 0; --i) {
-      if (block[i - 1] == '\n') {
-        return start + i;
-      }
-    }
-    end = start;
-  }
-  return 0;
-}
-
-bool AreSameFile(HANDLE one, HANDLE other) noexcept {
+bool AreDifferentFiles(HANDLE one, HANDLE other) noexcept {
   BY_HANDLE_FILE_INFORMATION first;
   BY_HANDLE_FILE_INFORMATION second;
   return GetFileInformationByHandle(one, &first) && GetFileInformationByHandle(other, &second) &&
-         first.dwVolumeSerialNumber == second.dwVolumeSerialNumber &&
-         first.nFileIndexHigh == second.nFileIndexHigh &&
-         first.nFileIndexLow == second.nFileIndexLow;
+         (first.dwVolumeSerialNumber != second.dwVolumeSerialNumber ||
+          first.nFileIndexHigh != second.nFileIndexHigh ||
+          first.nFileIndexLow != second.nFileIndexLow);
 }
 
 }  // namespace
@@ -62,103 +25,174 @@ bool AreSameFile(HANDLE one, HANDLE other) noexcept {
 // Shared by all processes. Whatever stands in it after a power cut, it leads to a right file: the
 // lock's holder is gone, the size is measured at every opening, the rest is advice.
 struct TraceFile::State {
+  std::atomic<std::uint64_t> layout;
+  std::atomic<std::uint64_t> options;
   SharedLockState lock;
-  std::uint64_t generation;     // changes when everybody must open the file anew
-  std::uint64_t size;           // of the file being written
-  std::uint64_t retryFrom;      // tick count of the last thing that failed and is tried again
-  std::uint64_t isSecondInUse;  // nonzero while the first file cannot be opened
+  std::uint64_t generation;  // changes when everybody must open the file anew
+  std::uint64_t size;        // of the file being written
+  std::uint64_t retryFrom;  // tick count when the full file could not be set aside; 0 when it could
+  std::atomic<std::uint32_t> nextNumber;
+
+  // Magic, version and size. Another version of the library, with another state, has another one.
+  static constexpr std::uint64_t kLayout = (std::uint64_t{0x54727653} << 32) | (2U << 16) | 72U;
 };
 
-TraceFileResult TraceFile::Writer::Write(std::string_view lines) noexcept {
-  return m_file.Write(m_limits, lines);
-}
-
 TraceFileResult TraceFile::Lock(std::uint64_t& ownName) noexcept {
-  const DWORD error = Attach();
-  if (error != ERROR_SUCCESS) {
-    return {TraceFileResult::Step::kOpenFolder, error};
-  }
-  State& state = *m_state.load(std::memory_order_acquire);
   ownName = m_threadNames.OwnName();
-  switch (TakeLock(state.lock, ownName, m_patience.load(std::memory_order_relaxed))) {
-    case LockResult::kTaken:
-      break;
-    case LockResult::kTakenFromTheDead:
-      // Somebody was ended in the middle of a line, or of a change of files.
+  for (int detaches = 0; detaches < kMostDetaches; ++detaches) {
+    const TraceFileResult attached = Attach();
+    if (!attached) {
+      return attached;
+    }
+    State& state = *m_state.load(std::memory_order_acquire);
+    switch (TakeLock(state.lock, ownName, m_patience.load(std::memory_order_relaxed))) {
+      case LockResult::kTaken:
+        break;
+      case LockResult::kTakenFromTheDead:
+        // Somebody was ended in the middle of a line, or of a change of files.
+        ++state.generation;
+        break;
+      case LockResult::kNotTaken:
+        m_patience.store(kPatienceWhenStuck, std::memory_order_relaxed);
+        return {TraceFileResult::Step::kLock, ERROR_TIMEOUT};
+    }
+    m_patience.store(kPatience, std::memory_order_relaxed);
+    const bool isDetached = m_state.load(std::memory_order_relaxed) != &state;
+    const bool mustCheck = !isDetached && m_checkPlace.exchange(false, std::memory_order_relaxed);
+    if (mustCheck && m_file != nullptr && IsGone(m_file, m_names->file)) {
       ++state.generation;
-      break;
-    case LockResult::kNotTaken:
-      m_patience.store(kPatienceWhenStuck, std::memory_order_relaxed);
-      return {TraceFileResult::Step::kLock, ERROR_TIMEOUT};
+    }
+    if (mustCheck && IsGone(m_stateFile, m_names->state)) {
+      Detach();
+    } else if (!isDetached) {
+      return {};
+    }
+    ReleaseLock(state.lock, ownName);
   }
-  m_patience.store(kPatience, std::memory_order_relaxed);
-  return {};
+  return {TraceFileResult::Step::kOpenState, ERROR_PATH_NOT_FOUND};
 }
 
 void TraceFile::Unlock(std::uint64_t ownName) noexcept {
-  ReleaseLock(m_state.load(std::memory_order_relaxed)->lock, ownName);
+  State& state = *m_state.load(std::memory_order_relaxed);
+  const bool mustTidy = std::exchange(m_mustTidy, false);
+  ReleaseLock(state.lock, ownName);
+  // Nobody waits for the files that go.
+  if (mustTidy) {
+    Tidy(m_folder, state.nextNumber, std::max(Options().Files(), 1U) - 1);
+  }
+}
+
+bool TraceFile::Spill(std::string_view line, const TraceFileResult& why) noexcept {
+  const bool mayHelp = why.failed != TraceFileResult::Step::kOpenFolder &&
+                       why.failed != TraceFileResult::Step::kWrite;
+  return mayHelp && m_spill.Write(m_folder, line, why);
 }
 
 void TraceFile::Close() noexcept {
   CloseFile();
-  State* const state = m_state.exchange(nullptr);
-  if (state != nullptr) {
-    UnmapViewOfFile(state);
-    CloseHandle(m_stateFile);
-    m_stateFile = nullptr;
+  m_spill.Close();
+  // A view of nothing is refused.
+  UnmapViewOfFile(m_formerState);
+  m_formerState = nullptr;
+  if (m_state.load() != nullptr) {
+    Detach();
+    UnmapViewOfFile(m_formerState);
+    m_formerState = nullptr;
   }
   m_threadNames.Close();
 }
 
-DWORD TraceFile::Attach() noexcept {
+TraceFileResult TraceFile::Attach() noexcept {
+  static constexpr Names kNames[] = {{L"vorltrace.log", L"vorltrace.lock"},
+                                     {L"vorltrace.second.log", L"vorltrace.second.lock"}};
   if (m_state.load(std::memory_order_acquire) != nullptr) {
-    return ERROR_SUCCESS;
+    return {};
   }
-  // A program without the right to write the trace would pay for it with every line.
-  const ULONGLONG now = GetTickCount64();
-  if (now < m_nextAttach.load(std::memory_order_acquire)) {
-    return m_attachError.load(std::memory_order_relaxed);
+  const ExclusiveLock lock = TakeSoon(m_attachLock);
+  if (lock == nullptr) {
+    return {TraceFileResult::Step::kOpenState, ERROR_TIMEOUT};
   }
-  // Its holder may have been ended.
-  for (int wait = 0; !TryAcquireSRWLockExclusive(&m_attachLock); ++wait) {
-    if (wait == kLongestAttachMilliseconds || IsProcessEnding()) {
-      return ERROR_TIMEOUT;
+  if (m_state.load(std::memory_order_relaxed) != nullptr) {
+    return {};
+  }
+  bool wasThere = false;
+  DWORD error = MakeTraceFolder(m_folder, wasThere);
+  if (error != ERROR_SUCCESS) {
+    return {TraceFileResult::Step::kOpenFolder, error};
+  }
+  if (wasThere && IsOpenToOthers(TracePath(m_folder).Get())) {
+    m_openToOthers.store(m_folder);
+  }
+  for (const Names& names : kNames) {
+    error = AttachTo(names);
+    // What another version left goes, unless somebody has it open.
+    if (error == ERROR_REVISION_MISMATCH && DeleteFileW(TracePath(m_folder, names.state).Get())) {
+      error = AttachTo(names);
     }
-    Sleep(1);
-  }
-  DWORD error = ERROR_SUCCESS;
-  if (m_state.load(std::memory_order_relaxed) == nullptr) {
-    error = MakeTraceFolder(m_folder);
-    if (error == ERROR_SUCCESS) {
-      // Deleting it while somebody has it would part the processes from each other.
-      OwnedHandle file = OpenTraceFolderFile(TracePath(m_folder, kStateFileName).Get(),
-                                             GENERIC_READ | GENERIC_WRITE,
-                                             FILE_SHARE_READ | FILE_SHARE_WRITE, OPEN_ALWAYS);
-      const OwnedHandle mapping(
-          file != nullptr
-              ? CreateFileMappingW(file.get(), nullptr, PAGE_READWRITE, 0, sizeof(State), nullptr)
-              : nullptr);
-      void* const view = mapping != nullptr
-                             ? MapViewOfFile(mapping.get(), FILE_MAP_WRITE, 0, 0, sizeof(State))
-                             : nullptr;
-      if (view != nullptr) {
-        m_stateFile = file.release();
-        m_state.store(static_cast<State*>(view), std::memory_order_release);
-      } else {
-        error = GetLastError();
-      }
-    }
-    if (error != ERROR_SUCCESS) {
-      m_attachError.store(error, std::memory_order_relaxed);
-      m_nextAttach.store(now + kAttachRetryMilliseconds, std::memory_order_release);
+    if (error != ERROR_REVISION_MISMATCH) {
+      break;
     }
   }
-  ReleaseSRWLockExclusive(&m_attachLock);
-  return error;
+  return error == ERROR_SUCCESS ? TraceFileResult{}
+                                : TraceFileResult{TraceFileResult::Step::kOpenState, error};
 }
 
-TraceFileResult TraceFile::Write(const TraceFileLimits& limits, std::string_view lines) noexcept {
-  const TraceFileResult prepared = PrepareFile(limits, lines.size());
+DWORD TraceFile::AttachTo(const Names& names) noexcept {
+  static_assert((State::kLayout & 0xFFFF) == sizeof(State));
+  const TracePath path(m_folder, names.state);
+  // Deleting it while somebody has it would part the processes from each other.
+  OwnedHandle file = OpenTraceFolderFile(path.Get(), GENERIC_READ | GENERIC_WRITE,
+                                         FILE_SHARE_READ | FILE_SHARE_WRITE, OPEN_ALWAYS);
+  const bool wasThere = GetLastError() == ERROR_ALREADY_EXISTS;
+  const OwnedHandle mapping(
+      file != nullptr
+          ? CreateFileMappingW(file.get(), nullptr, PAGE_READWRITE, 0, sizeof(State), nullptr)
+          : nullptr);
+  void* const view = mapping != nullptr
+                         ? MapViewOfFile(mapping.get(), FILE_MAP_WRITE, 0, 0, sizeof(State))
+                         : nullptr;
+  if (view == nullptr) {
+    return GetLastError();
+  }
+  // What cannot be read from the disk is told here, and never by a fault at a line.
+  if (!VirtualLock(view, sizeof(State)) && GetLastError() != ERROR_WORKING_SET_QUOTA) {
+    const DWORD error = GetLastError();
+    UnmapViewOfFile(view);
+    return error;
+  }
+  State& state = *static_cast<State*>(view);
+  std::uint64_t layout = 0;
+  if (!state.layout.compare_exchange_strong(layout, State::kLayout) && layout != State::kLayout) {
+    UnmapViewOfFile(view);
+    return ERROR_REVISION_MISMATCH;
+  }
+  if (wasThere && IsOpenToOthers(path.Get())) {
+    m_openToOthers.store(names.state);
+  }
+  m_names = &names;
+  m_stateFile = file.release();
+  m_state.store(&state, std::memory_order_release);
+  m_inForce.store(&state.options);
+  if (m_configured.load() != 0) {
+    state.options.store(m_configured.load());
+  }
+  return ERROR_SUCCESS;
+}
+
+// With the lock held. The page itself stays where it is until the library is unloaded, since other
+// threads may be waiting for its lock.
+void TraceFile::Detach() noexcept {
+  CloseFile();
+  m_knowsNumbers = false;
+  m_inForce.store(&m_configured);
+  CloseHandle(m_stateFile);
+  m_stateFile = nullptr;
+  m_formerState = m_state.load(std::memory_order_relaxed);
+  m_state.store(nullptr, std::memory_order_release);
+}
+
+TraceFileResult TraceFile::Write(std::string_view lines) noexcept {
+  const TraceFileResult prepared = PrepareFile(lines.size());
   if (!prepared) {
     return prepared;
   }
@@ -171,78 +205,56 @@ TraceFileResult TraceFile::Write(const TraceFileLimits& limits, std::string_view
   }
   const DWORD error = isWritten ? ERROR_DISK_FULL : GetLastError();
   // No half line may stay; the file is opened anew, and measured, for the next one.
-  CutTornEnd();
+  CutTornEnd(TracePath(m_folder, m_names->file).Get());
   CloseFile();
   return {TraceFileResult::Step::kWrite, error};
 }
 
-TraceFileResult TraceFile::PrepareFile(const TraceFileLimits& limits,
-                                       std::uint64_t length) noexcept {
+TraceFileResult TraceFile::PrepareFile(std::uint64_t length) noexcept {
   State& state = *m_state.load(std::memory_order_relaxed);
-  if (m_checkPlace.load(std::memory_order_relaxed)) {
-    m_checkPlace.store(false, std::memory_order_relaxed);
-    if (m_file != nullptr && !IsStillInPlace()) {
-      ++state.generation;
-    }
-    if (state.isSecondInUse != 0) {
-      ReturnToFirstFile(limits);
-    }
-  }
   if (m_generation != state.generation) {
     CloseFile();
   }
-  if (m_file == nullptr) {
-    const DWORD error = Open();
-    if (error != ERROR_SUCCESS) {
-      return {TraceFileResult::Step::kOpenFile, error};
-    }
-  }
-  if (state.size > 0 && state.size + length > limits.fileSize &&
+  DWORD error = m_file == nullptr ? Open() : DWORD{ERROR_SUCCESS};
+  if (error == ERROR_SUCCESS && state.size > 0 && state.size + length > FullSize() &&
       GetTickCount64() - state.retryFrom >= kRetryMilliseconds) {
-    Rotate(limits);
-    if (m_file == nullptr) {
-      const DWORD error = Open();
-      if (error != ERROR_SUCCESS) {
-        return {TraceFileResult::Step::kOpenFile, error};
-      }
-    }
+    Rotate();
+    error = m_file == nullptr ? Open() : DWORD{ERROR_SUCCESS};
   }
-  return {};
+  return error == ERROR_SUCCESS ? TraceFileResult{}
+                                : TraceFileResult{TraceFileResult::Step::kOpenFile, error};
 }
 
-const wchar_t* TraceFile::CurrentName() const noexcept {
-  return m_state.load(std::memory_order_relaxed)->isSecondInUse != 0 ? kSecondFileName
-                                                                     : kFirstFileName;
+TraceFileResult TraceFile::Join(SpillFile::Content& content) noexcept {
+  content.lines = 0;
+  const TraceFileResult prepared = PrepareFile(0);
+  if (prepared && m_spill.HandOver(content)) {
+    const std::uint32_t number = NumberFile(content.name);
+    if (number != 0) {
+      static_cast<void>(
+          StringCchPrintfW(content.name, std::size(content.name), kFullFileFormat, number));
+    }
+  }
+  return prepared;
+}
+
+std::uint64_t TraceFile::FullSize() const noexcept {
+  return m_configured.load(std::memory_order_relaxed) != 0 ? Options().FileSize()
+                                                           : static_cast<std::uint64_t>(-1);
 }
 
 DWORD TraceFile::Open() noexcept {
   State& state = *m_state.load(std::memory_order_relaxed);
-  const DWORD error = OpenNamed(CurrentName());
-  if (error == ERROR_SUCCESS || state.isSecondInUse != 0) {
-    return error;
-  }
-  // Somebody keeps the first file for himself: the trace goes on beside it.
-  state.isSecondInUse = 1;
-  if (OpenNamed(CurrentName()) != ERROR_SUCCESS) {
-    state.isSecondInUse = 0;
-    return error;
-  }
-  m_generation = ++state.generation;
-  return ERROR_SUCCESS;
-}
-
-DWORD TraceFile::OpenNamed(const wchar_t* name) noexcept {
-  State& state = *m_state.load(std::memory_order_relaxed);
   // Appending only: whatever else were wrong, no written line could be written over.
-  OwnedHandle file = OpenTraceFolderFile(TracePath(m_folder, name).Get(),
-                                         FILE_APPEND_DATA | FILE_READ_ATTRIBUTES | SYNCHRONIZE,
-                                         kShareAll, OPEN_ALWAYS);
+  const TracePath path(m_folder, m_names->file);
+  OwnedHandle file = OpenTraceFolderFile(
+      path.Get(), FILE_APPEND_DATA | FILE_READ_ATTRIBUTES | SYNCHRONIZE, kShareAll, OPEN_ALWAYS);
   if (file == nullptr) {
     return GetLastError();
   }
   m_file = file.release();
   m_generation = state.generation;
-  CutTornEnd();
+  CutTornEnd(path.Get());
   LARGE_INTEGER size{};
   GetFileSizeEx(m_file, &size);
   state.size = static_cast<std::uint64_t>(size.QuadPart);
@@ -259,68 +271,46 @@ void TraceFile::CloseFile() noexcept {
   }
 }
 
-bool TraceFile::IsStillInPlace() noexcept {
+// What may not be looked at, as by a thread that acts for another user, is taken to be there.
+bool TraceFile::IsGone(HANDLE file, const wchar_t* name) const noexcept {
   FILE_STANDARD_INFO information;
-  if (GetFileInformationByHandleEx(m_file, FileStandardInfo, &information, sizeof information) &&
+  if (GetFileInformationByHandleEx(file, FileStandardInfo, &information, sizeof information) &&
       information.DeletePending) {
-    return false;
+    return true;
   }
-  const OwnedHandle inFolder = OpenTraceFolderFile(TracePath(m_folder, CurrentName()).Get(),
+  const OwnedHandle inFolder = OpenTraceFolderFile(TracePath(m_folder, name).Get(),
                                                    FILE_READ_ATTRIBUTES, kShareAll, OPEN_EXISTING);
-  return inFolder != nullptr && AreSameFile(m_file, inFolder.get());
+  if (inFolder != nullptr) {
+    return AreDifferentFiles(file, inFolder.get());
+  }
+  const DWORD error = GetLastError();
+  return error == ERROR_FILE_NOT_FOUND || error == ERROR_PATH_NOT_FOUND ||
+         error == ERROR_CANT_ACCESS_FILE;
 }
 
-// A process that was ended while it wrote, or a disk that was full, can leave the beginning of a
-// line, and a power cut a row of zeros. Nobody was told that such a line is written.
-void TraceFile::CutTornEnd() noexcept {
-  const OwnedHandle file =
-      OpenTraceFolderFile(TracePath(m_folder, CurrentName()).Get(), GENERIC_READ | GENERIC_WRITE,
-                          kShareAll, OPEN_EXISTING);
-  LARGE_INTEGER size{};
-  if (file == nullptr || !GetFileSizeEx(file.get(), &size) || size.QuadPart == 0) {
-    return;
-  }
-  const std::int64_t end = EndOfLastLine(file.get(), size.QuadPart);
-  if (end < 0 || end == size.QuadPart) {
-    return;
-  }
-  if (end == 0 && size.QuadPart > kTornLimit) {
-    // Not a line of this library. It is left alone but for its end.
-    DWORD written = 0;
-    WriteFile(m_file, "\r\n", 2, &written, nullptr);
-    return;
-  }
-  CutAt(file.get(), end);
-}
-
-bool TraceFile::SetAside(const wchar_t* name) noexcept {
-  const TracePath path(m_folder, name);
-  const TracePath full(m_folder, NextFileNumber(m_folder));
-  return MoveFileExW(path.Get(), full.Get(), 0) != FALSE;
-}
-
-void TraceFile::Rotate(const TraceFileLimits& limits) noexcept {
+std::uint32_t TraceFile::NumberFile(const wchar_t* name) noexcept {
   State& state = *m_state.load(std::memory_order_relaxed);
-  if (!SetAside(CurrentName())) {
+  // What stands there can be older than the folder, after a power cut for example.
+  if (!m_knowsNumbers) {
+    CountOn(m_folder, state.nextNumber);
+    m_knowsNumbers = true;
+  }
+  return GiveNumber(m_folder, name, state.nextNumber);
+}
+
+void TraceFile::Rotate() noexcept {
+  State& state = *m_state.load(std::memory_order_relaxed);
+  if (NumberFile(m_names->file) == 0) {
+    const DWORD error = GetLastError();
     // A viewer holds the file. It grows until the viewer lets go.
+    if (state.retryFrom == 0) {
+      m_rotationError = error;
+    }
     state.retryFrom = GetTickCount64();
     return;
   }
+  state.retryFrom = 0;
   ++state.generation;
   CloseFile();
-  DeleteOldFiles(m_folder, limits.files - 1);
-}
-
-void TraceFile::ReturnToFirstFile(const TraceFileLimits& limits) noexcept {
-  State& state = *m_state.load(std::memory_order_relaxed);
-  const OwnedHandle first = OpenTraceFolderFile(TracePath(m_folder, kFirstFileName).Get(),
-                                                FILE_APPEND_DATA, kShareAll, OPEN_ALWAYS);
-  if (first == nullptr) {
-    return;
-  }
-  // Where the second cannot be set aside it stays, and is gone on with the next time.
-  static_cast<void>(SetAside(kSecondFileName));
-  DeleteOldFiles(m_folder, limits.files - 1);
-  state.isSecondInUse = 0;
-  ++state.generation;
+  m_mustTidy = true;
 }

@@ -1,41 +1,19 @@
 #include "companions/vlevtlog/trace_log.h"
 
 #include <cwchar>
-#include <memory>
 
+#include "companions/vlevtlog/bounded_lock.h"
 #include "companions/vlevtlog/last_error.h"
 #include "companions/vlevtlog/line_text.h"
 #include "companions/vlevtlog/message_format.h"
-#include "companions/vlevtlog/process_end.h"
 #include "support/vlevtlog.h"
 
 namespace {
 
 constexpr char kOwnModuleName[] = "vlevtlog.dll";
 constexpr ULONGLONG kLookMilliseconds = 2000;
-constexpr int kLongestWaitMilliseconds = 500;
 // Differs from every file's time of change.
 constexpr std::uint64_t kNeverSeen = static_cast<std::uint64_t>(-1);
-
-struct ReleaseExclusive {
-  void operator()(SRWLOCK* lock) const noexcept { ReleaseSRWLockExclusive(lock); }
-};
-using ExclusiveLock = std::unique_ptr<SRWLOCK, ReleaseExclusive>;
-
-ExclusiveLock TryToTake(SRWLOCK& lock) noexcept {
-  return ExclusiveLock(TryAcquireSRWLockExclusive(&lock) ? &lock : nullptr);
-}
-
-// Null when the lock does not become free: its holder may have been ended.
-ExclusiveLock TakeSoon(SRWLOCK& lock) noexcept {
-  ExclusiveLock taken = TryToTake(lock);
-  const int longestWait = IsProcessEnding() ? 0 : kLongestWaitMilliseconds;
-  for (int wait = 0; taken == nullptr && wait < longestWait; ++wait) {
-    Sleep(1);
-    taken = TryToTake(lock);
-  }
-  return taken;
-}
 
 bool JoinPath(wchar_t (&path)[MAX_PATH], const wchar_t* folder, const wchar_t* name) noexcept {
   if (folder[0] != 0 && SUCCEEDED(StringCchPrintfW(path, MAX_PATH, L"%s\\%s", folder, name))) {
@@ -48,6 +26,7 @@ bool JoinPath(wchar_t (&path)[MAX_PATH], const wchar_t* folder, const wchar_t* n
 const char* Describe(TraceFileResult::Step step) noexcept {
   switch (step) {
     case TraceFileResult::Step::kOpenFolder:
+    case TraceFileResult::Step::kOpenState:
       return "the logs folder cannot be used";
     case TraceFileResult::Step::kLock:
       return "another writer does not let go of the file";
@@ -58,13 +37,6 @@ const char* Describe(TraceFileResult::Step step) noexcept {
   }
 }
 
-void AppendOwn(LineText& line, const wchar_t* format, ...) noexcept {
-  va_list arguments;
-  va_start(arguments, format);
-  AppendFormatted(line, format, arguments);
-  va_end(arguments);
-}
-
 }  // namespace
 
 template <typename Char>
@@ -72,7 +44,7 @@ void TraceLog::Write(int level, const char* moduleName, const char* functionName
                      const char* sourceFile, int line, const Char* format,
                      va_list arguments) noexcept {
   const TraceCall call = MakeCall(level, moduleName, functionName, sourceFile, line);
-  const TraceFormat layout = m_format.load(std::memory_order_relaxed);
+  const TraceFormat layout = m_file.Options().Format();
   LineText text;
   BeginLine(text, layout, call);
   AppendFormatted(text, format, arguments);
@@ -185,10 +157,7 @@ void TraceLog::TakeOptions(TraceOptionProblems& problems) noexcept {
   }
   m_seenChange = change;
   m_seenSize = size;
-  m_levels.store(options.levels, std::memory_order_relaxed);
-  m_format.store(options.format, std::memory_order_relaxed);
-  m_fileSize.store(options.fileSizeKb * kBytesPerKb, std::memory_order_relaxed);
-  m_files.store(options.files, std::memory_order_relaxed);
+  m_file.Configure(options);
 }
 
 void TraceLog::WriteProblems(const TraceOptionProblems& problems) noexcept {
@@ -219,35 +188,70 @@ TraceCall TraceLog::MakeCall(int level, const char* moduleName, const char* func
 }
 
 void TraceLog::Put(const LineText& line) noexcept {
-  const TraceFileLimits limits{m_fileSize.load(std::memory_order_relaxed),
-                               m_files.load(std::memory_order_relaxed)};
-  const TraceFileResult result = m_file.Locked(limits, [&](TraceFile::Writer& writer) {
-    const TraceFileResult told = PutLosses(writer);
-    return told ? writer.Write(line.View()) : told;
+  const TraceFileResult result = m_file.Locked([&](TraceFile::Writer& writer) {
+    TraceFileResult put = PutNotices(writer);
+    if (put) {
+      put = writer.Write(line.View());
+    }
+    if (put) {
+      // What the line itself met; it is written all the same.
+      static_cast<void>(PutNotices(writer));
+    }
+    return put;
   });
-  if (!result) {
+  if (!result && !m_file.Spill(line.View(), result)) {
     CountLoss(result);
   }
 }
 
-TraceFileResult TraceLog::PutLosses(TraceFile::Writer& writer) noexcept {
+// What the reader must know of the trace itself.
+TraceFileResult TraceLog::PutNotices(TraceFile::Writer& writer) noexcept {
+  TraceFileResult put;
   const std::uint64_t lost = m_lost.load(std::memory_order_relaxed);
-  if (lost == 0) {
-    return {};
+  if (lost != 0) {
+    const TraceFileResult reason = m_lossReason.load(std::memory_order_relaxed);
+    put = PutNotice(writer, L"%I64u lines lost: %S (error %lu)", lost, Describe(reason.failed),
+                    reason.error);
+    if (put) {
+      m_lost.fetch_sub(lost, std::memory_order_relaxed);
+    }
   }
-  const TraceFileResult reason = m_lossReason.load(std::memory_order_relaxed);
+  if (put && writer.HasSpilledLines()) {
+    SpillFile::Content content;
+    put = writer.Join(content);
+    if (put && content.lines != 0) {
+      put = PutNotice(writer, L"%I64u lines are in %s: %S (error %lu)", content.lines, content.name,
+                      Describe(content.why.failed), content.why.error);
+    }
+  }
+  const DWORD rotationError = put ? writer.TakeRotationError() : ERROR_SUCCESS;
+  if (rotationError != ERROR_SUCCESS) {
+    put = PutNotice(writer, L"The full file cannot get a number (error %lu) and grows until it can",
+                    rotationError);
+  }
+  const wchar_t* const openToOthers = put ? writer.TakeOpenToOthers() : nullptr;
+  if (openToOthers != nullptr) {
+    put = PutNotice(writer,
+                    L"%s was there before and others may write it: take their rights away, or "
+                    L"delete it while no program of the product runs",
+                    openToOthers);
+  }
+  return put;
+}
+
+TraceFileResult TraceLog::PutNotice(TraceFile::Writer& writer, const wchar_t* format,
+                                    ...) noexcept {
   const TraceCall call =
-      MakeCall(kTraceLevelError, kOwnModuleName, "TraceLog::PutLosses", __FILE__, __LINE__);
-  const TraceFormat layout = m_format.load(std::memory_order_relaxed);
+      MakeCall(kTraceLevelError, kOwnModuleName, "TraceLog::PutNotices", __FILE__, __LINE__);
+  const TraceFormat layout = m_file.Options().Format();
   LineText text;
   BeginLine(text, layout, call);
-  AppendOwn(text, L"%I64u lines lost: %S (error %lu)", lost, Describe(reason.failed), reason.error);
+  va_list arguments;
+  va_start(arguments, format);
+  AppendFormatted(text, format, arguments);
+  va_end(arguments);
   EndLine(text, layout, call);
-  const TraceFileResult result = writer.Write(text.View());
-  if (result) {
-    m_lost.fetch_sub(lost, std::memory_order_relaxed);
-  }
-  return result;
+  return writer.Write(text.View());
 }
 
 void TraceLog::CountLoss(const TraceFileResult& why) noexcept {

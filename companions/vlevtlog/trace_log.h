@@ -28,7 +28,7 @@ class TraceLog {
     if (GetTickCount64() >= m_nextLook.load(std::memory_order_relaxed)) {
       LookAtConfiguration();
     }
-    return (m_levels.load(std::memory_order_relaxed) & LevelBitOf(level)) != 0;
+    return m_file.Options().IsOn(LevelBitOf(level));
   }
 
   // Writes one line of a level that is on. Char is the format's.
@@ -51,8 +51,6 @@ class TraceLog {
   void Close() noexcept { m_file.Close(); }
 
  private:
-  static constexpr std::uint64_t kBytesPerKb = 1024;
-
   void LookAtConfiguration() noexcept;
   void Start() noexcept;
   void TakeOptions(TraceOptionProblems& problems) noexcept;
@@ -61,15 +59,11 @@ class TraceLog {
   TraceCall MakeCall(int level, const char* moduleName, const char* functionName,
                      const char* sourceFile, int line) noexcept;
   void Put(const LineText& line) noexcept;
-  TraceFileResult PutLosses(TraceFile::Writer& writer) noexcept;
+  TraceFileResult PutNotices(TraceFile::Writer& writer) noexcept;
+  TraceFileResult PutNotice(TraceFile::Writer& writer, const wchar_t* format, ...) noexcept;
   void CountLoss(const TraceFileResult& why) noexcept;
 
   std::atomic<ULONGLONG> m_nextLook{0};  // tick count
-  std::atomic<std::uint32_t> m_levels{kAllLevelBits};
-  std::atomic<TraceFormat> m_format{TraceFormat::kText};
-  // Nothing is rotated, and nothing deleted, before a configuration was read whole.
-  std::atomic<std::uint64_t> m_fileSize{static_cast<std::uint64_t>(-1)};
-  std::atomic<std::uint32_t> m_files{static_cast<std::uint32_t>(-1)};
 
   // Guards what follows.
   SRWLOCK m_configurationLock = SRWLOCK_INIT;

@@ -13,7 +13,6 @@ constexpr wchar_t kSection[] = L"TRACE";
 constexpr std::uint32_t kSmallestFileSizeKb = 4;
 constexpr std::uint32_t kLargestFileSizeKb = 1024 * 1024;
 constexpr std::uint32_t kFewestFiles = 2;
-constexpr std::uint32_t kMostFiles = 1000;
 constexpr DWORD kValueSize = 256;
 
 struct LevelName {
@@ -124,8 +123,7 @@ std::uint32_t LevelBitOf(int level) noexcept {
 bool ReadTraceOptions(const wchar_t* file, TraceOptions& result,
                       TraceOptionProblems& problems) noexcept {
   IniFile ini;
-  const IniRead outcome = ini.Read(file);
-  if (outcome != IniRead::kDone && outcome != IniRead::kMissing) {
+  if (ini.Read(file) != IniRead::kDone) {
     return false;
   }
   TraceOptions options;

@@ -24,6 +24,43 @@ struct TraceOptions {
   std::uint32_t files = 10;
 };
 
+constexpr std::uint32_t kMostFiles = 1000;
+
+// Options in one word, which is never half of one configuration and half of another. Zero stands
+// for none: all levels are on, and no file is full.
+class TraceOptionWord {
+ public:
+  static constexpr std::uint64_t Of(const TraceOptions& options) noexcept {
+    return options.levels | (options.format == TraceFormat::kCmTrace ? kCmTraceBit : 0) |
+           (std::uint64_t{options.files} << kFilesShift) |
+           (std::uint64_t{options.fileSizeKb} << kFileSizeShift);
+  }
+  constexpr explicit TraceOptionWord(std::uint64_t word) noexcept : m_word(word) {}
+
+  constexpr bool IsOn(std::uint32_t levelBit) const noexcept {
+    return m_word == 0 || (m_word & levelBit) != 0;
+  }
+  constexpr TraceFormat Format() const noexcept {
+    return (m_word & kCmTraceBit) != 0 ? TraceFormat::kCmTrace : TraceFormat::kText;
+  }
+  // Bytes.
+  constexpr std::uint64_t FileSize() const noexcept {
+    constexpr std::uint64_t bytesPerKb = 1024;
+    return m_word == 0 ? static_cast<std::uint64_t>(-1) : (m_word >> kFileSizeShift) * bytesPerKb;
+  }
+  // The one being written included.
+  constexpr std::uint32_t Files() const noexcept {
+    return static_cast<std::uint32_t>(m_word >> kFilesShift) & kFilesMask;
+  }
+
+ private:
+  static constexpr std::uint64_t kCmTraceBit = 8;
+  static constexpr unsigned kFilesShift = 8;
+  static constexpr std::uint32_t kFilesMask = 0xFFFF;
+  static constexpr unsigned kFileSizeShift = 32;
+  std::uint64_t m_word;
+};
+
 // A value that is not understood. The option keeps its default.
 struct TraceOptionProblem {
   const wchar_t* key;
@@ -36,8 +73,8 @@ struct TraceOptionProblems {
   std::size_t count = 0;
 };
 
-// What the file says, read whole in one state. A missing file, section or key means the default.
-// False, with nothing changed, when there is a file and it cannot be read now.
+// What the file says, read whole in one state. A missing section or key means the default. False,
+// with nothing changed, when there is no file or it cannot be read now.
 //   Levels=ERROR,INFO,VERBOSE   any of them; or ALL, NONE
 //   Format=TEXT                 or CMTRACE
 //   FileSizeKB=5120             4 to 1048576

@@ -107,6 +107,16 @@ class TraceLogTest : public testing::Test {
     return messages;
   }
 
+  // The messages of the only file with lines of this process alone.
+  std::vector<std::string> SpilledMessages() const {
+    for (const std::string& name : Files()) {
+      if (name.starts_with("vorltrace.process")) {
+        return Messages(name);
+      }
+    }
+    return {};
+  }
+
   // Names in the logs folder, sorted; without the file that the processes share.
   std::vector<std::string> Files() const {
     std::vector<std::string> names;
@@ -135,6 +145,14 @@ class TraceLogTest : public testing::Test {
                                     FILE_ATTRIBUTE_NORMAL, nullptr);
     EXPECT_NE(held, INVALID_HANDLE_VALUE);
     return held;
+  }
+
+  static void OpenToEverybody(const fs::path& path) {
+    PSECURITY_DESCRIPTOR descriptor = nullptr;
+    ASSERT_TRUE(ConvertStringSecurityDescriptorToSecurityDescriptorW(
+        L"D:P(A;OICI;FA;;;SY)(A;OICI;FA;;;WD)", SDDL_REVISION_1, &descriptor, nullptr));
+    EXPECT_TRUE(SetFileSecurityW(path.c_str(), DACL_SECURITY_INFORMATION, descriptor));
+    LocalFree(descriptor);
   }
 
   ULONGLONG m_tick = 1'000'000;
@@ -341,6 +359,52 @@ TEST_F(TraceLogTest, DeletesNothingBeforeItCouldReadTheConfiguration) {
   EXPECT_EQ(Files().size(), 32U);
 }
 
+TEST_F(TraceLogTest, DeletesNothingWhileThereIsNoConfiguration) {
+  fs::create_directories(Logs());
+  for (int number = 100001; number <= 100030; ++number) {
+    std::ofstream(Logs() / ("vorltrace." + std::to_string(number) + ".log")) << "old\r\n";
+  }
+  std::ofstream(First(), std::ios::binary) << std::string(6 * 1024 * 1024, 'x') << "\r\n";
+  Log(2, "one");
+  m_tick += 2 * kSecond;
+  Log(2, "two");
+  EXPECT_EQ(Files().size(), 31U);
+}
+
+// The options in force are those that any process has read whole.
+TEST_F(TraceLogTest, GoesByTheOptionsThatAnotherProcessHasRead) {
+  Configure("Levels=ERROR\n");
+  Log(1, "one");
+  TraceLog other;
+  ASSERT_TRUE(other.SetFolder(m_folder.Path().c_str()));
+  const HANDLE keeper = Hold(m_folder.Path() / "conf" / "vorlconf.ini", 0);
+  LogTo(other, 1, "two");
+  LogTo(other, 2, "off");
+  CloseHandle(keeper);
+  Configure("Levels=VERBOSE\n");
+  EXPECT_TRUE(other.SetConfigurationFile((m_folder.Path() / "conf" / "vorlconf.ini").c_str()));
+  Log(1, "off");
+  Log(8, "three");
+  EXPECT_THAT(Messages(), ElementsAre("one", "two", "three"));
+  other.Close();
+}
+
+TEST_F(TraceLogTest, BeginsNoNewFileOnWhatOnlyAnotherProcessHasRead) {
+  Configure("FileSizeKB=4\nFiles=2\n");
+  Log(2, "one");
+  TraceLog other;
+  ASSERT_TRUE(other.SetFolder(m_folder.Path().c_str()));
+  const HANDLE keeper = Hold(m_folder.Path() / "conf" / "vorlconf.ini", 0);
+  const std::string filler(4000, 'x');
+  LogTo(other, 2, "%s", filler.c_str());
+  LogTo(other, 2, "%s", filler.c_str());
+  CloseHandle(keeper);
+  EXPECT_THAT(Files(), ElementsAre("vorltrace.log"));
+  Log(2, "two");
+  EXPECT_THAT(Files(), ElementsAre("vorltrace.000001.log", "vorltrace.log"));
+  other.Close();
+}
+
 // An editor that has emptied the file and is about to write it.
 TEST_F(TraceLogTest, KeepsItsOptionsWhileTheFileIsEmptyForAMoment) {
   Configure("Levels=ERROR\n");
@@ -402,6 +466,100 @@ TEST_F(TraceLogTest, CountsOnBesideTheHighestNumberThatThereIs) {
   EXPECT_TRUE(fs::exists(Logs() / "vorltrace.000002.log"));
 }
 
+// The last numbers that there are. Those that follow them are younger.
+TEST_F(TraceLogTest, BeginsAnewBehindTheHighestNumbers) {
+  Configure("FileSizeKB=4\nFiles=4\n");
+  fs::create_directories(Logs());
+  std::ofstream(Logs() / "vorltrace.999999998.log") << "high";
+  std::ofstream(Logs() / "vorltrace.999999999.log") << "higher";
+  const std::string filler(4000, 'x');
+  Log(2, "%s", filler.c_str());
+  Log(2, "%s", filler.c_str());
+  EXPECT_THAT(Files(), ElementsAre("vorltrace.000001.log", "vorltrace.999999998.log",
+                                   "vorltrace.999999999.log", "vorltrace.log"));
+  Log(2, "%s", filler.c_str());
+  Log(2, "%s", filler.c_str());
+  EXPECT_THAT(Files(), ElementsAre("vorltrace.000001.log", "vorltrace.000002.log",
+                                   "vorltrace.000003.log", "vorltrace.log"));
+}
+
+TEST_F(TraceLogTest, KeepsTheFileThatHasJustBecomeFullWhateverElseLiesThere) {
+  Configure("FileSizeKB=4\nFiles=2\n");
+  const std::string filler(4000, 'x');
+  Log(2, "%s", filler.c_str());
+  Log(2, "%s", filler.c_str());
+  std::ofstream(Logs() / "vorltrace.005000.log") << "from a backup";
+  Log(2, "%s", filler.c_str());
+  EXPECT_THAT(Files(), ElementsAre("vorltrace.000002.log", "vorltrace.log"));
+}
+
+// However many go. Nobody waits for it either.
+TEST_F(TraceLogTest, LooksThroughTheFolderOnceAndDeletesWithoutTheLock) {
+  Configure("FileSizeKB=4\nFiles=3\n");
+  fs::create_directories(Logs());
+  for (int number = 100001; number <= 100300; ++number) {
+    std::ofstream(Logs() / ("vorltrace." + std::to_string(number) + ".log")) << "old\r\n";
+  }
+  const std::string filler(4000, 'x');
+  Log(2, "%s", filler.c_str());
+  TraceLog other;
+  ASSERT_TRUE(other.SetFolder(m_folder.Path().c_str()));
+  int looks = 0;
+  int deletions = 0;
+  {
+    CallPatch<struct FindTag, HANDLE WINAPI(const wchar_t*, WIN32_FIND_DATAW*)> find(
+        "KERNEL32.dll", "FindFirstFileW", [&](const wchar_t* pattern, WIN32_FIND_DATAW* found) {
+          ++looks;
+          return find.CallOriginal(pattern, found);
+        });
+    CallPatch<struct DeleteTag, BOOL WINAPI(const wchar_t*)> remove(
+        "KERNEL32.dll", "DeleteFileW", [&](const wchar_t* path) {
+          if (++deletions == 1) {
+            LogTo(other, 2, "meanwhile");
+          }
+          return remove.CallOriginal(path);
+        });
+    Log(2, "one");
+    // Once for the number, which is known from then on.
+    EXPECT_EQ(looks, 2);
+    EXPECT_EQ(deletions, 299);
+    Log(2, "%s", filler.c_str());
+    EXPECT_EQ(looks, 3);
+  }
+  EXPECT_THAT(Messages("vorltrace.100302.log"), ElementsAre("one", "meanwhile"));
+  EXPECT_THAT(Files(),
+              ElementsAre("vorltrace.100301.log", "vorltrace.100302.log", "vorltrace.log"));
+  other.Close();
+}
+
+// The longest folder that the product accepts.
+TEST_F(TraceLogTest, RotatesInAFolderOf246Characters) {
+  std::wstring folder = m_folder.Path().wstring();
+  while (folder.size() < 244) {
+    folder += L"\\" + std::wstring(std::min<std::size_t>(100, 245 - folder.size()), L'd');
+    ASSERT_TRUE(CreateDirectoryW((L"\\\\?\\" + folder).c_str(), nullptr));
+  }
+  folder.resize(246, L'e');
+  CreateDirectoryW((L"\\\\?\\" + folder).c_str(), nullptr);
+  Configure("FileSizeKB=4\nFiles=2\n");
+  TraceLog deep;
+  // No configuration can lie below it.
+  EXPECT_FALSE(deep.SetFolder(folder.c_str()));
+  EXPECT_TRUE(deep.SetConfigurationFile((m_folder.Path() / "conf" / "vorlconf.ini").c_str()));
+  const std::string filler(4000, 'x');
+  for (int i = 0; i < 3; ++i) {
+    LogTo(deep, 2, "%s", filler.c_str());
+  }
+  deep.Close();
+  const auto exists = [&](const wchar_t* name) {
+    return GetFileAttributesW((L"\\\\?\\" + folder + L"\\logs\\" + name).c_str()) !=
+           INVALID_FILE_ATTRIBUTES;
+  };
+  EXPECT_TRUE(exists(L"vorltrace.log"));
+  EXPECT_TRUE(exists(L"vorltrace.000002.log"));
+  EXPECT_FALSE(exists(L"vorltrace.000001.log"));
+}
+
 TEST_F(TraceLogTest, WritesIntoNoFileThatHasASecondName) {
   const fs::path foreign = m_folder.Path() / "foreign.txt";
   std::ofstream(foreign, std::ios::binary) << "whole line\r\nno line end";
@@ -409,7 +567,7 @@ TEST_F(TraceLogTest, WritesIntoNoFileThatHasASecondName) {
   ASSERT_TRUE(CreateHardLinkW(First().c_str(), foreign.c_str(), nullptr));
   Log(2, "one");
   EXPECT_EQ(fs::file_size(foreign), 23U);
-  EXPECT_THAT(Messages("vorltrace.second.log"), ElementsAre("one"));
+  EXPECT_THAT(SpilledMessages(), ElementsAre("one"));
 }
 
 TEST_F(TraceLogTest, LeavesFilesThatAreNotItsOwn) {
@@ -432,12 +590,15 @@ TEST_F(TraceLogTest, GoesOnInAFileThatAViewerHoldsAndRotatesAfterwards) {
     m_tick += kSecond;
   }
   EXPECT_THAT(Files(), ElementsAre("vorltrace.log"));
-  EXPECT_EQ(Messages().size(), 5U);
+  EXPECT_EQ(Messages().size(), 6U);
+  EXPECT_THAT(Messages(),
+              testing::Contains("The full file cannot get a number (error 32) and grows until it "
+                                "can"));
   CloseHandle(viewer);
   m_tick += kSecond;
   Log(2, "after");
   EXPECT_THAT(Files(), ElementsAre("vorltrace.000001.log", "vorltrace.log"));
-  EXPECT_EQ(Messages("vorltrace.000001.log").size(), 5U);
+  EXPECT_EQ(Messages("vorltrace.000001.log").size(), 6U);
   EXPECT_THAT(Messages(), ElementsAre("after"));
 }
 
@@ -458,7 +619,11 @@ TEST_F(TraceLogTest, TriesAFailedRotationOnceASecond) {
   m_tick += kSecond;
   Log(2, "x");
   EXPECT_EQ(tries, 2);
-  EXPECT_EQ(Messages().size(), 101U);
+  const std::vector<std::string> messages = Messages();
+  EXPECT_EQ(messages.size(), 102U);
+  EXPECT_EQ(std::count(messages.begin(), messages.end(),
+                       "The full file cannot get a number (error 32) and grows until it can"),
+            1);
 }
 
 TEST_F(TraceLogTest, LeavesAnOldFileThatAViewerHoldsToTheNextRotation) {
@@ -483,11 +648,13 @@ TEST_F(TraceLogTest, GoesOnBesideAFileThatSomebodyKeepsForHimself) {
   const HANDLE keeper = Hold(First(), 0);
   Log(2, "one");
   Log(2, "two");
-  EXPECT_THAT(Messages("vorltrace.second.log"), ElementsAre("one", "two"));
+  EXPECT_THAT(SpilledMessages(), ElementsAre("one", "two"));
   CloseHandle(keeper);
-  m_tick += 2 * kSecond;
+  m_tick += kSecond / 10;
   Log(2, "three");
-  EXPECT_THAT(Content("vorltrace.log"), StartsWith("old line\r\n2"));
+  EXPECT_THAT(Content("vorltrace.log"),
+              MatchesRegex("old line\r\n[^\n]* 2 lines are in vorltrace\\.000001\\.log: the file "
+                           "cannot be opened \\(error 32\\)\r\n[^\n]* three\r\n"));
   EXPECT_THAT(Messages("vorltrace.000001.log"), ElementsAre("one", "two"));
   EXPECT_THAT(Files(), ElementsAre("vorltrace.000001.log", "vorltrace.log"));
 }
@@ -495,7 +662,7 @@ TEST_F(TraceLogTest, GoesOnBesideAFileThatSomebodyKeepsForHimself) {
 TEST_F(TraceLogTest, GoesOnBesideAFolderOfTheFilesName) {
   fs::create_directories(First());
   Log(2, "one");
-  EXPECT_THAT(Messages("vorltrace.second.log"), ElementsAre("one"));
+  EXPECT_THAT(SpilledMessages(), ElementsAre("one"));
 }
 
 TEST_F(TraceLogTest, NoticesThatTheFileWasMovedAway) {
@@ -607,7 +774,158 @@ TEST_F(TraceLogTest, CutsTheBeginningOfALineThatAnotherWriterLeftInTheOpenFile) 
   other.Close();
 }
 
+TEST_F(TraceLogTest, GivesNumbersToWhatEndedProcessesWroteForThemselves) {
+  Configure("FileSizeKB=4\n");
+  fs::create_directories(Logs());
+  const std::string line = "2026-03-09 07:05:02.041 +01:00 INFO 1 2 module Function source.cpp:1 ";
+  std::ofstream(Logs() / "vorltrace.process4711-1.log", std::ios::binary) << line << "left\r\n"
+                                                                          << line << "torn";
+  std::ofstream(Logs() / "vorltrace.process4712-1.log") << "of one that lives";
+  const HANDLE living =
+      Hold(Logs() / "vorltrace.process4712-1.log", FILE_SHARE_READ | FILE_SHARE_WRITE);
+  const std::string filler(4000, 'x');
+  Log(2, "%s", filler.c_str());
+  Log(2, "%s", filler.c_str());
+  CloseHandle(living);
+  EXPECT_THAT(Messages("vorltrace.000002.log"), ElementsAre("left"));
+  EXPECT_THAT(Files(), ElementsAre("vorltrace.000001.log", "vorltrace.000002.log", "vorltrace.log",
+                                   "vorltrace.process4712-1.log"));
+}
+
+// As after an update of the library while a program with the former one runs on.
+TEST_F(TraceLogTest, SharesNothingWithAnotherVersionThatIsInUse) {
+  fs::create_directories(Logs());
+  const std::string foreign = "state of another version";
+  std::ofstream(Logs() / "vorltrace.lock", std::ios::binary) << foreign;
+  const HANDLE user = Hold(Logs() / "vorltrace.lock", FILE_SHARE_READ | FILE_SHARE_WRITE);
+  Log(2, "one");
+  EXPECT_THAT(Messages("vorltrace.second.log"), ElementsAre("one"));
+  EXPECT_TRUE(fs::exists(Logs() / "vorltrace.second.lock"));
+  EXPECT_THAT(Content("vorltrace.lock"), StartsWith(foreign));
+  EXPECT_FALSE(fs::exists(First()));
+  CloseHandle(user);
+  m_log.Close();
+  // It has ended.
+  TraceLog later;
+  ASSERT_TRUE(later.SetFolder(m_folder.Path().c_str()));
+  LogTo(later, 2, "two");
+  EXPECT_THAT(Messages(), ElementsAre("two"));
+  later.Close();
+}
+
+// A page that cannot be read from the disk would end the process at its first use.
+TEST_F(TraceLogTest, TouchesNoSharedPageThatCannotBeRead) {
+  {
+    const CallPatch<struct LockTag, BOOL WINAPI(void*, SIZE_T)> patch(
+        "KERNEL32.dll", "VirtualLock", [](void* page, SIZE_T size) -> BOOL {
+          DWORD before = 0;
+          EXPECT_TRUE(VirtualProtect(page, size, PAGE_NOACCESS, &before));
+          SetLastError(ERROR_SWAPERROR);
+          return FALSE;
+        });
+    Log(2, "one");
+    m_tick += kSecond;
+    Log(2, "two");
+  }
+  m_tick += kSecond;
+  Log(2, "three");
+  EXPECT_THAT(Messages(), ElementsAre("2 lines are in vorltrace.000001.log: the logs folder cannot "
+                                      "be used (error 999)",
+                                      "three"));
+}
+
+// Windows does not let a folder go in which files are open, but a disk can be taken away.
+TEST_F(TraceLogTest, MakesAFolderThatHasVanishedAnew) {
+  TraceLog other;
+  ASSERT_TRUE(other.SetFolder(m_folder.Path().c_str()));
+  Log(2, "one");
+  LogTo(other, 2, "one");
+  fs::rename(Logs(), m_folder.Path() / "taken away");
+  m_tick += 2 * kSecond;
+  Log(2, "two");
+  LogTo(other, 2, "three");
+  Log(2, "four");
+  EXPECT_THAT(Messages(), ElementsAre("two", "three", "four"));
+  EXPECT_TRUE(fs::exists(Logs() / "vorltrace.lock"));
+  other.Close();
+}
+
 // Losses.
+
+TEST_F(TraceLogTest, TriesAFullDiskTenTimesASecondAndNotAtEveryLine) {
+  int tries = 0;
+  const CallPatch<struct FullTag, BOOL WINAPI(HANDLE, const void*, DWORD, DWORD*, OVERLAPPED*)>
+      patch("KERNEL32.dll", "WriteFile",
+            [&](HANDLE, const void*, DWORD, DWORD*, OVERLAPPED*) -> BOOL {
+              ++tries;
+              SetLastError(ERROR_DISK_FULL);
+              return FALSE;
+            });
+  for (int i = 0; i < 100; ++i) {
+    Log(2, "lost");
+  }
+  EXPECT_EQ(tries, 1);
+  m_tick += kSecond / 10;
+  Log(2, "lost");
+  EXPECT_EQ(tries, 2);
+}
+
+TEST_F(TraceLogTest, TriesAFileThatCannotBeOpenedTenTimesASecondAndNotAtEveryLine) {
+  fs::create_directories(First());
+  int tries = 0;
+  CallPatch<struct OpenTag,
+            HANDLE WINAPI(const wchar_t*, DWORD, DWORD, SECURITY_ATTRIBUTES*, DWORD, DWORD, HANDLE)>
+      patch("KERNEL32.dll", "CreateFileW",
+            [&](const wchar_t* path, DWORD access, DWORD share, SECURITY_ATTRIBUTES* attributes,
+                DWORD disposition, DWORD flags, HANDLE like) {
+              tries += fs::path(path).filename() == "vorltrace.log" ? 1 : 0;
+              return patch.CallOriginal(path, access, share, attributes, disposition, flags, like);
+            });
+  for (int i = 0; i < 100; ++i) {
+    Log(2, "%d", i);
+  }
+  EXPECT_EQ(tries, 1);
+  m_tick += kSecond / 10;
+  Log(2, "100");
+  EXPECT_EQ(tries, 2);
+  EXPECT_EQ(SpilledMessages().size(), 101U);
+}
+
+// What is closed to a thread that acts for another user is not closed to the others.
+TEST_F(TraceLogTest, LetsOneThreadThatMayNotWriteKeepNoOtherFromIt) {
+  const DWORD self = GetCurrentThreadId();
+  int refusals = 0;
+  const CallPatch<struct TokenTag, BOOL WINAPI(HANDLE, DWORD, BOOL, HANDLE*)> token(
+      "ADVAPI32.dll", "OpenThreadToken", [&](HANDLE, DWORD access, BOOL, HANDLE* result) -> BOOL {
+        if (GetCurrentThreadId() != self) {
+          return OpenProcessToken(GetCurrentProcess(), access, result);
+        }
+        SetLastError(ERROR_NO_TOKEN);
+        return FALSE;
+      });
+  CallPatch<struct OpenTag,
+            HANDLE WINAPI(const wchar_t*, DWORD, DWORD, SECURITY_ATTRIBUTES*, DWORD, DWORD, HANDLE)>
+      open("KERNEL32.dll", "CreateFileW",
+           [&](const wchar_t* path, DWORD access, DWORD share, SECURITY_ATTRIBUTES* attributes,
+               DWORD disposition, DWORD flags, HANDLE like) -> HANDLE {
+             if (GetCurrentThreadId() != self) {
+               ++refusals;
+               SetLastError(ERROR_ACCESS_DENIED);
+               return INVALID_HANDLE_VALUE;
+             }
+             return open.CallOriginal(path, access, share, attributes, disposition, flags, like);
+           });
+  std::thread([&] {
+    for (int i = 0; i < 100; ++i) {
+      Log(2, "lost");
+    }
+  }).join();
+  // The configuration, the state and the file of the process's own, once each at most.
+  EXPECT_LE(refusals, 102);
+  Log(2, "mine");
+  EXPECT_THAT(Messages(),
+              ElementsAre("100 lines lost: the logs folder cannot be used (error 5)", "mine"));
+}
 
 TEST_F(TraceLogTest, TellsHowManyLinesWereLostWhileThereWasNoFolder) {
   std::ofstream(Logs()) << "a file where the folder should be";
@@ -660,6 +978,7 @@ TEST_F(TraceLogTest, LeavesNoHalfLineOnAFullDiskAndTellsWhatItCost) {
     Log(2, "lost");
     Log(2, "lost");
   }
+  m_tick += kSecond / 10;
   Log(2, "after");
   EXPECT_THAT(
       Messages(),
@@ -675,12 +994,13 @@ TEST_F(TraceLogTest, TakesAShortWriteForAFullDisk) {
         });
     Log(2, "lost");
   }
+  m_tick += kSecond / 10;
   Log(2, "after");
   EXPECT_THAT(Messages(),
               ElementsAre("1 lines lost: the file cannot be written (error 112)", "after"));
 }
 
-TEST_F(TraceLogTest, LosesALineRatherThanTheCallerWhenAnotherWriterStandsStill) {
+TEST_F(TraceLogTest, WritesIntoAFileOfItsOwnWhileAnotherWriterStandsStill) {
   Log(2, "before");
   std::atomic<bool> isInside{false};
   const HANDLE goOn = CreateEventW(nullptr, TRUE, FALSE, nullptr);
@@ -697,17 +1017,22 @@ TEST_F(TraceLogTest, LosesALineRatherThanTheCallerWhenAnotherWriterStandsStill) 
     SwitchToThread();
   }
   m_tickStep = kSecond;
-  Log(2, "lost");
-  Log(2, "lost");
+  Log(2, "one");
+  Log(2, "two");
+  EXPECT_THAT(SpilledMessages(), ElementsAre("one", "two"));
   m_tickStep = 0;
   SetEvent(goOn);
   slow.join();
   CloseHandle(goOn);
+  m_tick += kSecond / 10;
   Log(2, "after");
   EXPECT_THAT(Messages(),
               ElementsAre("before", "slow",
-                          "2 lines lost: another writer does not let go of the file (error 1460)",
+                          "2 lines are in vorltrace.000001.log: another writer does not "
+                          "let go of the file (error 1460)",
                           "after"));
+  EXPECT_THAT(Messages("vorltrace.000001.log"), ElementsAre("one", "two"));
+  EXPECT_THAT(Files(), ElementsAre("vorltrace.000001.log", "vorltrace.log"));
 }
 
 TEST_F(TraceLogTest, LosesEverythingQuietlyInAFolderThatIsTooDeep) {
@@ -760,6 +1085,28 @@ TEST_F(TraceLogTest, GivesNewFilesToAdministratorsAndTheSystemOnly) {
   EXPECT_THAT(descriptors, ElementsAre(Pair("logs", "D:P(A;OICI;FA;;;SY)(A;OICI;FA;;;BA)"),
                                        Pair("vorltrace.lock", "D:P(A;;FA;;;SY)(A;;FA;;;BA)"),
                                        Pair("vorltrace.log", "D:P(A;;FA;;;SY)(A;;FA;;;BA)")));
+}
+
+TEST_F(TraceLogTest, SaysOnceThatOthersMayWriteIntoAFolderThatWasThere) {
+  ASSERT_TRUE(CreateDirectoryW(Logs().c_str(), nullptr));
+  OpenToEverybody(Logs());
+  Log(2, "one");
+  Log(2, "two");
+  EXPECT_THAT(
+      Messages(),
+      ElementsAre(EndsWith("\\logs was there before and others may write it: take their "
+                           "rights away, or delete it while no program of the product runs"),
+                  "one", "two"));
+  EXPECT_THAT(Content("vorltrace.log"), MatchesRegex("[^\n]* ERROR [^\n]* vlevtlog\\.dll "
+                                                     "[^\n]*\r\n[^\n]*\r\n[^\n]*\r\n"));
+}
+
+TEST_F(TraceLogTest, SaysThatOthersMayWriteIntoALockFileThatWasThere) {
+  Log(2, "one");
+  m_log.Close();
+  OpenToEverybody(Logs() / "vorltrace.lock");
+  Log(2, "two");
+  EXPECT_THAT(Messages(), ElementsAre("one", StartsWith("vorltrace.lock was there before"), "two"));
 }
 
 TEST_F(TraceLogTest, LetsViewersReadAndDeleteWhileItWrites) {
