@@ -143,7 +143,10 @@ TEST(InHouseLibraries, ImportTheseFunctionsAndNoOthers) {
   {
     const auto imports = ImportsOf(Library(StagedFolder() / "vlevtlog.dll"));
     EXPECT_EQ(imports.size(), 4U);
-    EXPECT_THAT(imports.at("advapi32.dll"), ElementsAre("RegGetValueW"));
+    EXPECT_THAT(imports.at("advapi32.dll"),
+                ElementsAre("EqualSid", "GetAce", "GetFileSecurityW", "GetSecurityDescriptorDacl",
+                            "GetSecurityDescriptorOwner", "GetTokenInformation", "IsWellKnownSid",
+                            "OpenProcessToken", "OpenThreadToken", "RegGetValueW"));
     EXPECT_THAT(
         imports.at("kernel32.dll"),
         ElementsAre("CloseHandle", "CompareStringOrdinal", "CreateDirectoryW", "CreateFileMappingW",
@@ -162,7 +165,7 @@ TEST(InHouseLibraries, ImportTheseFunctionsAndNoOthers) {
                     "Sleep", "SwitchToThread", "SystemTimeToFileTime",
                     "SystemTimeToTzSpecificLocalTime", "TerminateProcess", "Thread32First",
                     "Thread32Next", "TlsAlloc", "TlsFree", "TlsGetValue", "TlsSetValue",
-                    "TryAcquireSRWLockExclusive", "UnmapViewOfFile", "VirtualQuery",
+                    "TryAcquireSRWLockExclusive", "UnmapViewOfFile", "VirtualLock", "VirtualQuery",
                     "WaitForSingleObject", "WideCharToMultiByte", "WriteFile"));
     EXPECT_THAT(imports.at("msvcrt.dll"),
                 ElementsAre("___lc_codepage_func", "___mb_cur_max_func", "_errno", "_vsnwprintf",
