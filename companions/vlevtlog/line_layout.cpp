@@ -1,5 +1,6 @@
 #include "companions/vlevtlog/line_layout.h"
 
+#include <charconv>
 #include <cstdlib>
 #include <string_view>
 
@@ -24,133 +25,146 @@ void AppendName(LineText& line, const char* name) noexcept {
   line.AppendNarrow(name, length);
 }
 
-void AppendSigned(LineText& line, int number) noexcept {
-  if (number < 0) {
-    line.AppendLiteral("-");
-  }
-  const auto bits = static_cast<unsigned>(number);
-  line.AppendNumber(number < 0 ? 0 - bits : bits);
-}
-
-void AppendLevel(LineText& line, int level) noexcept {
-  switch (level) {
-    case kTraceLevelError:
-      line.AppendLiteral("ERROR");
-      break;
-    case kTraceLevelInfo:
-      line.AppendLiteral("INFO");
-      break;
-    case kTraceLevelVerbose:
-      line.AppendLiteral("VERBOSE");
-      break;
-    default:
-      line.AppendLiteral("LEVEL");
-      AppendSigned(line, level);
-      break;
-  }
-}
-
-void AppendPlace(LineText& line, const TraceCall& call) noexcept {
-  AppendName(line, call.sourceFile);
-  line.AppendLiteral(":");
-  AppendSigned(line, call.line);
-}
-
-// Text of a fixed width: most of a line's time goes into appending, so the many small parts of a
-// time are put together first.
-class TimeText {
+// The parts of a line that have a bounded size: most of a line's time goes into appending, so they
+// are put together first.
+class ShortText {
  public:
-  void Put(char character) noexcept { m_text[m_size++] = character; }
-  void Put(unsigned number, std::size_t digits) noexcept {
+  void Put(char character) noexcept {
+    if (m_size < sizeof m_text) {
+      m_text[m_size++] = character;
+    }
+  }
+  void Put(std::string_view text) noexcept {
+    for (const char character : text) {
+      Put(character);
+    }
+  }
+  void PutDigits(unsigned number, std::size_t digits) noexcept {
     for (std::size_t i = digits; i > 0; --i) {
       m_text[m_size + i - 1] = static_cast<char>('0' + number % 10);
       number /= 10;
     }
     m_size += digits;
   }
+  void PutNumber(unsigned long number) noexcept {
+    m_size = static_cast<std::size_t>(
+        std::to_chars(m_text + m_size, m_text + sizeof m_text, number).ptr - m_text);
+  }
+  void PutNumber(int number) noexcept {
+    m_size = static_cast<std::size_t>(
+        std::to_chars(m_text + m_size, m_text + sizeof m_text, number).ptr - m_text);
+  }
   void PutTimeOfDay(const LocalTime& time) noexcept {
-    Put(time.hour, 2);
+    PutDigits(time.hour, 2);
     Put(':');
-    Put(time.minute, 2);
+    PutDigits(time.minute, 2);
     Put(':');
-    Put(time.second, 2);
+    PutDigits(time.second, 2);
     Put('.');
-    Put(time.millisecond, 3);
+    PutDigits(time.millisecond, 3);
+  }
+  void PutLevel(int level) noexcept {
+    switch (level) {
+      case kTraceLevelError:
+        Put("ERROR");
+        break;
+      case kTraceLevelInfo:
+        Put("INFO");
+        break;
+      case kTraceLevelVerbose:
+        Put("VERBOSE");
+        break;
+      default:
+        Put("LEVEL");
+        PutNumber(level);
+        break;
+    }
   }
   std::string_view View() const noexcept { return {m_text, m_size}; }
 
  private:
-  char m_text[40];
+  // The longest is date, time, offset, level, process and thread.
+  char m_text[128];
   std::size_t m_size = 0;
 };
+
+// File and line, with what stands behind them.
+void AppendPlace(LineText& line, const TraceCall& call, std::string_view behind) noexcept {
+  AppendName(line, call.sourceFile);
+  ShortText number;
+  number.Put(':');
+  number.PutNumber(call.line);
+  number.Put(behind);
+  line.AppendLiteral(number.View());
+}
 
 void BeginTextLine(LineText& line, const TraceCall& call) noexcept {
   const LocalTime& time = call.time;
   const auto offset = static_cast<unsigned>(std::abs(time.utcOffsetMinutes));
-  TimeText stamp;
-  stamp.Put(static_cast<unsigned>(time.year), 4);
-  stamp.Put('-');
-  stamp.Put(time.month, 2);
-  stamp.Put('-');
-  stamp.Put(time.day, 2);
-  stamp.Put(' ');
-  stamp.PutTimeOfDay(time);
-  stamp.Put(' ');
-  stamp.Put(time.utcOffsetMinutes < 0 ? '-' : '+');
-  stamp.Put(offset / kMinutesPerHour, 2);
-  stamp.Put(':');
-  stamp.Put(offset % kMinutesPerHour, 2);
-  stamp.Put(' ');
-  line.AppendLiteral(stamp.View());
-  AppendLevel(line, call.level);
-  line.AppendLiteral(" ");
-  line.AppendNumber(call.processId);
-  line.AppendLiteral(" ");
-  line.AppendNumber(call.threadId);
-  line.AppendLiteral(" ");
+  ShortText head;
+  head.PutDigits(static_cast<unsigned>(time.year), 4);
+  head.Put('-');
+  head.PutDigits(time.month, 2);
+  head.Put('-');
+  head.PutDigits(time.day, 2);
+  head.Put(' ');
+  head.PutTimeOfDay(time);
+  head.Put(' ');
+  head.Put(time.utcOffsetMinutes < 0 ? '-' : '+');
+  head.PutDigits(offset / kMinutesPerHour, 2);
+  head.Put(':');
+  head.PutDigits(offset % kMinutesPerHour, 2);
+  head.Put(' ');
+  head.PutLevel(call.level);
+  head.Put(' ');
+  head.PutNumber(call.processId);
+  head.Put(' ');
+  head.PutNumber(call.threadId);
+  head.Put(' ');
+  line.AppendLiteral(head.View());
   line.SetEscaping(Escaping::kField);
   AppendName(line, call.moduleName);
   line.AppendLiteral(" ");
   AppendName(line, call.functionName);
   line.AppendLiteral(" ");
-  AppendPlace(line, call);
-  line.AppendLiteral(" ");
+  AppendPlace(line, call, " ");
   line.SetEscaping(Escaping::kText);
 }
 
 void EndCmTraceLine(LineText& line, const TraceCall& call) noexcept {
   const LocalTime& time = call.time;
-  TimeText stamp;
-  stamp.PutTimeOfDay(time);
+  ShortText when;
+  when.Put("]LOG]!><time=\"");
+  when.PutTimeOfDay(time);
   // These viewers count from local time to UTC.
-  stamp.Put(time.utcOffsetMinutes > 0 ? '-' : '+');
-  stamp.Put(static_cast<unsigned>(std::abs(time.utcOffsetMinutes)), 3);
-  TimeText date;
-  date.Put(time.month, 2);
-  date.Put('-');
-  date.Put(time.day, 2);
-  date.Put('-');
-  date.Put(static_cast<unsigned>(time.year), 4);
-  line.AppendLiteral("]LOG]!><time=\"");
-  line.AppendLiteral(stamp.View());
-  line.AppendLiteral("\" date=\"");
-  line.AppendLiteral(date.View());
+  when.Put(time.utcOffsetMinutes > 0 ? '-' : '+');
+  when.PutDigits(static_cast<unsigned>(std::abs(time.utcOffsetMinutes)), 3);
+  when.Put("\" date=\"");
+  when.PutDigits(time.month, 2);
+  when.Put('-');
+  when.PutDigits(time.day, 2);
+  when.Put('-');
+  when.PutDigits(static_cast<unsigned>(time.year), 4);
+  when.Put("\" component=\"");
+  line.AppendLiteral(when.View());
   line.SetEscaping(Escaping::kCmTraceAttribute);
-  line.AppendLiteral("\" component=\"");
   AppendName(line, call.moduleName);
-  line.AppendLiteral("\" context=\"");
-  AppendLevel(line, call.level);
-  line.AppendLiteral(" ");
-  line.AppendNumber(call.processId);
-  line.AppendLiteral(" ");
+  ShortText context;
+  context.Put("\" context=\"");
+  context.PutLevel(call.level);
+  context.Put(' ');
+  context.PutNumber(call.processId);
+  context.Put(' ');
+  line.AppendLiteral(context.View());
   AppendName(line, call.functionName);
-  line.AppendLiteral("\" type=\"");
-  line.AppendNumber(call.level == kTraceLevelError ? kCmTraceTypeError : kCmTraceTypeInformation);
-  line.AppendLiteral("\" thread=\"");
-  line.AppendNumber(call.threadId);
-  line.AppendLiteral("\" file=\"");
-  AppendPlace(line, call);
-  line.AppendLiteral("\">");
+  ShortText thread;
+  thread.Put("\" type=\"");
+  thread.PutNumber(call.level == kTraceLevelError ? kCmTraceTypeError : kCmTraceTypeInformation);
+  thread.Put("\" thread=\"");
+  thread.PutNumber(call.threadId);
+  thread.Put("\" file=\"");
+  line.AppendLiteral(thread.View());
+  AppendPlace(line, call, "\">");
 }
 
 }  // namespace

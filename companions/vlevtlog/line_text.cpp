@@ -2,7 +2,6 @@
 
 #include <algorithm>
 #include <array>
-#include <charconv>
 #include <cstdlib>
 #include <cstring>
 
@@ -69,13 +68,10 @@ void LineText::AppendLiteral(std::string_view text) noexcept {
   AppendPlainRun(text.data(), text.size());
 }
 
-void LineText::AppendNumber(unsigned long number) noexcept {
-  char text[16];
-  const char* const end = std::to_chars(text, text + sizeof text, number).ptr;
-  AppendPlainRun(text, static_cast<std::size_t>(end - text));
-}
-
 void LineText::AppendFill(char character, std::size_t count) noexcept {
+  if (count == 0) {
+    return;
+  }
   char run[64];
   std::memset(run, character, sizeof run);
   while (count > 0 && !m_isFull) {

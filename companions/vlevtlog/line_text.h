@@ -42,9 +42,6 @@ class LineText {
   // As it is: the text is part of the layout.
   void AppendLiteral(std::string_view text) noexcept;
 
-  // Decimal.
-  void AppendNumber(unsigned long number) noexcept;
-
   void AppendFill(char character, std::size_t count) noexcept;
 
   // Text in the code page of this system. A whole text at a time: it may have characters of

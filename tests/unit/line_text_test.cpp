@@ -101,14 +101,6 @@ TEST(LineText, ConvertsTheCodePageOfTheSystem) {
   EXPECT_GT(line.View().size(), 600U);
 }
 
-TEST(LineText, AppendsNumbers) {
-  LineText line;
-  line.AppendNumber(4294967295UL);
-  line.AppendLiteral("/");
-  line.AppendNumber(0);
-  EXPECT_EQ(line.View(), "4294967295/0");
-}
-
 TEST(LineText, CutsAMessageAtItsLimitAndSaysSo) {
   LineText line;
   line.AppendLiteral("head ");
