@@ -3,6 +3,8 @@
 #include <io.h>
 #include <process.h>
 
+#include <atomic>
+
 #include "agent/cathdsvc.h"
 #include "agent/coremodule.h"
 #include "agent/secattrb.h"
@@ -141,12 +143,19 @@ void CAcAsSvc::Run() {
 
   trace.Info("Before calling FreeSecurityAttributeForEveryone");
   FreeLibrary(module);
+  TakeBackSecurityDescriptor();
   FreeSecurityAttributeForEveryone(&m_SecurityAttributes, m_pEveryoneSid, m_pAcl,
                                    m_pSecurityDescriptor);
-  // A stop may still come, after the exit event has ended the wait: it must not use what is freed.
-  m_SecurityAttributes = {};
   trace.Info("After calling FreeSecurityAttributeForEveryone");
   trace.Info("Exit");
+}
+
+// When the exit event has ended the wait, a stop may still come or be under way: what it gives to
+// its event must not be freed. From here on it gives the default security.
+void CAcAsSvc::TakeBackSecurityDescriptor() {
+  // One store: the attributes are whole before and after it.
+  std::atomic_ref(m_SecurityAttributes.lpSecurityDescriptor).store(nullptr);
+  WaitForHandler();
 }
 
 // The close event by its name, created when the closure watcher has not done so yet. Null, with a

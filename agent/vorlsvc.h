@@ -40,6 +40,7 @@ class CAcAsSvc : public CNTService {
 
   KernelHandle CreateCloseEvent(const Trace& trace);
   void SignalCloseEvent(const Trace& trace);
+  void TakeBackSecurityDescriptor();
 
   // A stop may come before the closure watcher holds the close event. The event must then outlive
   // the stop path's own handle, or the signal dies with it: this second handle keeps it.

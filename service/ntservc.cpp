@@ -335,6 +335,8 @@ void WINAPI CNTService::ServiceMain(DWORD /*argc*/, char** /*argv*/) {
   trace.Info("Exit");
 }
 
+void CNTService::WaitForHandler() noexcept { g_reportGate.WaitForHandler(); }
+
 BOOL CNTService::Initialize() {
   constexpr Trace trace{"CNTService::Initialize"};
   trace.Info("Entry");

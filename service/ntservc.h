@@ -78,6 +78,10 @@ class CNTService {
   static void WINAPI ServiceMain(DWORD argc, char** argv);
   static void WINAPI Handler(DWORD control);
 
+  // Waits, 5 s at the most, until no control is being handled. What a derived class has taken out
+  // of its hooks' reach before may be freed afterwards. Not for the handler's own thread.
+  static void WaitForHandler() noexcept;
+
   BOOL Initialize();
   void SetStatus(DWORD state);
 

@@ -32,8 +32,12 @@ void ReportGate::Open() noexcept {
 void ReportGate::Close() noexcept {
   // In this order: a handler that enters after the wait finds the gate closing.
   m_isClosing = true;
-  WaitForSingleObject(m_hHandlerLeft, kHandlerWaitMilliseconds);
+  WaitForHandler();
   m_mayReport = false;
+}
+
+void ReportGate::WaitForHandler() const noexcept {
+  WaitForSingleObjectEx(m_hHandlerLeft, kHandlerWaitMilliseconds, /*bAlertable=*/FALSE);
 }
 
 bool ReportGate::WaitUntilLeft() const noexcept {

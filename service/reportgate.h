@@ -22,6 +22,9 @@ class ReportGate {
   // from stopping, and may not report any more.
   void Close() noexcept;
 
+  // Returns when no handler is inside, at the latest after 5 s. Others may enter meanwhile.
+  void WaitForHandler() const noexcept;
+
   // Whether a state other than STOPPED may be reported.
   bool MayReport() const noexcept { return m_mayReport; }
 

@@ -55,15 +55,9 @@ TEST_F(Service, OrdinaryRunWritesTheWholeStory) {
   EXPECT_EQ(service.Status().dwWin32ExitCode, 0U);
 
   const std::string root = installation.Folder().string();
-  // The last "Exit" of ServiceMain may be cut off by the end of the process.
-  std::vector<std::string> lines = ServiceThread();
-  if (lines.back() == "2 CNTService::ServiceMain: Exit") {
-    lines.pop_back();
-  }
-  if (lines.back() == "2 CNTService::SetStatus: Exit") {
-    lines.pop_back();
-  }
-  EXPECT_THAT(lines,
+  // STOPPED is reported before the last lines are written.
+  ASSERT_TRUE(installation.WaitForText("CNTService::ServiceMain", "Exit"));
+  EXPECT_THAT(ServiceThread(),
               ElementsAre("2 CNTService::ServiceMain: Entry",             //
                           "2 CNTService::Initialize: Entry",              //
                           "2 CNTService::SetStatus: Entry",               //
@@ -106,7 +100,9 @@ TEST_F(Service, OrdinaryRunWritesTheWholeStory) {
                           "2 CAcAsSvc::Run: Exit",           //
                           "2 CNTService::SetStatus: Entry",  //
                           "2 CNTService::DebugMsg: Entry",   //
-                          "2 CNTService::DebugMsg: Exit"));
+                          "2 CNTService::DebugMsg: Exit",    //
+                          "2 CNTService::SetStatus: Exit",   //
+                          "2 CNTService::ServiceMain: Exit"));
   EXPECT_THAT(installation.TextsOf("WaitForServiceClosure"),
               ElementsAre("Entry", "Close Event Signalled", "Exit"));
   EXPECT_THAT(

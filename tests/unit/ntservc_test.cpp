@@ -717,13 +717,14 @@ class LastReport : public NTService {
   // The service thread's wait for the handler.
   std::function<DWORD(HANDLE)> m_wait = [this](HANDLE handler) {
     SetEvent(m_serviceThreadIsThere.Get());
-    return m_waitForObject.CallOriginal(handler, INFINITE);
+    return WaitForSingleObject(handler, INFINITE);
   };
-  CallPatch<struct WaitTag, decltype(WaitForSingleObject)> m_waitForObject{
-      "KERNEL32.dll", "WaitForSingleObject", [this](HANDLE object, DWORD milliseconds) {
+  CallPatch<struct WaitTag, decltype(WaitForSingleObjectEx)> m_waitForObject{
+      "KERNEL32.dll", "WaitForSingleObjectEx",
+      [this](HANDLE object, DWORD milliseconds, BOOL isAlertable) {
         return milliseconds == kHandlerPatience
                    ? m_wait(object)
-                   : m_waitForObject.CallOriginal(object, milliseconds);
+                   : m_waitForObject.CallOriginal(object, milliseconds, isAlertable);
       }};
 };
 
@@ -782,7 +783,7 @@ TEST_F(LastReport, ComesAfterFiveSecondsWhenTheHandlerHangsWhichThenReportsNothi
   unsigned waits = 0;
   m_wait = [&](HANDLE handler) {
     ++waits;
-    EXPECT_EQ(m_waitForObject.CallOriginal(handler, 0), DWORD{WAIT_TIMEOUT});
+    EXPECT_EQ(WaitForSingleObject(handler, 0), DWORD{WAIT_TIMEOUT});
     return DWORD{WAIT_TIMEOUT};
   };
   const KernelHandle hangs = MakeEvent();
@@ -804,7 +805,7 @@ TEST_F(LastReport, ComesAfterFiveSecondsWhenTheHandlerHangsWhichThenReportsNothi
 
 TEST_F(LastReport, IsNotHeldUpWithoutAHandler) {
   DWORD result = WAIT_FAILED;
-  m_wait = [&](HANDLE handler) { return result = m_waitForObject.CallOriginal(handler, 0); };
+  m_wait = [&](HANDLE handler) { return result = WaitForSingleObject(handler, 0); };
   Finish();
   ExposedService::ServiceMain(0, nullptr);
   EXPECT_EQ(result, DWORD{WAIT_OBJECT_0});
@@ -814,7 +815,7 @@ TEST_F(LastReport, IsNotHeldUpWithoutAHandler) {
 // A handler that the wait did not see must not report any more.
 TEST_F(LastReport, IsAnnouncedBeforeTheWaitForTheHandler) {
   m_wait = [&](HANDLE handler) {
-    const DWORD result = m_waitForObject.CallOriginal(handler, 0);
+    const DWORD result = WaitForSingleObject(handler, 0);
     ExposedService::Handler(SERVICE_CONTROL_STOP);
     return result;
   };

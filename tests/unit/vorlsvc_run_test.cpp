@@ -2,6 +2,7 @@
 #include <gmock/gmock.h>
 #include <process.h>
 
+#include <atomic>
 #include <functional>
 #include <memory>
 #include <mutex>
@@ -744,6 +745,96 @@ TEST_F(RunTest, TheExitEventSignalledByAnotherProcessLeadsToTheCleanUp) {
               ElementsAre(Line(2, kWatcher, "agent/cathdsvc.cpp", "Entry"),
                           Line(2, kWatcher, "agent/cathdsvc.cpp", "Exit Event Signalled"),
                           Line(2, kWatcher, "agent/cathdsvc.cpp", "Exit")));
+}
+
+// A control that comes when the exit event has ended the wait, or still runs then.
+class LateStop : public RunTest {
+ protected:
+  // Run up to the clean-up of the security attributes, each of whose two pieces is freed under the
+  // eyes of `atFree`.
+  void RunToTheEnd(std::function<void()> atFree) {
+    HeldCore core(root);
+    AtStartUp(core, [] {
+      const HANDLE event = OpenOrCreateEvent(kExitEvent);
+      SetEvent(event);
+      // Stays, or the signal would be gone when the watcher looks for the event.
+      s_exitEvent = event;
+    });
+    const void* const descriptor = service->m_pSecurityDescriptor;
+    const void* const acl = service->m_pAcl;
+    const CallPatch<struct LocalFreeTag, HLOCAL(HLOCAL)> free(
+        "KERNEL32.dll", "LocalFree", [&](HLOCAL memory) {
+          if (memory == descriptor || memory == acl) {
+            ++frees;
+            atFree();
+          }
+          return free.CallOriginal(memory);
+        });
+    service->Run();
+    EXPECT_EQ(frees, 2U);
+    CloseHandle(s_exitEvent);
+  }
+
+  unsigned frees = 0;
+
+ private:
+  static inline HANDLE s_exitEvent;
+};
+
+TEST_F(LateStop, FindsNoDescriptorThatIsBeingFreed) {
+  const void* passed = &passed;
+  handles.BeforeCreation([&](const std::string& label) {
+    if (label == kCloseEvent) {
+      passed = service->m_SecurityAttributes.lpSecurityDescriptor;
+    }
+  });
+  RunToTheEnd([&] {
+    EXPECT_EQ(service->m_SecurityAttributes.lpSecurityDescriptor, nullptr);
+    TestService::Handler(SERVICE_CONTROL_STOP);
+    EXPECT_EQ(passed, nullptr);
+  });
+  EXPECT_EQ(handles.Creations().back().attributes->nLength, sizeof(SECURITY_ATTRIBUTES));
+}
+
+TEST_F(LateStop, ThatIsAboutToUseTheDescriptorIsWaitedFor) {
+  const KernelHandle isInside(CreateEventW(nullptr, TRUE, FALSE, nullptr));
+  const KernelHandle mayLeave(CreateEventW(nullptr, TRUE, FALSE, nullptr));
+  std::atomic<bool> isWatched = false;
+  std::atomic<std::thread::id> handlerId;
+  std::thread handler;
+  handles.BeforeCreation([&](const std::string& label) {
+    if (label == kCloseEvent && std::this_thread::get_id() == handlerId) {
+      SetEvent(isInside.Get());
+      WaitForSingleObject(mayLeave.Get(), INFINITE);
+    }
+  });
+  DWORD patience = 0;
+  const CallPatch<struct HandlerWaitTag, decltype(WaitForSingleObjectEx)> wait(
+      "KERNEL32.dll", "WaitForSingleObjectEx",
+      [&](HANDLE handlerLeft, DWORD milliseconds, BOOL /*isAlertable*/) {
+        patience = milliseconds;
+        EXPECT_EQ(WaitForSingleObject(handlerLeft, 0), DWORD{WAIT_TIMEOUT});
+        EXPECT_EQ(service->m_SecurityAttributes.lpSecurityDescriptor, nullptr);
+        SetEvent(mayLeave.Get());
+        return WaitForSingleObject(handlerLeft, INFINITE);
+      });
+  atWait = [&] {
+    if (isWatched.exchange(true)) {
+      return;  // the number of the watcher's handle, which is closed by now, used again
+    }
+    AwaitWatcher();
+    handler = std::thread([&] {
+      handlerId = std::this_thread::get_id();
+      TestService::Handler(SERVICE_CONTROL_STOP);
+    });
+    WaitForSingleObject(isInside.Get(), INFINITE);
+  };
+  RunToTheEnd([&] {
+    EXPECT_EQ(recorder.LinesOf("CNTService::Handler").size(), 2U);  // with its Exit
+    SetEvent(mayLeave.Get());
+  });
+  EXPECT_EQ(patience, 5000U);
+  handler.join();
 }
 
 TEST_F(RunTest, LeavesNoFreedDescriptorToAStopThatComesAfterTheCleanUp) {
