@@ -25,7 +25,7 @@ constexpr unsigned kConsoleMessageSize = 500;
 constexpr unsigned kPathLength = 260;
 // A path with its two quotes.
 constexpr unsigned kCommandPathLength = kPathLength + 2;
-constexpr int kNarrowCommandPathSize = 2 * kCommandPathLength;  // two bytes a character at the most
+constexpr int kNarrowCommandPathSize = 4 * kCommandPathLength;  // no code page needs more
 constexpr unsigned kWideServiceNameLength = 260;
 
 constexpr char kEventLogKey[] = R"(SYSTEM\CurrentControlSet\Services\EventLog\Application\)";

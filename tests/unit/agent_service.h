@@ -28,6 +28,7 @@ class TestService : public CAcAsSvc {
   using CAcAsSvc::OnUserControl;
   using CAcAsSvc::Run;
   using CAcAsSvc::SaveStatus;
+  using CAcAsSvc::ServiceMain;
 
   using CAcAsSvc::m_bNotifyServer;
   using CAcAsSvc::m_dwCurrentStatus;

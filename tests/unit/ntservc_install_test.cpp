@@ -160,15 +160,18 @@ TEST_F(Install, LongestPathIsRegisteredWithoutRecoveryActions) {
   EXPECT_THAT(m_journal.Calls(), Not(Contains(HasSubstr("ChangeServiceConfig2W"))));
 }
 
-// Every character takes two bytes in some code pages.
-TEST_F(Install, LongestPathIsTracedWholeInACodePageOfTwoBytesACharacter) {
+// A character takes up to two bytes in the code pages of East Asia, three in UTF-8, four in
+// GB18030.
+class PathInManyBytes : public Install, public ::testing::WithParamInterface<std::size_t> {};
+
+TEST_P(PathInManyBytes, IsTracedAsFarAsAMessageReaches) {
   m_manager.SetModulePath(L"C:\\a b" + std::wstring(253, L'x'));  // 259 characters
-  const CallPatch<struct TwoBytesTag,
+  const CallPatch<struct ManyBytesTag,
                   int(UINT, DWORD, const wchar_t*, int, char*, int, const char*, BOOL*)>
       convert("KERNEL32.dll", "WideCharToMultiByte",
               [](UINT, DWORD, const wchar_t* wide, int, char* narrow, int room, const char*,
                  BOOL*) -> int {
-                const std::string text(2 * std::wcslen(wide), 'y');
+                const std::string text(GetParam() * std::wcslen(wide), 'y');
                 if (text.size() >= static_cast<std::size_t>(room)) {
                   SetLastError(ERROR_INSUFFICIENT_BUFFER);
                   return 0;
@@ -179,7 +182,31 @@ TEST_F(Install, LongestPathIsTracedWholeInACodePageOfTwoBytesACharacter) {
   EXPECT_TRUE(m_service.Install());
   // 261 characters with its quotes; a message has room for 499 bytes.
   const std::string line =
-      "ConfigureServiceRecoveryOptions wszCAServicePath (" + std::string(2U * 261U, 'y');
+      "ConfigureServiceRecoveryOptions wszCAServicePath (" + std::string(GetParam() * 261U, 'y');
+  EXPECT_THAT(m_journal.Traces(), Contains(Line("Install", line.substr(0, 499), 1)));
+}
+
+INSTANTIATE_TEST_SUITE_P(, PathInManyBytes, ::testing::Values(2U, 3U, 4U),
+                         [](const auto& test) { return "Bytes" + std::to_string(test.param); });
+
+TEST_F(Install, PathOfUtf8CharactersIsTraced) {
+  // 143 characters of three bytes, which the message just holds.
+  m_manager.SetModulePath(L"C:\\" + std::wstring(143, L'\x4E2D') + L"\\vorlsrvc.exe");
+  const CallPatch<struct Utf8PathTag,
+                  int(UINT, DWORD, const wchar_t*, int, char*, int, const char*, BOOL*)>
+      convert("KERNEL32.dll", "WideCharToMultiByte",
+              [&](UINT, DWORD flags, const wchar_t* wide, int length, char* narrow, int room,
+                  const char* replacement, BOOL* replaced) {
+                return convert.CallOriginal(CP_UTF8, flags, wide, length, narrow, room, replacement,
+                                            replaced);
+              });
+  EXPECT_TRUE(m_service.Install());
+  std::string folder;
+  for (int i = 0; i < 143; ++i) {
+    folder += "\xE4\xB8\xAD";
+  }
+  const std::string line =
+      "ConfigureServiceRecoveryOptions wszCAServicePath (C:\\" + folder + "\\vorlsrvc.exe)";
   EXPECT_THAT(m_journal.Traces(), Contains(Line("Install", line.substr(0, 499), 1)));
 }
 

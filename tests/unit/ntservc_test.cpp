@@ -685,13 +685,23 @@ TEST_F(DebugMessage, FarTooLongIsCutAsWell) {
 constexpr DWORD kHandlerPatience = 5000;
 constexpr DWORD kLeavePatience = 10000;
 
+// For what only a defect keeps from happening.
+constexpr DWORD kTestPatience = 60000;
+
+// Waits for `object` and says so when it is waited for in vain.
+DWORD Await(HANDLE object) {
+  const DWORD result = WaitForSingleObject(object, kTestPatience);
+  EXPECT_EQ(result, DWORD{WAIT_OBJECT_0});
+  return result;
+}
+
 // A service thread and a control handler at the same time. The service's Run waits until Finish.
 class LastReport : public NTService {
  protected:
   LastReport() {
     m_service.run = [this] {
       SetEvent(m_runs.Get());
-      WaitForSingleObject(m_finish.Get(), INFINITE);
+      Await(m_finish.Get());
     };
     m_service.stop = [this] { Finish(); };
   }
@@ -704,7 +714,7 @@ class LastReport : public NTService {
 
   std::thread StartServiceThread() const {
     std::thread thread([] { ExposedService::ServiceMain(0, nullptr); });
-    WaitForSingleObject(m_runs.Get(), INFINITE);
+    Await(m_runs.Get());
     return thread;
   }
 
@@ -717,7 +727,7 @@ class LastReport : public NTService {
   // The service thread's wait for the handler.
   std::function<DWORD(HANDLE)> m_wait = [this](HANDLE handler) {
     SetEvent(m_serviceThreadIsThere.Get());
-    return WaitForSingleObject(handler, INFINITE);
+    return Await(handler);
   };
   CallPatch<struct WaitTag, decltype(WaitForSingleObjectEx)> m_waitForObject{
       "KERNEL32.dll", "WaitForSingleObjectEx",
@@ -734,7 +744,7 @@ TEST_F(LastReport, OfAStopWaitsForTheHandlersSecondReport) {
     if (status.dwCurrentState == SERVICE_STOPPED) {
       SetEvent(m_serviceThreadIsThere.Get());
     } else if (status.dwCurrentState == SERVICE_STOP_PENDING && ++stopPending == 2) {
-      WaitForSingleObject(m_serviceThreadIsThere.Get(), INFINITE);
+      Await(m_serviceThreadIsThere.Get());
     }
   };
   std::thread serviceThread = StartServiceThread();
@@ -749,7 +759,7 @@ TEST_F(LastReport, WaitsForAnInterrogateInFlight) {
     if (status.dwCurrentState == SERVICE_STOPPED) {
       SetEvent(m_serviceThreadIsThere.Get());
     } else if (WaitForSingleObject(m_finish.Get(), 0) == WAIT_OBJECT_0) {
-      WaitForSingleObject(m_serviceThreadIsThere.Get(), INFINITE);
+      Await(m_serviceThreadIsThere.Get());
     }
   };
   std::thread serviceThread = StartServiceThread();
@@ -763,7 +773,7 @@ TEST_F(LastReport, OfAFailedInitialisationWaitsForTheHandlerToo) {
   std::thread handler;
   m_service.init = [&] {
     handler = std::thread([] { ExposedService::Handler(SERVICE_CONTROL_INTERROGATE); });
-    WaitForSingleObject(m_runs.Get(), INFINITE);
+    Await(m_runs.Get());
     return FALSE;
   };
   m_service.interrogate = [this] { SetEvent(m_runs.Get()); };
@@ -771,7 +781,7 @@ TEST_F(LastReport, OfAFailedInitialisationWaitsForTheHandlerToo) {
     if (status.dwCurrentState == SERVICE_STOPPED) {
       SetEvent(m_serviceThreadIsThere.Get());
     } else if (WaitForSingleObject(m_runs.Get(), 0) == WAIT_OBJECT_0) {
-      WaitForSingleObject(m_serviceThreadIsThere.Get(), INFINITE);
+      Await(m_serviceThreadIsThere.Get());
     }
   };
   ExposedService::ServiceMain(0, nullptr);
@@ -790,11 +800,11 @@ TEST_F(LastReport, ComesAfterFiveSecondsWhenTheHandlerHangsWhichThenReportsNothi
   const KernelHandle release = MakeEvent();
   m_service.interrogate = [&] {
     SetEvent(hangs.Get());
-    WaitForSingleObject(release.Get(), INFINITE);
+    Await(release.Get());
   };
   std::thread serviceThread = StartServiceThread();
   std::thread handler([] { ExposedService::Handler(SERVICE_CONTROL_INTERROGATE); });
-  WaitForSingleObject(hangs.Get(), INFINITE);
+  Await(hangs.Get());
   Finish();
   serviceThread.join();
   EXPECT_EQ(waits, 1U);
@@ -982,7 +992,7 @@ class ReturnOfStartService : public LastReport {
     m_beforeReport = [this](const SERVICE_STATUS& status) {
       if (status.dwCurrentState == SERVICE_STOPPED) {
         SetEvent(m_stopped.Get());
-        WaitForSingleObject(m_mainIsThere.Get(), INFINITE);
+        Await(m_mainIsThere.Get());
       }
     };
   }
@@ -1007,7 +1017,7 @@ class ReturnOfStartService : public LastReport {
   std::function<DWORD(DWORD, const HANDLE*)> m_waitForBoth = [this](DWORD count,
                                                                     const HANDLE* objects) {
     SetEvent(m_mainIsThere.Get());
-    return m_waitForObjects.CallOriginal(count, objects, TRUE, INFINITE);
+    return m_waitForObjects.CallOriginal(count, objects, TRUE, kTestPatience);
   };
 
   // What StartService does behind the dispatcher's return.
@@ -1039,7 +1049,7 @@ class ReturnOfStartService : public LastReport {
         }
         const LPSERVICE_MAIN_FUNCTIONA serviceMain = table[0].lpServiceProc;
         m_serviceThread = std::thread([serviceMain] { serviceMain(0, nullptr); });
-        WaitForSingleObject(m_stopped.Get(), INFINITE);
+        Await(m_stopped.Get());
         return TRUE;
       }};
 
@@ -1065,12 +1075,12 @@ TEST_F(ReturnOfStartService, ComesBehindTheLastLineOfTheHandler) {
   std::thread handler;
   m_service.interrogate = [&] {
     SetEvent(handled.Get());
-    WaitForSingleObject(m_mainIsThere.Get(), INFINITE);
+    Await(m_mainIsThere.Get());
   };
   m_beforeReport = [&](const SERVICE_STATUS& status) {
     if (status.dwCurrentState == SERVICE_STOPPED) {
       handler = std::thread([] { ExposedService::Handler(SERVICE_CONTROL_INTERROGATE); });
-      WaitForSingleObject(handled.Get(), INFINITE);
+      Await(handled.Get());
       SetEvent(m_stopped.Get());
     }
   };

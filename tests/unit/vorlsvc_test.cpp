@@ -8,6 +8,7 @@
 
 #include "support/handle.h"
 #include "tests/fakes/vorlinfo_fake.h"
+#include "tests/fakes/vorlmisc_fake.h"
 #include "tests/support/handle_calls.h"
 #include "tests/support/import_patch.h"
 #include "tests/support/journal.h"
@@ -499,6 +500,53 @@ TEST_F(UserControl128, WritesTheStatusIntoAKeyThatIsThereAndLeavesTheRestOfItAlo
   EXPECT_EQ(Number(L"Other"), 5U);
   RegistryKey after;
   EXPECT_EQ(RegOpenKeyExW(own.Get(), inside.c_str(), 0, KEY_READ, after.Receive()), ERROR_SUCCESS);
+}
+
+// The whole of the control is done, only the report is left out: behind STOPPED it would count.
+TEST_F(UserControl128, WritesTheStatusAlsoWhileTheServiceEnds) {
+  FakeMiscReset();
+  FakeInfoReset();
+  FakeMisc()->startUpOptionsResult = 0;  // the service's body ends at once
+  FakeInfo()->eventNameResult = 0;
+  ASSERT_EQ(RegOverridePredefKey(HKEY_LOCAL_MACHINE, own.Get()), ERROR_SUCCESS);
+  std::vector<DWORD> reported;
+  {
+    const CallPatch<struct WatcherTag, std::uintptr_t(void*, unsigned, unsigned (*)(void*), void*,
+                                                      unsigned, unsigned*)>
+        begin("msvcrt.dll", "_beginthreadex",
+              [](void*, unsigned, unsigned (*watcher)(void*), void* argument, unsigned, unsigned*) {
+                watcher(argument);
+                return reinterpret_cast<std::uintptr_t>(GetCurrentThread());
+              });
+    const CallPatch<struct RegisterTag, decltype(RegisterServiceCtrlHandlerA)> registration(
+        "ADVAPI32.dll", "RegisterServiceCtrlHandlerA", [](LPCSTR, LPHANDLER_FUNCTION) {
+          return reinterpret_cast<SERVICE_STATUS_HANDLE>(ULONG_PTR{0x5500});
+        });
+    const CallPatch<struct ReportTag, BOOL(SERVICE_STATUS_HANDLE, SERVICE_STATUS*)> report(
+        "ADVAPI32.dll", "SetServiceStatus", [&](SERVICE_STATUS_HANDLE, SERVICE_STATUS* status) {
+          reported.push_back(status->dwCurrentState);
+          if (status->dwCurrentState == SERVICE_STOPPED) {
+            FakeTraceClear();
+            TestService::Handler(128);
+          }
+          return TRUE;
+        });
+    TestService::ServiceMain(0, nullptr);
+  }
+  RegOverridePredefKey(HKEY_LOCAL_MACHINE, nullptr);
+  EXPECT_EQ(Number(L"Current"), 7U);
+  EXPECT_THAT(reported, ElementsAre(DWORD{SERVICE_START_PENDING}, DWORD{SERVICE_RUNNING},
+                                    DWORD{SERVICE_STOPPED}));
+  EXPECT_THAT(recorder.Lines(),
+              ElementsAre(Line(2, "CNTService::Handler", "service/ntservc.cpp", "Entry"),
+                          Line(2, "CAcAsSvc::OnUserControl", kSource, "Entry"),
+                          Line(2, "CAcAsSvc::OnUserControl", kSource, "Before calling SaveStatus"),
+                          SaveLine(2, "Entry"), SaveLine(2, "Before calling RegCreateKeyEx"),
+                          SaveLine(2, "Before aclling RegSetValueEx"), SaveLine(2, "Exit"),
+                          Line(2, "CAcAsSvc::OnUserControl", kSource, "After calling SaveStatus"),
+                          Line(2, "CNTService::Handler", "service/ntservc.cpp", "Exit"),
+                          Line(2, "CNTService::SetStatus", "service/ntservc.cpp", "Exit"),
+                          Line(2, "CNTService::ServiceMain", "service/ntservc.cpp", "Exit")));
 }
 
 }  // namespace
