@@ -219,6 +219,54 @@ TEST_F(Service, PendingUpdateIsAppliedBeforeTheCoreIsLoaded) {
   EXPECT_FALSE(fs::exists(installation.Folder() / "pending" / "vorlcore.dll"));
 }
 
+// The installer's registry value "ConfigDir" for as long as this lives.
+class RegisteredConfigDir {
+ public:
+  RegisteredConfigDir(const std::string& majorVersion, const std::wstring& folder) {
+    EXPECT_EQ(
+        RegCreateKeyExA(HKEY_LOCAL_MACHINE, ("SOFTWARE\\Client Agent\\" + majorVersion).c_str(), 0,
+                        nullptr, REG_OPTION_NON_VOLATILE, KEY_ALL_ACCESS, nullptr, m_key.Receive(),
+                        nullptr),
+        ERROR_SUCCESS);
+    EXPECT_EQ(RegSetValueExW(m_key.Get(), L"ConfigDir", 0, REG_SZ,
+                             reinterpret_cast<const BYTE*>(folder.c_str()),
+                             static_cast<DWORD>((folder.size() + 1) * sizeof(wchar_t))),
+              ERROR_SUCCESS);
+  }
+  ~RegisteredConfigDir() { RegDeleteValueW(m_key.Get(), L"ConfigDir"); }
+  RegisteredConfigDir(const RegisteredConfigDir&) = delete;
+  RegisteredConfigDir& operator=(const RegisteredConfigDir&) = delete;
+
+ private:
+  RegistryKey m_key;
+};
+
+TEST_F(Service, FolderOfMoreThan246CharactersIsRefusedWithItsLine) {
+  const std::string longest = "C:\\" + std::string(243, 'f');
+  for (const bool isTooLong : {false, true}) {
+    SCOPED_TRACE(isTooLong);
+    const std::string folder = longest + (isTooLong ? "f" : "");
+    ASSERT_TRUE(CreateDirectoryA(("\\\\?\\" + folder).c_str(), nullptr));
+    std::filesystem::remove_all(installation.Folder() / "logs");
+    {
+      const RegisteredConfigDir configDir(name.substr(name.rfind(' ') + 1),
+                                          std::wstring(folder.begin(), folder.end()));
+      EXPECT_EQ(installation.Run("-uninstall").output, name + " is not installed\r\n");
+    }
+    EXPECT_EQ(std::filesystem::exists("\\\\?\\" + folder + "\\vorlconf.ini"), !isTooLong);
+    if (isTooLong) {
+      const std::string refusal = "Folder of 247 characters is too long, at most 246: " + folder;
+      EXPECT_THAT(installation.TextsOf("SetClientAgentLogOptions"), ElementsAre(refusal));
+      EXPECT_THAT(installation.TextsOf("GetClientAgentConfigDir"), ElementsAre(refusal, refusal));
+      EXPECT_THAT(installation.TextsOf("IsClientUUIDPresent"),
+                  ElementsAre("Entry", "GetClientAgentConfigDir failed"));
+    } else {
+      EXPECT_THAT(installation.TextsOf("GetClientAgentConfigDir"), ::testing::IsEmpty());
+    }
+    std::filesystem::remove_all("\\\\?\\" + folder);
+  }
+}
+
 TEST_F(Service, KilledServiceCanBeStartedAgain) {
   InstallAndStart();
   const KernelHandle process(
