@@ -7,6 +7,8 @@
 
 namespace {
 
+constexpr Trace createTrace{"CreateSecurityAttributeForEveryone"};
+
 constexpr char kLibraryName[] = "advapi32.dll";
 
 using AllocateAndInitializeSidFn = decltype(AllocateAndInitializeSid);
@@ -37,79 +39,108 @@ void FreeDescriptorAclAndSid(PSECURITY_DESCRIPTOR sd, PACL acl, PSID sid) {
   g_pfnFreeSid(sid);
 }
 
+// The functions that are looked up anew each time; FreeSid is kept process-wide.
+struct Functions {
+  AllocateAndInitializeSidFn* s_pfnAllocateAndInitializeSid;
+  SetEntriesInAclFn* s_pfnSetEntriesInAcl;
+  InitializeSecurityDescriptorFn* s_pfnInitializeSecurityDescriptor;
+  SetSecurityDescriptorDaclFn* s_pfnSetSecurityDescriptorDacl;
+};
+
+// Each step of the creation gives false after its trace line, with everything freed that this and
+// the earlier steps have made.
+
+bool LoadFunctions(Functions& functions) {
+  g_hAdvapi32 = LoadLibraryA(kLibraryName);
+  if (g_hAdvapi32 == nullptr) {
+    createTrace.Error("LoadLibrary Failed For : %s(%u)", kLibraryName, GetLastError());
+    return false;
+  }
+  functions = {
+      ProcAddress<AllocateAndInitializeSidFn>(g_hAdvapi32, "AllocateAndInitializeSid"),
+      ProcAddress<SetEntriesInAclFn>(g_hAdvapi32, "SetEntriesInAclW"),
+      ProcAddress<InitializeSecurityDescriptorFn>(g_hAdvapi32, "InitializeSecurityDescriptor"),
+      ProcAddress<SetSecurityDescriptorDaclFn>(g_hAdvapi32, "SetSecurityDescriptorDacl")};
+  g_pfnFreeSid = ProcAddress<FreeSidFn>(g_hAdvapi32, "FreeSid");
+  if (functions.s_pfnAllocateAndInitializeSid == nullptr ||
+      functions.s_pfnSetEntriesInAcl == nullptr ||
+      functions.s_pfnInitializeSecurityDescriptor == nullptr ||
+      functions.s_pfnSetSecurityDescriptorDacl == nullptr || g_pfnFreeSid == nullptr) {
+    FreeLibrary(g_hAdvapi32);
+    createTrace.Error("get proc address Failed (%u)", GetLastError());
+    return false;
+  }
+  return true;
+}
+
+bool MakeWorldSid(const Functions& functions, PSID* sid) {
+  SID_IDENTIFIER_AUTHORITY worldAuthority = {SECURITY_WORLD_SID_AUTHORITY};
+  if (!functions.s_pfnAllocateAndInitializeSid(&worldAuthority, /*nSubAuthorityCount=*/1,
+                                               SECURITY_WORLD_RID, 0, 0, 0, 0, 0, 0, 0, sid)) {
+    FreeLibrary(g_hAdvapi32);
+    createTrace.Error("s_pfnAllocateAndInitializeSid() Failed");
+    return false;
+  }
+  return true;
+}
+
+bool MakeAcl(const Functions& functions, DWORD accessMask, PSID sid, PACL* acl) {
+  EXPLICIT_ACCESS_W entry = EntryForEveryone(accessMask, sid);
+  if (functions.s_pfnSetEntriesInAcl(/*cCountOfExplicitEntries=*/1, &entry, /*OldAcl=*/nullptr,
+                                     acl) != ERROR_SUCCESS) {
+    createTrace.Error("s_pfnSetEntriesInAcl() Failed");
+    g_pfnFreeSid(sid);
+    return false;
+  }
+  return true;
+}
+
+// On a failure `*sd` keeps the address of what was freed: the caller uses nothing of a failure.
+bool MakeDescriptor(const Functions& functions, PSID sid, PACL acl, PSECURITY_DESCRIPTOR* sd) {
+  *sd = LocalAlloc(LPTR, SECURITY_DESCRIPTOR_MIN_LENGTH);
+  if (*sd == nullptr) {
+    LocalFree(acl);
+    g_pfnFreeSid(sid);
+    createTrace.Error("LocalAlloc() Failed");
+    return false;
+  }
+  if (!functions.s_pfnInitializeSecurityDescriptor(*sd, SECURITY_DESCRIPTOR_REVISION)) {
+    FreeDescriptorAclAndSid(*sd, acl, sid);
+    createTrace.Error("s_pfnInitializeSecurityDescriptor() Failed");
+    return false;
+  }
+  if (!functions.s_pfnSetSecurityDescriptorDacl(*sd, /*bDaclPresent=*/TRUE, acl,
+                                                /*bDaclDefaulted=*/FALSE)) {
+    FreeDescriptorAclAndSid(*sd, acl, sid);
+    createTrace.Error("s_pfnSetSecurityDescriptorDacl() Failed");
+    return false;
+  }
+  return true;
+}
+
 }  // namespace
 
 BOOL CreateSecurityAttributeForEveryone(SECURITY_ATTRIBUTES* sa, PSID* sid, PACL* acl,
                                         PSECURITY_DESCRIPTOR* sd, DWORD accessMask) {
-  constexpr Trace trace{"CreateSecurityAttributeForEveryone"};
-  trace.Info("Entry");
+  createTrace.Info("Entry");
   if (sa == nullptr) {
-    trace.Error("NULL Parameters Received");
+    createTrace.Error("NULL Parameters Received");
     return FALSE;
   }
   *sa = {};
 
-  g_hAdvapi32 = LoadLibraryA(kLibraryName);
-  if (g_hAdvapi32 == nullptr) {
-    trace.Error("LoadLibrary Failed For : %s(%u)", kLibraryName, GetLastError());
+  Functions functions;
+  if (!LoadFunctions(functions) || !MakeWorldSid(functions, sid)) {
     return FALSE;
   }
-
-  auto* const s_pfnAllocateAndInitializeSid =
-      ProcAddress<AllocateAndInitializeSidFn>(g_hAdvapi32, "AllocateAndInitializeSid");
-  auto* const s_pfnSetEntriesInAcl =
-      ProcAddress<SetEntriesInAclFn>(g_hAdvapi32, "SetEntriesInAclW");
-  auto* const s_pfnInitializeSecurityDescriptor =
-      ProcAddress<InitializeSecurityDescriptorFn>(g_hAdvapi32, "InitializeSecurityDescriptor");
-  auto* const s_pfnSetSecurityDescriptorDacl =
-      ProcAddress<SetSecurityDescriptorDaclFn>(g_hAdvapi32, "SetSecurityDescriptorDacl");
-  g_pfnFreeSid = ProcAddress<FreeSidFn>(g_hAdvapi32, "FreeSid");
-  if (s_pfnAllocateAndInitializeSid == nullptr || s_pfnSetEntriesInAcl == nullptr ||
-      s_pfnInitializeSecurityDescriptor == nullptr || s_pfnSetSecurityDescriptorDacl == nullptr ||
-      g_pfnFreeSid == nullptr) {
-    FreeLibrary(g_hAdvapi32);
-    trace.Error("get proc address Failed (%u)", GetLastError());
+  // From here on a failure leaves the library loaded: FreeSid is still to be called.
+  if (!MakeAcl(functions, accessMask, *sid, acl) || !MakeDescriptor(functions, *sid, *acl, sd)) {
     return FALSE;
   }
-
-  SID_IDENTIFIER_AUTHORITY worldAuthority = {SECURITY_WORLD_SID_AUTHORITY};
-  if (!s_pfnAllocateAndInitializeSid(&worldAuthority, /*nSubAuthorityCount=*/1, SECURITY_WORLD_RID,
-                                     0, 0, 0, 0, 0, 0, 0, sid)) {
-    FreeLibrary(g_hAdvapi32);
-    trace.Error("s_pfnAllocateAndInitializeSid() Failed");
-    return FALSE;
-  }
-
-  // From here on a failure leaves the library loaded.
-  EXPLICIT_ACCESS_W entry = EntryForEveryone(accessMask, *sid);
-  if (s_pfnSetEntriesInAcl(/*cCountOfExplicitEntries=*/1, &entry, /*OldAcl=*/nullptr, acl) !=
-      ERROR_SUCCESS) {
-    trace.Error("s_pfnSetEntriesInAcl() Failed");
-    g_pfnFreeSid(*sid);
-    return FALSE;
-  }
-  *sd = LocalAlloc(LPTR, SECURITY_DESCRIPTOR_MIN_LENGTH);
-  if (*sd == nullptr) {
-    LocalFree(*acl);
-    g_pfnFreeSid(*sid);
-    trace.Error("LocalAlloc() Failed");
-    return FALSE;
-  }
-  if (!s_pfnInitializeSecurityDescriptor(*sd, SECURITY_DESCRIPTOR_REVISION)) {
-    FreeDescriptorAclAndSid(*sd, *acl, *sid);
-    trace.Error("s_pfnInitializeSecurityDescriptor() Failed");
-    return FALSE;
-  }
-  if (!s_pfnSetSecurityDescriptorDacl(*sd, /*bDaclPresent=*/TRUE, *acl, /*bDaclDefaulted=*/FALSE)) {
-    FreeDescriptorAclAndSid(*sd, *acl, *sid);
-    trace.Error("s_pfnSetSecurityDescriptorDacl() Failed");
-    return FALSE;
-  }
-
   sa->nLength = sizeof(*sa);
   sa->lpSecurityDescriptor = *sd;
   sa->bInheritHandle = FALSE;
-  trace.Info("Exit");
+  createTrace.Info("Exit");
   return TRUE;
 }
 

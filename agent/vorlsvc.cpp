@@ -21,6 +21,17 @@ constexpr unsigned kRegistryPathSize = 1024;
 
 constexpr int kExistenceOnly = 0;  // the access mode of _waccess
 
+// Of the service's body and of its steps.
+constexpr Trace runTrace{"CAcAsSvc::Run"};
+
+// Waits for the end of the closure watcher, and with it for the end of the agent's work.
+void AwaitWatcher(KernelHandle watcher) {
+  runTrace.Info("Before Calling WaitForSingleObject");
+  WaitForSingleObject(watcher.Get(), INFINITE);
+  runTrace.Info("After Calling WaitForSingleObject");
+  watcher.Reset();
+}
+
 // The path of the module `file` (with its backslash) in the agent's root folder.
 bool GetModulePath(const wchar_t* file, wchar_t (&path)[kFolderBufferLength]) {
   path[0] = L'\0';
@@ -63,91 +74,107 @@ BOOL CAcAsSvc::OnInit() {
 }
 
 void CAcAsSvc::Run() {
-  constexpr Trace trace{"CAcAsSvc::Run"};
-  trace.Info("Entry");
-
-  unsigned threadId = 0;
-  const auto threadHandle = reinterpret_cast<HANDLE>(
-      _beginthreadex(/*security=*/nullptr, /*stack_size=*/0, &WaitForServiceClosure, this,
-                     /*initflag=*/0, &threadId));
-  if (threadHandle == nullptr) {
-    trace.Error("_beginthreadex Failed %u", GetLastError());
+  runTrace.Info("Entry");
+  // On every return ahead of the wait below this handle stays open and the thread is not waited
+  // for: both end with the process, which the service's end leads to.
+  const HANDLE watcher = StartWatcher();
+  if (watcher == nullptr) {
     return;
   }
 
-  trace.Info("Before calling GetClientAgentStartUpOptions");
+  runTrace.Info("Before calling GetClientAgentStartUpOptions");
   CLIENT_AGENT_STARTUP_OPTIONS options{};
   if (GetClientAgentStartUpOptions(&options) == 0) {
-    trace.Error("GetClientAgentStartUpOptions Failed");
-    SignalCloseEvent(trace);
+    runTrace.Error("GetClientAgentStartUpOptions Failed");
+    SignalCloseEvent(runTrace);
     return;
   }
-
-  trace.Info("Calling for pending update...");
+  runTrace.Info("Calling for pending update...");
   if (!DoPendingPatchTasks()) {
-    trace.Info("DoPendingPatchTasks failed...");
+    runTrace.Info("DoPendingPatchTasks failed...");
   }
-  trace.Info("After calling GetClientAgentStartUpOptions");
+  runTrace.Info("After calling GetClientAgentStartUpOptions");
 
-  const HMODULE module = LoadVorlcoreDll();
-  if (module == nullptr) {
-    trace.Error("LoadAcresDll() failed.");
+  Module core(LoadVorlcoreDll());
+  if (!core) {
+    // The close event is for those who wait for the watcher, and without a core nobody does.
+    runTrace.Error("LoadAcresDll() failed.");
     return;
   }
-  auto* const startUp = ProcAddress<ClientAgentCoreStartUpFn>(module, "ClientAgentCoreStartUp");
+  if (!StartCore(core, options)) {
+    return;
+  }
+  AwaitWatcher(KernelHandle(watcher));
+  if (!CleanUpCore(core.Get(), options)) {
+    return;
+  }
+  runTrace.Info("Before calling FreeSecurityAttributeForEveryone");
+  core.Reset();
+  TakeBackSecurityDescriptor();
+  FreeSecurityAttributeForEveryone(&m_SecurityAttributes, m_pEveryoneSid, m_pAcl,
+                                   m_pSecurityDescriptor);
+  runTrace.Info("After calling FreeSecurityAttributeForEveryone");
+  runTrace.Info("Exit");
+}
+
+// Null, with a trace line, when the thread cannot be made.
+HANDLE CAcAsSvc::StartWatcher() {
+  unsigned threadId = 0;
+  const auto watcher = reinterpret_cast<HANDLE>(
+      _beginthreadex(/*security=*/nullptr, /*stack_size=*/0, &WaitForServiceClosure, this,
+                     /*initflag=*/0, &threadId));
+  if (watcher == nullptr) {
+    runTrace.Error("_beginthreadex Failed %u", GetLastError());
+  }
+  return watcher;
+}
+
+// On false, with a trace line, the core module is on its way out: unloaded here or by its owner.
+bool CAcAsSvc::StartCore(Module& core, const CLIENT_AGENT_STARTUP_OPTIONS& options) {
+  auto* const startUp = ProcAddress<ClientAgentCoreStartUpFn>(core.Get(), "ClientAgentCoreStartUp");
   if (startUp == nullptr) {
-    trace.Error("GetProcAddress() failed for ClientAgentCoreStartUp.");
-    FreeLibrary(module);
-    return;
+    // As without a core: nobody waits for the watcher.
+    runTrace.Error("GetProcAddress() failed for ClientAgentCoreStartUp.");
+    return false;
   }
-
-  trace.Info("Before calling ClientAgentCoreStartUp");
+  runTrace.Info("Before calling ClientAgentCoreStartUp");
   if (startUp(options.Text1, options.Text2, options.Text3, options.Text4, options.Word1,
               options.Word2, options.Word3, options.Word4, options.Dword1, options.Dword2,
               options.Dword3, options.Dword4, options.Dword5, options.Byte1, options.Dword6) == 0) {
-    trace.Error("ClientAgentCoreStartUp Failed");
-    FreeLibrary(module);
-    SignalCloseEvent(trace);
-    return;
+    runTrace.Error("ClientAgentCoreStartUp Failed");
+    core.Reset();
+    SignalCloseEvent(runTrace);
+    return false;
   }
-  trace.Info("After calling ClientAgentCoreStartUp");
+  runTrace.Info("After calling ClientAgentCoreStartUp");
+  return true;
+}
 
-  trace.Info("Before Calling WaitForSingleObject");
-  WaitForSingleObject(threadHandle, INFINITE);
-  trace.Info("After Calling WaitForSingleObject");
-  CloseHandle(threadHandle);
-
-  trace.Info("Before calling ClientAgentCoreCleanUp");
-  auto* const cleanUp = ProcAddress<ClientAgentCoreCleanUpFn>(module, "ClientAgentCoreCleanUp");
+// Tells the core to end its work. False, with a trace line, only when it cannot be told.
+bool CAcAsSvc::CleanUpCore(HMODULE core, const CLIENT_AGENT_STARTUP_OPTIONS& options) const {
+  runTrace.Info("Before calling ClientAgentCoreCleanUp");
+  auto* const cleanUp = ProcAddress<ClientAgentCoreCleanUpFn>(core, "ClientAgentCoreCleanUp");
   if (cleanUp == nullptr) {
-    trace.Error("GetProcAddress() failed for ClientAgentCoreCleanUp.");
+    runTrace.Error("GetProcAddress() failed for ClientAgentCoreCleanUp.");
     // There is no event to signal any more; both calls fail without effect.
     // cppcheck-suppress nullPointer
     SetEvent(nullptr);
     CloseHandle(nullptr);
-    FreeLibrary(module);
-    return;
+    return false;
   }
   BYTE notify = kNotifyNone;
   if (m_bNotifyServer) {
-    trace.Info("Notify server is TRUE");
+    runTrace.Info("Notify server is TRUE");
     notify = kNotifyServer;
   } else {
-    trace.Info("Notify server is false");
+    runTrace.Info("Notify server is false");
   }
   if (cleanUp(options.Text1, options.Text2, options.Text3, options.Text4, options.Word1,
               options.Dword1, options.Dword2, options.Dword3, options.Dword6, notify) == 0) {
-    trace.Error("ClientAgentCoreCleanUp Failed");
+    runTrace.Error("ClientAgentCoreCleanUp Failed");
   }
-  trace.Info("After calling ClientAgentCoreCleanUp");
-
-  trace.Info("Before calling FreeSecurityAttributeForEveryone");
-  FreeLibrary(module);
-  TakeBackSecurityDescriptor();
-  FreeSecurityAttributeForEveryone(&m_SecurityAttributes, m_pEveryoneSid, m_pAcl,
-                                   m_pSecurityDescriptor);
-  trace.Info("After calling FreeSecurityAttributeForEveryone");
-  trace.Info("Exit");
+  runTrace.Info("After calling ClientAgentCoreCleanUp");
+  return true;
 }
 
 // When the exit event has ended the wait, a stop may still come or be under way: what it gives to

@@ -6,6 +6,7 @@
 #include "service/ntservc.h"
 #include "support/handle.h"
 #include "support/trace.h"
+#include "support/vorlmisc.h"
 #include "support/windows_api.h"
 
 class CAcAsSvc : public CNTService {
@@ -38,9 +39,14 @@ class CAcAsSvc : public CNTService {
  private:
   friend unsigned __stdcall WaitForServiceClosure(void* argument);
 
+  // The steps of Run.
+  HANDLE StartWatcher();
+  bool StartCore(Module& core, const CLIENT_AGENT_STARTUP_OPTIONS& options);
+  bool CleanUpCore(HMODULE core, const CLIENT_AGENT_STARTUP_OPTIONS& options) const;
+  void TakeBackSecurityDescriptor();
+
   KernelHandle CreateCloseEvent(const Trace& trace);
   void SignalCloseEvent(const Trace& trace);
-  void TakeBackSecurityDescriptor();
 
   // A stop may come before the closure watcher holds the close event. The event must then outlive
   // the stop path's own handle, or the signal dies with it: this second handle keeps it.

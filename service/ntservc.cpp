@@ -16,6 +16,7 @@
 namespace {
 
 constexpr Trace parseTrace{"CNTService::ParseStandardArgs"};
+constexpr Trace installTrace{"CNTService::Install"};
 
 constexpr DWORD kRestartPauseMilliseconds = 100;
 
@@ -59,6 +60,53 @@ bool GetCommandPath(wchar_t (&commandPath)[kCommandPathLength]) {
   const bool hasBlank = std::wcschr(wszModulePath, L' ') != nullptr;
   return SUCCEEDED(StringCchPrintfW(commandPath, kCommandPathLength, hasBlank ? L"\"%s\"" : L"%s",
                                     wszModulePath));
+}
+
+ServiceHandle CreateOwnService(SC_HANDLE manager, const char* serviceName,
+                               const wchar_t* commandPath) {
+  wchar_t wszServiceName[kWideServiceNameLength];
+  // A name that cannot be converted is empty, which CreateService refuses.
+  static_cast<void>(NarrowToWide(serviceName, wszServiceName, kWideServiceNameLength));
+  return ServiceHandle(CreateServiceW(
+      manager, wszServiceName, /*lpDisplayName=*/wszServiceName, SERVICE_ALL_ACCESS,
+      SERVICE_WIN32_OWN_PROCESS | SERVICE_INTERACTIVE_PROCESS, SERVICE_AUTO_START,
+      SERVICE_ERROR_NORMAL, commandPath, /*lpLoadOrderGroup=*/nullptr, /*lpdwTagId=*/nullptr,
+      /*lpDependencies=*/nullptr, /*lpServiceStartName=*/nullptr, /*lpPassword=*/nullptr));
+}
+
+void SetRecoveryOptions(SC_HANDLE service, const char* serviceName, const wchar_t* commandPath) {
+  // Both lines are at the error level, so that every trace tells what was installed.
+  installTrace.Error("ConfigureServiceRecoveryOptions m_szServiceName (%s)", serviceName);
+  // The C runtime's own "%S" knows no characters outside its locale; the code page knows more.
+  char szCAServicePath[kNarrowCommandPathSize];
+  static_cast<void>(WideToNarrow(commandPath, szCAServicePath, kNarrowCommandPathSize));
+  installTrace.Error("ConfigureServiceRecoveryOptions wszCAServicePath (%s)", szCAServicePath);
+  // A service without recovery actions is better than none; what failed is in the trace.
+  static_cast<void>(ConfigureServiceRecoveryOptionsW(service, commandPath, SC_ACTION_RUN_COMMAND,
+                                                     SC_ACTION_RUN_COMMAND, SC_ACTION_NONE));
+}
+
+// False, with a trace line, when the key cannot be made.
+bool AddEventLogSource(const char* serviceName, const wchar_t* commandPath) {
+  char szKeyPath[kEventLogKeySize];
+  static_cast<void>(
+      StringCchPrintfA(szKeyPath, kEventLogKeySize, "%s%s", kEventLogKey, serviceName));
+  RegistryKey key;
+  if (RegCreateKeyA(HKEY_LOCAL_MACHINE, szKeyPath, key.Receive()) != ERROR_SUCCESS) {
+    // The thread's last error, not the function's result: what the console then prints.
+    installTrace.Error("RegCreateKey Failed %u", GetLastError());
+    return false;
+  }
+  const DWORD pathBytes = static_cast<DWORD>((std::wcslen(commandPath) + 1) * sizeof(wchar_t));
+  const DWORD typesSupported =
+      EVENTLOG_ERROR_TYPE | EVENTLOG_WARNING_TYPE | EVENTLOG_INFORMATION_TYPE;
+  // The event log shows raw texts without these values; the service does not depend on them.
+  static_cast<void>(RegSetValueExW(key.Get(), L"EventMessageFile", /*Reserved=*/0, REG_EXPAND_SZ,
+                                   reinterpret_cast<const BYTE*>(commandPath), pathBytes));
+  static_cast<void>(RegSetValueExA(key.Get(), "TypesSupported", /*Reserved=*/0, REG_DWORD,
+                                   reinterpret_cast<const BYTE*>(&typesSupported),
+                                   sizeof(typesSupported)));
+  return true;
 }
 
 bool IsOption(const char* argument, const char* option) { return _stricmp(argument, option) == 0; }
@@ -457,64 +505,30 @@ BOOL CNTService::IsInstalled() {
 }
 
 BOOL CNTService::Install() {
-  constexpr Trace trace{"CNTService::Install"};
-  trace.Info("Entry");
+  installTrace.Info("Entry");
   ServiceHandle manager = OpenManager();
   if (!manager) {
-    trace.Info("Unable to open service Manager: %u", GetLastError());
+    installTrace.Info("Unable to open service Manager: %u", GetLastError());
     return FALSE;
   }
-
   wchar_t wszCAServicePath[kCommandPathLength];
   if (!GetCommandPath(wszCAServicePath)) {
-    trace.Error("GetModuleFileName Failed %u", GetLastError());
+    installTrace.Error("GetModuleFileName Failed %u", GetLastError());
     return FALSE;
   }
-  wchar_t wszServiceName[kWideServiceNameLength];
-  // A name that cannot be converted is empty, which CreateService refuses.
-  static_cast<void>(NarrowToWide(m_szServiceName, wszServiceName, kWideServiceNameLength));
-
-  ServiceHandle service(CreateServiceW(
-      manager.Get(), wszServiceName, /*lpDisplayName=*/wszServiceName, SERVICE_ALL_ACCESS,
-      SERVICE_WIN32_OWN_PROCESS | SERVICE_INTERACTIVE_PROCESS, SERVICE_AUTO_START,
-      SERVICE_ERROR_NORMAL, wszCAServicePath, /*lpLoadOrderGroup=*/nullptr, /*lpdwTagId=*/nullptr,
-      /*lpDependencies=*/nullptr, /*lpServiceStartName=*/nullptr, /*lpPassword=*/nullptr));
+  ServiceHandle service = CreateOwnService(manager.Get(), m_szServiceName, wszCAServicePath);
   if (!service) {
-    trace.Error("CreateService Failed %u", GetLastError());
+    installTrace.Error("CreateService Failed %u", GetLastError());
     return FALSE;
   }
-
-  trace.Error("ConfigureServiceRecoveryOptions m_szServiceName (%s)", m_szServiceName);
-  // The C runtime's own "%S" knows no characters outside its locale; the code page knows more.
-  char szCAServicePath[kNarrowCommandPathSize];
-  static_cast<void>(WideToNarrow(wszCAServicePath, szCAServicePath, kNarrowCommandPathSize));
-  trace.Error("ConfigureServiceRecoveryOptions wszCAServicePath (%s)", szCAServicePath);
-  // A service without recovery actions is better than none; what failed is in the trace.
-  static_cast<void>(ConfigureServiceRecoveryOptionsW(service.Get(), wszCAServicePath,
-                                                     SC_ACTION_RUN_COMMAND, SC_ACTION_RUN_COMMAND,
-                                                     SC_ACTION_NONE));
+  SetRecoveryOptions(service.Get(), m_szServiceName, wszCAServicePath);
   service.Reset();
   manager.Reset();
-
-  char szKeyPath[kEventLogKeySize];
-  static_cast<void>(
-      StringCchPrintfA(szKeyPath, kEventLogKeySize, "%s%s", kEventLogKey, m_szServiceName));
-  RegistryKey key;
-  if (RegCreateKeyA(HKEY_LOCAL_MACHINE, szKeyPath, key.Receive()) != ERROR_SUCCESS) {
-    trace.Error("RegCreateKey Failed %u", GetLastError());
+  // A failure leaves the service installed: it runs without an event-log source as well.
+  if (!AddEventLogSource(m_szServiceName, wszCAServicePath)) {
     return FALSE;
   }
-  const DWORD pathBytes = static_cast<DWORD>((std::wcslen(wszCAServicePath) + 1) * sizeof(wchar_t));
-  const DWORD typesSupported =
-      EVENTLOG_ERROR_TYPE | EVENTLOG_WARNING_TYPE | EVENTLOG_INFORMATION_TYPE;
-  // The event log shows raw texts without these values; the service does not depend on them.
-  static_cast<void>(RegSetValueExW(key.Get(), L"EventMessageFile", /*Reserved=*/0, REG_EXPAND_SZ,
-                                   reinterpret_cast<const BYTE*>(wszCAServicePath), pathBytes));
-  static_cast<void>(RegSetValueExA(key.Get(), "TypesSupported", /*Reserved=*/0, REG_DWORD,
-                                   reinterpret_cast<const BYTE*>(&typesSupported),
-                                   sizeof(typesSupported)));
-  key.Reset();
-  trace.Info("Exit");
+  installTrace.Info("Exit");
   return TRUE;
 }
 
