@@ -1,3 +1,5 @@
+// The closure watcher: the thread that waits until the service is to end, and the names of the two
+// events that tell it so.
 #pragma once
 
 // The close event ends the service from inside, on a stop or a failed start; the exit event ends it

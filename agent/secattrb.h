@@ -1,5 +1,5 @@
-// Security attributes that let everyone use a kernel object. Not thread-safe: the library that
-// serves both functions is kept process-wide.
+// Security attributes that let everyone use a kernel object; the agent service gives them to its
+// two events. Not thread-safe: the library that serves both functions is kept process-wide.
 #pragma once
 
 #include "support/windows_api.h"

@@ -97,9 +97,10 @@ class CZTUUID : public FingerprintFields, public RawParameters {
 };
 
 // Each computes the identifier with a record of its own and writes it into `out` (`outChars`
-// characters, at least 33). On failure `*status` receives the record's last failure; on success it
-// is left untouched. The Into forms write into `out` directly; the others write a copy, and when
-// that does not fit `*status` receives (the copy's HRESULT, 0). `reserved` is ignored.
+// characters, at least 33). On success `*status` is left untouched. On failure it receives what the
+// record holds, which is (0, 0): a new record keeps no failure, so only the result says that it
+// failed. The Into forms write into `out` directly; the others write a copy, and when that does not
+// fit `*status` receives (the copy's HRESULT, 0). `reserved` is ignored.
 bool ComputeZTUUID(void* reserved, char* out, unsigned int outChars, FingerprintStatus* status);
 bool ComputeZTUUIDEx(char* out, unsigned int outChars, FingerprintStatus* status);
 bool ComputeZTUUIDInto(void* reserved, char* out, unsigned int outChars, FingerprintStatus* status);

@@ -31,14 +31,16 @@ struct RemovalHooks {
 // a static pointer.
 class CNTService {
  public:
-  // `serviceName`: shorter than 63 characters; a longer one is cut there.
+  // `serviceName`: shorter than 63 characters, for the products that read the field; what is longer
+  // than 63 is cut.
   explicit CNTService(const char* serviceName);
   virtual ~CNTService();
   CNTService(const CNTService&) = delete;
   CNTService& operator=(const CNTService&) = delete;
 
   // Performs the command in argv[1]. True when there was one; false when the process is to run as
-  // the service. Failures are printed and traced, never returned.
+  // the service. Failures are never returned: those of an installation and a removal are printed,
+  // all are traced, except that a stop of a service that is not installed does nothing.
   BOOL ParseStandardArgs(int argc, char** argv);
 
   // Connects the process to the service control manager and blocks until the service has stopped

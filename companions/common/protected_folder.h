@@ -1,3 +1,5 @@
+// Makes folders that only administrators and the system can use: for the configuration and the
+// trace.
 #pragma once
 
 #include "support/windows_api.h"

@@ -1,3 +1,4 @@
+// The start-up options as they stand in the configuration file, for the support library.
 #pragma once
 
 #include "support/vorlmisc.h"

@@ -4,6 +4,7 @@
 #include <gmock/gmock.h>
 
 #include <memory>
+#include <optional>
 #include <string>
 #include <thread>
 #include <vector>
@@ -69,8 +70,8 @@ class WaitForServiceClosureTest : public ::testing::Test {
   std::vector<HANDLE> own;
 
   bool blocks = false;
-  // When not the largest value: the answer of the wait.
-  DWORD waitAnswer = MAXDWORD - 1;
+  // What the wait answers instead of waiting.
+  std::optional<DWORD> waitAnswer;
   std::vector<WaitCall> waits;
   // Set when the watcher enters its wait.
   HANDLE waiting = CreateEventW(nullptr, TRUE, FALSE, nullptr);
@@ -82,8 +83,11 @@ class WaitForServiceClosureTest : public ::testing::Test {
       "KERNEL32.dll", "WaitForMultipleObjects",
       [this](DWORD count, const HANDLE* waitHandles, BOOL all, DWORD milliseconds) {
         journal.Call("WaitForMultipleObjects");
-        waits.push_back({{waitHandles, waitHandles + count}, all, milliseconds, waitAnswer});
-        if (waitAnswer == MAXDWORD - 1) {
+        waits.push_back({{waitHandles, waitHandles + count},
+                         all,
+                         milliseconds,
+                         waitAnswer.value_or(WAIT_FAILED)});
+        if (!waitAnswer) {
           SetEvent(waiting);
           waits.back().result =
               m_wait.CallOriginal(count, waitHandles, all, blocks ? milliseconds : 0);
