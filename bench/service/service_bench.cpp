@@ -3,7 +3,8 @@
 //
 //   service_bench cycles ROUNDS SERVICE...   starts, stops and, while idle, what each one holds
 //   service_bench idle SECONDS SERVICE...    all at once: processor time and wake-ups
-//   service_bench run ROUNDS LABEL=COMMAND...   programs from their start to their end
+//   service_bench run ROUNDS LABEL=COMMAND...   programs from their start to their end; 0 rounds:
+//                                            once, without a first time that is not counted
 //   service_bench add NAME COMMAND           registers a service, to be started by hand
 //   service_bench remove NAME
 //
@@ -370,7 +371,7 @@ void Runs(int rounds, const std::vector<std::string>& programs) {
   for (int round = 0; round <= rounds; ++round) {
     for (const std::string& program : programs) {
       const auto end = program.find('=');
-      RunToEnd(program.substr(0, end), program.substr(end + 1), round > 0);
+      RunToEnd(program.substr(0, end), program.substr(end + 1), round > 0 || rounds == 0);
     }
   }
 }
