@@ -23,7 +23,7 @@ echo "-- clang-format"
 find "${rooms[@]}" tests bench -name '*.cpp' -o -name '*.h' | xargs clang-format --dry-run -Werror
 
 target_options=(-std=c++20 -I. -DWIN32_LEAN_AND_MEAN -DNOMINMAX -D_WIN32_WINNT=0x0601
-  -DSTRSAFE_NO_DEPRECATE -DVORL_MAJOR_VERSION=\"1\" -DVORL_VERSION=\"1\")
+  -isystem build/mingw-release/tool_headers -DSTRSAFE_NO_DEPRECATE -DVORL_MAJOR_VERSION=\"1\" -DVORL_VERSION=\"1\")
 
 echo "-- cppcheck"
 cppcheck --platform=win64 --library=windows --std=c++20 --language=c++ --inline-suppr \

@@ -15,8 +15,9 @@ out=${1:-$tree/files}
 
 cmake --preset mingw-release >/dev/null
 cmake --build --preset mingw-release --target installation | { grep -v '^\[' || true; }
-cmake --preset mingw-release -B "$tree" -DVORL_SYMBOLS=ON -DBUILD_TESTING=OFF --no-warn-unused-cli \
-  >/dev/null
+# The diagnosis tool knows the files it is shipped with: those, not the second build's.
+cmake --preset mingw-release -B "$tree" -DVORL_SYMBOLS=ON -DBUILD_TESTING=OFF \
+  -DVORL_SHIPPED_FOLDER="$PWD/$shipped" --no-warn-unused-cli >/dev/null
 cmake --build "$tree" --target installation | { grep -v '^\[' || true; }
 
 work=$(mktemp -d)

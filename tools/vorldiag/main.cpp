@@ -1,33 +1,160 @@
-// For the people who support the service: says what is registered and what the machine's identifier
-// is made of. Changes nothing.
-//
-//   vorldiag service     the service's registration, recovery actions, event source and state
-//   vorldiag identity    the hardware parameters and the identifier that they give
-//
-// Exit codes: 0 reported, 1 the thing asked for is not there, 2 wrong arguments.
-#include <cstdio>
-#include <cstring>
+// Says what the agent does, for the people who support it. Changes nothing on the machine: what it
+// opens it reads, and leaves to everybody else meanwhile.
+#include <CLI/CLI.hpp>
+#include <cstdlib>
+#include <exception>
+#include <functional>
+#include <nlohmann/json.hpp>
+#include <sstream>
+#include <string>
+#include <vector>
 
-#include "support/trace.h"
-#include "tools/vorldiag/identityreport.h"
-#include "tools/vorldiag/servicereport.h"
+#include "support/windows_api.h"
+#include "tools/vorldiag/identity/hardware.h"
+#include "tools/vorldiag/identity/identityreport.h"
+#include "tools/vorldiag/report/json.h"
+#include "tools/vorldiag/report/printed.h"
+#include "tools/vorldiag/status/situation.h"
+#include "tools/vorldiag/status/statusreport.h"
+#include "tools/vorldiag/text/output.h"
+#include "tools/vorldiag/text/utf8.h"
+#include "tools/vorldiag/trace/tracefiles.h"
+
+// Reads the types of windows.h.
+#include <shellapi.h>
 
 namespace {
 
-constexpr int kExitReported = 0;
-constexpr int kExitAbsent = 1;
-constexpr int kExitUsage = 2;
+constexpr int kExitOk = 0;
+constexpr int kExitWarning = 1;
+constexpr int kExitError = 2;
+constexpr int kExitNotDone = 3;
+
+// A computer whose WMI is well answers within seconds.
+constexpr unsigned kDefaultWmiSeconds = 60;
+
+int ExitCodeOf(Verdict verdict) {
+  switch (verdict) {
+    case Verdict::kOk:
+      return kExitOk;
+    case Verdict::kWarning:
+      return kExitWarning;
+    case Verdict::kError:
+      return kExitError;
+  }
+  return kExitNotDone;
+}
+
+struct Options {
+  bool isJson = false;
+  unsigned wmiSeconds = kDefaultWmiSeconds;
+  bool isBoth = false;
+};
+
+int Show(const Report& report, const Options& options, Output& output) {
+  const bool isWritten =
+      options.isJson ? output.Write(JsonText(ToJson(report))) : PrintReport(report, output);
+  return isWritten ? ExitCodeOf(report.Worst()) : kExitNotDone;
+}
+
+int RunStatus(const Options& options, Output& output) {
+  const Situation situation = FindSituation();
+  const Hardware hardware = CollectHardware(options.wmiSeconds);
+  return Show(StatusReport(situation, hardware, ReadLatestTrace(situation.Logs())), options,
+              output);
+}
+
+int RunIdentity(const Options& options, Output& output) {
+  // First: the program's own collection wants COM untouched.
+  std::vector<Collection> collections;
+  if (options.isBoth) {
+    collections = RunBothCollections(options.wmiSeconds);
+  }
+  const Hardware hardware = CollectHardware(options.wmiSeconds);
+  const FolderFact configuration = FindSituation().configuration;
+  const StoredIdentifier stored =
+      configuration.path.empty() ? StoredIdentifier{"", configuration.problem}
+                                 : ReadStoredIdentifier(configuration.path + L"\\vorlconf.ini");
+  return Show(IdentityReport(hardware, stored, collections), options, output);
+}
+
+// The command line in UTF-8, last argument first, as the parser wants it.
+std::vector<std::string> ArgumentsBackwards() {
+  int count = 0;
+  wchar_t** const wide = CommandLineToArgvW(GetCommandLineW(), &count);
+  std::vector<std::string> arguments;
+  for (int i = count - 1; wide != nullptr && i > 0; --i) {
+    arguments.push_back(Utf8(wide[i]));
+  }
+  LocalFree(wide);
+  return arguments;
+}
+
+int Run(Output& output, Output& errors) {
+  CLI::App app{
+      "Says what the agent on this computer does. Changes nothing.\n"
+      "Run it from an elevated prompt, in the installation folder. Begin with: vorldiag status\n",
+      "vorldiag"};
+  app.set_version_flag("--version", VORL_VERSION);
+  app.require_subcommand(1);
+  app.footer(
+      "\nExit codes: 0 everything is as it should be, 1 there is a warning, 2 there is an error,\n"
+      "3 the command itself could not be carried out.\n"
+      "vorldiag COMMAND --help says more about a command. Output is UTF-8.");
+
+  Options options;
+  std::function<int()> command;
+  const auto addCommand = [&](const char* name, const char* description,
+                              int (*run)(const Options&, Output&)) {
+    CLI::App* const sub = app.add_subcommand(name, description);
+    sub->add_flag("--json", options.isJson,
+                  "Write JSON, as docs/vorldiag.schema.json describes it");
+    sub->callback([&, run] { command = [&, run] { return run(options, output); }; });
+    return sub;
+  };
+  const auto addWmiSeconds = [&](CLI::App* sub) {
+    sub->add_option("--wmi-seconds", options.wmiSeconds, "How long WMI may take to answer")
+        ->capture_default_str()
+        ->check(CLI::Range(1U, 3600U));
+  };
+
+  addWmiSeconds(addCommand(
+      "status",
+      "Is it installed as it should be, does it run, who may tamper with it, and what took how\n"
+      "long at the last start? Each line is ok, warning or error, with what to do.",
+      &RunStatus));
+  CLI::App* const identity = addCommand(
+      "identity",
+      "What the computer's identifier is made of, and whether the stored one is equal to it",
+      &RunIdentity);
+  addWmiSeconds(identity);
+  identity->add_flag("--both", options.isBoth,
+                     "Also run both of the program's own collections and show their results");
+
+  try {
+    app.parse(ArgumentsBackwards());
+  } catch (const CLI::ParseError& error) {
+    std::ostringstream out;
+    std::ostringstream problem;
+    const int result = app.exit(error, out, problem);
+    output.Write(out.str());
+    errors.Write(problem.str());
+    return result == 0 ? kExitOk : kExitNotDone;
+  }
+  return command();
+}
 
 }  // namespace
 
-int main(int argc, char** argv) {
-  g_pszModuleName = "vorldiag.exe";
-  if (argc == 2 && std::strcmp(argv[1], "service") == 0) {
-    return ReportService() ? kExitReported : kExitAbsent;
+int main() {
+  Output output(STD_OUTPUT_HANDLE);
+  Output errors(STD_ERROR_HANDLE);
+  int exitCode = kExitNotDone;
+  try {
+    exitCode = Run(output, errors);
+  } catch (const std::exception& error) {
+    errors.Write(std::string("vorldiag: ") + error.what() + "\n");
   }
-  if (argc == 2 && std::strcmp(argv[1], "identity") == 0) {
-    return ReportIdentity() ? kExitReported : kExitAbsent;
-  }
-  std::fputs("usage: vorldiag service | identity\n", stderr);
-  return kExitUsage;
+  // At once: a thread may still be waiting for WMI.
+  std::_Exit(exitCode);
 }

@@ -1,0 +1,64 @@
+#include "tools/vorldiag/report/printed.h"
+
+#include <string>
+
+namespace {
+
+constexpr std::size_t kVerdictWidth = 9;
+constexpr std::size_t kTitleWidth = 26;
+
+std::string Padded(std::string text, std::size_t width) {
+  // Titles are ASCII: a byte is a column.
+  text.resize(std::max(text.size() + 1, width), ' ');
+  return text;
+}
+
+Colour ColourOf(Verdict verdict) {
+  switch (verdict) {
+    case Verdict::kOk:
+      return Colour::kGreen;
+    case Verdict::kWarning:
+      return Colour::kYellow;
+    case Verdict::kError:
+      return Colour::kRed;
+  }
+  return Colour::kPlain;
+}
+
+std::string Count(std::size_t number, const std::string& noun) {
+  return std::to_string(number) + " " + noun + (number == 1 ? "" : "s");
+}
+
+// Errors are to be found without colour as well.
+std::string Word(Verdict verdict) {
+  return verdict == Verdict::kError ? "ERROR" : VerdictWord(verdict);
+}
+
+}  // namespace
+
+bool PrintReport(const Report& report, Output& output) {
+  std::size_t warnings = 0;
+  std::size_t errors = 0;
+  bool isWritten = true;
+  for (const Section& section : report.sections) {
+    isWritten = output.Write(section.title + "\n") && isWritten;
+    for (const Finding& finding : section.findings) {
+      warnings += finding.verdict == Verdict::kWarning ? 1U : 0U;
+      errors += finding.verdict == Verdict::kError ? 1U : 0U;
+      isWritten =
+          output.Write("  ") &&
+          output.Write(Padded(Word(finding.verdict), kVerdictWidth), ColourOf(finding.verdict)) &&
+          output.Write(Padded(finding.title, kTitleWidth) + finding.value + "\n") && isWritten;
+      if (!finding.advice.empty()) {
+        isWritten =
+            output.Write(std::string(2 + kVerdictWidth, ' ') + "-> " + finding.advice + "\n") &&
+            isWritten;
+      }
+    }
+    isWritten = output.Write("\n") && isWritten;
+  }
+  const std::string verdict =
+      errors + warnings == 0 ? "Everything is as it should be.\n"
+                             : Count(errors, "error") + ", " + Count(warnings, "warning") + ".\n";
+  return output.Write(verdict, ColourOf(report.Worst())) && isWritten;
+}

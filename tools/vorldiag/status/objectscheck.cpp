@@ -1,0 +1,126 @@
+#include "tools/vorldiag/status/objectscheck.h"
+
+#include "tools/vorldiag/machine/kernelobjects.h"
+#include "tools/vorldiag/text/utf8.h"
+
+namespace {
+
+constexpr wchar_t kHelperPipe[] = L"\\\\.\\pipe\\briskuphelperpipe";
+constexpr char kConfigurationLock[] = "Global\\ClientAgentConfigurationFile";
+
+std::string HoldersText(const ObjectFacts& facts) {
+  std::string text = facts.owner.empty() ? "" : ", owner " + facts.owner;
+  if (!facts.holders.empty()) {
+    text += ", held by ";
+    for (const std::string& holder : facts.holders) {
+      text += (&holder == facts.holders.data() ? "" : ", ") + holder;
+    }
+  }
+  return text;
+}
+
+std::string EndThem(const EventFacts& event) {
+  std::string names;
+  for (const std::string& holder : event.holders) {
+    names += (names.empty() ? "" : ", ") + holder;
+  }
+  return names.empty() ? "Find out with a handle viewer who holds it, and end that program."
+                       : "End the program that holds it: " + names + ".";
+}
+
+void CheckEvent(const char* id, const char* title, const std::string& name,
+                const Situation& situation, Section& section) {
+  const EventFacts event = LookAtEvent(name);
+  if (event.error == ERROR_FILE_NOT_FOUND) {
+    if (situation.state && situation.state->dwCurrentState == SERVICE_RUNNING) {
+      section.Warn(id, title, name + " is not there although the service runs",
+                   "It is just starting or stopping, or its closure watcher failed: look at the "
+                   "last start below.");
+    } else {
+      section.Ok(id, title, name + " is not there, as it should be while the service is stopped");
+    }
+    return;
+  }
+  if (event.error == ERROR_INVALID_HANDLE) {
+    section.Fail(id, title, name + " is something else than an event",
+                 "The service stops at once after each start: find the program that has made an "
+                 "object of this name, and end it.");
+    return;
+  }
+  if (event.error != ERROR_SUCCESS) {
+    section.Warn(id, title, name + " cannot be opened: " + ErrorText(event.error),
+                 "Run vorldiag from an elevated prompt; when that is of no use, another program "
+                 "has made it for itself and the service cannot work.");
+    return;
+  }
+  const std::string value = name +
+                            (!event.isStateKnown ? ", state unknown"
+                             : event.isSignalled ? ", signalled"
+                                                 : ", not signalled") +
+                            HoldersText(event);
+  if (!event.isManualReset) {
+    section.Fail(id, title, value + ", of the wrong kind (it resets itself)",
+                 "Another program has made it before the service could. " + EndThem(event));
+  } else if (event.isSignalled && situation.IsStopped()) {
+    section.Fail(
+        id, title, value,
+        "Another program keeps it signalled: the service stops at once after each start. " +
+            EndThem(event));
+  } else if (event.isSignalled) {
+    section.Warn(id, title, value,
+                 "The service is about to stop; when it does not, it waits for the core's "
+                 "clean-up.");
+  } else if (situation.IsStopped()) {
+    section.Warn(id, title, value,
+                 "Another program has it open although the service is stopped; it can signal it at "
+                 "any time. " +
+                     EndThem(event));
+  } else {
+    section.Ok(id, title, value);
+  }
+}
+
+void CheckPipe(Section& section) {
+  const PipeFacts pipe = LookAtPipe(kHelperPipe);
+  const std::string name = Utf8(kHelperPipe);
+  if (pipe.error == ERROR_FILE_NOT_FOUND) {
+    section.Ok("helper-pipe", "Helper's pipe", name + " is not there: no helper runs");
+  } else if (pipe.error == ERROR_PIPE_BUSY) {
+    section.Warn("helper-pipe", "Helper's pipe", name + " is busy",
+                 "Look again; when it stays busy, the helper hangs and commands wait for it: "
+                 "restart the helper.");
+  } else if (pipe.error != ERROR_SUCCESS) {
+    section.Warn("helper-pipe", "Helper's pipe", name + ": " + ErrorText(pipe.error),
+                 "Run vorldiag from an elevated prompt.");
+  } else {
+    section.Ok("helper-pipe", "Helper's pipe",
+               name + (pipe.server.empty() ? "" : ", served by " + pipe.server));
+  }
+}
+
+void CheckLocks(const Situation& situation, Section& section) {
+  const ObjectFacts lock = LookAtLock(kConfigurationLock);
+  const std::string name = kConfigurationLock;
+  if (lock.error == ERROR_FILE_NOT_FOUND) {
+    section.Ok("configuration-lock", "Configuration's lock", name + " is not there");
+  } else if (lock.error != ERROR_SUCCESS) {
+    section.Warn("configuration-lock", "Configuration's lock", name + ": " + ErrorText(lock.error),
+                 "Another program has made it for itself; the service goes on without the lock.");
+  } else {
+    section.Ok("configuration-lock", "Configuration's lock", name + HoldersText(lock));
+  }
+  const std::wstring traceLock = situation.Logs() + L"\\vorltrace.lock";
+  section.Ok("trace-lock", "Trace's lock",
+             Utf8(traceLock) + (Exists(traceLock) ? "" : " is not there"));
+}
+
+}  // namespace
+
+Section CheckObjects(const Situation& situation) {
+  Section section{"objects", "Shared objects", {}};
+  CheckEvent("close-event", "Close event", situation.names.closeEvent, situation, section);
+  CheckEvent("exit-event", "Exit event", situation.names.exitEvent, situation, section);
+  CheckPipe(section);
+  CheckLocks(situation, section);
+  return section;
+}

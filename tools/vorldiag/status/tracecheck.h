@@ -1,0 +1,8 @@
+#pragma once
+
+#include "tools/vorldiag/report/findings.h"
+#include "tools/vorldiag/status/situation.h"
+#include "tools/vorldiag/trace/tracefiles.h"
+
+// The last start and the last stop of the service as the trace tells them.
+Section CheckTrace(const Situation& situation, const TraceText& trace);

@@ -1,0 +1,140 @@
+#include "tools/vorldiag/trace/tracefiles.h"
+
+#include <algorithm>
+#include <iterator>
+#include <map>
+
+#include "tools/vorldiag/machine/sharedfile.h"
+#include "tools/vorldiag/text/utf8.h"
+
+namespace {
+
+// A file has at most 1 GB when it is configured so; more than this is not read of one.
+constexpr std::uint64_t kLargestFile = 1100ULL * 1024 * 1024;
+
+// What the latest lines are taken from, at most.
+constexpr std::uint64_t kLatestBytes = 64ULL * 1024 * 1024;
+
+struct FindTraits {
+  using Type = HANDLE;
+  static Type Invalid() noexcept { return INVALID_HANDLE_VALUE; }
+  static void Close(Type handle) noexcept { FindClose(handle); }
+};
+
+// "vorltrace.000123.log": 123; 0 for another name.
+unsigned long NumberOf(const std::wstring& name) {
+  constexpr std::wstring_view prefix = L"vorltrace.";
+  constexpr std::wstring_view suffix = L".log";
+  if (name.size() <= prefix.size() + suffix.size() ||
+      !EqualsIgnoringCase(std::wstring_view(name).substr(0, prefix.size()), prefix) ||
+      !EqualsIgnoringCase(std::wstring_view(name).substr(name.size() - suffix.size()), suffix)) {
+    return 0;
+  }
+  unsigned long number = 0;
+  for (const wchar_t digit :
+       name.substr(prefix.size(), name.size() - prefix.size() - suffix.size())) {
+    if (digit < L'0' || digit > L'9') {
+      return 0;
+    }
+    number = number * 10 + static_cast<unsigned long>(digit - L'0');
+  }
+  return number;
+}
+
+void AddLines(const std::string& bytes, TraceText& trace) {
+  for (std::size_t begin = 0; begin < bytes.size();) {
+    std::size_t end = bytes.find('\n', begin);
+    if (end == std::string::npos) {
+      // The writer is in the middle of it.
+      break;
+    }
+    std::string_view text(bytes.data() + begin, end - begin);
+    if (!text.empty() && text.back() == '\r') {
+      text.remove_suffix(1);
+    }
+    TraceLine line;
+    if (ParseTraceLine(text, line)) {
+      trace.lines.push_back(std::move(line));
+    } else if (!text.empty()) {
+      ++trace.unreadable;
+    }
+    begin = end + 1;
+  }
+}
+
+bool HasServiceStart(const std::vector<TraceLine>& lines) {
+  return std::any_of(lines.begin(), lines.end(), [](const TraceLine& line) {
+    return line.function == "CNTService::ParseStandardArgs" &&
+           line.text == "No Arguments hence returning";
+  });
+}
+
+// The newest file first; stops when `isEnough` says so.
+template <typename Enough>
+TraceText Read(const std::wstring& folder, Enough isEnough) {
+  TraceText whole;
+  const std::vector<std::wstring> files = TraceFiles(folder);
+  std::uint64_t bytesRead = 0;
+  std::vector<std::vector<TraceLine>> parts;
+  for (auto file = files.rbegin(); file != files.rend(); ++file) {
+    std::string bytes;
+    const DWORD error = ReadSharedFile(*file, kLargestFile, bytes);
+    // One that was deleted meanwhile was too old.
+    if (error != ERROR_SUCCESS && error != ERROR_FILE_NOT_FOUND) {
+      whole.problem = Utf8(*file) + ": " + ErrorText(error);
+    }
+    TraceText part;
+    AddLines(bytes, part);
+    whole.unreadable += part.unreadable;
+    bytesRead += bytes.size();
+    parts.push_back(std::move(part.lines));
+    if (isEnough(parts.back(), bytesRead) && std::next(file) != files.rend()) {
+      whole.isComplete = false;
+      break;
+    }
+  }
+  for (auto part = parts.rbegin(); part != parts.rend(); ++part) {
+    std::move(part->begin(), part->end(), std::back_inserter(whole.lines));
+  }
+  return whole;
+}
+
+}  // namespace
+
+std::vector<std::wstring> TraceFiles(const std::wstring& folder) {
+  std::map<unsigned long, std::wstring> numbered;
+  WIN32_FIND_DATAW found{};
+  const UniqueHandle<FindTraits> search(
+      FindFirstFileW((folder + L"\\vorltrace.*.log").c_str(), &found));
+  while (search) {
+    if (const unsigned long number = NumberOf(found.cFileName); number != 0) {
+      numbered[number] = folder + L"\\" + found.cFileName;
+    }
+    if (!FindNextFileW(search.Get(), &found)) {
+      break;
+    }
+  }
+  std::vector<std::wstring> files;
+  for (const auto& [number, path] : numbered) {
+    files.push_back(path);
+  }
+  for (const wchar_t* name : {L"\\vorltrace.log", L"\\vorltrace.second.log"}) {
+    if (GetFileAttributesW((folder + name).c_str()) != INVALID_FILE_ATTRIBUTES) {
+      files.push_back(folder + name);
+    }
+  }
+  return files;
+}
+
+TraceText ReadLatestTrace(const std::wstring& folder) {
+  int filesWithStart = 0;
+  return Read(folder, [&](const std::vector<TraceLine>& lines, std::uint64_t bytesRead) {
+    // A start may have begun in the file before the one that shows it.
+    filesWithStart += filesWithStart > 0 || HasServiceStart(lines) ? 1 : 0;
+    return filesWithStart > 1 || bytesRead > kLatestBytes;
+  });
+}
+
+TraceText ReadWholeTrace(const std::wstring& folder) {
+  return Read(folder, [](const std::vector<TraceLine>&, std::uint64_t) { return false; });
+}

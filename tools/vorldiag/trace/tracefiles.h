@@ -1,0 +1,24 @@
+// The files of the trace, read while they are written, renamed and deleted by others.
+#pragma once
+
+#include <string>
+#include <vector>
+
+#include "tools/vorldiag/trace/traceline.h"
+
+// Paths of all trace files of a folder, oldest first.
+std::vector<std::wstring> TraceFiles(const std::wstring& folder);
+
+struct TraceText {
+  std::vector<TraceLine> lines;       // oldest first
+  unsigned long long unreadable = 0;  // lines that are none
+  std::string problem;                // a file that could not be read; empty when all could
+  bool isComplete = true;             // false when older files were left out
+};
+
+// Reads the youngest files: as many as are needed for the last start of the service and the stop
+// before it, and not more than a few.
+TraceText ReadLatestTrace(const std::wstring& folder);
+
+// Reads all files.
+TraceText ReadWholeTrace(const std::wstring& folder);
