@@ -102,7 +102,9 @@ bool TakeSoon(SharedLockState& lock, std::uint64_t ownName) noexcept {
 // While one that is late tries, nobody who came after it gets the lock.
 bool TakeLate(SharedLockState& lock, std::uint64_t ownName) noexcept {
   std::uint64_t expected = kFree;
-  lock.late.compare_exchange_strong(expected, ownName, std::memory_order_relaxed);
+  if (!lock.late.compare_exchange_strong(expected, ownName, std::memory_order_relaxed)) {
+    return false;
+  }
   const bool isTaken = TakeSoon(lock, ownName);
   expected = ownName;
   lock.late.compare_exchange_strong(expected, kFree, std::memory_order_relaxed);
