@@ -90,6 +90,8 @@ product_code=$(property "$work/one.msi" ProductCode)
 [ "$product_code" != "$(property "$work/next.msi" ProductCode)" ] || fail "versions share a product code"
 [ "$(property "$work/one.msi" UpgradeCode)" = "$(property "$work/next.msi" UpgradeCode)" ] ||
   fail "versions do not share the upgrade code"
+# Else a file that was newer than that of the package would be missing after an upgrade.
+[ "$(property "$work/one.msi" REINSTALLMODE)" = amus ] || fail "an upgrade may leave files out"
 # Every action that changes the machine runs later, as the system (3072), and has its undoing before.
 msiinfo export "$work/one.msi" CustomAction | tr -d '\r' |
   awk -F'\t' 'NR > 3 && $1 ~ /^Undo/ { if ($2 != 3329) exit 1; undone++ }
@@ -159,7 +161,10 @@ cmake/wine.sh "$state" pipe </dev/null >"$work/pipe.txt" 2>&1 &
 helper=$!
 timeout 30 sh -c 'until grep -q held "$1"; do sleep 0.1; done' wait "$work/pipe.txt" || fail "no pipe"
 setup /x "$work/next.msi" || fail "removal"
-grep -a -qF 'did not come to an end and was ended' "$log" || fail "the pipe held nobody up"
+for word in -stopmanual -uninstall; do
+  grep -a -qF "vorlsrvc.exe\" $word did not come to an end and was ended" "$log" ||
+    fail "the pipe did not hold $word up"
+done
 kill "$helper" 2>/dev/null || true
 helper=
 service_is absent

@@ -75,14 +75,18 @@ int Free() {
 }
 
 int HoldPipe() {
-  const FileHandle pipe(CreateNamedPipeW(L"\\\\.\\pipe\\briskuphelperpipe", PIPE_ACCESS_DUPLEX,
-                                         PIPE_TYPE_BYTE | PIPE_WAIT, 1, 4096, 4096, 0, nullptr));
-  if (!pipe) {
-    return 1;
+  // Clients find an instance each, whether or not anybody waits for them.
+  std::vector<FileHandle> instances;
+  for (int count = 0; count < 8; ++count) {
+    instances.emplace_back(CreateNamedPipeW(L"\\\\.\\pipe\\briskuphelperpipe", PIPE_ACCESS_DUPLEX,
+                                            PIPE_TYPE_BYTE | PIPE_WAIT, PIPE_UNLIMITED_INSTANCES,
+                                            4096, 4096, 0, nullptr));
+    if (!instances.back()) {
+      return 1;
+    }
   }
   std::puts("held");
   std::fflush(stdout);
-  ConnectNamedPipe(pipe.Get(), nullptr);
   Sleep(INFINITE);  // until the test ends this program
   return 0;
 }
