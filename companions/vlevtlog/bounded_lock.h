@@ -17,12 +17,15 @@ inline ExclusiveLock TryToTake(SRWLOCK& lock) noexcept {
   return ExclusiveLock(TryAcquireSRWLockExclusive(&lock) ? &lock : nullptr);
 }
 
+// Under such a lock a few files are opened, which takes its time on a busy machine: a line that
+// does not wait as long is a line in another place. At the end of the process the holder is gone.
 inline ExclusiveLock TakeSoon(SRWLOCK& lock) noexcept {
-  constexpr int kLongestWaitMilliseconds = 500;
+  constexpr int kShortNaps = 100;
+  constexpr int kNaps = 600;
   ExclusiveLock taken = TryToTake(lock);
-  const int longestWait = IsProcessEnding() ? 0 : kLongestWaitMilliseconds;
-  for (int wait = 0; taken == nullptr && wait < longestWait; ++wait) {
-    Sleep(1);
+  const int longestWait = IsProcessEnding() ? 0 : kNaps;
+  for (int nap = 0; taken == nullptr && nap < longestWait; ++nap) {
+    Sleep(nap < kShortNaps ? 1 : 10);
     taken = TryToTake(lock);
   }
   return taken;
