@@ -4,7 +4,8 @@
 #
 # --must-speak: the program prints something as soon as it begins. Wine fails to start about one
 # process in several thousand, with status 1 and no output at all. What ends so has not been started;
-# it is started once more, and a line in build/wine.empty-starts tells of it.
+# it is started once more, and a line in the file VORL_EMPTY_STARTS (build/wine.empty-starts) tells
+# of it.
 . "$(dirname "$0")/wine-env.sh"
 [ -d "$WINEPREFIX/drive_c/windows" ] || "$(dirname "$0")/wine-server.sh" start
 
@@ -31,7 +32,7 @@ run() {
 
 run "$@"
 if [ -n "$must_speak" ] && [ "$status" -eq 1 ] && [ ! -s "$output" ]; then
-  echo "$*" >>"$WINEPREFIX.empty-starts"
+  echo "$*" >>"${VORL_EMPTY_STARTS:-$WINEPREFIX.empty-starts}"
   run "$@"
 fi
 cat "$output"

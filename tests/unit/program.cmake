@@ -3,9 +3,11 @@ vorl_unit_test(identifierstore identifierstore)
 vorl_unit_test(vorlsrvc identifierstore agent identity test_service fake_wmi)
 set(program_source "${PROJECT_SOURCE_DIR}/app/vorlsrvc.cpp")
 target_sources(vorlsrvc_test PRIVATE "${program_source}")
-set_source_files_properties("${program_source}" PROPERTIES COMPILE_DEFINITIONS main=VorlsrvcMain)
+set_source_files_properties("${program_source}" PROPERTIES COMPILE_DEFINITIONS main=VorlsrvcMain
+                                                           SKIP_PRECOMPILE_HEADERS ON)
 if(NOT MSVC)
-  # Every function but main needs a declaration.
-  set_source_files_properties("${program_source}" PROPERTIES COMPILE_OPTIONS
-                                                             -Wno-missing-declarations)
+  # Every function but main needs a declaration. Optimised as in the product.
+  set_source_files_properties(
+    "${program_source}" PROPERTIES COMPILE_OPTIONS
+                                   "-Wno-missing-declarations;$<$<CONFIG:Release>:-O2>")
 endif()
