@@ -20,6 +20,14 @@ if(MSVC)
   target_compile_definitions(vorl_flags INTERFACE _CRT_SECURE_NO_WARNINGS)
   target_link_options(vorl_flags INTERFACE /guard:cf /HIGHENTROPYVA /Brepro)
   set(CMAKE_MSVC_RUNTIME_LIBRARY "MultiThreaded$<$<CONFIG:Debug>:Debug>")
+  # The trace names its source by the path inside the repository (with backslashes here).
+  if(CMAKE_CXX_COMPILER_ID STREQUAL "MSVC")
+    file(TO_NATIVE_PATH "${PROJECT_SOURCE_DIR}/" trimmed)
+    target_compile_options(vorl_flags INTERFACE "/d1trimfile:${trimmed}")
+  else()
+    target_compile_options(vorl_flags INTERFACE
+                                      "/clang:-ffile-prefix-map=${PROJECT_SOURCE_DIR}/=")
+  endif()
 else()
   target_compile_options(
     vorl_flags

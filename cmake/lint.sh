@@ -1,9 +1,13 @@
 #!/usr/bin/env bash
-# lint.sh [FILE...]: clang-format, cppcheck and clang-tidy over the product's sources (or FILEs), for
-# the target that the product is built for. Needs a configured build/mingw-release.
+# lint.sh [FILE...]: the directions of all includes; clang-format, cppcheck, clang and clang-tidy over
+# the product's sources (or FILEs), for the target that the product is built for. Needs a configured
+# build/mingw-release.
 set -eu
 cd "$(dirname "$0")/.."
 . cmake/environment.sh
+
+echo "-- includes"
+cmake/check-includes.sh
 
 # Other versions find and format otherwise; the sources are kept clean with this one.
 version=14
@@ -30,7 +34,6 @@ cppcheck --platform=win64 --library=windows --std=c++20 --language=c++ --inline-
   --enable=warning,performance,portability --error-exitcode=1 --quiet \
   --suppress=missingIncludeSystem -I . "${target_options[@]:2}" "${sources[@]}"
 
-echo "-- clang-tidy"
 # The cross compiler's own folders, which clang does not know; clang's headers stand in for GCC's.
 mapfile -t folders < <(x86_64-w64-mingw32-g++-posix -E -x c++ -v - </dev/null 2>&1 |
   sed -n '/^#include </,/^End/p' | sed -n 's/^ //p' | xargs realpath |
@@ -43,6 +46,19 @@ for folder in "${folders[@]}"; do
   esac
   system+=(-isystem "$folder")
 done
+clang_options=(--target=x86_64-w64-windows-gnu -nostdinc -nostdinc++ "${system[@]}"
+  "${target_options[@]}")
+
+# A second compiler's warnings, with Visual C++'s extensions. Its own mode (clang-cl) needs headers
+# of the Windows SDK; the one header that can be read without goes through it.
+echo "-- clang"
 printf '%s\n' "${sources[@]}" |
-  xargs -P "$(nproc)" -I{} clang-tidy --quiet {} -- --target=x86_64-w64-windows-gnu -nostdinc \
-    -nostdinc++ "${system[@]}" "${target_options[@]}" 2>/dev/null # only counts what it left out
+  xargs -P "$(nproc)" -I{} "clang++-$version" "${clang_options[@]}" -fsyntax-only -fms-extensions -Werror -Wall \
+    -Wextra -Wconversion -Wunreachable-code {}
+"clang++-$version" --driver-mode=cl --target=x86_64-pc-windows-msvc -fsyntax-only -W4 -WX -std:c++20 -EHsc \
+  -permissive- -D__STRICT_ANSI__ "${system[@]/#-isystem/-imsvc}" -I. -FI support/trace_format.h \
+  -TP /dev/null
+
+echo "-- clang-tidy"
+printf '%s\n' "${sources[@]}" |
+  xargs -P "$(nproc)" -I{} clang-tidy --quiet {} -- "${clang_options[@]}" 2>/dev/null # only counts what it left out

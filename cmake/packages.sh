@@ -21,7 +21,7 @@ install_packages() {
 
 build_packages=(cmake ninja-build g++-mingw-w64-x86-64-posix wine64 googletest
   libcli11-dev nlohmann-json3-dev libz-mingw-w64-dev)
-lint_packages=(clang-format clang-tidy cppcheck python3-jsonschema)
+lint_packages=(clang-format clang-tidy cppcheck python3-jsonschema gdb)
 # The installer package and what ./dist makes besides.
 dist_packages=(wixl msitools faketime osslsigncode openssl zip unzip)
 

@@ -24,5 +24,5 @@ done
 WINEARCH=win64
 WINEDEBUG=${WINEDEBUG:--all}
 # Without winedbg.exe switched off, most crashed programs end with status 0.
-WINEDLLOVERRIDES="mscoree,mshtml,winedbg.exe="
+WINEDLLOVERRIDES=${WINEDLLOVERRIDES-mscoree,mshtml,winedbg.exe=}
 export WINEPREFIX WINEARCH WINEDEBUG WINEDLLOVERRIDES

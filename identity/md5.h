@@ -8,8 +8,8 @@
 
 #include "support/windows_api.h"
 
-constexpr std::size_t kMd5DigestSize = 16;
-constexpr std::size_t kMd5BlockSize = 64;
+constexpr std::uint32_t kMd5DigestSize = 16;
+constexpr std::uint32_t kMd5BlockSize = 64;
 
 // The state of one computation. The caller fills it with zeros before MD5Init.
 struct Md5Context {

@@ -236,13 +236,13 @@ void CNTService::CommandInstall() {
                                        error));
     // The message is the format, so that a "%" in the service name is interpreted again, as the
     // scripts that read this line have always seen it.
-#ifdef __GNUC__
+#if defined(__GNUC__) || defined(__clang__)
 #pragma GCC diagnostic push
 #pragma GCC diagnostic ignored "-Wformat-nonliteral"
 #pragma GCC diagnostic ignored "-Wformat-security"
 #endif
     std::printf(szMessage);
-#ifdef __GNUC__
+#if defined(__GNUC__) || defined(__clang__)
 #pragma GCC diagnostic pop
 #endif
     parseTrace.Info("%s", szMessage);

@@ -32,15 +32,16 @@ class Trace {
   // One line of the given level. A text without arguments is written as it stands; with arguments
   // it is a format and is formatted here.
   template <typename... Args>
-  void Error(std::type_identity_t<TraceFormat<char, Args...>> format, Args... args) const noexcept {
+  void Error(std::type_identity_t<TraceMessage<char, Args...>> format,
+             Args... args) const noexcept {
     Write(kTraceLevelError, format, args...);
   }
   template <typename... Args>
-  void Info(std::type_identity_t<TraceFormat<char, Args...>> format, Args... args) const noexcept {
+  void Info(std::type_identity_t<TraceMessage<char, Args...>> format, Args... args) const noexcept {
     Write(kTraceLevelInfo, format, args...);
   }
   template <typename... Args>
-  void Verbose(std::type_identity_t<TraceFormat<char, Args...>> format,
+  void Verbose(std::type_identity_t<TraceMessage<char, Args...>> format,
                Args... args) const noexcept {
     Write(kTraceLevelVerbose, format, args...);
   }
@@ -48,36 +49,36 @@ class Trace {
   // One line whose format and arguments are handed to the trace library as they are, which has no
   // limit of its own on their length.
   template <typename... Args>
-  void ErrorDirect(std::type_identity_t<TraceFormat<char, Args...>> format,
+  void ErrorDirect(std::type_identity_t<TraceMessage<char, Args...>> format,
                    Args... args) const noexcept {
     WriteDirect(kTraceLevelError, format, args...);
   }
   template <typename... Args>
-  void InfoDirect(std::type_identity_t<TraceFormat<char, Args...>> format,
+  void InfoDirect(std::type_identity_t<TraceMessage<char, Args...>> format,
                   Args... args) const noexcept {
     WriteDirect(kTraceLevelInfo, format, args...);
   }
 
   // The same with wide text.
   template <typename... Args>
-  void ErrorDirect(std::type_identity_t<TraceFormat<wchar_t, Args...>> format,
+  void ErrorDirect(std::type_identity_t<TraceMessage<wchar_t, Args...>> format,
                    Args... args) const noexcept {
     WriteDirect(kTraceLevelError, format, args...);
   }
   template <typename... Args>
-  void InfoDirect(std::type_identity_t<TraceFormat<wchar_t, Args...>> format,
+  void InfoDirect(std::type_identity_t<TraceMessage<wchar_t, Args...>> format,
                   Args... args) const noexcept {
     WriteDirect(kTraceLevelInfo, format, args...);
   }
   template <typename... Args>
-  void VerboseDirect(std::type_identity_t<TraceFormat<wchar_t, Args...>> format,
+  void VerboseDirect(std::type_identity_t<TraceMessage<wchar_t, Args...>> format,
                      Args... args) const noexcept {
     WriteDirect(kTraceLevelVerbose, format, args...);
   }
 
  private:
   template <typename... Args>
-  void Write(int level, const TraceFormat<char, Args...>& format, Args... args) const noexcept {
+  void Write(int level, const TraceMessage<char, Args...>& format, Args... args) const noexcept {
     const LastErrorKeeper keeper;
     if constexpr (sizeof...(Args) == 0) {
       WriteText(level, format.file, format.line, format.text);
@@ -90,14 +91,14 @@ class Trace {
   }
 
   template <typename... Args>
-  void WriteDirect(int level, const TraceFormat<char, Args...>& format,
+  void WriteDirect(int level, const TraceMessage<char, Args...>& format,
                    Args... args) const noexcept {
     const LastErrorKeeper keeper;
     LogTrace(level, g_pszModuleName, m_functionName, format.file, format.line, format.text,
              args...);
   }
   template <typename... Args>
-  void WriteDirect(int level, const TraceFormat<wchar_t, Args...>& format,
+  void WriteDirect(int level, const TraceMessage<wchar_t, Args...>& format,
                    Args... args) const noexcept {
     const LastErrorKeeper keeper;
     LogTraceW(level, g_pszModuleName, m_functionName, format.file, format.line, format.text,

@@ -66,15 +66,17 @@ inline void FormatDoesNotMatchItsArguments() {}
 }  // namespace trace_format
 
 template <typename Char, typename... Args>
-struct TraceFormat {
+struct TraceMessage {
   // Converts at the call site, which the default arguments therefore name.
   // NOLINTNEXTLINE(google-explicit-constructor): the conversion is the purpose.
-  consteval TraceFormat(const Char* formatText, const char* callFile = __builtin_FILE(),
-                        int callLine = __builtin_LINE())
+  consteval TraceMessage(const Char* formatText, const char* callFile = __builtin_FILE(),
+                         int callLine = __builtin_LINE())
       : text(formatText), file(callFile), line(callLine) {
     // Without arguments a text is no format: a "%" in it stands for itself.
-    if (sizeof...(Args) != 0 && !trace_format::Matches<Args...>(formatText)) {
-      trace_format::FormatDoesNotMatchItsArguments();
+    if constexpr (sizeof...(Args) != 0) {
+      if (!trace_format::Matches<Args...>(formatText)) {
+        trace_format::FormatDoesNotMatchItsArguments();
+      }
     }
   }
 

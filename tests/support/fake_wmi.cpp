@@ -9,7 +9,7 @@
 #include <oleauto.h>
 #include <wbemidl.h>
 
-#ifdef __GNUC__
+#if defined(__GNUC__) || defined(__clang__)
 // COM interfaces have no destructor at all: they go by Release.
 #pragma GCC diagnostic ignored "-Wnon-virtual-dtor"
 #endif
