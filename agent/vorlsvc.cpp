@@ -6,11 +6,12 @@
 #include <atomic>
 
 #include "agent/cathdsvc.h"
-#include "agent/coremodule.h"
 #include "agent/secattrb.h"
 #include "support/procaddress.h"
+#include "support/vorlcore.h"
 #include "support/vorlinfo.h"
 #include "support/vorlmisc.h"
+#include "support/vorlupd.h"
 
 namespace {
 

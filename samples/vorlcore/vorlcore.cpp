@@ -75,7 +75,7 @@ BOOLEAN ClientAgentCoreCleanUp(const char* /*text1*/, const char* /*text2*/, con
     return FALSE;
   }
   switch (notify) {
-    case kNotifyNobody:
+    case kNotifyNone:
       trace.Info("Notify value 1: ordinary stop, the server is not told");
       break;
     case kNotifyServer:

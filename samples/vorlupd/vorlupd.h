@@ -1,7 +1,7 @@
-// What the service expects of an update module.
+// An update module that puts files in place.
 #pragma once
 
-#include "support/windows_api.h"
+#include "support/vorlupd.h"
 
 extern "C" {
 
@@ -9,7 +9,6 @@ extern "C" {
 // sub-folders too, takes the place of the file of the same relative path in the installation, or
 // is added. All or nothing: when one file cannot be put in place, or when the process dies
 // half-way, the installation gets back what it had (in the latter case at the next call) and the
-// files stay pending. Returns a byte-sized boolean: nonzero when nothing is pending or everything
-// was applied.
-BOOLEAN UpdateBeforeClientService();
+// files stay pending. Success when nothing is pending or everything was applied.
+UpdateBeforeClientServiceFn UpdateBeforeClientService;
 }

@@ -1,5 +1,8 @@
 #include "tests/fakes/vorlcore_fake.h"
 
+#include "support/vorlcore.h"
+#include "tests/fakes/whole_result.h"
+
 namespace {
 
 FakeCoreRecord g_record{};
@@ -16,13 +19,8 @@ void Keep(const char* const (&texts)[4], const char* (&addresses)[4], char (&cop
 extern "C" {
 
 FakeCoreRecord* FakeCore();
-ULONGLONG ClientAgentCoreStartUp(const char* text1, const char* text2, const char* text3,
-                                 const char* text4, WORD word1, WORD word2, WORD word3, WORD word4,
-                                 DWORD dword1, DWORD dword2, DWORD dword3, DWORD dword4,
-                                 DWORD dword5, BYTE byte1, DWORD dword6);
-ULONGLONG ClientAgentCoreCleanUp(const char* text1, const char* text2, const char* text3,
-                                 const char* text4, WORD word1, DWORD dword1, DWORD dword2,
-                                 DWORD dword3, DWORD dword6, BYTE notify);
+WholeResult<ClientAgentCoreStartUpFn> ClientAgentCoreStartUp;
+WholeResult<ClientAgentCoreCleanUpFn> ClientAgentCoreCleanUp;
 
 FakeCoreRecord* FakeCore() { return &g_record; }
 

@@ -1,5 +1,8 @@
 #include "tests/fakes/vorlupd_fake.h"
 
+#include "support/vorlupd.h"
+#include "tests/fakes/whole_result.h"
+
 namespace {
 
 FakeUpdateRecord g_record = {.result = 1, .calls = 0, .onCall = nullptr, .context = nullptr};
@@ -9,7 +12,7 @@ FakeUpdateRecord g_record = {.result = 1, .calls = 0, .onCall = nullptr, .contex
 extern "C" {
 
 FakeUpdateRecord* FakeUpdate();
-ULONGLONG UpdateBeforeClientService();
+WholeResult<UpdateBeforeClientServiceFn> UpdateBeforeClientService;
 
 FakeUpdateRecord* FakeUpdate() { return &g_record; }
 

@@ -1,5 +1,5 @@
 // A core module that has nothing to do: both calls return at once, with what the build says.
-#include "agent/coremodule.h"
+#include "support/vorlcore.h"
 
 extern "C" {
 
