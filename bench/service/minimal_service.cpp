@@ -6,7 +6,7 @@
 //   minimal_service -console   the same work without a service manager, for a host that has one
 #include <cstring>
 
-#include "agent/coremodule.h"
+#include "support/vorlcore.h"
 #include "support/windows_api.h"
 
 namespace {

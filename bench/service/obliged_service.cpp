@@ -3,10 +3,11 @@
 // modules. What the product needs beyond this, it needs for being careful.
 #include <process.h>
 
-#include "agent/coremodule.h"
 #include "support/vlevtlog.h"
+#include "support/vorlcore.h"
 #include "support/vorlinfo.h"
 #include "support/vorlmisc.h"
+#include "support/vorlupd.h"
 #include "support/windows_api.h"
 
 namespace {

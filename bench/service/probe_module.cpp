@@ -1,7 +1,8 @@
 // The core and update module of every service that is measured: tells when it was entered and has
 // nothing else to do.
-#include "agent/coremodule.h"
 #include "bench/service/probe.h"
+#include "support/vorlcore.h"
+#include "support/vorlupd.h"
 
 extern "C" {
 __declspec(dllexport) ClientAgentCoreStartUpFn ClientAgentCoreStartUp;
