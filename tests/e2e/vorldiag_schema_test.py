@@ -17,7 +17,14 @@ jsonschema.Draft7Validator.check_schema(schema)
 validator = jsonschema.Draft7Validator(schema)
 
 failures = 0
-for arguments in (["status"], ["identity"], ["identity", "--both"]):
+for arguments in (
+    ["trace"],
+    ["trace", "--start"],
+    ["cache", "check"],
+    ["status"],
+    ["identity"],
+    ["identity", "--both"],
+):
     result = subprocess.run(
         [repository / "cmake/wine.sh", folder / "vorldiag.exe", *arguments, "--json"],
         stdin=subprocess.DEVNULL,

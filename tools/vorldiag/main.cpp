@@ -6,10 +6,12 @@
 #include <functional>
 #include <nlohmann/json.hpp>
 #include <sstream>
+#include <stdexcept>
 #include <string>
 #include <vector>
 
 #include "support/windows_api.h"
+#include "tools/vorldiag/identity/cachereport.h"
 #include "tools/vorldiag/identity/hardware.h"
 #include "tools/vorldiag/identity/identityreport.h"
 #include "tools/vorldiag/report/json.h"
@@ -18,6 +20,8 @@
 #include "tools/vorldiag/status/statusreport.h"
 #include "tools/vorldiag/text/output.h"
 #include "tools/vorldiag/text/utf8.h"
+#include "tools/vorldiag/trace/perfetto.h"
+#include "tools/vorldiag/trace/tracecommand.h"
 #include "tools/vorldiag/trace/tracefiles.h"
 
 // Reads the types of windows.h.
@@ -49,6 +53,13 @@ struct Options {
   bool isJson = false;
   unsigned wmiSeconds = kDefaultWmiSeconds;
   bool isBoth = false;
+  std::string cacheAction;
+  std::string folder;  // of the cache file; empty: the configuration folder
+  std::string level;
+  TraceFilter filter;
+  bool isStart = false;
+  bool isStop = false;
+  std::string perfettoFile;
 };
 
 int Show(const Report& report, const Options& options, Output& output) {
@@ -76,6 +87,55 @@ int RunIdentity(const Options& options, Output& output) {
       configuration.path.empty() ? StoredIdentifier{"", configuration.problem}
                                  : ReadStoredIdentifier(configuration.path + L"\\vorlconf.ini");
   return Show(IdentityReport(hardware, stored, collections), options, output);
+}
+
+int RunCache(const Options& options, Output& output) {
+  const std::wstring folder =
+      options.folder.empty() ? FindSituation().configuration.path : Wide(options.folder);
+  const Hardware hardware = CollectHardware(options.wmiSeconds);
+  return Show(options.cacheAction == "write" ? WriteCacheReport(hardware, folder)
+                                             : CheckCacheReport(hardware, folder),
+              options, output);
+}
+
+int WritePerfetto(const std::vector<TraceLine>& lines, const Options& options) {
+  const FileHandle file(CreateFileW(Wide(options.perfettoFile).c_str(), GENERIC_WRITE, 0, nullptr,
+                                    CREATE_ALWAYS, FILE_ATTRIBUTE_NORMAL, nullptr));
+  std::vector<TraceLine> wanted;
+  for (const TraceLine& line : lines) {
+    if (options.filter.Takes(line)) {
+      wanted.push_back(line);
+    }
+  }
+  const std::string text = PerfettoText(wanted);
+  DWORD written = 0;
+  if (!file ||
+      !WriteFile(file.Get(), text.data(), static_cast<DWORD>(text.size()), &written, nullptr) ||
+      written != text.size()) {
+    throw std::runtime_error(options.perfettoFile + ": " + ErrorText(GetLastError()));
+  }
+  return kExitOk;
+}
+
+int RunTrace(const Options& options, Output& output) {
+  const TraceText trace = ReadWholeTrace(FindSituation().Logs());
+  if (!options.perfettoFile.empty()) {
+    return WritePerfetto(trace.lines, options);
+  }
+  bool isWritten = true;
+  if (options.isStart || options.isStop) {
+    const std::vector<ProcessRun> runs = RunsOf(trace.lines);
+    const Episode episode = options.isStart ? LastStart(runs) : LastStop(runs);
+    isWritten = options.isJson ? output.Write(JsonText(EpisodeToJson(episode)))
+                               : PrintEpisode(episode, output);
+  } else if (options.isJson) {
+    isWritten = output.Write(JsonText(LinesToJson(trace.lines, options.filter)));
+  } else {
+    for (const TraceLine& line : trace.lines) {
+      isWritten = isWritten && (!options.filter.Takes(line) || PrintLine(line, output));
+    }
+  }
+  return isWritten ? kExitOk : kExitNotDone;
 }
 
 // The command line in UTF-8, last argument first, as the parser wants it.
@@ -131,6 +191,30 @@ int Run(Output& output, Output& errors) {
   identity->add_flag("--both", options.isBoth,
                      "Also run both of the program's own collections and show their results");
 
+  CLI::App* const cache = addCommand(
+      "cache", "Keep the hardware's parameters in hwcdata.dat, and say later which of them differs",
+      &RunCache);
+  cache->add_option("action", options.cacheAction, "write or check")
+      ->required()
+      ->check(CLI::IsMember({"write", "check"}));
+  cache->add_option("--folder", options.folder,
+                    "Where the file lies; otherwise the configuration folder");
+  addWmiSeconds(cache);
+
+  CLI::App* const trace = addCommand(
+      "trace", "Show lines of the trace, or the last start or stop as a tree of calls", &RunTrace);
+  trace->add_option("--level", options.level,
+                    "error, info or verbose: lines of this level and more important ones");
+  trace->add_option("--function", options.filter.function, "Part of a function's name");
+  trace->add_option("--process", options.filter.process, "Number of a process");
+  trace->add_option("--since", options.filter.since, "Local time, such as \"2026-03-09 07:05\"");
+  trace->add_option("--until", options.filter.until, "The same");
+  CLI::Option* const start =
+      trace->add_flag("--start", options.isStart, "The service's last start as a tree of calls");
+  trace->add_flag("--stop", options.isStop, "Its last stop")->excludes(start);
+  trace->add_option("--perfetto", options.perfettoFile,
+                    "Write calls and lines into this file for viewers of time lines");
+
   try {
     app.parse(ArgumentsBackwards());
   } catch (const CLI::ParseError& error) {
@@ -140,6 +224,12 @@ int Run(Output& output, Output& errors) {
     output.Write(out.str());
     errors.Write(problem.str());
     return result == 0 ? kExitOk : kExitNotDone;
+  }
+  options.filter.level = LevelOf(options.level);
+  if (!options.level.empty() && options.filter.level == 0) {
+    errors.Write("--level: error, info or verbose, not " + options.level +
+                 "\nRun with --help for more information.\n");
+    return kExitNotDone;
   }
   return command();
 }

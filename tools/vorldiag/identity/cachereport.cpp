@@ -1,0 +1,109 @@
+#include "tools/vorldiag/identity/cachereport.h"
+
+#include <cstring>
+#include <iterator>
+
+#include "identity/cachefile.h"
+#include "support/windows_api.h"
+#include "tools/vorldiag/text/utf8.h"
+
+namespace {
+
+// Where each parameter lies in the file, and its room.
+constexpr std::size_t kAddressOffsets[] = {0, 18};
+constexpr std::size_t kBiosUuidOffset = 36;
+constexpr std::size_t kSerialOffset = 73;
+
+// The file's path is made of narrow text, which cannot name every folder: it is reached as the
+// current one.
+bool Enter(const std::wstring& folder, Section& section) {
+  if (SetCurrentDirectoryW(folder.c_str())) {
+    return true;
+  }
+  section.Fail("cache-file", "Cache file",
+               Utf8(folder) + " cannot be entered: " + ErrorText(GetLastError()),
+               "Name a folder that is there: --folder FOLDER");
+  return false;
+}
+
+bool HasHardware(const Hardware& hardware, Section& section) {
+  if (hardware.problem.empty()) {
+    return true;
+  }
+  section.Fail("hardware", "Hardware", hardware.problem,
+               "Repair WMI (winmgmt /verifyrepository) or restart the service Winmgmt.");
+  return false;
+}
+
+std::string FieldAt(const unsigned char* payload, std::size_t offset, std::size_t size) {
+  const auto* const text = reinterpret_cast<const char*>(payload + offset);
+  return Utf8FromAnsi({text, strnlen(text, size)});
+}
+
+void Compare(const std::string& id, const std::string& title, const std::string& kept,
+             const std::string& now, Section& section) {
+  const auto orNone = [](const std::string& text) { return text.empty() ? "(none)" : text; };
+  if (EqualsIgnoringCase(Wide(kept), Wide(now))) {
+    section.Ok(id, title, orNone(now));
+  } else {
+    section.Warn(id, title, orNone(now) + ", was " + orNone(kept),
+                 "The hardware has changed, or WMI answers otherwise than it did; the stored "
+                 "identifier stays in force.");
+  }
+}
+
+}  // namespace
+
+Report WriteCacheReport(const Hardware& hardware, const std::wstring& folder) {
+  Report report{"cache", {}};
+  Section section{"cache", "Hardware cache file", {}};
+  if (HasHardware(hardware, section) && Enter(folder, section)) {
+    FingerprintStatus failure{1, 1};
+    const std::string path = Utf8(folder) + "\\hwcdata.dat";
+    if (WriteCache("", hardware.raw, failure)) {
+      section.Ok("cache-file", "Cache file", path + " is written");
+    } else {
+      section.Fail("cache-file", "Cache file",
+                   path + " cannot be written (errno " + std::to_string(failure.ErrorCode) + ")",
+                   "13: no right to, or another program holds it. 28: the disk is full.");
+    }
+  }
+  report.sections.push_back(std::move(section));
+  return report;
+}
+
+Report CheckCacheReport(const Hardware& hardware, const std::wstring& folder) {
+  Report report{"cache", {}};
+  Section section{"cache", "Hardware cache file", {}};
+  if (HasHardware(hardware, section) && Enter(folder, section)) {
+    FingerprintStatus failure{1, 1};
+    unsigned char payload[kCachePayloadSize] = {};
+    const std::string path = Utf8(folder) + "\\hwcdata.dat";
+    if (ReadCache("", payload, failure)) {
+      section.Ok("cache-file", "Cache file", path);
+      Compare("bios-uuid", "BIOS UUID", FieldAt(payload, kBiosUuidOffset, kBiosUuidSize),
+              Utf8FromAnsi(hardware.raw.BiosUuid), section);
+      Compare("disk-serial", "Disk serial", FieldAt(payload, kSerialOffset, kPrimaryHddSerialSize),
+              Utf8FromAnsi(hardware.raw.PrimaryHddSerial), section);
+      auto address = hardware.raw.MacAddressList.begin();
+      for (std::size_t i = 0; i < std::size(kAddressOffsets); ++i) {
+        const bool isThere = address != hardware.raw.MacAddressList.end();
+        Compare("network-address-" + std::to_string(i + 1),
+                "Network address " + std::to_string(i + 1),
+                FieldAt(payload, kAddressOffsets[i], kMacAddressSize),
+                isThere ? Utf8FromAnsi(*address) : "", section);
+        address = isThere ? std::next(address) : address;
+      }
+    } else if (failure.ErrorCode == ENOENT) {
+      section.Fail("cache-file", "Cache file", path + " is not there",
+                   "Write it while the hardware is as it should be: vorldiag cache write");
+    } else {
+      section.Fail(
+          "cache-file", "Cache file",
+          path + " cannot be used (errno " + std::to_string(failure.ErrorCode) + ")",
+          "13: another program holds it. 1: it is damaged or no such file: write it anew.");
+    }
+  }
+  report.sections.push_back(std::move(section));
+  return report;
+}
