@@ -215,6 +215,7 @@ inline const std::map<std::string, std::set<std::string>>& Windows7Functions() {
         "VirtualQuery",
         "WaitForMultipleObjects",
         "WaitForSingleObject",
+        "WaitForSingleObjectEx",
         "WaitNamedPipeA",
         "WideCharToMultiByte",
         "WriteConsoleW",
