@@ -105,7 +105,7 @@ class Youngest {
  private:
   std::uint32_t m_limit;
   std::uint32_t m_count = 0;
-  std::uint32_t m_ages[kMostFiles];
+  std::uint32_t m_ages[kMostFiles] = {};
 };
 
 constexpr DWORD kSubAuthorities = 6;

@@ -83,8 +83,8 @@ int RunIdentity(const Options& options, Output& output) {
   }
   const Hardware hardware = CollectHardware(options.wmiSeconds);
   const FolderFact configuration = FindSituation().configuration;
-  const StoredIdentifier stored =
-      configuration.path.empty() ? StoredIdentifier{"", configuration.problem}
+  const IdentifierOnDisk stored =
+      configuration.path.empty() ? IdentifierOnDisk{"", configuration.problem}
                                  : ReadStoredIdentifier(configuration.path + L"\\vorlconf.ini");
   return Show(IdentityReport(hardware, stored, collections), options, output);
 }
@@ -118,7 +118,7 @@ int WritePerfetto(const std::vector<TraceLine>& lines, const Options& options) {
 }
 
 int RunTrace(const Options& options, Output& output) {
-  const TraceText trace = ReadWholeTrace(FindSituation().Logs());
+  const TraceContent trace = ReadWholeTrace(FindSituation().Logs());
   if (!options.perfettoFile.empty()) {
     return WritePerfetto(trace.lines, options);
   }

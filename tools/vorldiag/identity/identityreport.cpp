@@ -65,7 +65,7 @@ std::string Joined(const std::vector<std::string>& lines) {
 
 }  // namespace
 
-void CompareIdentifiers(const Hardware& hardware, const StoredIdentifier& stored,
+void CompareIdentifiers(const Hardware& hardware, const IdentifierOnDisk& stored,
                         Section& section) {
   if (!stored.problem.empty()) {
     section.Fail("stored", "Stored identifier", "(unknown) " + stored.problem,
@@ -90,7 +90,7 @@ void CompareIdentifiers(const Hardware& hardware, const StoredIdentifier& stored
   }
 }
 
-Report IdentityReport(const Hardware& hardware, const StoredIdentifier& stored,
+Report IdentityReport(const Hardware& hardware, const IdentifierOnDisk& stored,
                       const std::vector<Collection>& collections) {
   Report report{"identity", {}};
   Section identifier{"identifier", "Identifier", {}};

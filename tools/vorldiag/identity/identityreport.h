@@ -5,8 +5,8 @@
 #include "tools/vorldiag/report/findings.h"
 
 // Every parameter with its origin, what became of it, the identifier, and the stored one beside it.
-Report IdentityReport(const Hardware& hardware, const StoredIdentifier& stored,
+Report IdentityReport(const Hardware& hardware, const IdentifierOnDisk& stored,
                       const std::vector<Collection>& collections);
 
 // The stored identifier against the hardware, for the status. `section` gets one finding.
-void CompareIdentifiers(const Hardware& hardware, const StoredIdentifier& stored, Section& section);
+void CompareIdentifiers(const Hardware& hardware, const IdentifierOnDisk& stored, Section& section);

@@ -14,14 +14,14 @@ constexpr wchar_t kKey[] = L"clientuniqueid";
 
 }  // namespace
 
-StoredIdentifier ReadStoredIdentifier(const std::wstring& configurationFile) {
+IdentifierOnDisk ReadStoredIdentifier(const std::wstring& configurationFile) {
   IniFile file;
   IniRead outcome = file.Read(configurationFile.c_str());
   for (unsigned i = 1; i < kTries && outcome == IniRead::kBusy; ++i) {
     Sleep(kPauseMilliseconds);
     outcome = file.Read(configurationFile.c_str());
   }
-  StoredIdentifier stored;
+  IdentifierOnDisk stored;
   switch (outcome) {
     case IniRead::kDone: {
       wchar_t value[260] = {};

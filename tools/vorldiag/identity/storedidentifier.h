@@ -2,10 +2,10 @@
 
 #include <string>
 
-struct StoredIdentifier {
+struct IdentifierOnDisk {
   std::string value;    // empty when there is none
   std::string problem;  // why it is not known; empty when it is, or when there is none
 };
 
 // Reads the identifier from the configuration file, waiting a moment for one who is writing it.
-StoredIdentifier ReadStoredIdentifier(const std::wstring& configurationFile);
+IdentifierOnDisk ReadStoredIdentifier(const std::wstring& configurationFile);

@@ -26,7 +26,8 @@ Section CheckIdentity(const Situation& situation, const Hardware& hardware) {
 
 }  // namespace
 
-Report StatusReport(const Situation& situation, const Hardware& hardware, const TraceText& trace) {
+Report StatusReport(const Situation& situation, const Hardware& hardware,
+                    const TraceContent& trace) {
   Report report{"status", {}};
   report.sections.push_back(CheckService(situation));
   report.sections.push_back(CheckPrograms(situation));

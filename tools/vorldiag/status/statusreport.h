@@ -6,4 +6,5 @@
 #include "tools/vorldiag/trace/tracefiles.h"
 
 // The whole installation, looked at without changing anything.
-Report StatusReport(const Situation& situation, const Hardware& hardware, const TraceText& trace);
+Report StatusReport(const Situation& situation, const Hardware& hardware,
+                    const TraceContent& trace);

@@ -82,7 +82,7 @@ void CheckStop(const ProcessRun& run, const Situation& situation, Section& secti
 
 }  // namespace
 
-Section CheckTrace(const Situation& situation, const TraceText& trace) {
+Section CheckTrace(const Situation& situation, const TraceContent& trace) {
   Section section{"trace", "Last start and stop", {}};
   if (!trace.problem.empty()) {
     section.Warn("trace-files", "Trace", trace.problem, "Run vorldiag from an elevated prompt.");

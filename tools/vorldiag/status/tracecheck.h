@@ -5,4 +5,4 @@
 #include "tools/vorldiag/trace/tracefiles.h"
 
 // The last start and the last stop of the service as the trace tells them.
-Section CheckTrace(const Situation& situation, const TraceText& trace);
+Section CheckTrace(const Situation& situation, const TraceContent& trace);

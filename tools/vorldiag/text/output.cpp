@@ -61,13 +61,13 @@ bool Output::Write(std::string_view text, Colour colour) {
 }
 
 bool Output::WriteBytes(std::string_view text) {
-  while (!text.empty()) {
-    DWORD written = 0;
-    if (!WriteFile(m_handle, text.data(), static_cast<DWORD>(text.size()), &written, nullptr) ||
+  DWORD written = 0;
+  for (std::size_t done = 0; done < text.size(); done += written) {
+    const std::string_view rest = text.substr(done);
+    if (!WriteFile(m_handle, rest.data(), static_cast<DWORD>(rest.size()), &written, nullptr) ||
         written == 0) {
       return false;
     }
-    text.remove_prefix(written);
   }
   return true;
 }

@@ -41,7 +41,7 @@ unsigned long NumberOf(const std::wstring& name) {
   return number;
 }
 
-void AddLines(const std::string& bytes, TraceText& trace) {
+void AddLines(const std::string& bytes, TraceContent& trace) {
   for (std::size_t begin = 0; begin < bytes.size();) {
     std::size_t end = bytes.find('\n', begin);
     if (end == std::string::npos) {
@@ -71,8 +71,8 @@ bool HasServiceStart(const std::vector<TraceLine>& lines) {
 
 // The newest file first; stops when `isEnough` says so.
 template <typename Enough>
-TraceText Read(const std::wstring& folder, Enough isEnough) {
-  TraceText whole;
+TraceContent Read(const std::wstring& folder, Enough isEnough) {
+  TraceContent whole;
   const std::vector<std::wstring> files = TraceFiles(folder);
   std::uint64_t bytesRead = 0;
   std::vector<std::vector<TraceLine>> parts;
@@ -83,7 +83,7 @@ TraceText Read(const std::wstring& folder, Enough isEnough) {
     if (error != ERROR_SUCCESS && error != ERROR_FILE_NOT_FOUND) {
       whole.problem = Utf8(*file) + ": " + ErrorText(error);
     }
-    TraceText part;
+    TraceContent part;
     AddLines(bytes, part);
     whole.unreadable += part.unreadable;
     bytesRead += bytes.size();
@@ -126,7 +126,7 @@ std::vector<std::wstring> TraceFiles(const std::wstring& folder) {
   return files;
 }
 
-TraceText ReadLatestTrace(const std::wstring& folder) {
+TraceContent ReadLatestTrace(const std::wstring& folder) {
   int filesWithStart = 0;
   return Read(folder, [&](const std::vector<TraceLine>& lines, std::uint64_t bytesRead) {
     // A start may have begun in the file before the one that shows it.
@@ -135,6 +135,6 @@ TraceText ReadLatestTrace(const std::wstring& folder) {
   });
 }
 
-TraceText ReadWholeTrace(const std::wstring& folder) {
+TraceContent ReadWholeTrace(const std::wstring& folder) {
   return Read(folder, [](const std::vector<TraceLine>&, std::uint64_t) { return false; });
 }

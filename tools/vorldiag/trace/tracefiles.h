@@ -9,7 +9,7 @@
 // Paths of all trace files of a folder, oldest first.
 std::vector<std::wstring> TraceFiles(const std::wstring& folder);
 
-struct TraceText {
+struct TraceContent {
   std::vector<TraceLine> lines;       // oldest first
   unsigned long long unreadable = 0;  // lines that are none
   std::string problem;                // a file that could not be read; empty when all could
@@ -18,7 +18,7 @@ struct TraceText {
 
 // Reads the youngest files: as many as are needed for the last start of the service and the stop
 // before it, and not more than a few.
-TraceText ReadLatestTrace(const std::wstring& folder);
+TraceContent ReadLatestTrace(const std::wstring& folder);
 
 // Reads all files.
-TraceText ReadWholeTrace(const std::wstring& folder);
+TraceContent ReadWholeTrace(const std::wstring& folder);
