@@ -1,7 +1,6 @@
 #!/usr/bin/env bash
 # lint.sh [FILE...]: the directions of all includes; clang-format, cppcheck, clang and clang-tidy over
-# the product's sources (or FILEs), for the target that the product is built for. Needs a configured
-# build/mingw-release.
+# the product's sources (or FILEs), for the target that the product is built for.
 set -eu
 cd "$(dirname "$0")/.."
 . cmake/environment.sh
@@ -15,6 +14,9 @@ if ! clang-tidy --version | grep -q "version $version\."; then
   echo "-- left out: the checks are made with clang $version (Debian 12)"
   exit 0
 fi
+
+# The headers of the tools' libraries are laid out there.
+[ -d build/mingw-release/tool_headers ] || cmake --preset mingw-release >/dev/null
 
 rooms=(app service agent identity support companions samples tools)
 if [ $# -gt 0 ]; then
