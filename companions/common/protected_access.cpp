@@ -24,7 +24,7 @@ struct Descriptor {
 static_assert(offsetof(Descriptor, list) == 20 && offsetof(Descriptor, system) == 28 &&
               offsetof(Descriptor, administrators) == 48 && sizeof(Descriptor) == 72);
 
-constexpr Descriptor MakeDescriptor(BYTE inheritance) {
+constexpr Descriptor MakeDescriptor(BYTE inheritance) noexcept {
   constexpr WORD kListSize = sizeof(Descriptor) - offsetof(Descriptor, list);
   return {{SECURITY_DESCRIPTOR_REVISION, 0, SE_SELF_RELATIVE | SE_DACL_PRESENT | SE_DACL_PROTECTED,
            0, 0, 0, offsetof(Descriptor, list)},
