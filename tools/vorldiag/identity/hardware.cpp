@@ -170,7 +170,7 @@ Hardware Collect() {
   CollectBiosUuid(record, hardware);
   CollectDiskSerial(record, hardware);
   CollectAddresses(record, hardware);
-  hardware.raw = record;
+  hardware.raw = static_cast<const RawParameters&>(record);
   Normalise(record, hardware);
   hardware.lines = TakeWrittenLines();
   return hardware;

@@ -12,7 +12,7 @@
 namespace {
 
 // Many times what any file of the installation has.
-constexpr std::uint64_t kLargestFile = 256U * 1024 * 1024;
+constexpr std::uint64_t kLargestFile = 256ULL * 1024 * 1024;
 
 // Reads the image from its bytes, not from a mapping, which would keep the file in use. Whatever
 // leads out of the bytes is absent.

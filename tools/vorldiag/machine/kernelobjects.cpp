@@ -51,9 +51,9 @@ Function* FromNtdll(const char* name) {
 
 std::vector<BYTE> AllHandles() {
   constexpr NTSTATUS tooSmall = static_cast<NTSTATUS>(0xC0000004);
-  constexpr std::size_t most = 256U * 1024 * 1024;
+  constexpr std::size_t most = 256ULL * 1024 * 1024;
   auto* const query = FromNtdll<NtQueryFunction>("NtQuerySystemInformation");
-  std::vector<BYTE> buffer(1024 * 1024);
+  std::vector<BYTE> buffer(std::size_t{1024} * 1024);
   NTSTATUS status = tooSmall;
   while (query != nullptr && buffer.size() <= most) {
     ULONG size = 0;
@@ -123,6 +123,7 @@ std::vector<std::string> HoldersOf(HANDLE own) {
     }
   }
   std::vector<std::string> holders;
+  holders.reserve(found.size());
   for (const ULONG_PTR id : found) {
     holders.push_back(ProcessText(static_cast<DWORD>(id)));
   }

@@ -21,7 +21,7 @@ DWORD ReadSharedFile(const std::wstring& path, std::uint64_t largest, std::strin
   bytes.resize(static_cast<std::size_t>(size.QuadPart));
   std::size_t done = 0;
   while (done < bytes.size()) {
-    constexpr std::size_t most = 1024 * 1024;
+    constexpr std::size_t most = std::size_t{1024} * 1024;
     DWORD read = 0;
     if (!ReadFile(file.Get(), bytes.data() + done,
                   static_cast<DWORD>(std::min(most, bytes.size() - done)), &read, nullptr)) {

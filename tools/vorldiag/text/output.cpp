@@ -60,19 +60,20 @@ bool Output::Write(std::string_view text, Colour colour) {
   return WriteBytes(lines);
 }
 
-bool Output::WriteBytes(std::string_view text) {
-  DWORD written = 0;
-  for (std::size_t done = 0; done < text.size(); done += written) {
-    const std::string_view rest = text.substr(done);
-    if (!WriteFile(m_handle, rest.data(), static_cast<DWORD>(rest.size()), &written, nullptr) ||
+bool Output::WriteBytes(const std::string& text) {
+  for (std::size_t done = 0; done < text.size();) {
+    DWORD written = 0;
+    if (!WriteFile(m_handle, text.data() + done, static_cast<DWORD>(text.size() - done), &written,
+                   nullptr) ||
         written == 0) {
       return false;
     }
+    done += written;
   }
   return true;
 }
 
-bool Output::WriteCharacters(std::string_view text, Colour colour) {
+bool Output::WriteCharacters(const std::string& text, Colour colour) {
   // Old consoles take no more at once.
   constexpr std::size_t most = 8000;
   if (colour != Colour::kPlain) {

@@ -2,6 +2,7 @@
 // file or pipe gets the bytes. Lines end with CR LF.
 #pragma once
 
+#include <string>
 #include <string_view>
 
 #include "support/windows_api.h"
@@ -20,8 +21,8 @@ class Output {
   bool IsConsole() const { return m_isConsole; }
 
  private:
-  bool WriteBytes(std::string_view text);
-  bool WriteCharacters(std::string_view text, Colour colour);
+  bool WriteBytes(const std::string& text);
+  bool WriteCharacters(const std::string& text, Colour colour);
 
   HANDLE m_handle;
   bool m_isConsole = false;

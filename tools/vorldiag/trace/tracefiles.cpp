@@ -25,9 +25,10 @@ struct FindTraits {
 unsigned long NumberOf(const std::wstring& name) {
   constexpr std::wstring_view prefix = L"vorltrace.";
   constexpr std::wstring_view suffix = L".log";
-  if (name.size() <= prefix.size() + suffix.size() ||
-      !EqualsIgnoringCase(std::wstring_view(name).substr(0, prefix.size()), prefix) ||
-      !EqualsIgnoringCase(std::wstring_view(name).substr(name.size() - suffix.size()), suffix)) {
+  const std::wstring_view whole = name;
+  if (whole.size() <= prefix.size() + suffix.size() ||
+      !EqualsIgnoringCase(whole.substr(0, prefix.size()), prefix) ||
+      !EqualsIgnoringCase(whole.substr(whole.size() - suffix.size()), suffix)) {
     return 0;
   }
   unsigned long number = 0;
@@ -115,6 +116,7 @@ std::vector<std::wstring> TraceFiles(const std::wstring& folder) {
     }
   }
   std::vector<std::wstring> files;
+  files.reserve(numbered.size() + 2);
   for (const auto& [number, path] : numbered) {
     files.push_back(path);
   }

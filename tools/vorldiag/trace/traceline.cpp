@@ -57,9 +57,9 @@ bool SetMoment(std::string_view date, std::string_view time, int offset, TraceLi
   if (!calendar.ok()) {
     return false;
   }
-  const auto moment = sys_days(calendar).time_since_epoch() + hours(hour) +
-                      minutes(minute - offset) + seconds(second) +
-                      std::chrono::milliseconds(milliseconds);
+  const auto moment = sys_days{calendar}.time_since_epoch() + hours{hour} +
+                      minutes{minute - offset} + seconds{second} +
+                      std::chrono::milliseconds{milliseconds};
   line.moment = duration_cast<std::chrono::milliseconds>(moment).count();
   const int distance = offset < 0 ? -offset : offset;
   char zone[16];
