@@ -3,9 +3,9 @@
 #include <cwchar>
 
 #include "companions/vlevtlog/bounded_lock.h"
-#include "companions/vlevtlog/last_error.h"
 #include "companions/vlevtlog/line_text.h"
 #include "companions/vlevtlog/message_format.h"
+#include "support/lasterror.h"
 #include "support/vlevtlog.h"
 
 namespace {
@@ -97,7 +97,7 @@ void TraceLog::LearnOwnFolder() noexcept {
 }
 
 void TraceLog::LookAtConfiguration() noexcept {
-  const LastError lastError;
+  const LastErrorKeeper lastError;
   TraceOptionProblems problems;
   {
     // The first lines wait until the options are known. Later nobody waits for a thread that looks

@@ -2,10 +2,10 @@
 
 #include <cstdarg>
 
-#include "companions/vlevtlog/last_error.h"
 #include "companions/vlevtlog/local_clock.h"
 #include "companions/vlevtlog/trace_control.h"
 #include "companions/vlevtlog/trace_log.h"
+#include "support/lasterror.h"
 #include "support/windows_api.h"
 
 namespace {
@@ -20,7 +20,7 @@ extern "C" void LogTrace(int level, const char* moduleName, const char* function
   if (!g_log.IsOn(level)) {
     return;
   }
-  const LastError lastError;
+  const LastErrorKeeper lastError;
   va_list arguments;
   va_start(arguments, format);
   g_log.Write(level, moduleName, functionName, sourceFile, line, format, arguments);
@@ -32,7 +32,7 @@ extern "C" void LogTraceW(int level, const char* moduleName, const char* functio
   if (!g_log.IsOn(level)) {
     return;
   }
-  const LastError lastError;
+  const LastErrorKeeper lastError;
   va_list arguments;
   va_start(arguments, format);
   g_log.Write(level, moduleName, functionName, sourceFile, line, format, arguments);
@@ -40,7 +40,7 @@ extern "C" void LogTraceW(int level, const char* moduleName, const char* functio
 }
 
 extern "C" BOOLEAN ApplyTraceOptions(const wchar_t* configurationFile) {
-  const LastError lastError;
+  const LastErrorKeeper lastError;
   return g_log.SetConfigurationFile(configurationFile) ? TRUE : FALSE;
 }
 

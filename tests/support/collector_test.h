@@ -4,24 +4,17 @@
 
 #include <string>
 
-#include "identity/ztuuid.h"
 #include "tests/support/fake_wmi.h"
+#include "tests/support/fingerprint_test.h"
 #include "tests/support/import_patch.h"
 
 // comdef.h needs the COM interfaces that the headers above bring.
 #include <comdef.h>
 
-// For the readers that fill a fingerprint through WMI. The record begins with a failure in it, so
-// that it keeps what the readers offer. At the end everything must be released.
-class CollectorTest : public ::testing::Test {
+// For the readers that fill a fingerprint through WMI. At the end everything must be released.
+class CollectorTest : public FingerprintTest {
  protected:
-  CollectorTest() { fingerprint.LastError = {1, 1}; }
   void TearDown() override { EXPECT_THAT(server.Problems(), ::testing::IsEmpty()); }
-
-  void ExpectRecorded(HRESULT code, unsigned stage) {
-    EXPECT_EQ(fingerprint.LastError.ErrorCode, code);
-    EXPECT_EQ(fingerprint.LastError.ErrorStage, stage);
-  }
 
   // Lets each step before the walk fail in turn: `collect` fails with the step's code and stage
   // recorded, or with nothing recorded when the record is empty, and leaves nothing held.
@@ -75,5 +68,4 @@ class CollectorTest : public ::testing::Test {
   }
 
   FakeWmi server;
-  CZTUUID fingerprint;
 };

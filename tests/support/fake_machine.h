@@ -8,8 +8,8 @@
 #include <string>
 #include <vector>
 
-#include "identity/ztuuid.h"
 #include "tests/support/fake_wmi.h"
+#include "tests/support/fingerprint_test.h"
 #include "tests/support/import_patch.h"
 #include "tests/support/reported_version.h"
 #include "tests/support/trace_recorder.h"
@@ -80,16 +80,8 @@ class LinesInJournal {
   LinesInJournal& operator=(const LinesInJournal&) = delete;
 };
 
-// The record begins with a failure in it, so that it keeps what the steps offer.
-class MachineTest : public ::testing::Test {
+class MachineTest : public FingerprintTest {
  protected:
-  MachineTest() { fingerprint.LastError = {1, 1}; }
-
-  void ExpectRecorded(HRESULT code, unsigned stage) {
-    EXPECT_EQ(fingerprint.LastError.ErrorCode, code);
-    EXPECT_EQ(fingerprint.LastError.ErrorStage, stage);
-  }
-
   // The identifier of the machine as it is now; empty when there is none.
   static std::string Identifier() {
     CZTUUID fresh;
@@ -99,6 +91,5 @@ class MachineTest : public ::testing::Test {
 
   Machine machine;
   TraceRecorder recorder;
-  CZTUUID fingerprint;
   char out[33] = "";
 };

@@ -1,18 +1,11 @@
 // The reader of the BIOS UUID, against a WMI server in this process.
 #include <gmock/gmock.h>
 
-#include "identity/ztuuid.h"
 #include "tests/support/collector_test.h"
-
-// wbemidl.h needs the COM interfaces that the headers above bring.
-#include <wbemidl.h>
 
 using ::testing::ElementsAre;
 
 namespace {
-
-constexpr HRESULT kCut = static_cast<HRESULT>(0x8007007A);
-constexpr HRESULT kShuttingDown = static_cast<HRESULT>(WBEM_E_SHUTTING_DOWN);
 
 class GetBiosUuid : public CollectorTest {
  protected:

@@ -3,7 +3,7 @@
 
 #include <cstdlib>
 
-#include "identity/ztuuid.h"
+#include "tests/support/fingerprint_test.h"
 #include "tests/support/import_patch.h"
 #include "tests/support/no_memory.h"
 
@@ -15,11 +15,9 @@ using ::testing::IsEmpty;
 
 namespace {
 
-constexpr HRESULT kCut = static_cast<HRESULT>(0x8007007A);
-
 using Adapters = std::vector<std::vector<BYTE>>;
 
-class GetMacAddresses : public ::testing::Test {
+class GetMacAddresses : public FingerprintTest {
  protected:
   GetMacAddresses()
       : m_patch("iphlpapi.dll", "GetAdaptersInfo", [this](IP_ADAPTER_INFO* list, ULONG* size) {
@@ -40,7 +38,6 @@ class GetMacAddresses : public ::testing::Test {
   ULONG failure = ERROR_SUCCESS;
   int calls = 0;
   std::vector<ULONG> sizes;
-  CZTUUID fingerprint;
 
  private:
   ULONG Fill(IP_ADAPTER_INFO* list, ULONG* size) {

@@ -6,13 +6,9 @@
 #include <cstdlib>
 #include <new>
 
-#include "identity/ztuuid.h"
 #include "tests/support/collector_test.h"
 #include "tests/support/import_patch.h"
 #include "tests/support/no_memory.h"
-
-// wbemidl.h needs the COM interfaces that the headers above bring.
-#include <wbemidl.h>
 
 using ::testing::Contains;
 using ::testing::ElementsAre;
@@ -20,9 +16,6 @@ using ::testing::IsEmpty;
 using ::testing::Not;
 
 namespace {
-
-constexpr HRESULT kCut = static_cast<HRESULT>(0x8007007A);
-constexpr HRESULT kShuttingDown = static_cast<HRESULT>(WBEM_E_SHUTTING_DOWN);
 
 class GetPrimaryHDDSrNo : public CollectorTest {
  protected:

@@ -1,7 +1,6 @@
 // The reader of the network addresses by WMI, against a WMI server in this process.
 #include <gmock/gmock.h>
 
-#include "identity/ztuuid.h"
 #include "tests/support/collector_test.h"
 #include "tests/support/no_memory.h"
 #include "tests/support/reported_version.h"
@@ -15,9 +14,6 @@ using ::testing::IsEmpty;
 using ::testing::Not;
 
 namespace {
-
-constexpr HRESULT kCut = static_cast<HRESULT>(0x8007007A);
-constexpr HRESULT kShuttingDown = static_cast<HRESULT>(WBEM_E_SHUTTING_DOWN);
 
 class NetworkAdapters : public CollectorTest {
  protected:

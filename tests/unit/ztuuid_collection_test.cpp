@@ -5,8 +5,6 @@
 #include <cstring>
 #include <thread>
 
-#include "identity/ztuuid.h"
-#include "tests/support/expected_trace.h"
 #include "tests/support/fake_machine.h"
 
 using ::testing::Contains;
@@ -15,13 +13,6 @@ using ::testing::IsEmpty;
 using ::testing::Not;
 
 namespace {
-
-constexpr char kSource[] = "identity/ztuuid.cpp";
-constexpr HRESULT kChangedMode = static_cast<HRESULT>(0x80010106);
-constexpr HRESULT kTooLate = static_cast<HRESULT>(0x80010119);
-
-constexpr ExpectedTrace kCollect{"CZTUUID::GetUUIDParameters", kSource};
-constexpr ExpectedTrace kCollectEx{"CZTUUID::GetUUIDParametersEx", kSource};
 
 class GetUUIDParameters : public MachineTest {};
 class GetUUIDParametersEx : public MachineTest {};

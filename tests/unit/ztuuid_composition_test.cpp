@@ -5,8 +5,6 @@
 #include <cstring>
 #include <functional>
 
-#include "identity/ztuuid.h"
-#include "tests/support/expected_trace.h"
 #include "tests/support/fake_machine.h"
 #include "tests/support/import_patch.h"
 #include "tests/support/no_memory.h"
@@ -17,22 +15,6 @@ using ::testing::IsEmpty;
 using ::testing::Not;
 
 namespace {
-
-constexpr char kSource[] = "identity/ztuuid.cpp";
-constexpr HRESULT kCut = static_cast<HRESULT>(0x8007007A);
-constexpr HRESULT kTooLate = static_cast<HRESULT>(0x80010119);
-
-constexpr ExpectedTrace kCollect{"CZTUUID::GetUUIDParameters", kSource};
-constexpr ExpectedTrace kCollectEx{"CZTUUID::GetUUIDParametersEx", kSource};
-constexpr ExpectedTrace kCompose{"CZTUUID::GetZTUUID", kSource};
-constexpr ExpectedTrace kComposeEx{"CZTUUID::GetZTUUIDEx", kSource};
-constexpr ExpectedTrace kSerialTail{"CZTUUID::GetOptimumHDDSrNo", kSource};
-constexpr ExpectedTrace kBiosId{"CZTUUID::ProcessBiosId", kSource};
-constexpr ExpectedTrace kHyphenate{"CZTUUID::ProcessMACAddresses", kSource};
-constexpr ExpectedTrace kNormalise{"CZTUUID::ProcessUUIDParameters", kSource};
-constexpr ExpectedTrace kSort{"CZTUUID::SortMacAddress", kSource};
-constexpr ExpectedTrace kStringify{"CZTUUID::StringifyMD5", kSource};
-constexpr ExpectedTrace kValidate{"CZTUUID::ValidateUUID", kSource};
 
 class GetZTUUID : public MachineTest {};
 class GetZTUUIDEx : public MachineTest {};

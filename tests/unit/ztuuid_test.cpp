@@ -5,7 +5,7 @@
 #include <gmock/gmock.h>
 
 #include "support/windows_api.h"
-#include "tests/support/expected_trace.h"
+#include "tests/support/fingerprint_test.h"
 #include "tests/support/import_patch.h"
 #include "tests/support/no_memory.h"
 
@@ -19,32 +19,14 @@ namespace {
 
 using std::string_literals::operator""s;
 
-constexpr char kSource[] = "identity/ztuuid.cpp";
-constexpr ExpectedTrace kSerialTail{"CZTUUID::GetOptimumHDDSrNo", kSource};
-constexpr ExpectedTrace kBiosId{"CZTUUID::ProcessBiosId", kSource};
-constexpr ExpectedTrace kHyphenate{"CZTUUID::ProcessMACAddresses", kSource};
-constexpr ExpectedTrace kNormalise{"CZTUUID::ProcessUUIDParameters", kSource};
-constexpr ExpectedTrace kSort{"CZTUUID::SortMacAddress", kSource};
-constexpr ExpectedTrace kStringify{"CZTUUID::StringifyMD5", kSource};
-constexpr ExpectedTrace kValidate{"CZTUUID::ValidateUUID", kSource};
-constexpr HRESULT kCut = static_cast<HRESULT>(0x8007007A);
-
-// The record begins with a failure in it, so that it keeps what the steps offer.
-class CZTUUIDTest : public ::testing::Test {
+class CZTUUIDTest : public FingerprintTest {
  protected:
-  CZTUUIDTest() { fingerprint.LastError = {1, 1}; }
-
-  void ExpectRecorded(HRESULT code, unsigned stage) {
-    EXPECT_EQ(fingerprint.LastError.ErrorCode, code);
-    EXPECT_EQ(fingerprint.LastError.ErrorStage, stage);
-  }
   void SetBiosUuid(const char* text) { StringCchCopyA(fingerprint.BiosUuid, kBiosUuidSize, text); }
   void SetSerial(const char* text) {
     StringCchCopyA(fingerprint.PrimaryHddSerial, kPrimaryHddSerialSize, text);
   }
 
   TraceRecorder recorder;
-  CZTUUID fingerprint;
 };
 
 // While one lives, formatting with one format fails as if the text did not fit.
@@ -364,11 +346,11 @@ TEST_F(ProcessBiosId, TextThatIsTooLongByOneIsCutAndStage0) {
   SetBiosUuid("0123456789abcdef0123456789abcdefX");
   EXPECT_FALSE(fingerprint.ProcessBiosId());
   EXPECT_STREQ(fingerprint.ProcessedBiosId, "0123456789abcdef0123456789abcdef");
-  EXPECT_THAT(recorder.Lines(),
-              ElementsAre(kBiosId.Info("Entry"),
-                          DirectLine(1, "CZTUUID::ProcessBiosId", kSource,
-                                     "StringCchCopy failed for UUID\tError code:(%X).",
-                                     "StringCchCopy failed for UUID\tError code:(8007007A).")));
+  EXPECT_THAT(
+      recorder.Lines(),
+      ElementsAre(kBiosId.Info("Entry"),
+                  kBiosId.ErrorDirect("StringCchCopy failed for UUID\tError code:(%X).",
+                                      "StringCchCopy failed for UUID\tError code:(8007007A).")));
   ExpectRecorded(kCut, 0);
 }
 
