@@ -11,6 +11,8 @@
 #include <string>
 #include <vector>
 
+#include "support/stackguard.h"
+#include "tests/support/import_patch.h"
 #include "tests/support/installation.h"
 
 namespace {
@@ -226,6 +228,32 @@ TEST(StackGuard, IsDrawnAnewAtEveryLoad) {
     guards.insert(guard);
   }
   EXPECT_EQ(guards.size(), 20U);
+}
+
+// Outside the test, which patches what it calls.
+[[gnu::noinline]] std::uintptr_t NextStackGuard() { return MakeStackGuard(); }
+
+// Both clocks may count the same hundred nanoseconds; neither may take away what the other gives.
+TEST(StackGuard, DiffersWhereBothClocksMoveTogether) {
+  constexpr int kGuards = 1000;
+  LONGLONG ticks = 0x0123'4567'89AB'CDEF;
+  std::set<std::uintptr_t> guards;
+  {
+    const CallPatch<struct Counter, BOOL WINAPI(LARGE_INTEGER*)> counter(
+        "KERNEL32.dll", "QueryPerformanceCounter", [&](LARGE_INTEGER* count) {
+          count->QuadPart = ++ticks;
+          return TRUE;
+        });
+    const CallPatch<struct SystemTime, void WINAPI(FILETIME*)> systemTime(
+        "KERNEL32.dll", "GetSystemTimeAsFileTime", [&](FILETIME* now) {
+          now->dwLowDateTime = static_cast<DWORD>(ticks);
+          now->dwHighDateTime = static_cast<DWORD>(ticks >> 32);
+        });
+    for (int i = 0; i < kGuards; ++i) {
+      guards.insert(NextStackGuard());
+    }
+  }
+  EXPECT_EQ(guards.size(), std::size_t{kGuards});
 }
 
 TEST(StackGuard, EndsTheProcessWhoseStackIsWrittenOver) {
