@@ -21,7 +21,7 @@ allowed() { # FILE
       echo companions/common/ companions/vlevtlog/trace_control.h support/vlevtlog.h \
         support/vorlmisc.h $header_only
       ;;
-    samples/vorlcore/* | samples/vorlupd/*) echo support/ ;;
+    modules/*) echo support/ ;;
     samples/helper/*) echo service/helperpipe.h support/ ;;
     tools/vorlsetup/*) echo companions/common/ $header_only ;;
     tools/*) echo companions/common/ identity/ service/ support/ ;;
@@ -33,7 +33,7 @@ header_only="support/handle.h support/lasterror.h support/procaddress.h support/
 # Folders of one product each know themselves.
 own() { # FILE
   case $1 in
-    companions/* | samples/* | tools/*) echo "$(cut -d/ -f1,2 <<<"$1")/" ;;
+    companions/* | modules/* | samples/* | tools/*) echo "$(cut -d/ -f1,2 <<<"$1")/" ;;
     *) echo "${1%%/*}/" ;;
   esac
 }
@@ -51,5 +51,5 @@ while IFS=: read -r file line include; do
   echo "$file:$line: may not include $include" >&2
   status=1
 done < <(grep -rnE '^[[:space:]]*#[[:space:]]*include[[:space:]]*"' --include='*.h' --include='*.cpp' \
-  app service agent identity support companions samples tools)
+  app service agent identity support companions modules samples tools)
 exit $status

@@ -18,7 +18,7 @@ fi
 # The headers of the tools' libraries are laid out there.
 [ -d build/mingw-release/tool_headers ] || cmake --preset mingw-release >/dev/null
 
-rooms=(app service agent identity support companions samples tools)
+rooms=(app service agent identity support companions modules samples tools)
 if [ $# -gt 0 ]; then
   sources=("$@")
 else

@@ -8,7 +8,7 @@ root=$(cd "$(dirname "$0")/../.." && pwd)
 folder=$(mktemp -d)
 trap 'rm -rf "$folder"' EXIT
 cd "$folder"
-mkdir -p app service agent identity support companions/vorlinfo companions/vorlmisc samples/helper tools
+mkdir -p app service agent identity support companions/vorlinfo companions/vorlmisc modules/vorlcore modules/vorlupd samples/helper tools
 
 fails_at() { # FILE INCLUDE
   printf '// A comment.\n#include "%s"\n' "$2" >"$1"
@@ -41,6 +41,9 @@ passes_at companions/vorlinfo/vorlinfo.cpp support/handle.h
 fails_at companions/vorlinfo/vorlinfo.cpp support/vorlmisc.h
 fails_at companions/vorlmisc/vorlmisc.cpp support/trace.h
 fails_at companions/vorlmisc/vorlmisc.cpp companions/vorlinfo/vorlinfo.h
+passes_at modules/vorlcore/vorlcore.cpp support/trace.h
+fails_at modules/vorlcore/vorlcore.cpp service/helperpipe.h
+fails_at modules/vorlcore/vorlcore.cpp modules/vorlupd/update.h
 passes_at samples/helper/main.cpp service/helperpipe.h
 fails_at samples/helper/main.cpp service/ntservc.h
 fails_at tools/tool.cpp agent/vorlsvc.h

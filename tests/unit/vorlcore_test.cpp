@@ -1,6 +1,6 @@
 // The staged sample core module, loaded and called as the service does. Its trace lines go to the
 // recording trace library.
-#include "samples/vorlcore/vorlcore.h"
+#include "modules/vorlcore/vorlcore.h"
 
 #include <gmock/gmock.h>
 

@@ -1,6 +1,6 @@
 // The staged sample update module in installations of the test's own. Its trace lines go to the
 // recording trace library.
-#include "samples/vorlupd/vorlupd.h"
+#include "modules/vorlupd/vorlupd.h"
 
 #include <gmock/gmock.h>
 
@@ -8,8 +8,8 @@
 #include <string>
 #include <vector>
 
-#include "samples/vorlupd/filesystem.h"
-#include "samples/vorlupd/journal.h"
+#include "modules/vorlupd/filesystem.h"
+#include "modules/vorlupd/journal.h"
 #include "tests/fakes/vlevtlog_fake.h"
 #include "tests/support/start_process.h"
 #include "tests/unit/vorlupd_operations.h"

@@ -5,7 +5,7 @@
 // Exit codes: 77 died, 0 the update succeeded before that, 1 it failed.
 #include <cstdlib>
 
-#include "samples/vorlupd/vorlupd.h"
+#include "modules/vorlupd/vorlupd.h"
 #include "tests/fakes/vlevtlog_fake.h"
 #include "tests/unit/vorlupd_operations.h"
 

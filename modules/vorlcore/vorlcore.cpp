@@ -1,8 +1,8 @@
-#include "samples/vorlcore/vorlcore.h"
+#include "modules/vorlcore/vorlcore.h"
 
 #include <atomic>
 
-#include "samples/vorlcore/heartbeat.h"
+#include "modules/vorlcore/heartbeat.h"
 #include "support/trace.h"
 
 namespace {

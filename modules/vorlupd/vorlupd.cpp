@@ -1,9 +1,9 @@
-#include "samples/vorlupd/vorlupd.h"
+#include "modules/vorlupd/vorlupd.h"
 
 #include <exception>
 #include <string>
 
-#include "samples/vorlupd/update.h"
+#include "modules/vorlupd/update.h"
 #include "support/trace.h"
 
 namespace {

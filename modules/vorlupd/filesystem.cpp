@@ -1,4 +1,4 @@
-#include "samples/vorlupd/filesystem.h"
+#include "modules/vorlupd/filesystem.h"
 
 #include <algorithm>
 #include <optional>

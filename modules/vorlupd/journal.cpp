@@ -1,9 +1,9 @@
-#include "samples/vorlupd/journal.h"
+#include "modules/vorlupd/journal.h"
 
 #include <algorithm>
 #include <string_view>
 
-#include "samples/vorlupd/filesystem.h"
+#include "modules/vorlupd/filesystem.h"
 #include "support/handle.h"
 
 namespace {

@@ -1,9 +1,9 @@
-#include "samples/vorlupd/update.h"
+#include "modules/vorlupd/update.h"
 
 #include <algorithm>
 #include <optional>
 
-#include "samples/vorlupd/filesystem.h"
+#include "modules/vorlupd/filesystem.h"
 #include "support/trace.h"
 
 namespace {

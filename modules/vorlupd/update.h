@@ -12,7 +12,7 @@
 #include <string>
 #include <vector>
 
-#include "samples/vorlupd/journal.h"
+#include "modules/vorlupd/journal.h"
 
 class Update {
  public:

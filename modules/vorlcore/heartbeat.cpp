@@ -1,4 +1,4 @@
-#include "samples/vorlcore/heartbeat.h"
+#include "modules/vorlcore/heartbeat.h"
 
 #include <process.h>
 
