@@ -92,8 +92,7 @@ constexpr CallFacts kFunctions[] = {
     Gives(Zero("OpenThreadToken"), kHandle, 4),
     Gives(Zero("CreateThread"), kHandle),
     Gives(AllOnes("CreateToolhelp32Snapshot"), kHandle),
-    With(Gives(Fails("_beginthreadex", Answer::kZeroErrno, kErrnoErrors), kHandle),
-         Treatment::kCallsBack),
+    Gives(Fails("_beginthreadex", Answer::kZeroErrno, kErrnoErrors), kHandle),
     Takes(Zero("CloseHandle"), kHandle),
     Zero("SetEvent"),
     Zero("ResetEvent"),
@@ -148,6 +147,7 @@ constexpr CallFacts kFunctions[] = {
     // The C runtime's files.
     Gives(Fails("_open", Answer::kAllOnesErrno, kErrnoErrors), kDescriptor),
     Gives(Fails("_wopen", Answer::kAllOnesErrno, kErrnoErrors), kDescriptor),
+    Gives(Fails("_sopen", Answer::kAllOnesErrno, kErrnoErrors), kDescriptor),
     Gives(Fails("_sopen_s", Answer::kErrno, kErrnoErrors), kDescriptor, 1),
     Takes(Fails("_close", Answer::kAllOnesErrno, kErrnoErrors), kDescriptor),
     File(Fails("_read", Answer::kAllOnesErrno, kErrnoErrors), 3),
@@ -245,7 +245,6 @@ constexpr CallFacts kFunctions[] = {
     // Text and time.
     Zero("MultiByteToWideChar", kTextErrors),
     Zero("WideCharToMultiByte", kTextErrors),
-    Zero("CompareStringOrdinal"),
     Zero("FileTimeToSystemTime"),
     Zero("SystemTimeToFileTime"),
     Zero("SystemTimeToTzSpecificLocalTime"),
@@ -275,6 +274,7 @@ constexpr CallFacts kFunctions[] = {
 // Cannot fail, or fail only by a caller's own mistake.
 constexpr const char* kCannotFail[] = {
     "CharLowerA",
+    "CompareStringOrdinal",
     "DeleteCriticalSection",
     "EnterCriticalSection",
     "GetACP",
@@ -479,6 +479,7 @@ constexpr const char* kTestOnly[] = {
     "CreateMutexW",
     "RegCreateKeyExW",
     "RegDeleteTreeW",
+    "RegDeleteTreeA",
     "RegOverridePredefKey",
     "GetEnvironmentVariableW",
     "GetEnvironmentVariableA",

@@ -1,5 +1,7 @@
 #include "tests/support/resource_ledger.h"
 
+#include <cstring>
+
 // VARIANT is left out of the lean windows.h.
 #include <oleauto.h>
 
@@ -81,7 +83,11 @@ void ResourceLedger::Give(const HookedCall& call, std::uintptr_t result) {
     entry.second = result;
   } else {
     const auto place = call.Argument(call.facts.givenAt);
-    entry.second = place != 0 ? *reinterpret_cast<const std::uintptr_t*>(place) : 0;
+    const std::size_t size =
+        entry.first == Resource::kDescriptor ? sizeof(int) : sizeof(entry.second);
+    if (place != 0) {
+      std::memcpy(&entry.second, reinterpret_cast<const void*>(place), size);
+    }
   }
   if (entry.first == Resource::kDescriptor) {
     entry.second = static_cast<std::uint32_t>(entry.second);
