@@ -18,6 +18,7 @@ using nlohmann::json;
 using ::testing::AllOf;
 using ::testing::Contains;
 using ::testing::ElementsAre;
+using ::testing::EndsWith;
 using ::testing::HasSubstr;
 using ::testing::IsEmpty;
 using ::testing::IsSupersetOf;
@@ -309,6 +310,32 @@ TEST_F(StrangersEvent, IsFoundWhenItIsNoEvent) {
   Diagnose();
   EXPECT_EQ(Verdict("exit-event"), "error");
   EXPECT_THAT(Value("exit-event"), HasSubstr("is something else than an event"));
+}
+
+TEST_F(Diagnosis, LooksAtTheHelpersPipeWithoutTheHelpersNoticing) {
+  ASSERT_EQ(installation.Run("-install").output, InstalledText());
+  Diagnose();
+  EXPECT_THAT(Value("helper-pipe"), HasSubstr("briskuphelperpipe is not there"));
+
+  BackgroundProgram helper(installation.Folder() / "vorlhelper.exe", "--count 1");
+  ASSERT_TRUE(helper.WaitForOutput("waiting for notifications"));
+  Diagnose();
+  EXPECT_EQ(Verdict("helper-pipe"), "ok");
+  EXPECT_THAT(Value("helper-pipe"), EndsWith(" is there, the helper runs: vorlhelper.exe (" +
+                                             std::to_string(helper.ProcessId()) + ")"));
+  installation.Run("-uninstall");
+  const std::string output = helper.Finish().output;
+  EXPECT_THAT(output, HasSubstr("about to be uninstalled"));
+  EXPECT_THAT(output, Not(HasSubstr("refused")));
+}
+
+TEST_F(Diagnosis, SaysThatAnotherProgramServesTheHelpersPipe) {
+  const FileHandle pipe(CreateNamedPipeW(L"\\\\.\\pipe\\briskuphelperpipe", PIPE_ACCESS_DUPLEX,
+                                         PIPE_TYPE_BYTE, 1, 0, 0, 0, nullptr));
+  ASSERT_TRUE(pipe);
+  Diagnose();
+  EXPECT_EQ(Verdict("helper-pipe"), "warning");
+  EXPECT_THAT(Value("helper-pipe"), HasSubstr("no vorlhelper.exe of this installation runs"));
 }
 
 TEST_F(Diagnosis, FindsAnIdentifierThatDiffersFromTheHardware) {

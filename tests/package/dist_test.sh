@@ -72,6 +72,9 @@ while IFS= read -r -d '' binary; do
   signed=$((signed + 1))
 done < <(find "$sign/unpacked" \( -name '*.exe' -o -name '*.dll' \) -print0)
 [ "$signed" -eq 7 ] || fail "$signed signed binaries"
+cmake/wine.sh "$(find "$sign/unpacked" -name vorldiag.exe)" status >"$sign/status.txt" || true
+[ "$(grep -c 'as shipped but for its signature' "$sign/status.txt")" -ge 6 ] ||
+  fail "the diagnosis takes signed files for others: $(cat "$sign/status.txt")"
 cp "build/dist/client-agent-$version.msi" "$sign/changed.msi"
 printf 'X' | dd of="$sign/changed.msi" bs=1 seek=20000 conv=notrunc 2>/dev/null
 ! verify "$sign/changed.msi" >/dev/null || fail "a changed package still passes for signed"

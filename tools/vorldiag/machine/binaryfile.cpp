@@ -8,6 +8,7 @@
 #include <string_view>
 
 #include "tools/vorldiag/machine/sharedfile.h"
+#include "tools/vorldiag/machine/signature.h"
 
 namespace {
 
@@ -167,6 +168,9 @@ BinaryFile ReadBinaryFile(const std::wstring& path) {
   }
   file.size = bytes.size();
   file.sha256 = Sha256(bytes);
+  for (const std::string& form : UnsignedForms(bytes)) {
+    file.unsignedSha256.push_back(Sha256(form));
+  }
   file.version = FindVersion(bytes);
   ImageReader image(bytes);
   file.damage = image.ReadHeaders();

@@ -12,7 +12,9 @@ struct BinaryFile {
   std::uint64_t size = 0;
   std::string version;  // "1.0.0.0", empty when it has none
   std::string sha256;   // 64 lower-case digits
-  std::string damage;   // why Windows would not load it; empty when nothing speaks against it
+  // Those that it may have had before it was signed; empty when it is not.
+  std::vector<std::string> unsignedSha256;
+  std::string damage;  // why Windows would not load it; empty when nothing speaks against it
   std::vector<WORD> ordinals;          // what it exports by number
   std::vector<std::string> functions;  // and by name
 };

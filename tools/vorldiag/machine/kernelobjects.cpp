@@ -1,5 +1,6 @@
 #include "tools/vorldiag/machine/kernelobjects.h"
 
+#include <tlhelp32.h>
 #include <winternl.h>
 
 #include <algorithm>
@@ -137,6 +138,16 @@ void FillFacts(HANDLE object, ObjectFacts& facts) {
   facts.holders = HoldersOf(object);
 }
 
+// The path of the program that a process runs; empty when it may not be asked.
+std::wstring ImageOf(DWORD processId) {
+  const KernelHandle process(OpenProcess(PROCESS_QUERY_LIMITED_INFORMATION, FALSE, processId));
+  wchar_t path[1024] = {};
+  DWORD size = static_cast<DWORD>(std::size(path));
+  return process && QueryFullProcessImageNameW(process.Get(), 0, path, &size)
+             ? std::wstring(path, size)
+             : L"";
+}
+
 }  // namespace
 
 EventFacts LookAtEvent(const std::string& name) {
@@ -168,29 +179,28 @@ ObjectFacts LookAtLock(const std::string& name) {
   return facts;
 }
 
-PipeFacts LookAtPipe(const wchar_t* name) {
-  PipeFacts facts;
-  const FileHandle pipe(CreateFileW(name, FILE_READ_ATTRIBUTES, FILE_SHARE_READ | FILE_SHARE_WRITE,
-                                    nullptr, OPEN_EXISTING,
-                                    SECURITY_SQOS_PRESENT | SECURITY_ANONYMOUS, nullptr));
-  if (!pipe) {
-    facts.error = GetLastError();
-    return facts;
+DWORD LookAtPipe(const wchar_t* name) {
+  constexpr DWORD patienceMilliseconds = 1000;
+  return WaitNamedPipeW(name, patienceMilliseconds) ? ERROR_SUCCESS : GetLastError();
+}
+
+std::vector<std::string> ProcessesOf(const std::wstring& program) {
+  std::vector<std::string> processes;
+  const FileHandle snapshot(CreateToolhelp32Snapshot(TH32CS_SNAPPROCESS, 0));
+  PROCESSENTRY32W entry{};
+  entry.dwSize = sizeof(entry);
+  for (BOOL isThere = snapshot && Process32FirstW(snapshot.Get(), &entry); isThere;
+       isThere = Process32NextW(snapshot.Get(), &entry)) {
+    if (EqualsIgnoringCase(ImageOf(entry.th32ProcessID), program)) {
+      processes.push_back(ProcessText(entry.th32ProcessID));
+    }
   }
-  ULONG processId = 0;
-  if (GetNamedPipeServerProcessId(pipe.Get(), &processId)) {
-    facts.server = ProcessText(processId);
-  }
-  return facts;
+  return processes;
 }
 
 std::string ProcessText(DWORD processId) {
-  const KernelHandle process(OpenProcess(PROCESS_QUERY_LIMITED_INFORMATION, FALSE, processId));
-  wchar_t path[1024] = {};
-  DWORD size = static_cast<DWORD>(std::size(path));
-  if (!process || !QueryFullProcessImageNameW(process.Get(), 0, path, &size)) {
-    return "process " + std::to_string(processId);
-  }
-  const std::wstring text(path, size);
-  return Utf8(text.substr(text.find_last_of(L'\\') + 1)) + " (" + std::to_string(processId) + ")";
+  const std::wstring path = ImageOf(processId);
+  return path.empty() ? "process " + std::to_string(processId)
+                      : Utf8(path.substr(path.find_last_of(L'\\') + 1)) + " (" +
+                            std::to_string(processId) + ")";
 }

@@ -25,13 +25,14 @@ EventFacts LookAtEvent(const std::string& name);
 // A mutex.
 ObjectFacts LookAtLock(const std::string& name);
 
-struct PipeFacts {
-  DWORD error = ERROR_SUCCESS;  // ERROR_FILE_NOT_FOUND: nobody serves it
-  std::string server;           // "name.exe (1234)"; empty when it could not be asked
-};
+// Whether somebody serves a pipe: ERROR_SUCCESS, ERROR_FILE_NOT_FOUND when nobody does,
+// ERROR_SEM_TIMEOUT when the server has been busy with somebody else for a second. Does not
+// connect: a server takes whoever connects for a client. Which process serves it, only a connection
+// tells.
+DWORD LookAtPipe(const wchar_t* name);
 
-// Connects for a moment, without letting the server act in the caller's name.
-PipeFacts LookAtPipe(const wchar_t* name);
+// "name.exe (1234)" of every process that runs this program.
+std::vector<std::string> ProcessesOf(const std::wstring& program);
 
 // "name.exe (1234)", or "process 1234".
 std::string ProcessText(DWORD processId);

@@ -80,8 +80,19 @@ std::string MissingEntries(const Part& part, const BinaryFile& file) {
 
 std::string ShippedText(const std::string& name, const BinaryFile& file, bool& isOther) {
   const std::string shipped = ShippedSha256(name);
-  isOther = !shipped.empty() && shipped != file.sha256;
-  return shipped.empty() ? "" : isOther ? ", not the one shipped with this tool" : ", as shipped";
+  const auto& before = file.unsignedSha256;
+  isOther = false;
+  if (shipped.empty()) {
+    return "";
+  }
+  if (shipped == file.sha256) {
+    return ", as shipped";
+  }
+  if (std::find(before.begin(), before.end(), shipped) != before.end()) {
+    return ", as shipped but for its signature";
+  }
+  isOther = true;
+  return ", not the one shipped with this tool";
 }
 
 void AddMissing(const Part& part, const std::string& id, const std::string& name,

@@ -8,22 +8,21 @@ namespace {
 constexpr wchar_t kHelperPipe[] = L"\\\\.\\pipe\\briskuphelperpipe";
 constexpr char kConfigurationLock[] = "Global\\ClientAgentConfigurationFile";
 
+std::string Joined(const std::vector<std::string>& texts) {
+  std::string joined;
+  for (const std::string& text : texts) {
+    joined += (joined.empty() ? "" : ", ") + text;
+  }
+  return joined;
+}
+
 std::string HoldersText(const ObjectFacts& facts) {
   std::string text = facts.owner.empty() ? "" : ", owner " + facts.owner;
-  if (!facts.holders.empty()) {
-    text += ", held by ";
-    for (const std::string& holder : facts.holders) {
-      text += (&holder == facts.holders.data() ? "" : ", ") + holder;
-    }
-  }
-  return text;
+  return facts.holders.empty() ? text : text + ", held by " + Joined(facts.holders);
 }
 
 std::string EndThem(const EventFacts& event) {
-  std::string names;
-  for (const std::string& holder : event.holders) {
-    names += (names.empty() ? "" : ", ") + holder;
-  }
+  const std::string names = Joined(event.holders);
   return names.empty() ? "Find out with a handle viewer who holds it, and end that program."
                        : "End the program that holds it: " + names + ".";
 }
@@ -80,21 +79,33 @@ void CheckEvent(const char* id, const char* title, const std::string& name,
   }
 }
 
-void CheckPipe(Section& section) {
-  const PipeFacts pipe = LookAtPipe(kHelperPipe);
+void CheckPipe(const Situation& situation, Section& section) {
+  const char* const id = "helper-pipe";
+  const char* const title = "Helper's pipe";
   const std::string name = Utf8(kHelperPipe);
-  if (pipe.error == ERROR_FILE_NOT_FOUND) {
-    section.Ok("helper-pipe", "Helper's pipe", name + " is not there: no helper runs");
-  } else if (pipe.error == ERROR_PIPE_BUSY) {
-    section.Warn("helper-pipe", "Helper's pipe", name + " is busy",
+  const DWORD error = LookAtPipe(kHelperPipe);
+  if (error == ERROR_FILE_NOT_FOUND) {
+    section.Ok(id, title, name + " is not there: no helper serves it");
+    return;
+  }
+  if (error == ERROR_SEM_TIMEOUT) {
+    section.Warn(id, title, name + " is busy",
                  "Look again; when it stays busy, the helper hangs and commands wait for it: "
                  "restart the helper.");
-  } else if (pipe.error != ERROR_SUCCESS) {
-    section.Warn("helper-pipe", "Helper's pipe", name + ": " + ErrorText(pipe.error),
+    return;
+  }
+  if (error != ERROR_SUCCESS) {
+    section.Warn(id, title, name + ": " + ErrorText(error),
                  "Run vorldiag from an elevated prompt.");
+    return;
+  }
+  const std::string helpers = Joined(ProcessesOf(situation.programFolder + L"\\vorlhelper.exe"));
+  if (helpers.empty()) {
+    section.Warn(id, title, name + " is there, but no vorlhelper.exe of this installation runs",
+                 "Another program serves it and hears of every stop and removal: unless it is a "
+                 "helper of your own, find it with a handle viewer and end it.");
   } else {
-    section.Ok("helper-pipe", "Helper's pipe",
-               name + (pipe.server.empty() ? "" : ", served by " + pipe.server));
+    section.Ok(id, title, name + " is there, the helper runs: " + helpers);
   }
 }
 
@@ -120,7 +131,7 @@ Section CheckObjects(const Situation& situation) {
   Section section{"objects", "Shared objects", {}};
   CheckEvent("close-event", "Close event", situation.names.closeEvent, situation, section);
   CheckEvent("exit-event", "Exit event", situation.names.exitEvent, situation, section);
-  CheckPipe(section);
+  CheckPipe(situation, section);
   CheckLocks(situation, section);
   return section;
 }
