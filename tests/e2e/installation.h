@@ -76,6 +76,9 @@ class BackgroundProgram {
   // Waits for the program's end.
   CommandResult Finish();
 
+  // What it has written until the wait above ended.
+  const std::string& Output() const { return m_text; }
+
   DWORD ProcessId() const { return m_processId; }
 
  private:

@@ -9,6 +9,7 @@
 #include <fstream>
 #include <map>
 #include <nlohmann/json.hpp>
+#include <sstream>
 
 #include "support/handle.h"
 #include "tests/e2e/service_fixture.h"
@@ -447,6 +448,55 @@ TEST_F(DiagnosisBeyondTheCodePage, WritesUtf8) {
     EXPECT_THAT(output, HasSubstr(expected));
     // Nothing was cut off behind the name.
     EXPECT_THAT(output, HasSubstr(arguments == "status" ? "1 error, " : "\"last-start\""));
+  }
+}
+
+std::vector<std::string> LinesOf(const std::string& output) {
+  std::vector<std::string> lines;
+  std::istringstream text(output);
+  for (std::string line; std::getline(text, line);) {
+    lines.push_back(line);
+  }
+  return lines;
+}
+
+// Each command writes several files full; none of them is deleted. Where there is no console,
+// nobody can press Ctrl+C: the follower is ended with its object.
+TEST_F(Diagnosis, FollowsTheTraceOverItsFiles) {
+  WriteConfiguration("[TRACE]\r\nFileSizeKB=4\r\nFiles=1000\r\n");
+  installation.Run("-stop");
+  const std::size_t before = LinesOf(Run("trace").output).size();
+
+  BackgroundProgram follower(installation.Folder() / "vorldiag.exe", "trace --follow");
+  ASSERT_TRUE(follower.WaitForOutput("until Ctrl+C."));
+  ASSERT_NO_FATAL_FAILURE(InstallAndStart());
+  ASSERT_TRUE(follower.WaitForOutput("CNTService::ServiceMain"));
+  installation.Run("-stop");
+  ASSERT_TRUE(service.WaitForState(SERVICE_STOPPED));
+  installation.Run("-uninstall");
+
+  std::vector<std::string> expected = LinesOf(Run("trace").output);
+  expected.erase(expected.begin(), expected.begin() + static_cast<std::ptrdiff_t>(before));
+  ASSERT_TRUE(follower.WaitForOutput(expected.back()));
+  std::vector<std::string> lines = LinesOf(follower.Output());
+  lines.erase(lines.begin());
+  EXPECT_GT(lines.size(), 50U);
+  EXPECT_TRUE(fs::exists(installation.Folder() / "logs" / "vorltrace.000003.log"));
+  EXPECT_EQ(lines, expected);
+}
+
+TEST_F(Diagnosis, FollowsWithAFilterAndAsJson) {
+  BackgroundProgram follower(installation.Folder() / "vorldiag.exe",
+                             "trace --follow --json --function parsestandard");
+  ASSERT_TRUE(follower.WaitForOutput("until Ctrl+C."));
+  installation.Run("-stop");
+  ASSERT_TRUE(follower.WaitForOutput("\"text\":\"-stop\""));
+  std::vector<std::string> documents = LinesOf(follower.Output());
+  documents.erase(documents.begin());
+  for (const std::string& document : documents) {
+    const json lines = json::parse(document)["lines"];
+    ASSERT_EQ(lines.size(), 1U);
+    EXPECT_EQ(lines[0]["function"], "CNTService::ParseStandardArgs");
   }
 }
 

@@ -59,6 +59,7 @@ struct Options {
   TraceFilter filter;
   bool isStart = false;
   bool isStop = false;
+  bool isFollowed = false;
   std::string perfettoFile;
 };
 
@@ -118,6 +119,11 @@ int WritePerfetto(const std::vector<TraceLine>& lines, const Options& options) {
 }
 
 int RunTrace(const Options& options, Output& output) {
+  if (options.isFollowed) {
+    return FollowTrace(FindSituation().Logs(), options.filter, options.isJson, output)
+               ? kExitOk
+               : kExitNotDone;
+  }
   const TraceContent trace = ReadWholeTrace(FindSituation().Logs());
   if (!options.perfettoFile.empty()) {
     return WritePerfetto(trace.lines, options);
@@ -211,9 +217,15 @@ int Run(Output& output, Output& errors) {
   trace->add_option("--until", options.filter.until, "The same");
   CLI::Option* const start =
       trace->add_flag("--start", options.isStart, "The service's last start as a tree of calls");
-  trace->add_flag("--stop", options.isStop, "Its last stop")->excludes(start);
-  trace->add_option("--perfetto", options.perfettoFile,
-                    "Write calls and lines into this file for viewers of time lines");
+  CLI::Option* const stop =
+      trace->add_flag("--stop", options.isStop, "Its last stop")->excludes(start);
+  CLI::Option* const perfetto =
+      trace->add_option("--perfetto", options.perfettoFile,
+                        "Write calls and lines into this file for viewers of time lines");
+  trace->add_flag("--follow", options.isFollowed, "Show the lines that come, until Ctrl+C")
+      ->excludes(start)
+      ->excludes(stop)
+      ->excludes(perfetto);
 
   try {
     app.parse(ArgumentsBackwards());

@@ -7,6 +7,7 @@
 #include "tools/vorldiag/report/json.h"
 #include "tools/vorldiag/text/utf8.h"
 #include "tools/vorldiag/trace/calltree.h"
+#include "tools/vorldiag/trace/follower.h"
 
 using Json = nlohmann::ordered_json;
 
@@ -71,6 +72,33 @@ std::string Summary(const Episode& episode) {
          missing.function + ". " + missing.whenMissing;
 }
 
+// Signalled by Ctrl+C and whatever else ends a console program.
+HANDLE StopEvent() {
+  static const KernelHandle stop(CreateEventW(nullptr, /*bManualReset=*/TRUE,
+                                              /*bInitialState=*/FALSE, nullptr));
+  return stop.Get();
+}
+
+// Runs on a thread that Windows makes for it.
+BOOL WINAPI OnControl(DWORD /*control*/) { return SetEvent(StopEvent()); }
+
+Json LineToJson(const TraceLine& line) {
+  return {{"time", line.time},
+          {"level", LevelWord(line.level)},
+          {"process", line.processId},
+          {"thread", line.threadId},
+          {"module", ValidUtf8(line.module)},
+          {"function", ValidUtf8(line.function)},
+          {"source", ValidUtf8(line.source)},
+          {"text", ValidUtf8(line.text)}};
+}
+
+bool WriteJsonLine(const TraceLine& line, Output& output) {
+  Json json = JsonHead("trace");
+  json["lines"] = Json::array({LineToJson(line)});
+  return output.Write(json.dump(-1, ' ', false, Json::error_handler_t::replace) + "\n");
+}
+
 }  // namespace
 
 bool TraceFilter::Takes(const TraceLine& line) const {
@@ -86,6 +114,29 @@ bool PrintLine(const TraceLine& line, Output& output) {
                           " " + line.module + " " + line.function + " " + line.source + " " +
                           line.text + "\n",
                       ColourOf(line));
+}
+
+bool FollowTrace(const std::wstring& folder, const TraceFilter& filter, bool isJson,
+                 Output& output) {
+  TraceFollower follower(folder);
+  FolderWatch watch(folder);
+  StopEvent();
+  SetConsoleCtrlHandler(OnControl, TRUE);
+  Output(STD_ERROR_HANDLE).Write("Following " + Utf8(folder) + ", until Ctrl+C.\n");
+  const auto writeNew = [&] {
+    for (const TraceLine& line : follower.Poll()) {
+      if (filter.Takes(line) && !(isJson ? WriteJsonLine(line, output) : PrintLine(line, output))) {
+        return false;
+      }
+    }
+    return true;
+  };
+  while (watch.Wait(StopEvent())) {
+    if (!writeNew()) {
+      return false;
+    }
+  }
+  return writeNew();
 }
 
 Episode LastStart(const std::vector<ProcessRun>& runs) {
@@ -144,14 +195,7 @@ Json LinesToJson(const std::vector<TraceLine>& lines, const TraceFilter& filter)
   json["lines"] = Json::array();
   for (const TraceLine& line : lines) {
     if (filter.Takes(line)) {
-      json["lines"].push_back({{"time", line.time},
-                               {"level", LevelWord(line.level)},
-                               {"process", line.processId},
-                               {"thread", line.threadId},
-                               {"module", ValidUtf8(line.module)},
-                               {"function", ValidUtf8(line.function)},
-                               {"source", ValidUtf8(line.source)},
-                               {"text", ValidUtf8(line.text)}});
+      json["lines"].push_back(LineToJson(line));
     }
   }
   return json;

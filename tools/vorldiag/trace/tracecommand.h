@@ -23,6 +23,11 @@ struct TraceFilter {
 // One line, coloured by its level. False when it cannot be written.
 bool PrintLine(const TraceLine& line, Output& output);
 
+// Writes the lines that come, until the console says stop (Ctrl+C) or nobody takes them any more:
+// false for the latter. As JSON: one document of one line for each.
+bool FollowTrace(const std::wstring& folder, const TraceFilter& filter, bool isJson,
+                 Output& output);
+
 // The latest start or stop of the service, as an indented tree of calls.
 struct Episode {
   const char* name = "start";

@@ -21,48 +21,6 @@ struct FindTraits {
   static void Close(Type handle) noexcept { FindClose(handle); }
 };
 
-// "vorltrace.000123.log": 123; 0 for another name.
-unsigned long NumberOf(const std::wstring& name) {
-  constexpr std::wstring_view prefix = L"vorltrace.";
-  constexpr std::wstring_view suffix = L".log";
-  const std::wstring_view whole = name;
-  if (whole.size() <= prefix.size() + suffix.size() ||
-      !EqualsIgnoringCase(whole.substr(0, prefix.size()), prefix) ||
-      !EqualsIgnoringCase(whole.substr(whole.size() - suffix.size()), suffix)) {
-    return 0;
-  }
-  unsigned long number = 0;
-  for (const wchar_t digit :
-       name.substr(prefix.size(), name.size() - prefix.size() - suffix.size())) {
-    if (digit < L'0' || digit > L'9') {
-      return 0;
-    }
-    number = number * 10 + static_cast<unsigned long>(digit - L'0');
-  }
-  return number;
-}
-
-void AddLines(const std::string& bytes, TraceContent& trace) {
-  for (std::size_t begin = 0; begin < bytes.size();) {
-    std::size_t end = bytes.find('\n', begin);
-    if (end == std::string::npos) {
-      // The writer is in the middle of it.
-      break;
-    }
-    std::string_view text(bytes.data() + begin, end - begin);
-    if (!text.empty() && text.back() == '\r') {
-      text.remove_suffix(1);
-    }
-    TraceLine line;
-    if (ParseTraceLine(text, line)) {
-      trace.lines.push_back(std::move(line));
-    } else if (!text.empty()) {
-      ++trace.unreadable;
-    }
-    begin = end + 1;
-  }
-}
-
 bool HasServiceStart(const std::vector<TraceLine>& lines) {
   return std::any_of(lines.begin(), lines.end(), [](const TraceLine& line) {
     return line.function == "CNTService::ParseStandardArgs" &&
@@ -85,7 +43,7 @@ TraceContent Read(const std::wstring& folder, Enough isEnough) {
       whole.problem = Utf8(*file) + ": " + ErrorText(error);
     }
     TraceContent part;
-    AddLines(bytes, part);
+    AddTraceLines(bytes, part.lines, &part.unreadable);
     whole.unreadable += part.unreadable;
     bytesRead += bytes.size();
     parts.push_back(std::move(part.lines));
@@ -102,13 +60,54 @@ TraceContent Read(const std::wstring& folder, Enough isEnough) {
 
 }  // namespace
 
+unsigned long TraceFileNumber(const std::wstring& path) {
+  constexpr std::wstring_view prefix = L"vorltrace.";
+  constexpr std::wstring_view suffix = L".log";
+  std::wstring_view name = path;
+  name.remove_prefix(name.find_last_of(L'\\') + 1);
+  if (name.size() <= prefix.size() + suffix.size() ||
+      !EqualsIgnoringCase(name.substr(0, prefix.size()), prefix) ||
+      !EqualsIgnoringCase(name.substr(name.size() - suffix.size()), suffix)) {
+    return 0;
+  }
+  unsigned long number = 0;
+  for (const wchar_t digit :
+       name.substr(prefix.size(), name.size() - prefix.size() - suffix.size())) {
+    if (digit < L'0' || digit > L'9') {
+      return 0;
+    }
+    number = number * 10 + static_cast<unsigned long>(digit - L'0');
+  }
+  return number;
+}
+
+std::size_t AddTraceLines(std::string_view bytes, std::vector<TraceLine>& lines,
+                          unsigned long long* unreadable) {
+  std::size_t begin = 0;
+  for (std::size_t end = bytes.find('\n'); end != std::string_view::npos;
+       end = bytes.find('\n', begin)) {
+    std::string_view text = bytes.substr(begin, end - begin);
+    if (!text.empty() && text.back() == '\r') {
+      text.remove_suffix(1);
+    }
+    TraceLine line;
+    if (ParseTraceLine(text, line)) {
+      lines.push_back(std::move(line));
+    } else if (!text.empty() && unreadable != nullptr) {
+      ++*unreadable;
+    }
+    begin = end + 1;
+  }
+  return begin;
+}
+
 std::vector<std::wstring> TraceFiles(const std::wstring& folder) {
   std::map<unsigned long, std::wstring> numbered;
   WIN32_FIND_DATAW found{};
   const UniqueHandle<FindTraits> search(
       FindFirstFileW((folder + L"\\vorltrace.*.log").c_str(), &found));
   while (search) {
-    if (const unsigned long number = NumberOf(found.cFileName); number != 0) {
+    if (const unsigned long number = TraceFileNumber(found.cFileName); number != 0) {
       numbered[number] = folder + L"\\" + found.cFileName;
     }
     if (!FindNextFileW(search.Get(), &found)) {

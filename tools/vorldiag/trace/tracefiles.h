@@ -9,6 +9,14 @@
 // Paths of all trace files of a folder, oldest first.
 std::vector<std::wstring> TraceFiles(const std::wstring& folder);
 
+// "vorltrace.000123.log": 123; 0 for a file that is still written, and for any other name.
+unsigned long TraceFileNumber(const std::wstring& path);
+
+// Adds the lines of `bytes`. How many bytes they took: what is left is the beginning of a line.
+// `unreadable` counts lines that are none.
+std::size_t AddTraceLines(std::string_view bytes, std::vector<TraceLine>& lines,
+                          unsigned long long* unreadable = nullptr);
+
 struct TraceContent {
   std::vector<TraceLine> lines;       // oldest first
   unsigned long long unreadable = 0;  // lines that are none
