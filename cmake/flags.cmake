@@ -1,7 +1,5 @@
 # Flags for everything that is built here. Warnings are errors in every configuration.
 option(VORL_TRAP_UNDEFINED "End the program at undefined behaviour" OFF)
-# Only packaging/symbols.sh sets it, in a tree of its own: what ships is linked without.
-option(VORL_SYMBOLS "Keep debug information in release binaries" OFF)
 
 add_library(vorl_flags INTERFACE)
 target_compile_features(vorl_flags INTERFACE cxx_std_20)
@@ -37,9 +35,10 @@ else()
       "$<$<COMPILE_LANGUAGE:CXX>:-Wformat=2;-Wnon-virtual-dtor;-Woverloaded-virtual>"
       "$<$<COMPILE_LANGUAGE:CXX>:-Wduplicated-cond;-Wlogical-op;-Wuseless-cast;-Wredundant-decls>"
       "$<$<COMPILE_LANGUAGE:CXX>:-Wmissing-declarations;-Wextra-semi>"
-      # The trace names its source by the path inside the repository, and equal sources give equal
-      # bytes wherever they are built.
+      # The trace and the debug files name sources by the path inside the repository, and equal
+      # sources give equal bytes wherever they are built.
       "$<$<COMPILE_LANGUAGE:CXX>:-ffile-prefix-map=${PROJECT_SOURCE_DIR}/=>"
+      "$<$<COMPILE_LANGUAGE:CXX>:-fdebug-prefix-map=${PROJECT_BINARY_DIR}=.>"
       "$<$<COMPILE_LANGUAGE:CXX>:-fstack-protector-strong;-ffunction-sections;-fdata-sections>")
   target_compile_definitions(vorl_flags INTERFACE "$<$<CONFIG:Release>:_FORTIFY_SOURCE=2>")
   target_link_options(
@@ -53,15 +52,9 @@ else()
     -Wl,--nxcompat
     -Wl,--no-insert-timestamp
     # Names the build; computed from the image, so equal sources give equal identifiers.
-    -Wl,--build-id)
-  if(VORL_SYMBOLS)
-    # Debug information, too, names sources by their paths in the repository.
-    target_compile_options(
-      vorl_flags INTERFACE
-                 "$<$<COMPILE_LANGUAGE:CXX>:-g;-fdebug-prefix-map=${PROJECT_BINARY_DIR}=.>")
-  else()
-    target_link_options(vorl_flags INTERFACE "$<$<CONFIG:Release>:-s>")
-  endif()
+    -Wl,--build-id
+    # What is staged is stripped afterwards, see vorl_stage.
+    "$<$<AND:$<CONFIG:Release>,$<NOT:$<BOOL:$<TARGET_PROPERTY:VORL_STAGED>>>>:-s>")
   if(VORL_TRAP_UNDEFINED)
     target_compile_options(
       vorl_flags INTERFACE "$<$<COMPILE_LANGUAGE:CXX>:-fsanitize=undefined>"

@@ -51,9 +51,24 @@ function(vorl_library target definition)
   endif()
 endfunction()
 
-# vorl_stage(TARGET): puts the binary into the staged installation.
+# vorl_stage(TARGET): puts the binary into the staged installation. Its debug information goes into a
+# file of its own, symbols/NAME.debug; both carry the build identifier that the linker made.
 function(vorl_stage target)
-  set_target_properties(${target} PROPERTIES RUNTIME_OUTPUT_DIRECTORY "${PROJECT_BINARY_DIR}/bin")
+  set_target_properties(${target} PROPERTIES RUNTIME_OUTPUT_DIRECTORY "${PROJECT_BINARY_DIR}/bin"
+                                             VORL_STAGED ON)
+  if(NOT MSVC AND CMAKE_BUILD_TYPE STREQUAL "Release")
+    set(symbols "${PROJECT_BINARY_DIR}/symbols")
+    file(MAKE_DIRECTORY "${symbols}")
+    add_custom_command(
+      TARGET ${target}
+      POST_BUILD
+      # Both tools would write the time of day into the header.
+      COMMAND "${CMAKE_COMMAND}" -E env SOURCE_DATE_EPOCH=0 "${CMAKE_OBJCOPY}" --only-keep-debug
+              "$<TARGET_FILE:${target}>" "${symbols}/$<TARGET_FILE_NAME:${target}>.debug"
+      COMMAND "${CMAKE_COMMAND}" -E env SOURCE_DATE_EPOCH=0 "${CMAKE_STRIP}" --strip-all
+              "$<TARGET_FILE:${target}>"
+      VERBATIM)
+  endif()
 endfunction()
 
 # vorl_message_table(TARGET FILE): the texts of events, compiled from the message file FILE.

@@ -25,6 +25,9 @@ cp -r build/dist build/dist-first
   ./dist >dist.txt 2>&1 || fail "the second ./dist: $(tail -n 30 dist.txt)"
 )
 diff -r build/dist-first "$copy/build/dist" || fail "two runs in two folders differ"
+for binary in build/mingw-release/bin/*.exe build/mingw-release/bin/*.dll; do
+  cmp "$binary" "$copy/$binary" || fail "two builds in two folders differ"
+done
 
 cd build/dist-first
 version=$(ls ./*.msi | sed 's/.*client-agent-\(.*\)\.msi/\1/')

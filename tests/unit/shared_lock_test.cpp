@@ -221,7 +221,7 @@ TEST_F(SharedLockTest, IsNotFreedByAThreadThatLostIt) {
 
 TEST_F(SharedLockTest, LetsOneThreadInAtATime) {
   constexpr int kThreads = 4;
-  constexpr int kRounds = 20000;
+  constexpr int kRounds = 5000;
   int counter = 0;
   std::vector<std::thread> threads;
   for (int i = 0; i < kThreads; ++i) {
