@@ -34,10 +34,10 @@ void AwaitWatcher(KernelHandle watcher) {
 }
 
 // The path of the module `file` (with its backslash) in the agent's root folder.
-bool GetModulePath(const wchar_t* file, wchar_t (&path)[kFolderBufferLength]) {
+bool GetModulePath(const wchar_t* file, wchar_t (&path)[kFolderBufferSize]) {
   path[0] = L'\0';
   return GetClientAgentRootDir(path, kFolderCapacity) != 0 &&
-         SUCCEEDED(StringCchCatW(path, kFolderBufferLength, file));
+         SUCCEEDED(StringCchCatW(path, kFolderBufferSize, file));
 }
 
 }  // namespace
@@ -281,7 +281,7 @@ void CAcAsSvc::SaveStatus() {
 HMODULE LoadVorlcoreDll() {
   constexpr Trace trace{"LoadVorlcoreDll"};
   trace.Info("Entry.");
-  wchar_t wszFilePath[kFolderBufferLength];
+  wchar_t wszFilePath[kFolderBufferSize];
   if (!GetModulePath(kCoreModuleFile, wszFilePath)) {
     trace.Error("GetClientAgentRootDir Fail...");
     return nullptr;
@@ -301,7 +301,7 @@ HMODULE LoadVorlcoreDll() {
 bool DoPendingPatchTasks() {
   constexpr Trace trace{"DoPendingPatchTasks"};
   trace.Info("Entry.");
-  wchar_t wszFilePath[kFolderBufferLength];
+  wchar_t wszFilePath[kFolderBufferSize];
   if (!GetModulePath(kUpdateModuleFile, wszFilePath)) {
     trace.Error("GetAdmnConRootDir Fail...");
     return false;

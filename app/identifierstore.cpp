@@ -3,6 +3,7 @@
 #include <cwchar>
 
 #include "companions/common/ini_file.h"
+#include "support/folder.h"
 #include "support/handle.h"
 #include "support/lasterror.h"
 
@@ -44,11 +45,6 @@ class ConfigurationLock {
   bool m_isHeld = false;
 };
 
-bool IsFolder(const wchar_t* path) {
-  const DWORD attributes = GetFileAttributesW(path);
-  return attributes != INVALID_FILE_ATTRIBUTES && (attributes & FILE_ATTRIBUTE_DIRECTORY) != 0;
-}
-
 // Reads the file in one piece. Unlike the profile functions, which answer with "no value" to every
 // failure, this tells a key that is missing from a file that cannot be read.
 StoredIdentifier ReadWholeFile(const wchar_t* path) {
@@ -68,10 +64,10 @@ StoredIdentifier ReadWholeFile(const wchar_t* path) {
 
 }  // namespace
 
-bool GetConfigurationFile(wchar_t (&path)[kFolderBufferLength]) {
+bool GetConfigurationFile(wchar_t (&path)[kFolderBufferSize]) {
   path[0] = L'\0';
   return GetClientAgentConfigDir(path, kFolderCapacity) != 0 &&
-         SUCCEEDED(StringCchCatW(path, kFolderBufferLength, kConfigurationFile));
+         SUCCEEDED(StringCchCatW(path, kFolderBufferSize, kConfigurationFile));
 }
 
 StoredIdentifier ReadIdentifier(const wchar_t* path) {

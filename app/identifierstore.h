@@ -28,7 +28,7 @@ enum class StoreOutcome {
 };
 
 // The path of vorlconf.ini. False when the support library knows no folder for it.
-bool GetConfigurationFile(wchar_t (&path)[kFolderBufferLength]);
+bool GetConfigurationFile(wchar_t (&path)[kFolderBufferSize]);
 
 // Looks for the identifier. Waits for a file in the hands of another program,
 // kIniPatienceMilliseconds at the most.

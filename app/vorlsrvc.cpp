@@ -34,7 +34,7 @@ void TraceKept(const Trace& trace, const StoredIdentifier& found) {
 bool IsClientUUIDPresent() {
   constexpr Trace trace{"IsClientUUIDPresent"};
   trace.Info("Entry");
-  wchar_t wszFilePath[kFolderBufferLength];
+  wchar_t wszFilePath[kFolderBufferSize];
   if (!GetConfigurationFile(wszFilePath)) {
     trace.Error("GetClientAgentConfigDir failed");
     return false;
@@ -66,7 +66,7 @@ bool SetClientUUID(const char* clientId) {
   // Identifiers are plain ASCII text of 32 characters.
   static_cast<void>(NarrowToWide(clientId, wszClientId, kWideIdentifierSize));
 
-  wchar_t wszFilePath[kFolderBufferLength];
+  wchar_t wszFilePath[kFolderBufferSize];
   if (!GetConfigurationFile(wszFilePath)) {
     trace.Error("GetClientAgentConfigDir failed");
     return false;

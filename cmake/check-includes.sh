@@ -27,7 +27,7 @@ allowed() { # FILE
     tools/*) echo companions/common/ identity/ service/ support/ ;;
   esac
 }
-header_only="support/handle.h support/lasterror.h support/procaddress.h support/stackguard.h \
+header_only="support/folder.h support/handle.h support/lasterror.h support/procaddress.h support/stackguard.h \
   support/windows_api.h"
 
 # Folders of one product each know themselves.

@@ -83,7 +83,7 @@ std::uint32_t NotifyHelperPipe(const wchar_t* serviceName, std::uint32_t actionC
   }
   HelperPipeRequest request{};
   if (flag == 0 &&
-      FAILED(StringCchCopyW(request.serviceName, kHelperServiceNameLength, serviceName))) {
+      FAILED(StringCchCopyW(request.serviceName, kHelperServiceNameSize, serviceName))) {
     return 0;
   }
   request.actionCode = actionCode;

@@ -16,7 +16,7 @@ constexpr std::uint32_t kHelperActionUninstalling = 5;
 // The message code of every request.
 constexpr std::uint32_t kHelperMessageService = 15;
 
-constexpr std::size_t kHelperServiceNameLength = 260;
+constexpr std::size_t kHelperServiceNameSize = 260;
 
 #pragma pack(push, 1)
 
@@ -29,7 +29,7 @@ struct HelperPipeHeader {
 
 // The body, sent scrambled.
 struct HelperPipeRequest {
-  wchar_t serviceName[kHelperServiceNameLength];
+  wchar_t serviceName[kHelperServiceNameSize];
   std::uint32_t actionCode;
   std::uint8_t flag;
 };

@@ -58,13 +58,21 @@ struct KernelHandleTraits {
 };
 using KernelHandle = UniqueHandle<KernelHandleTraits>;
 
-// What CreateFile gives: files and pipes.
+// What has INVALID_HANDLE_VALUE for "none" and CloseHandle: files, pipes, snapshots.
 struct FileHandleTraits {
   using Type = HANDLE;
   static Type Invalid() noexcept { return INVALID_HANDLE_VALUE; }
   static void Close(Type handle) noexcept { CloseHandle(handle); }
 };
 using FileHandle = UniqueHandle<FileHandleTraits>;
+
+// Searches through a folder.
+struct FindHandleTraits {
+  using Type = HANDLE;
+  static Type Invalid() noexcept { return INVALID_HANDLE_VALUE; }
+  static void Close(Type handle) noexcept { FindClose(handle); }
+};
+using FindHandle = UniqueHandle<FindHandleTraits>;
 
 // The service control manager and services.
 struct ServiceHandleTraits {
@@ -88,3 +96,11 @@ struct ModuleTraits {
   static void Close(Type module) noexcept { FreeLibrary(module); }
 };
 using Module = UniqueHandle<ModuleTraits>;
+
+// Memory that a function of Windows hands over to be freed with LocalFree.
+struct LocalMemoryTraits {
+  using Type = void*;
+  static Type Invalid() noexcept { return nullptr; }
+  static void Close(Type memory) noexcept { LocalFree(memory); }
+};
+using LocalMemory = UniqueHandle<LocalMemoryTraits>;

@@ -51,7 +51,7 @@ static_assert(offsetof(CLIENT_AGENT_STARTUP_OPTIONS, Dword6) == 1371);
 // characters that their buffers really hold: room for a file name of 13 characters to be appended
 // even to a folder that fills the whole capacity.
 constexpr DWORD kFolderCapacity = 520;
-constexpr DWORD kFolderBufferLength = kFolderCapacity + 16;
+constexpr DWORD kFolderBufferSize = kFolderCapacity + 16;
 
 extern "C" {
 

@@ -57,9 +57,9 @@ unsigned WINAPI Watch(void*) {
 }
 
 HMODULE LoadModule(const wchar_t* file) {
-  wchar_t path[kFolderBufferLength];
+  wchar_t path[kFolderBufferSize];
   GetClientAgentRootDir(path, kFolderCapacity);
-  StringCchCatW(path, kFolderBufferLength, file);
+  StringCchCatW(path, kFolderBufferSize, file);
   return LoadLibraryExW(path, nullptr, LOAD_WITH_ALTERED_SEARCH_PATH);
 }
 
@@ -97,10 +97,10 @@ void WINAPI ServiceMain(DWORD, char**) {
 int main() {
   SetClientAgentLogOptions();
   GetServiceNameByVersion("Service Bench obliged", g_name, sizeof(g_name));
-  wchar_t file[kFolderBufferLength];
+  wchar_t file[kFolderBufferSize];
   wchar_t value[260];
   GetClientAgentConfigDir(file, kFolderCapacity);
-  StringCchCatW(file, kFolderBufferLength, L"\\vorlconf.ini");
+  StringCchCatW(file, kFolderBufferSize, L"\\vorlconf.ini");
   GetPrivateProfileStringW(L"ADMIN_CONSOLE_CLIENT_AGENT_SECTION", L"clientuniqueid", nullptr, value,
                            260, file);
   Lines(kLinesBeforeDispatcher);

@@ -3,6 +3,8 @@
 #include <cwchar>
 #include <iterator>
 
+#include "support/folder.h"
+
 // The linker's name for the beginning of the library.
 extern "C" const IMAGE_DOS_HEADER __ImageBase;  // NOLINT
 
@@ -115,11 +117,6 @@ Registered ReadRegistered(const wchar_t* valueName, Folder& folder,
 }
 
 }  // namespace
-
-bool IsFolder(const wchar_t* path) noexcept {
-  const DWORD attributes = GetFileAttributesW(path);
-  return attributes != INVALID_FILE_ATTRIBUTES && (attributes & FILE_ATTRIBUTE_DIRECTORY) != 0;
-}
 
 bool FindOwnFolder(Folder& folder, FolderFailure& failure) noexcept {
   folder.path[0] = L'\0';

@@ -53,6 +53,3 @@ bool FindRootFolder(Folder& folder, FolderFailure& failure, const Folder* own = 
 
 // The folder need not exist.
 bool FindConfigFolder(Folder& folder, FolderFailure& failure, const Folder* own = nullptr) noexcept;
-
-// Whether there is a folder of this name.
-bool IsFolder(const wchar_t* path) noexcept;

@@ -252,3 +252,11 @@ IniRead IniFile::DecodeWide(const unsigned char* bytes, DWORD count, bool isBigE
   }
   return IniRead::kDone;
 }
+
+void CutComment(wchar_t* value) noexcept {
+  wchar_t* end = value + std::wcscspn(value, L";");
+  while (end != value && (end[-1] == L' ' || end[-1] == L'\t')) {
+    --end;
+  }
+  *end = L'\0';
+}

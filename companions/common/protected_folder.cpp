@@ -1,7 +1,7 @@
 #include "companions/common/protected_folder.h"
 
-#include "companions/common/folders.h"
 #include "companions/common/protected_access.h"
+#include "support/folder.h"
 
 DWORD MakeProtectedFolder(const wchar_t* path) noexcept {
   SECURITY_ATTRIBUTES access = ProtectedAccess(ProtectedObject::kFolder);

@@ -1,6 +1,6 @@
 #include "companions/vlevtlog/back_off.h"
 
-#include "companions/vlevtlog/owned_handle.h"
+#include "support/handle.h"
 
 namespace {
 
@@ -15,10 +15,10 @@ std::uint64_t CurrentIdentity() noexcept {
   if (!OpenThreadToken(GetCurrentThread(), TOKEN_QUERY, TRUE, &opened)) {
     return GetLastError() == ERROR_NO_TOKEN ? kOwn : kUnknown;
   }
-  const OwnedHandle token(opened);
+  const KernelHandle token(opened);
   TOKEN_STATISTICS statistics;
   DWORD size = 0;
-  if (!GetTokenInformation(token.get(), TokenStatistics, &statistics, sizeof statistics, &size)) {
+  if (!GetTokenInformation(token.Get(), TokenStatistics, &statistics, sizeof statistics, &size)) {
     return kUnknown;
   }
   const LUID session = statistics.AuthenticationId;

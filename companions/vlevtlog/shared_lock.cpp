@@ -7,7 +7,7 @@
 
 #include <algorithm>
 
-#include "companions/vlevtlog/owned_handle.h"
+#include "support/handle.h"
 
 namespace {
 
@@ -41,15 +41,15 @@ enum class Life { kGone, kLives, kHidden };
 
 Life LifeOf(std::uint64_t name) noexcept {
   const auto threadId = static_cast<DWORD>(name);
-  const OwnedHandle thread(
+  const KernelHandle thread(
       OpenThread(SYNCHRONIZE | THREAD_QUERY_LIMITED_INFORMATION, FALSE, threadId));
-  if (thread == nullptr) {
+  if (!thread) {
     return GetLastError() == ERROR_INVALID_PARAMETER ? Life::kGone : Life::kHidden;
   }
-  if (WaitForSingleObject(thread.get(), 0) == WAIT_OBJECT_0) {
+  if (WaitForSingleObject(thread.Get(), 0) == WAIT_OBJECT_0) {
     return Life::kGone;
   }
-  const std::uint32_t birthMark = BirthMark(thread.get());
+  const std::uint32_t birthMark = BirthMark(thread.Get());
   const bool areBothKnown = birthMark != 0 && name >> 32 != 0;
   return areBothKnown && name != Name(threadId, birthMark) ? Life::kGone : Life::kLives;
 }
@@ -57,20 +57,20 @@ Life LifeOf(std::uint64_t name) noexcept {
 // Whether the system lists a thread of this identifier, which asks for no right. It can be another
 // one that got the identifier later.
 bool IsListed(DWORD threadId) noexcept {
-  const OwnedHandle list(CreateToolhelp32Snapshot(TH32CS_SNAPTHREAD, 0));
-  if (list.get() == INVALID_HANDLE_VALUE) {
+  const FileHandle list(CreateToolhelp32Snapshot(TH32CS_SNAPTHREAD, 0));
+  if (!list) {
     return true;
   }
   THREADENTRY32 entry{};
   entry.dwSize = sizeof entry;
-  if (!Thread32First(list.get(), &entry)) {
+  if (!Thread32First(list.Get(), &entry)) {
     return true;
   }
   do {
     if (entry.th32ThreadID == threadId) {
       return true;
     }
-  } while (Thread32Next(list.get(), &entry));
+  } while (Thread32Next(list.Get(), &entry));
   return GetLastError() != ERROR_NO_MORE_FILES;
 }
 

@@ -42,11 +42,14 @@ bool SpillFile::Open(const wchar_t* folder) noexcept {
                               GetCurrentProcessId(), GetTickCount64()))) {
     return false;
   }
-  m_file = OpenTraceFolderFile(TracePath(folder, m_name).Get(), GENERIC_WRITE,
-                               FILE_SHARE_READ | FILE_SHARE_WRITE, CREATE_NEW)
-               .release();
+  FileHandle file = OpenTraceFolderFile(TracePath(folder, m_name).Get(), GENERIC_WRITE,
+                                        FILE_SHARE_READ | FILE_SHARE_WRITE, CREATE_NEW);
+  if (!file) {
+    return false;
+  }
+  m_file = file.Release();
   m_size = 0;
-  return m_file != nullptr;
+  return true;
 }
 
 bool SpillFile::HandOver(Content& content) noexcept {

@@ -45,22 +45,22 @@ std::int64_t EndOfLastLine(HANDLE file, std::int64_t size) noexcept {
 }  // namespace
 
 void CutTornEnd(const wchar_t* path) noexcept {
-  const OwnedHandle file =
+  const FileHandle file =
       OpenTraceFolderFile(path, GENERIC_READ | GENERIC_WRITE, kShareAll, OPEN_EXISTING);
   LARGE_INTEGER size{};
-  if (file == nullptr || !GetFileSizeEx(file.get(), &size) || size.QuadPart == 0) {
+  if (!file || !GetFileSizeEx(file.Get(), &size) || size.QuadPart == 0) {
     return;
   }
-  const std::int64_t end = EndOfLastLine(file.get(), size.QuadPart);
+  const std::int64_t end = EndOfLastLine(file.Get(), size.QuadPart);
   if (end < 0 || end == size.QuadPart) {
     return;
   }
   if (end == 0 && size.QuadPart > kTornLimit) {
     DWORD written = 0;
-    if (MoveTo(file.get(), size.QuadPart)) {
-      WriteFile(file.get(), "\r\n", 2, &written, nullptr);
+    if (MoveTo(file.Get(), size.QuadPart)) {
+      WriteFile(file.Get(), "\r\n", 2, &written, nullptr);
     }
-  } else if (MoveTo(file.get(), end)) {
-    SetEndOfFile(file.get());
+  } else if (MoveTo(file.Get(), end)) {
+    SetEndOfFile(file.Get());
   }
 }

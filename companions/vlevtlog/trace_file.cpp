@@ -141,16 +141,14 @@ DWORD TraceFile::AttachTo(const Names& names) noexcept {
   static_assert((State::kLayout & 0xFFFF) == sizeof(State));
   const TracePath path(m_folder, names.state);
   // Deleting it while somebody has it would part the processes from each other.
-  OwnedHandle file = OpenTraceFolderFile(path.Get(), GENERIC_READ | GENERIC_WRITE,
-                                         FILE_SHARE_READ | FILE_SHARE_WRITE, OPEN_ALWAYS);
+  FileHandle file = OpenTraceFolderFile(path.Get(), GENERIC_READ | GENERIC_WRITE,
+                                        FILE_SHARE_READ | FILE_SHARE_WRITE, OPEN_ALWAYS);
   const bool wasThere = GetLastError() == ERROR_ALREADY_EXISTS;
-  const OwnedHandle mapping(
-      file != nullptr
-          ? CreateFileMappingW(file.get(), nullptr, PAGE_READWRITE, 0, sizeof(State), nullptr)
-          : nullptr);
-  void* const view = mapping != nullptr
-                         ? MapViewOfFile(mapping.get(), FILE_MAP_WRITE, 0, 0, sizeof(State))
-                         : nullptr;
+  const KernelHandle mapping(
+      file ? CreateFileMappingW(file.Get(), nullptr, PAGE_READWRITE, 0, sizeof(State), nullptr)
+           : nullptr);
+  void* const view =
+      mapping ? MapViewOfFile(mapping.Get(), FILE_MAP_WRITE, 0, 0, sizeof(State)) : nullptr;
   if (view == nullptr) {
     return GetLastError();
   }
@@ -170,7 +168,7 @@ DWORD TraceFile::AttachTo(const Names& names) noexcept {
     m_openToOthers.store(names.state);
   }
   m_names = &names;
-  m_stateFile = file.release();
+  m_stateFile = file.Release();
   m_state.store(&state, std::memory_order_release);
   m_inForce.store(&state.options);
   if (m_configured.load() != 0) {
@@ -247,12 +245,12 @@ DWORD TraceFile::Open() noexcept {
   State& state = *m_state.load(std::memory_order_relaxed);
   // Appending only: whatever else were wrong, no written line could be written over.
   const TracePath path(m_folder, m_names->file);
-  OwnedHandle file = OpenTraceFolderFile(
+  FileHandle file = OpenTraceFolderFile(
       path.Get(), FILE_APPEND_DATA | FILE_READ_ATTRIBUTES | SYNCHRONIZE, kShareAll, OPEN_ALWAYS);
-  if (file == nullptr) {
+  if (!file) {
     return GetLastError();
   }
-  m_file = file.release();
+  m_file = file.Release();
   m_generation = state.generation;
   CutTornEnd(path.Get());
   LARGE_INTEGER size{};
@@ -278,10 +276,10 @@ bool TraceFile::IsGone(HANDLE file, const wchar_t* name) const noexcept {
       information.DeletePending) {
     return true;
   }
-  const OwnedHandle inFolder = OpenTraceFolderFile(TracePath(m_folder, name).Get(),
-                                                   FILE_READ_ATTRIBUTES, kShareAll, OPEN_EXISTING);
-  if (inFolder != nullptr) {
-    return AreDifferentFiles(file, inFolder.get());
+  const FileHandle inFolder = OpenTraceFolderFile(TracePath(m_folder, name).Get(),
+                                                  FILE_READ_ATTRIBUTES, kShareAll, OPEN_EXISTING);
+  if (inFolder) {
+    return AreDifferentFiles(file, inFolder.Get());
   }
   const DWORD error = GetLastError();
   return error == ERROR_FILE_NOT_FOUND || error == ERROR_PATH_NOT_FOUND ||

@@ -3,7 +3,6 @@
 #include <algorithm>
 #include <cwchar>
 #include <iterator>
-#include <memory>
 
 #include "companions/common/protected_access.h"
 #include "companions/common/protected_folder.h"
@@ -17,12 +16,6 @@ constexpr wchar_t kFullFilePrefix[] = L"vorltrace.";
 constexpr int kFewestDigits = 6;
 constexpr std::uint32_t kHighestNumber = 999'999'999;
 constexpr int kMostCollisions = 10000;
-
-struct CloseFind {
-  using pointer = HANDLE;
-  void operator()(HANDLE search) const noexcept { FindClose(search); }
-};
-using Search = std::unique_ptr<HANDLE, CloseFind>;
 
 // Not a link, and of one name only: whoever can put a link into the folder must not choose the file
 // that is written and cut.
@@ -69,14 +62,13 @@ bool IsSpillFile(const wchar_t* name) noexcept {
 template <typename Visit>
 void ForEachFile(const wchar_t* folder, Visit visit) noexcept {
   WIN32_FIND_DATAW found;
-  const HANDLE first = FindFirstFileW(TracePath(folder, kPattern).Get(), &found);
-  if (first == INVALID_HANDLE_VALUE) {
+  const FindHandle search(FindFirstFileW(TracePath(folder, kPattern).Get(), &found));
+  if (!search) {
     return;
   }
-  const Search search(first);
   do {
     visit(found.cFileName);
-  } while (FindNextFileW(search.get(), &found));
+  } while (FindNextFileW(search.Get(), &found));
 }
 
 // The youngest of a folder's full files, by age.
@@ -127,10 +119,10 @@ bool IsOwnAccount(PSID account) noexcept {
   if (!OpenProcessToken(GetCurrentProcess(), TOKEN_QUERY, &opened)) {
     return false;
   }
-  const OwnedHandle token(opened);
+  const KernelHandle token(opened);
   alignas(TOKEN_USER) BYTE user[sizeof(TOKEN_USER) + SECURITY_MAX_SID_SIZE];
   DWORD size = 0;
-  return GetTokenInformation(token.get(), TokenUser, user, sizeof user, &size) &&
+  return GetTokenInformation(token.Get(), TokenUser, user, sizeof user, &size) &&
          EqualSid(reinterpret_cast<TOKEN_USER*>(user)->User.Sid, account);
 }
 
@@ -190,19 +182,15 @@ DWORD MakeTraceFolder(const wchar_t* folder, bool& wasThere) noexcept {
   return path.Get()[0] == 0 ? DWORD{ERROR_PATH_NOT_FOUND} : MakeProtectedFolder(path.Get());
 }
 
-OwnedHandle OpenTraceFolderFile(const wchar_t* path, DWORD access, DWORD shareMode,
-                                DWORD disposition) noexcept {
+FileHandle OpenTraceFolderFile(const wchar_t* path, DWORD access, DWORD shareMode,
+                               DWORD disposition) noexcept {
   const bool canMake = disposition != OPEN_EXISTING;
   SECURITY_ATTRIBUTES attributes = ProtectedAccess(ProtectedObject::kFile);
-  OwnedHandle file(CreateFileW(path, access, shareMode, canMake ? &attributes : nullptr,
-                               disposition, FILE_ATTRIBUTE_NORMAL | FILE_FLAG_OPEN_REPARSE_POINT,
-                               nullptr));
+  FileHandle file(CreateFileW(path, access, shareMode, canMake ? &attributes : nullptr, disposition,
+                              FILE_ATTRIBUTE_NORMAL | FILE_FLAG_OPEN_REPARSE_POINT, nullptr));
   DWORD error = GetLastError();
-  if (file.get() == INVALID_HANDLE_VALUE) {
-    static_cast<void>(file.release());
-  }
-  if (file != nullptr && !IsPlain(file.get())) {
-    file.reset();
+  if (file && !IsPlain(file.Get())) {
+    file.Reset();
     error = ERROR_CANT_ACCESS_FILE;
   }
   SetLastError(error);

@@ -5,7 +5,7 @@
 #include <cstdint>
 
 #include "companions/common/folders.h"
-#include "companions/vlevtlog/owned_handle.h"
+#include "support/handle.h"
 #include "support/windows_api.h"
 
 inline constexpr DWORD kShareAll = FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE;
@@ -32,10 +32,10 @@ class TracePath {
 // and the system only and inherit nothing. Returns a Windows error.
 DWORD MakeTraceFolder(const wchar_t* folder, bool& wasThere) noexcept;
 
-// CreateFileW for such a file; null when it fails, with the last error set. Where the file may be
+// CreateFileW for such a file; none when it fails, with the last error set. Where the file may be
 // made, the last error says after success whether it was there (ERROR_ALREADY_EXISTS).
-OwnedHandle OpenTraceFolderFile(const wchar_t* path, DWORD access, DWORD shareMode,
-                                DWORD disposition) noexcept;
+FileHandle OpenTraceFolderFile(const wchar_t* path, DWORD access, DWORD shareMode,
+                               DWORD disposition) noexcept;
 
 // Whether others than administrators, the system and this process's account may write the file or
 // folder. False where that cannot be found out.

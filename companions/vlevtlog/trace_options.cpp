@@ -83,15 +83,6 @@ bool ParseNumber(const wchar_t* text, std::uint32_t lowest, std::uint32_t highes
   return true;
 }
 
-// Windows keeps a comment behind a value.
-void CutComment(wchar_t* value) noexcept {
-  wchar_t* end = value + wcscspn(value, L";");
-  while (end != value && (end[-1] == L' ' || end[-1] == L'\t')) {
-    --end;
-  }
-  *end = 0;
-}
-
 // Hands the key's value to `parse` when there is one.
 template <typename Parse>
 void ReadKey(const IniFile& file, const wchar_t* key, TraceOptionProblems& problems,

@@ -27,15 +27,6 @@ int DigitValue(wchar_t digit) noexcept {
   return std::numeric_limits<int>::max();
 }
 
-// Windows keeps a comment behind a value.
-void CutComment(wchar_t* value) noexcept {
-  wchar_t* end = value + std::wcscspn(value, L";");
-  while (end != value && (end[-1] == L' ' || end[-1] == L'\t')) {
-    --end;
-  }
-  *end = L'\0';
-}
-
 // The number that the whole of `text` states, or nothing when it states none from 0 to `largest`.
 std::optional<DWORD> ParseNumber(const wchar_t* text, DWORD largest) noexcept {
   int base = 10;

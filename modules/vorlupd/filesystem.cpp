@@ -8,13 +8,6 @@
 
 namespace {
 
-struct FindHandleTraits {
-  using Type = HANDLE;
-  static Type Invalid() noexcept { return INVALID_HANDLE_VALUE; }
-  static void Close(Type handle) noexcept { FindClose(handle); }
-};
-using FindHandle = UniqueHandle<FindHandleTraits>;
-
 struct Entry {
   std::wstring name;
   PathKind kind;

@@ -3,8 +3,6 @@
 // The conversion of the access list below.
 #include <sddl.h>
 
-#include <memory>
-
 namespace {
 
 constexpr DWORD kClientMilliseconds = 5000;
@@ -16,10 +14,6 @@ constexpr std::uint32_t kReplyRefused = 0;
 
 // Full access for the system and for administrators, none for anybody else.
 constexpr wchar_t kAccessList[] = L"D:P(A;;GA;;;SY)(A;;GA;;;BA)";
-
-struct LocalFreer {
-  void operator()(void* memory) const noexcept { LocalFree(memory); }
-};
 
 DWORD MillisecondsUntil(ULONGLONG deadline) noexcept {
   if (deadline == kNoDeadline) {
@@ -37,8 +31,8 @@ bool PipeServer::Open(const char* pipeName) noexcept {
                                                             nullptr)) {
     return false;
   }
-  const std::unique_ptr<void, LocalFreer> descriptor(received);
-  SECURITY_ATTRIBUTES attributes{sizeof(attributes), descriptor.get(), FALSE};
+  const LocalMemory descriptor(received);
+  SECURITY_ATTRIBUTES attributes{sizeof(attributes), descriptor.Get(), FALSE};
 
   m_ioEvent.Reset(CreateEventW(nullptr, TRUE, FALSE, nullptr));
   if (!m_ioEvent) {

@@ -26,7 +26,7 @@ void Announce(const char* function) {
 
 ULONGLONG AnswerFolder(BYTE result, const wchar_t* answer, wchar_t* folder) {
   if (result != 0) {
-    StringCchCopyW(folder, kFolderBufferLength, answer);
+    StringCchCopyW(folder, kFolderBufferSize, answer);
   }
   return WithRubbish(result);
 }

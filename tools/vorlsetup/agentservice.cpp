@@ -80,9 +80,9 @@ bool CanStartAfterManagementService() {
 
 bool ConfigureService(const SetupLog& log) {
   const ServiceHandle service = OpenAgent(SERVICE_CHANGE_CONFIG | WRITE_DAC | READ_CONTROL);
-  const SecurityDescriptor rights = MakeDescriptor(kServiceRights);
-  if (!service || rights == nullptr ||
-      !SetServiceObjectSecurity(service.Get(), DACL_SECURITY_INFORMATION, rights.get())) {
+  const LocalMemory rights = MakeDescriptor(kServiceRights);
+  if (!service || !rights ||
+      !SetServiceObjectSecurity(service.Get(), DACL_SECURITY_INFORMATION, rights.Get())) {
     log.Error(std::wstring(L"The rights of service ") + kServiceName + L" cannot be set",
               GetLastError());
     return false;

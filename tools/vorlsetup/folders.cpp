@@ -22,13 +22,6 @@ constexpr ACCESS_MASK kMoveRights =
 constexpr ACCESS_MASK kFillRights =
     kMoveRights | FILE_ADD_FILE | FILE_ADD_SUBDIRECTORY | GENERIC_WRITE;
 
-struct FindTraits {
-  using Type = HANDLE;
-  static Type Invalid() noexcept { return INVALID_HANDLE_VALUE; }
-  static void Close(Type search) noexcept { FindClose(search); }
-};
-using Search = UniqueHandle<FindTraits>;
-
 std::wstring ExtendedLength(const std::wstring& path) { return LR"(\\?\)" + path; }
 
 bool Exists(const std::wstring& path) noexcept {
@@ -39,7 +32,7 @@ bool Exists(const std::wstring& path) noexcept {
 template <typename Visit>
 bool ForEachEntry(const std::wstring& folder, Visit visit) {
   WIN32_FIND_DATAW found;
-  const Search search(FindFirstFileW((ExtendedLength(folder) + L"\\*").c_str(), &found));
+  const FindHandle search(FindFirstFileW((ExtendedLength(folder) + L"\\*").c_str(), &found));
   if (!search) {
     return false;
   }
@@ -104,9 +97,9 @@ bool IsPlainFolder(const std::wstring& folder, const SetupLog& log) {
 }
 
 bool MakeFolder(const std::wstring& folder, const wchar_t* rights, const SetupLog& log) {
-  const SecurityDescriptor descriptor = MakeDescriptor(rights);
-  SECURITY_ATTRIBUTES attributes{sizeof(attributes), descriptor.get(), FALSE};
-  if (descriptor == nullptr || !CreateDirectoryW(folder.c_str(), &attributes)) {
+  const LocalMemory descriptor = MakeDescriptor(rights);
+  SECURITY_ATTRIBUTES attributes{sizeof(attributes), descriptor.Get(), FALSE};
+  if (!descriptor || !CreateDirectoryW(folder.c_str(), &attributes)) {
     log.Error(folder + L" cannot be made", GetLastError());
     return false;
   }

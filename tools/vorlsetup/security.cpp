@@ -5,8 +5,6 @@
 
 #include <vector>
 
-#include "support/handle.h"
-
 namespace {
 
 // Windows' own installer (TrustedInstaller), to whom system folders belong.
@@ -36,7 +34,7 @@ bool IsSidOf(PSID sid, const wchar_t* text) noexcept {
   if (!ConvertStringSidToSidW(text, &other)) {
     return false;
   }
-  const SecurityDescriptor owner(other);
+  const LocalMemory owner(other);
   return EqualSid(sid, other) != FALSE;
 }
 
@@ -52,25 +50,25 @@ bool IsOwnAccount(PSID sid) {
          EqualSid(sid, reinterpret_cast<const TOKEN_USER*>(user.data())->User.Sid);
 }
 
-// The DACL and owner inside `descriptor`, which `owner` keeps. 0 or the error.
-DWORD ReadSecurity(const std::wstring& folder, SecurityDescriptor& keeper, PSID* owner,
+// The DACL and owner inside `descriptor`, which `keeper` keeps. 0 or the error.
+DWORD ReadSecurity(const std::wstring& folder, LocalMemory& keeper, PSID* owner,
                    PACL* dacl) noexcept {
   PSECURITY_DESCRIPTOR descriptor = nullptr;
   const DWORD error = GetNamedSecurityInfoW(const_cast<wchar_t*>(folder.c_str()), SE_FILE_OBJECT,
                                             OWNER_SECURITY_INFORMATION | DACL_SECURITY_INFORMATION,
                                             owner, nullptr, dacl, nullptr, &descriptor);
-  keeper.reset(descriptor);
+  keeper.Reset(descriptor);
   return error;
 }
 
 DWORD SetNamedRights(const std::wstring& name, SE_OBJECT_TYPE type,
                      const wchar_t* rights) noexcept {
-  const SecurityDescriptor descriptor = MakeDescriptor(rights);
+  const LocalMemory descriptor = MakeDescriptor(rights);
   PACL dacl = nullptr;
   BOOL isPresent = FALSE;
   BOOL isDefaulted = FALSE;
-  if (descriptor == nullptr ||
-      !GetSecurityDescriptorDacl(descriptor.get(), &isPresent, &dacl, &isDefaulted)) {
+  if (!descriptor ||
+      !GetSecurityDescriptorDacl(descriptor.Get(), &isPresent, &dacl, &isDefaulted)) {
     return GetLastError();
   }
   return SetNamedSecurityInfoW(const_cast<wchar_t*>(name.c_str()), type,
@@ -80,24 +78,24 @@ DWORD SetNamedRights(const std::wstring& name, SE_OBJECT_TYPE type,
 
 }  // namespace
 
-SecurityDescriptor MakeDescriptor(const wchar_t* text) noexcept {
+LocalMemory MakeDescriptor(const wchar_t* text) noexcept {
   PSECURITY_DESCRIPTOR descriptor = nullptr;
   if (!ConvertStringSecurityDescriptorToSecurityDescriptorW(text, SDDL_REVISION_1, &descriptor,
                                                             nullptr)) {
-    return nullptr;
+    return {};
   }
-  return SecurityDescriptor(descriptor);
+  return LocalMemory(descriptor);
 }
 
 DWORD SetFolderRights(const std::wstring& folder, const wchar_t* rights) noexcept {
   // An owner may always change the rights again: a user who made the folder must not stay its
   // owner.
   if (!IsOwnedByAdministrators(folder)) {
-    const SecurityDescriptor administrators = MakeDescriptor(L"O:BA");
+    const LocalMemory administrators = MakeDescriptor(L"O:BA");
     PSID owner = nullptr;
     BOOL isDefaulted = FALSE;
-    if (administrators == nullptr ||
-        !GetSecurityDescriptorOwner(administrators.get(), &owner, &isDefaulted)) {
+    if (!administrators ||
+        !GetSecurityDescriptorOwner(administrators.Get(), &owner, &isDefaulted)) {
       return GetLastError();
     }
     const DWORD error =
@@ -115,7 +113,7 @@ DWORD SetKeyRights(const wchar_t* keyBelowMachine, const wchar_t* rights) noexce
 }
 
 bool MayOrdinaryUsers(ACCESS_MASK rights, const std::wstring& folder) noexcept {
-  SecurityDescriptor keeper;
+  LocalMemory keeper;
   PSID owner = nullptr;
   PACL dacl = nullptr;
   if (ReadSecurity(folder, keeper, &owner, &dacl) != ERROR_SUCCESS || dacl == nullptr) {
@@ -139,7 +137,7 @@ bool MayOrdinaryUsers(ACCESS_MASK rights, const std::wstring& folder) noexcept {
 }
 
 bool IsOwnedByAdministrators(const std::wstring& folder) noexcept {
-  SecurityDescriptor keeper;
+  LocalMemory keeper;
   PSID owner = nullptr;
   PACL dacl = nullptr;
   return ReadSecurity(folder, keeper, &owner, &dacl) == ERROR_SUCCESS && owner != nullptr &&

@@ -1,9 +1,9 @@
 // The rights that the package sets, and who could change a folder before.
 #pragma once
 
-#include <memory>
 #include <string>
 
+#include "support/handle.h"
 #include "support/windows_api.h"
 
 // Program folder: everybody runs the programs, administrators and the system alone change them.
@@ -22,13 +22,8 @@ constexpr wchar_t kServiceRights[] =
     L"D:(A;;CCLCSWRPWPDTLOCRRC;;;SY)(A;;CCDCLCSWRPWPDTLOCRSDRCWDWO;;;BA)"
     L"(A;;CCLCSWLORC;;;IU)(A;;CCLCSWLORC;;;SU)";
 
-struct FreeLocal {
-  void operator()(void* memory) const noexcept { LocalFree(memory); }
-};
-using SecurityDescriptor = std::unique_ptr<void, FreeLocal>;
-
-// The descriptor that `text` describes, or null with the last error set.
-SecurityDescriptor MakeDescriptor(const wchar_t* text) noexcept;
+// The security descriptor that `text` describes, or none with the last error set.
+LocalMemory MakeDescriptor(const wchar_t* text) noexcept;
 
 // Gives the folder or registry key these rights, in place of all others, and hands them down to
 // what lies in it. A folder also becomes the administrators' own. 0 or the error.

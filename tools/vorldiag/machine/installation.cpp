@@ -143,5 +143,3 @@ FolderFact ConfigurationFolder(const std::wstring& programFolder) {
 bool Exists(const std::wstring& path) {
   return GetFileAttributesW(path.c_str()) != INVALID_FILE_ATTRIBUTES;
 }
-
-bool IsExistingFolder(const std::wstring& path) { return IsFolder(path.c_str()); }

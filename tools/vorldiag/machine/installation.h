@@ -36,4 +36,3 @@ FolderFact ConfigurationFolder(const std::wstring& programFolder);
 extern const wchar_t kInstallationKeyPath[];
 
 bool Exists(const std::wstring& path);
-bool IsExistingFolder(const std::wstring& path);

@@ -11,13 +11,6 @@
 
 namespace {
 
-struct LocalMemoryTraits {
-  using Type = void*;
-  static Type Invalid() noexcept { return nullptr; }
-  static void Close(Type memory) noexcept { LocalFree(memory); }
-};
-using LocalMemory = UniqueHandle<LocalMemoryTraits>;
-
 std::wstring SidText(PSID sid) {
   wchar_t* text = nullptr;
   if (!ConvertSidToStringSidW(sid, &text)) {

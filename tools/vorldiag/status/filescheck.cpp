@@ -2,6 +2,7 @@
 
 #include <algorithm>
 
+#include "support/folder.h"
 #include "tools/vorldiag/machine/binaryfile.h"
 #include "tools/vorldiag/status/shippedfiles.h"
 #include "tools/vorldiag/text/utf8.h"
@@ -179,7 +180,7 @@ Section CheckFolders(const Situation& situation) {
   const FolderFact& configuration = situation.configuration;
   if (!configuration.problem.empty()) {
     CheckFolder("config-folder", "Configuration", configuration, correctConfiguration, section);
-  } else if (IsExistingFolder(configuration.path)) {
+  } else if (IsFolder(configuration.path.c_str())) {
     CheckFolder("config-folder", "Configuration", configuration, "", section);
     if (Exists(situation.ConfigurationFile())) {
       section.Ok("config-file", "Configuration file", Utf8(situation.ConfigurationFile()));
@@ -193,7 +194,7 @@ Section CheckFolders(const Situation& situation) {
     section.Fail("config-folder", "Configuration",
                  Utf8(configuration.path) + " is no folder (" + configuration.origin + ")",
                  correctConfiguration);
-  } else if (!IsExistingFolder(ParentOf(configuration.path))) {
+  } else if (!IsFolder(ParentOf(configuration.path).c_str())) {
     section.Fail("config-folder", "Configuration",
                  Utf8(configuration.path) + " does not exist, nor does the folder above it (" +
                      configuration.origin + ")",
@@ -205,7 +206,7 @@ Section CheckFolders(const Situation& situation) {
                  "one, put it back before, or correct ConfigDir.");
   }
 
-  if (IsExistingFolder(situation.Logs())) {
+  if (IsFolder(situation.Logs().c_str())) {
     section.Ok("logs-folder", "Trace", Utf8(situation.Logs()) + " (beside vlevtlog.dll)");
   } else if (Exists(situation.Logs())) {
     section.Fail("logs-folder", "Trace", Utf8(situation.Logs()) + " is no folder",

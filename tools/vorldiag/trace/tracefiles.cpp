@@ -15,12 +15,6 @@ constexpr std::uint64_t kLargestFile = 1100ULL * 1024 * 1024;
 // What the latest lines are taken from, at most.
 constexpr std::uint64_t kLatestBytes = 64ULL * 1024 * 1024;
 
-struct FindTraits {
-  using Type = HANDLE;
-  static Type Invalid() noexcept { return INVALID_HANDLE_VALUE; }
-  static void Close(Type handle) noexcept { FindClose(handle); }
-};
-
 bool HasServiceStart(const std::vector<TraceLine>& lines) {
   return std::any_of(lines.begin(), lines.end(), [](const TraceLine& line) {
     return line.function == "CNTService::ParseStandardArgs" &&
@@ -104,8 +98,7 @@ std::size_t AddTraceLines(std::string_view bytes, std::vector<TraceLine>& lines,
 std::vector<std::wstring> TraceFiles(const std::wstring& folder) {
   std::map<unsigned long, std::wstring> numbered;
   WIN32_FIND_DATAW found{};
-  const UniqueHandle<FindTraits> search(
-      FindFirstFileW((folder + L"\\vorltrace.*.log").c_str(), &found));
+  const FindHandle search(FindFirstFileW((folder + L"\\vorltrace.*.log").c_str(), &found));
   while (search) {
     if (const unsigned long number = TraceFileNumber(found.cFileName); number != 0) {
       numbered[number] = folder + L"\\" + found.cFileName;
