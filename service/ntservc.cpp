@@ -7,6 +7,7 @@
 #include <iterator>
 
 #include "service/helperpipe.h"
+#include "service/registration.h"
 #include "service/reportgate.h"
 #include "service/vorlfun.h"
 #include "support/handle.h"
@@ -23,14 +24,7 @@ constexpr DWORD kRestartPauseMilliseconds = 100;
 constexpr unsigned kDebugMessageSize = 1024;
 constexpr unsigned kConsoleMessageSize = 500;
 
-constexpr unsigned kPathLength = 260;
-// A path with its two quotes.
-constexpr unsigned kCommandPathLength = kPathLength + 2;
-constexpr int kNarrowCommandPathSize = 4 * kCommandPathLength;  // no code page needs more
-constexpr unsigned kWideServiceNameLength = 260;
-
-constexpr char kEventLogKey[] = R"(SYSTEM\CurrentControlSet\Services\EventLog\Application\)";
-constexpr unsigned kEventLogKeySize = sizeof(kEventLogKey) + kServiceNameSize;
+constexpr int kNarrowCommandPathSize = 4 * kCommandPathSize;  // no code page needs more
 
 constinit ReportGate g_reportGate;
 
@@ -44,36 +38,6 @@ struct StatusReport {
 // The report of a failed initialisation, which is made twice.
 constinit StatusReport g_failedInitialization{};
 
-ServiceHandle OpenManager() {
-  return ServiceHandle(
-      OpenSCManagerA(/*lpMachineName=*/nullptr, /*lpDatabaseName=*/nullptr, SC_MANAGER_ALL_ACCESS));
-}
-
-// The program's own path as a service command: in quotes when it contains a blank, because the
-// service control manager would otherwise try the parts in front of each blank as programs.
-bool GetCommandPath(wchar_t (&commandPath)[kCommandPathLength]) {
-  wchar_t wszModulePath[kPathLength] = {};
-  const DWORD length = GetModuleFileNameW(/*hModule=*/nullptr, wszModulePath, kPathLength);
-  if (length == 0 || length >= kPathLength) {
-    return false;
-  }
-  const bool hasBlank = std::wcschr(wszModulePath, L' ') != nullptr;
-  return SUCCEEDED(StringCchPrintfW(commandPath, kCommandPathLength, hasBlank ? L"\"%s\"" : L"%s",
-                                    wszModulePath));
-}
-
-ServiceHandle CreateOwnService(SC_HANDLE manager, const char* serviceName,
-                               const wchar_t* commandPath) {
-  wchar_t wszServiceName[kWideServiceNameLength];
-  // A name that cannot be converted is empty, which CreateService refuses.
-  static_cast<void>(NarrowToWide(serviceName, wszServiceName, kWideServiceNameLength));
-  return ServiceHandle(CreateServiceW(
-      manager, wszServiceName, /*lpDisplayName=*/wszServiceName, SERVICE_ALL_ACCESS,
-      SERVICE_WIN32_OWN_PROCESS | SERVICE_INTERACTIVE_PROCESS, SERVICE_AUTO_START,
-      SERVICE_ERROR_NORMAL, commandPath, /*lpLoadOrderGroup=*/nullptr, /*lpdwTagId=*/nullptr,
-      /*lpDependencies=*/nullptr, /*lpServiceStartName=*/nullptr, /*lpPassword=*/nullptr));
-}
-
 void SetRecoveryOptions(SC_HANDLE service, const char* serviceName, const wchar_t* commandPath) {
   // Both lines are at the error level, so that every trace tells what was installed.
   installTrace.Error("ConfigureServiceRecoveryOptions m_szServiceName (%s)", serviceName);
@@ -84,29 +48,6 @@ void SetRecoveryOptions(SC_HANDLE service, const char* serviceName, const wchar_
   // A service without recovery actions is better than none; what failed is in the trace.
   static_cast<void>(ConfigureServiceRecoveryOptionsW(service, commandPath, SC_ACTION_RUN_COMMAND,
                                                      SC_ACTION_RUN_COMMAND, SC_ACTION_NONE));
-}
-
-// False, with a trace line, when the key cannot be made.
-bool AddEventLogSource(const char* serviceName, const wchar_t* commandPath) {
-  char szKeyPath[kEventLogKeySize];
-  static_cast<void>(
-      StringCchPrintfA(szKeyPath, kEventLogKeySize, "%s%s", kEventLogKey, serviceName));
-  RegistryKey key;
-  if (RegCreateKeyA(HKEY_LOCAL_MACHINE, szKeyPath, key.Receive()) != ERROR_SUCCESS) {
-    // The thread's last error, not the function's result: what the console then prints.
-    installTrace.Error("RegCreateKey Failed %u", GetLastError());
-    return false;
-  }
-  const DWORD pathBytes = static_cast<DWORD>((std::wcslen(commandPath) + 1) * sizeof(wchar_t));
-  const DWORD typesSupported =
-      EVENTLOG_ERROR_TYPE | EVENTLOG_WARNING_TYPE | EVENTLOG_INFORMATION_TYPE;
-  // The event log shows raw texts without these values; the service does not depend on them.
-  static_cast<void>(RegSetValueExW(key.Get(), L"EventMessageFile", /*Reserved=*/0, REG_EXPAND_SZ,
-                                   reinterpret_cast<const BYTE*>(commandPath), pathBytes));
-  static_cast<void>(RegSetValueExA(key.Get(), "TypesSupported", /*Reserved=*/0, REG_DWORD,
-                                   reinterpret_cast<const BYTE*>(&typesSupported),
-                                   sizeof(typesSupported)));
-  return true;
 }
 
 bool IsOption(const char* argument, const char* option) { return _stricmp(argument, option) == 0; }
@@ -331,9 +272,9 @@ void CNTService::CommandUninstall() {
 }
 
 void CNTService::NotifyHelper(DWORD actionCode) {
-  wchar_t wszServiceName[kWideServiceNameLength];
+  wchar_t wszServiceName[kWideServiceNameSize];
   // A name that cannot be converted is sent empty, and no caller depends on the reply.
-  static_cast<void>(NarrowToWide(m_szServiceName, wszServiceName, kWideServiceNameLength));
+  static_cast<void>(NarrowToWide(m_szServiceName, wszServiceName, kWideServiceNameSize));
   static_cast<void>(NotifyHelperPipe(wszServiceName, actionCode, /*flag=*/0));
 }
 
@@ -511,7 +452,7 @@ BOOL CNTService::Install() {
     installTrace.Info("Unable to open service Manager: %u", GetLastError());
     return FALSE;
   }
-  wchar_t wszCAServicePath[kCommandPathLength];
+  wchar_t wszCAServicePath[kCommandPathSize];
   if (!GetCommandPath(wszCAServicePath)) {
     installTrace.Error("GetModuleFileName Failed %u", GetLastError());
     return FALSE;
@@ -526,6 +467,8 @@ BOOL CNTService::Install() {
   manager.Reset();
   // A failure leaves the service installed: it runs without an event-log source as well.
   if (!AddEventLogSource(m_szServiceName, wszCAServicePath)) {
+    // The thread's last error, not the function's result: what the console then prints.
+    installTrace.Error("RegCreateKey Failed %u", GetLastError());
     return FALSE;
   }
   installTrace.Info("Exit");

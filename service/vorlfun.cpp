@@ -4,6 +4,7 @@
 #include <iterator>
 
 #include "service/ntservc.h"
+#include "service/registration.h"
 #include "support/handle.h"
 #include "support/trace.h"
 
@@ -14,12 +15,7 @@ constexpr DWORD kLongestStartWaitMilliseconds = 10000;
 constexpr DWORD kStopPollMilliseconds = 50;
 
 constexpr DWORD kFailureCountResetSeconds = 3600;
-constexpr unsigned kRecoveryCommandLength = 260;
-
-ServiceHandle OpenManager() {
-  return ServiceHandle(
-      OpenSCManagerA(/*lpMachineName=*/nullptr, /*lpDatabaseName=*/nullptr, SC_MANAGER_ALL_ACCESS));
-}
+constexpr unsigned kRecoveryCommandSize = 260;
 
 // Polls the status as long as the start is pending and makes progress within its own wait hints.
 void WaitWhileStartPending(SC_HANDLE service, SERVICE_STATUS& status) {
@@ -169,13 +165,13 @@ bool ConfigureServiceRecoveryOptionsW(SC_HANDLE service, const wchar_t* commandP
     return false;
   }
 
-  wchar_t wszCommand[kRecoveryCommandLength];
+  wchar_t wszCommand[kRecoveryCommandSize];
   const bool runsCommand =
       std::any_of(std::begin(actions), std::end(actions),
                   [](const SC_ACTION& action) { return action.Type == SC_ACTION_RUN_COMMAND; });
   if (runsCommand) {
-    if (FAILED(StringCchPrintfW(wszCommand, kRecoveryCommandLength, L"%s %s", commandPath,
-                                L"-reset"))) {
+    if (FAILED(
+            StringCchPrintfW(wszCommand, kRecoveryCommandSize, L"%s %s", commandPath, L"-reset"))) {
       trace.Info("Invalid Service handle.");
       return false;
     }
