@@ -21,7 +21,7 @@ constexpr char kEventPrefix[] = "Global\\";
 constexpr char kEventSuffix[] = "_v" VORL_MAJOR_VERSION;
 constexpr char kServiceSuffix[] = " " VORL_MAJOR_VERSION;
 
-// The service takes a name of less than 63 characters; the terminator comes on top.
+// The service takes a name of less than 63 characters.
 constexpr DWORD kServiceNameSize = 63;
 
 // Both kinds of name refuse the backslash; the service manager also refuses the slash.
