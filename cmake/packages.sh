@@ -22,6 +22,8 @@ install_packages() {
 build_packages=(cmake ninja-build g++-mingw-w64-x86-64-posix wine64 googletest
   libcli11-dev nlohmann-json3-dev libz-mingw-w64-dev)
 lint_packages=(clang-format clang-tidy cppcheck python3-jsonschema gdb)
+# What shows the diagnosis tool's report, about 80 MB, and reads its pictures.
+browser_packages=(chromium python3-pil)
 # The installer package and what ./dist makes besides.
 dist_packages=(wixl msitools faketime osslsigncode openssl zip unzip)
 

@@ -378,6 +378,9 @@ TEST_F(Diagnosis, NamesTheStepAtWhichTheLastStartEnded) {
   EXPECT_THAT(Advice("last-start"), StartsWith("The core refused to start"));
   EXPECT_EQ(Verdict("errors"), "warning");
   EXPECT_THAT(Value("errors"), HasSubstr("CAcAsSvc::Run: ClientAgentCoreStartUp Failed"));
+  EXPECT_THAT(Advice("errors"),
+              StartsWith("It means: the core refused to start; the service stops. "
+                         "To do: the core's own lines above."));
 }
 
 // Name, size and time of everything in a folder.

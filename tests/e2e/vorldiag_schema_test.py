@@ -20,6 +20,8 @@ failures = 0
 for arguments in (
     ["trace"],
     ["trace", "--start"],
+    ["trace", "--perfetto", "schema_test.tmp"],
+    ["report", "schema_test.tmp"],
     ["cache", "check"],
     ["status"],
     ["identity"],
@@ -37,6 +39,8 @@ for arguments in (
         errors.append("another command: " + document["command"])
     print(" ".join(arguments), "exit code", result.returncode, "errors", errors)
     failures += len(errors)
+
+Path("schema_test.tmp").unlink()
 
 # The schema must be able to refuse.
 document["sections"][0]["findings"][0]["verdict"] = "fine"

@@ -6,7 +6,6 @@
 #include <functional>
 #include <nlohmann/json.hpp>
 #include <sstream>
-#include <stdexcept>
 #include <string>
 #include <vector>
 
@@ -14,8 +13,11 @@
 #include "tools/vorldiag/identity/cachereport.h"
 #include "tools/vorldiag/identity/hardware.h"
 #include "tools/vorldiag/identity/identityreport.h"
+#include "tools/vorldiag/machine/outputfile.h"
 #include "tools/vorldiag/report/json.h"
+#include "tools/vorldiag/report/page.h"
 #include "tools/vorldiag/report/printed.h"
+#include "tools/vorldiag/report/snapshot.h"
 #include "tools/vorldiag/status/situation.h"
 #include "tools/vorldiag/status/statusreport.h"
 #include "tools/vorldiag/text/output.h"
@@ -61,6 +63,7 @@ struct Options {
   bool isStop = false;
   bool isFollowed = false;
   std::string perfettoFile;
+  std::string file;  // of a report
 };
 
 int Show(const Report& report, const Options& options, Output& output) {
@@ -99,23 +102,43 @@ int RunCache(const Options& options, Output& output) {
               options, output);
 }
 
-int WritePerfetto(const std::vector<TraceLine>& lines, const Options& options) {
-  const FileHandle file(CreateFileW(Wide(options.perfettoFile).c_str(), GENERIC_WRITE, 0, nullptr,
-                                    CREATE_ALWAYS, FILE_ATTRIBUTE_NORMAL, nullptr));
+// What a command says that has written a file.
+int ShowWritten(const char* command, const std::string& path, std::uint64_t size,
+                const Options& options, Output& output) {
+  bool isWritten = true;
+  if (options.isJson) {
+    nlohmann::ordered_json json = JsonHead(command);
+    json["file"] = path;
+    json["bytes"] = size;
+    isWritten = output.Write(JsonText(json));
+  } else {
+    isWritten = output.Write(path + " is written, " + std::to_string(size) + " bytes.\n");
+  }
+  return isWritten ? kExitOk : kExitNotDone;
+}
+
+int WriteText(const char* command, const std::string& path, const std::string& text,
+              const Options& options, Output& output) {
+  OutputFile file(path);
+  file.Write(text);
+  file.Finish();
+  return ShowWritten(command, path, text.size(), options, output);
+}
+
+int RunReport(const Options& options, Output& output) {
+  const Situation situation = FindSituation();
+  const Snapshot snapshot = TakeSnapshot(situation, CollectHardware(options.wmiSeconds));
+  return WriteText("report", options.file, ReportPage(snapshot), options, output);
+}
+
+int WritePerfetto(const std::vector<TraceLine>& lines, const Options& options, Output& output) {
   std::vector<TraceLine> wanted;
   for (const TraceLine& line : lines) {
     if (options.filter.Takes(line)) {
       wanted.push_back(line);
     }
   }
-  const std::string text = PerfettoText(wanted);
-  DWORD written = 0;
-  if (!file ||
-      !WriteFile(file.Get(), text.data(), static_cast<DWORD>(text.size()), &written, nullptr) ||
-      written != text.size()) {
-    throw std::runtime_error(options.perfettoFile + ": " + ErrorText(GetLastError()));
-  }
-  return kExitOk;
+  return WriteText("trace", options.perfettoFile, PerfettoText(wanted), options, output);
 }
 
 int RunTrace(const Options& options, Output& output) {
@@ -126,7 +149,7 @@ int RunTrace(const Options& options, Output& output) {
   }
   const TraceContent trace = ReadWholeTrace(FindSituation().Logs());
   if (!options.perfettoFile.empty()) {
-    return WritePerfetto(trace.lines, options);
+    return WritePerfetto(trace.lines, options, output);
   }
   bool isWritten = true;
   if (options.isStart || options.isStop) {
@@ -226,6 +249,14 @@ int Run(Output& output, Output& errors) {
       ->excludes(start)
       ->excludes(stop)
       ->excludes(perfetto);
+
+  CLI::App* const report =
+      addCommand("report",
+                 "Write status, identity, the last starts and stops, error lines with their\n"
+                 "explanation, and settings into one page for a browser",
+                 &RunReport);
+  report->add_option("file", options.file, "The page, such as report.html")->required();
+  addWmiSeconds(report);
 
   try {
     app.parse(ArgumentsBackwards());

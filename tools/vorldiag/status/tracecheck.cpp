@@ -1,5 +1,6 @@
 #include "tools/vorldiag/status/tracecheck.h"
 
+#include "tools/vorldiag/documents/explanations.h"
 #include "tools/vorldiag/text/utf8.h"
 #include "tools/vorldiag/trace/runs.h"
 
@@ -40,10 +41,12 @@ void CheckErrors(const ProcessRun& run, Section& section) {
     return;
   }
   const TraceLine& first = *errors.front();
+  const Explanation* const found = AllExplanations().Find(first);
   section.Warn(
       "errors", "Its error lines",
       std::to_string(errors.size()) + ", the first: " + first.function + ": " + first.text,
-      "See all with: vorldiag trace --level error. docs/troubleshooting.md explains each.");
+      (found == nullptr ? "" : TextOf(*found) + " ") +
+          "See all with: vorldiag trace --level error. docs/troubleshooting.md explains each.");
 }
 
 void CheckStop(const ProcessRun& run, const Situation& situation, Section& section) {

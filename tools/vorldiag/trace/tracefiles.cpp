@@ -129,6 +129,12 @@ TraceContent ReadLatestTrace(const std::wstring& folder) {
   });
 }
 
+TraceContent ReadRecentTrace(const std::wstring& folder) {
+  return Read(folder, [](const std::vector<TraceLine>&, std::uint64_t bytesRead) {
+    return bytesRead > kLatestBytes;
+  });
+}
+
 TraceContent ReadWholeTrace(const std::wstring& folder) {
   return Read(folder, [](const std::vector<TraceLine>&, std::uint64_t) { return false; });
 }

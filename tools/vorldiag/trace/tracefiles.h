@@ -28,5 +28,8 @@ struct TraceContent {
 // before it, and not more than a few.
 TraceContent ReadLatestTrace(const std::wstring& folder);
 
+// Reads the youngest files, up to the size that a trace has by default.
+TraceContent ReadRecentTrace(const std::wstring& folder);
+
 // Reads all files.
 TraceContent ReadWholeTrace(const std::wstring& folder);
