@@ -1,5 +1,6 @@
 # Flags for everything that is built here. Warnings are errors in every configuration.
 option(VORL_TRAP_UNDEFINED "End the program at undefined behaviour" OFF)
+option(VORL_COVERAGE "Count how often each line of the product runs" OFF)
 
 add_library(vorl_flags INTERFACE)
 target_compile_features(vorl_flags INTERFACE cxx_std_20)
@@ -37,7 +38,7 @@ else()
       "$<$<COMPILE_LANGUAGE:CXX>:-Wmissing-declarations;-Wextra-semi>"
       # The trace and the debug files name sources by the path inside the repository, and equal
       # sources give equal bytes wherever they are built.
-      "$<$<COMPILE_LANGUAGE:CXX>:-ffile-prefix-map=${PROJECT_SOURCE_DIR}/=>"
+      "$<$<COMPILE_LANGUAGE:CXX>:-f$<IF:$<BOOL:${VORL_COVERAGE}>,macro,file>-prefix-map=${PROJECT_SOURCE_DIR}/=>"
       "$<$<COMPILE_LANGUAGE:CXX>:-fdebug-prefix-map=${PROJECT_BINARY_DIR}=.>"
       "$<$<COMPILE_LANGUAGE:CXX>:-fstack-protector-strong;-ffunction-sections;-fdata-sections>")
   target_compile_definitions(vorl_flags INTERFACE "$<$<CONFIG:Release>:_FORTIFY_SOURCE=2>")
@@ -55,6 +56,9 @@ else()
     -Wl,--build-id
     # What is staged is stripped afterwards, see vorl_stage.
     "$<$<AND:$<CONFIG:Release>,$<NOT:$<BOOL:$<TARGET_PROPERTY:VORL_STAGED>>>>:-s>")
+  if(VORL_COVERAGE)
+    target_link_options(vorl_flags INTERFACE --coverage)
+  endif()
   if(VORL_TRAP_UNDEFINED)
     target_compile_options(
       vorl_flags INTERFACE "$<$<COMPILE_LANGUAGE:CXX>:-fsanitize=undefined>"

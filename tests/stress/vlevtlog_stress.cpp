@@ -1,6 +1,6 @@
 // Several processes with several threads write numbered lines through the staged trace library;
-// afterwards every line is looked for in the files. VORL_TRACE_STRESS_LINES says how many lines
-// each thread writes; with 30000, 46 processes are terminated meanwhile, else fewer.
+// afterwards every line is looked for in the files. In the long form 46 processes are
+// terminated meanwhile, else fewer.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -10,7 +10,6 @@
 #include <charconv>
 #include <cstdint>
 #include <cstdio>
-#include <cstdlib>
 #include <fstream>
 #include <map>
 #include <set>
@@ -29,6 +28,7 @@
 #include "support/vlevtlog.h"
 #include "tests/stress/stress_lines.h"
 #include "tests/support/installation.h"
+#include "tests/support/long_run.h"
 #include "tests/support/start_process.h"
 #include "tests/support/test_run.h"
 
@@ -135,12 +135,6 @@ int WriteLines(const wchar_t* libraryFile, const wchar_t* sectionName, unsigned 
     thread.join();
   }
   return EXIT_SUCCESS;
-}
-
-unsigned WantedLines() {
-  const char* const wanted = getenv("VORL_TRACE_STRESS_LINES");
-  return wanted != nullptr ? static_cast<unsigned>(std::strtoul(wanted, nullptr, 10))
-                           : kEverydayLines;
 }
 
 class TraceUnderStress : public testing::Test {
@@ -272,7 +266,7 @@ class TraceUnderStress : public testing::Test {
         static_cast<double>(m_progress.Get()->longestCall) / 1000);
   }
 
-  const unsigned m_lines = WantedLines();
+  const unsigned m_lines = IsLongRun() ? kFullLines : kEverydayLines;
   const Installation m_installation{{"vlevtlog.dll"}};
   const std::wstring m_sectionName;
   const KernelHandle m_section;
@@ -361,7 +355,7 @@ TEST_F(TraceUnderStress, KeepsEveryLineWhileProcessesAreTerminated) {
       return WaitForSingleObject(writer.process.Get(), 0) == WAIT_TIMEOUT;
     });
   };
-  const unsigned wanted = m_lines < kFullLines ? kEverydayTerminations : kFullTerminations;
+  const unsigned wanted = IsLongRun() ? kFullTerminations : kEverydayTerminations;
   unsigned terminations = 0;
   Writer victim = StartWriter(kEndless);
   Writer nextVictim = StartWriter(kEndless);
@@ -403,7 +397,7 @@ TEST_F(TraceUnderStress, TakesLinesFromWithinDllMainOfProcessesThatBeginAndEnd) 
 
 TEST_F(TraceUnderStress, KeepsEveryLineWhileAReaderHoldsTheFiles) {
   // Nobody collects, so that the reader meets the file that is about to be set aside.
-  Configure(m_lines < kFullLines ? 512 : 4096);
+  Configure(IsLongRun() ? 4096 : 512);
   const KernelHandle stop(CreateEventW(nullptr, TRUE, FALSE, nullptr));
   std::atomic<unsigned> holds{0};
   std::thread reader([&] {

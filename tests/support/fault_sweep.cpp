@@ -4,13 +4,13 @@
 
 #include <algorithm>
 #include <cstdio>
-#include <cstdlib>
 #include <exception>
 #include <map>
 #include <mutex>
 #include <set>
 
 #include "tests/support/call_hooks.h"
+#include "tests/support/long_run.h"
 #include "tests/support/resource_ledger.h"
 #include "tests/support/watchdog.h"
 
@@ -296,9 +296,4 @@ void SweepFaults(const std::string& operation, const std::function<void(FaultRun
   g_totals.faults += reached;
   g_current[0] = '\0';
   std::printf("%s: faults %u\n", operation.c_str(), reached);
-}
-
-bool IsLongRun() {
-  const char* const given = std::getenv("VORL_TEST_LONG");
-  return given != nullptr && std::string(given) == "1";
 }

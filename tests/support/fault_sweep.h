@@ -83,6 +83,3 @@ struct SweepOptions {
 
 void SweepFaults(const std::string& operation, const std::function<void(FaultRun&)>& body,
                  const SweepOptions& options = {});
-
-// Whether the long forms of tests are asked for: VORL_TEST_LONG=1.
-bool IsLongRun();

@@ -4,7 +4,6 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <cstdlib>
 #include <fstream>
 #include <random>
 #include <string>
@@ -12,6 +11,7 @@
 
 #include "companions/vlevtlog/trace_control.h"
 #include "tests/support/installation.h"
+#include "tests/support/long_run.h"
 
 namespace {
 
@@ -112,19 +112,17 @@ TEST_F(VlevtlogTest, LetsGoOfItsFilesWhenItIsUnloaded) {
   EXPECT_THAT(Ends(), ElementsAre(" module f s.cpp:1 again\r"));
 }
 
-// Every length from 0 to 70,000 with VORL_TRACE_FUZZ=full, else every one around the borders of
+// Every length from 0 to 70,000 in the long form, else every one around the borders of
 // buffers and some of the others.
 TEST_F(VlevtlogTest, WritesMessagesOfEveryLengthWhole) {
   WriteText(m_installation / "conf" / "vorlconf.ini", "[TRACE]\r\nFileSizeKB=16384\r\nFiles=2\r\n");
-  const char* const wanted = getenv("VORL_TRACE_FUZZ");
-  const bool isFull = wanted != nullptr && std::string(wanted) == "full";
   const std::string narrow(70000, 'n');
   const std::wstring wide(70000, L'\x20AC');
   std::mt19937 random(1);
   std::size_t position = 0;
   for (std::size_t length = 0; length <= 70000; ++length) {
     const std::size_t distance = (length + 4) % 1024;
-    if (!isFull && length > 1200 && distance > 8 && random() % 200 != 0) {
+    if (!IsLongRun() && length > 1200 && distance > 8 && random() % 200 != 0) {
       continue;
     }
     if (length % 2 == 0) {
@@ -153,8 +151,7 @@ TEST_F(VlevtlogTest, WritesMessagesOfEveryLengthWhole) {
 // Odd characters in odd formats: every call is one line, nothing else happens.
 TEST_F(VlevtlogTest, SurvivesOddCharactersAndFormats) {
   std::mt19937 random(2);
-  const char* const wanted = getenv("VORL_TRACE_FUZZ");
-  const int rounds = wanted != nullptr && std::string(wanted) == "full" ? 300000 : 3000;
+  const int rounds = IsLongRun() ? 300000 : 3000;
   WriteText(m_installation / "conf" / "vorlconf.ini",
             "[TRACE]\r\nFileSizeKB=1048576\r\nFiles=1000\r\n");
   const std::string pieces = "%%%%sSudXxlhIwzc*.-+ #0123456789npefgaCi\n\r\t\x01\x7F\x80\xE4\xFF";

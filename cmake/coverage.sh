@@ -1,0 +1,31 @@
+#!/usr/bin/env bash
+# coverage.sh: which lines and branches of the product the unit and end-to-end tests run. Prints a
+# table and makes build/coverage/index.html, with the sources. Needs a running Wine (./test starts it).
+set -euo pipefail
+cd "$(dirname "$0")/.."
+. cmake/environment.sh
+
+# The programs write their counts by paths of this system, whatever drive they are on.
+export GCOV_PREFIX=Z:
+cmake/wine-server.sh stop >/dev/null 2>&1 || true
+cmake/wine-server.sh start </dev/null >/dev/null 2>&1
+
+tree=build/mingw-coverage
+cmake --preset mingw-coverage >/dev/null
+cmake --build --preset mingw-coverage | { grep -v '^\[' || true; }
+find "$tree" -name '*.gcda' -delete
+
+# What looks at binaries as they ship has nothing to see here.
+ctest --preset mingw-coverage -j "$(nproc)" -L 'unit|e2e' \
+  -E '^(library_load_test|image_e2e_test|test_names|wine_start|script\..*)$' |
+  { grep -v '^ *Start ' || true; }
+
+rm -rf build/coverage
+mkdir -p build/coverage
+# Branches that only an exception takes, and lines that the compiler makes itself, are not counted.
+gcovr --root . --object-directory "$tree" --gcov-executable x86_64-w64-mingw32-gcov-posix \
+  --exclude-throw-branches --exclude-unreachable-branches --sort-uncovered \
+  --filter '(app|service|agent|identity|support|companions|modules|tools|samples)/' \
+  --html-details build/coverage/index.html --json-summary build/coverage/summary.json \
+  --txt build/coverage/summary.txt "$tree"
+cat build/coverage/summary.txt
