@@ -8,18 +8,21 @@
 
 namespace {
 
-bool SetEnd(HANDLE file, std::int64_t size) noexcept {
+bool SetEnd(HANDLE file, std::uint64_t size) noexcept {
   LARGE_INTEGER position;
-  position.QuadPart = size;
+  position.QuadPart = static_cast<LONGLONG>(size);
   return SetFilePointerEx(file, position, nullptr, FILE_BEGIN) && SetEndOfFile(file);
 }
 
 }  // namespace
 
-bool SpillFile::Write(const wchar_t* folder, std::string_view line,
+bool SpillFile::Write(const wchar_t* folder, std::string_view line, std::uint64_t fullSize,
                       const TraceFileResult& why) noexcept {
   const ExclusiveLock lock = TakeSoon(m_lock);
   if (lock == nullptr || (m_file == nullptr && !Open(folder))) {
+    return false;
+  }
+  if (m_size != 0 && m_size + line.size() > fullSize) {
     return false;
   }
   const auto length = static_cast<DWORD>(line.size());

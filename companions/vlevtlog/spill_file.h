@@ -16,8 +16,10 @@ class SpillFile {
   SpillFile(const SpillFile&) = delete;
   SpillFile& operator=(const SpillFile&) = delete;
 
-  // Writes a line that `why` kept from the shared file. False when it is not written.
-  bool Write(const wchar_t* folder, std::string_view line, const TraceFileResult& why) noexcept;
+  // Writes a line that `why` kept from the shared file. False when it is not written, or would make
+  // the file larger than `fullSize` bytes, of which a first line is free.
+  bool Write(const wchar_t* folder, std::string_view line, std::uint64_t fullSize,
+             const TraceFileResult& why) noexcept;
 
   bool HasLines() const noexcept { return m_lines.load(std::memory_order_relaxed) != 0; }
 
@@ -41,7 +43,7 @@ class SpillFile {
   SRWLOCK m_lock = SRWLOCK_INIT;
   std::atomic<std::uint64_t> m_lines{0};
   HANDLE m_file = nullptr;
-  std::int64_t m_size = 0;
+  std::uint64_t m_size = 0;
   TraceFileResult m_why;
   wchar_t m_name[64] = {};
 };

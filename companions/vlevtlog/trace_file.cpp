@@ -85,7 +85,7 @@ void TraceFile::Unlock(std::uint64_t ownName) noexcept {
 bool TraceFile::Spill(std::string_view line, const TraceFileResult& why) noexcept {
   const bool mayHelp = why.failed != TraceFileResult::Step::kOpenFolder &&
                        why.failed != TraceFileResult::Step::kWrite;
-  return mayHelp && m_spill.Write(m_folder, line, why);
+  return mayHelp && m_spill.Write(m_folder, line, FullSize(), why);
 }
 
 void TraceFile::Close() noexcept {

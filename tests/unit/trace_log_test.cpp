@@ -681,6 +681,26 @@ TEST_F(TraceLogTest, GoesOnBesideAFileThatSomebodyKeepsForHimself) {
   EXPECT_THAT(Files(), ElementsAre("vorltrace.000001.log", "vorltrace.log"));
 }
 
+// As beside a writer that is stopped for days.
+TEST_F(TraceLogTest, FillsNoMoreThanOneFileBesideAFileThatSomebodyKeepsForHimself) {
+  Configure("FileSizeKB=4\nFiles=3\n");
+  WriteFirst("old line\r\n");
+  const HANDLE keeper = Hold(First(), 0);
+  const std::string filler(3000, 'x');
+  Log(2, "1 %s", filler.c_str());
+  Log(2, "2 %s", filler.c_str());
+  Log(2, "3");
+  EXPECT_THAT(SpilledMessages(), ElementsAre("1 " + filler, "3"));
+  CloseHandle(keeper);
+  m_tick += kSecond / 10;
+  Log(2, "new");
+  EXPECT_THAT(
+      Content("vorltrace.log"),
+      MatchesRegex("old line\r\n[^\n]* 1 lines lost: the file cannot be opened \\(error 32\\)"
+                   "\r\n[^\n]* 2 lines are in vorltrace\\.000001\\.log: the file cannot be "
+                   "opened \\(error 32\\)\r\n[^\n]* new\r\n"));
+}
+
 TEST_F(TraceLogTest, GoesOnBesideAFolderOfTheFilesName) {
   fs::create_directories(First());
   Log(2, "one");
