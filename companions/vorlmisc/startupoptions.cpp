@@ -1,5 +1,6 @@
 #include "companions/vorlmisc/startupoptions.h"
 
+#include <cstring>
 #include <cwchar>
 #include <limits>
 #include <optional>
@@ -104,8 +105,11 @@ class OptionReader {
     } else if (size > fieldSize) {
       TraceError(m_functionName, L"Start-up option %s has more than %u characters", key,
                  static_cast<unsigned>(fieldSize - 1));
-    } else {
-      WideCharToMultiByte(CP_ACP, flags, value, -1, field, fieldSize, nullptr, nullptr);
+    } else if (WideCharToMultiByte(CP_ACP, flags, value, -1, field, fieldSize, nullptr, nullptr) !=
+               size) {
+      TraceError(m_functionName, L"Start-up option %s cannot be converted (%u)", key,
+                 static_cast<unsigned>(GetLastError()));
+      std::memset(field, 0, static_cast<std::size_t>(fieldSize));
     }
   }
 

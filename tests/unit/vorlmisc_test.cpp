@@ -524,6 +524,25 @@ TEST_F(SupportLibrary, CharactersOutsideTheCodePageAreRefusedWithOneLine) {
                                      std::to_string(GetACP()))));
 }
 
+TEST_F(SupportLibrary, TextWhoseConversionFailsIsRefusedWithOneLine) {
+  using Convert = decltype(WideCharToMultiByte);
+  static Convert* convert;
+  convert = m_library.ReplaceImport<Convert>(
+      "WideCharToMultiByte", [](UINT codePage, DWORD flags, LPCWCH wide, int length, LPSTR narrow,
+                                int size, LPCCH defaultText, LPBOOL replaced) {
+        if (narrow == nullptr) {
+          return convert(codePage, flags, wide, length, narrow, size, defaultText, replaced);
+        }
+        *narrow = 'x';
+        SetLastError(ERROR_NOT_ENOUGH_MEMORY);
+        return 0;
+      });
+  EXPECT_TRUE(ReadOptions("Text1=a\r\nWord1=7\r\n"));
+  EXPECT_STREQ(m_options.Text1, "");
+  EXPECT_EQ(m_options.Word1, 7);
+  EXPECT_THAT(Lines(), ElementsAre(OptionLine("Start-up option Text1 cannot be converted (8)")));
+}
+
 TEST_F(SupportLibrary, MissingFileSectionOrKeyMeansZero) {
   EXPECT_TRUE(ReadOptions());
   EXPECT_TRUE(AllOptionsAreZero());
