@@ -1,6 +1,7 @@
 #include "modules/vorlupd/update.h"
 
 #include <algorithm>
+#include <exception>
 #include <optional>
 
 #include "modules/vorlupd/filesystem.h"
@@ -110,8 +111,7 @@ bool Update::ApplyPending() const {
     Undo(steps);
     return false;
   }
-  RemovePending(steps);
-  ClearWork();
+  TidyUp(steps);
   return true;
 }
 
@@ -296,6 +296,17 @@ bool Update::ClearWork() const {
   // Stays as long as it holds a file that is in use.
   RemoveDirectoryW(m_work.c_str());
   return isClear;
+}
+
+// The update is complete, whatever becomes of what is left of it: the next one clears it away.
+void Update::TidyUp(const std::vector<Step>& steps) const noexcept {
+  constexpr Trace trace{"Update::TidyUp"};
+  try {
+    RemovePending(steps);
+    ClearWork();
+  } catch (const std::exception& exception) {
+    trace.Info("Files stay until the next update: %s", exception.what());
+  }
 }
 
 // The pending folder itself stays, with the rights that the installer gave it.

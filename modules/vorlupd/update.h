@@ -37,6 +37,7 @@ class Update {
   bool IsInside(const Step& step) const;
   bool IsOwnFolder(const std::wstring& name) const;
   bool ClearWork() const;
+  void TidyUp(const std::vector<Step>& steps) const noexcept;
   void RemovePending(const std::vector<Step>& steps) const;
 
   std::wstring Target(const Step& step) const { return m_installation + L"\\" + step.path; }

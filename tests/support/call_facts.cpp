@@ -196,6 +196,9 @@ constexpr CallFacts kFunctions[] = {
     Gives(Takes(Fails("realloc", Answer::kZeroErrno, kErrnoMemory), kHeapBlock), kHeapBlock),
     Gives(Zero("HeapAlloc", kMemoryErrors), kHeapBlock),
     Gives(Zero("LocalAlloc", kMemoryErrors), kLocalBlock),
+    // Only the runtime calls these two, which ends the process when they fail.
+    Gives(Treated("calloc", Treatment::kOpaque), kHeapBlock),
+    Gives(Treated("_strdup", Treatment::kOpaque), kHeapBlock),
     Frees("free", kHeapBlock),
     Frees("HeapFree", kHeapBlock, 3),
     Frees("LocalFree", kLocalBlock),
@@ -421,9 +424,7 @@ constexpr const char* kRuntime[] = {
     "_lock",
     "_onexit",
     "_set_error_mode",
-    "_strdup",
     "_unlock",
-    "calloc",
     "fwrite",
     "setlocale",
 };

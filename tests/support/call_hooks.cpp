@@ -2,7 +2,7 @@
 
 #include <atomic>
 #include <cstring>
-#include <deque>
+#include <functional>
 #include <map>
 #include <mutex>
 #include <utility>
@@ -38,6 +38,8 @@ struct DirectFunctions {
       Direct<decltype(::TerminateProcess)>("kernel32.dll", "TerminateProcess");
   decltype(::SwitchToThread)* switchToThread =
       Direct<decltype(::SwitchToThread)>("kernel32.dll", "SwitchToThread");
+  decltype(::GetModuleHandleExW)* getModuleHandleEx =
+      Direct<decltype(::GetModuleHandleExW)>("kernel32.dll", "GetModuleHandleExW");
   int*(__cdecl* errorNumber)() = Direct<int* __cdecl()>("msvcrt.dll", "_errno");
   void* sleep = reinterpret_cast<void*>(Direct<decltype(::Sleep)>("kernel32.dll", "Sleep"));
   void* getTickCount =
@@ -382,6 +384,42 @@ void Store(void** place, void* value) {
   VirtualProtect(place, sizeof(*place), protection, &protection);
 }
 
+// Calls `visit` with the name and the slot of everything that the module imports.
+void ForEachImport(HMODULE module, const std::function<void(const std::string&, void**)>& visit) {
+  auto* const base =
+      reinterpret_cast<BYTE*>(module != nullptr ? module : GetModuleHandleW(nullptr));
+  const auto* const dos = reinterpret_cast<const IMAGE_DOS_HEADER*>(base);
+  const auto* const headers = reinterpret_cast<const IMAGE_NT_HEADERS64*>(base + dos->e_lfanew);
+  const IMAGE_DATA_DIRECTORY& directory =
+      headers->OptionalHeader.DataDirectory[IMAGE_DIRECTORY_ENTRY_IMPORT];
+  const auto* descriptor =
+      reinterpret_cast<const IMAGE_IMPORT_DESCRIPTOR*>(base + directory.VirtualAddress);
+  for (; descriptor->Name != 0; ++descriptor) {
+    const auto* names =
+        reinterpret_cast<const IMAGE_THUNK_DATA64*>(base + descriptor->OriginalFirstThunk);
+    auto* slot = reinterpret_cast<void**>(base + descriptor->FirstThunk);
+    for (; names->u1.AddressOfData != 0; ++names, ++slot) {
+      if ((names->u1.Ordinal & IMAGE_ORDINAL_FLAG64) != 0) {
+        visit(std::string(reinterpret_cast<const char*>(base + descriptor->Name)) + "#" +
+                  std::to_string(names->u1.Ordinal & 0xFFFF),
+              slot);
+      } else {
+        visit(reinterpret_cast<const IMAGE_IMPORT_BY_NAME*>(base + names->u1.AddressOfData)->Name,
+              slot);
+      }
+    }
+  }
+}
+
+bool IsLoaded(HMODULE module) {
+  HMODULE found = nullptr;
+  return module == nullptr ||
+         (Windows().getModuleHandleEx(
+              GET_MODULE_HANDLE_EX_FLAG_FROM_ADDRESS | GET_MODULE_HANDLE_EX_FLAG_UNCHANGED_REFCOUNT,
+              reinterpret_cast<const wchar_t*>(module), &found) &&
+          found == module);
+}
+
 }  // namespace
 
 CallHooks::CallHooks(CallListener& listener, const std::vector<HMODULE>& modules) {
@@ -398,43 +436,39 @@ CallHooks::~CallHooks() {
     Windows().switchToThread();
   }
   for (const Slot& slot : m_slots) {
-    Store(slot.place, slot.original);
+    if (IsLoaded(slot.module)) {
+      Store(slot.place, slot.original);
+    }
   }
 }
 
 void CallHooks::Hook(HMODULE module, CallListener& listener) {
-  auto* const base =
-      reinterpret_cast<BYTE*>(module != nullptr ? module : GetModuleHandleW(nullptr));
-  const auto* const dos = reinterpret_cast<const IMAGE_DOS_HEADER*>(base);
-  const auto* const headers = reinterpret_cast<const IMAGE_NT_HEADERS64*>(base + dos->e_lfanew);
-  const IMAGE_DATA_DIRECTORY& directory =
-      headers->OptionalHeader.DataDirectory[IMAGE_DIRECTORY_ENTRY_IMPORT];
-  const auto* descriptor =
-      reinterpret_cast<const IMAGE_IMPORT_DESCRIPTOR*>(base + directory.VirtualAddress);
-  for (; descriptor->Name != 0; ++descriptor) {
-    const auto* names =
-        reinterpret_cast<const IMAGE_THUNK_DATA64*>(base + descriptor->OriginalFirstThunk);
-    auto* slot = reinterpret_cast<void**>(base + descriptor->FirstThunk);
-    for (; names->u1.AddressOfData != 0; ++names, ++slot) {
-      std::string name;
-      if ((names->u1.Ordinal & IMAGE_ORDINAL_FLAG64) != 0) {
-        name = std::string(reinterpret_cast<const char*>(base + descriptor->Name)) + "#" +
-               std::to_string(names->u1.Ordinal & 0xFFFF);
-      } else {
-        name = reinterpret_cast<const IMAGE_IMPORT_BY_NAME*>(base + names->u1.AddressOfData)->Name;
-      }
-      const CallFacts* const facts = FindCallFacts(name.c_str());
-      if (facts == nullptr) {
-        listener.OnUnexpected(name.c_str());
-        continue;
-      }
-      void* const hooked = WithHook(name, *facts, *slot);
-      if (hooked != *slot) {
-        m_slots.push_back({slot, *slot});
-        Store(slot, hooked);
-      }
+  ForEachImport(module, [&](const std::string& name, void** slot) {
+    const CallFacts* const facts = FindCallFacts(name.c_str());
+    if (facts == nullptr) {
+      listener.OnUnexpected(name.c_str());
+      return;
     }
-  }
+    void* const hooked = WithHook(name, *facts, *slot);
+    if (hooked != *slot) {
+      m_slots.push_back({module, slot, *slot});
+      Store(slot, hooked);
+    }
+  });
+}
+
+void AdvanceClock(DWORD milliseconds) { g_slept += milliseconds; }
+
+std::set<std::string> FallibleImports(HMODULE module) {
+  std::set<std::string> names;
+  ForEachImport(module, [&](const std::string& name, void**) {
+    const CallFacts* const facts = FindCallFacts(name.c_str());
+    if (facts == nullptr || facts->treatment == Treatment::kFallible ||
+        facts->treatment == Treatment::kCallsBack) {
+      names.insert(name);
+    }
+  });
+  return names;
 }
 
 UnheardCalls::UnheardCalls() {

@@ -52,7 +52,7 @@ class CallListener {
 // ever, for code that has looked a function up and for threads that go on.
 //
 // Sleep takes no time and moves the clock that GetTickCount and GetTickCount64 tell, unless a test
-// has patched them.
+// has patched them. A module may be unloaded meanwhile.
 class CallHooks {
  public:
   // `modules`: null stands for this program.
@@ -63,6 +63,7 @@ class CallHooks {
 
  private:
   struct Slot {
+    HMODULE module;
     void** place;
     void* original;
   };
@@ -83,6 +84,12 @@ class UnheardCalls {
  private:
   bool m_wasUnheard;
 };
+
+// Moves the clock of hooked code, as a Sleep of it would.
+void AdvanceClock(DWORD milliseconds);
+
+// What `module` imports that can fail; null stands for this program.
+std::set<std::string> FallibleImports(HMODULE module);
 
 // The exit code of a process that ended by a verdict.
 constexpr UINT kEndedAtCall = 77;

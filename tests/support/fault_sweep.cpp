@@ -7,6 +7,8 @@
 #include <exception>
 #include <map>
 #include <mutex>
+#include <numeric>
+#include <random>
 #include <set>
 
 #include "tests/support/call_hooks.h"
@@ -261,6 +263,18 @@ void ExpectNothingHeld(const std::string& operation, const Fault& fault, RunResu
   }
 }
 
+// The numbers of the calls of one function that are to fail.
+std::vector<unsigned> CallsToFail(unsigned count, const SweepOptions& options) {
+  std::vector<unsigned> numbers(count);
+  std::iota(numbers.begin(), numbers.end(), 1U);
+  if (!IsLongRun() && count > options.mostCalls) {
+    std::mt19937 random(static_cast<unsigned>(GTEST_FLAG_GET(random_seed)));
+    std::shuffle(numbers.begin(), numbers.end(), random);
+    numbers.resize(options.mostCalls);
+  }
+  return numbers;
+}
+
 }  // namespace
 
 void SweepFaults(const std::string& operation, const std::function<void(FaultRun&)>& body,
@@ -275,7 +289,7 @@ void SweepFaults(const std::string& operation, const std::function<void(FaultRun
   unsigned reached = 0;
   for (const auto& [function, count] : ordinary.counts) {
     const CallFacts& facts = *ordinary.facts.at(function);
-    for (unsigned number = 1; number <= count; ++number) {
+    for (const unsigned number : CallsToFail(count, options)) {
       std::vector<Fault> faults;
       for (std::size_t i = 0; i < facts.errors.size(); ++i) {
         // A short run takes another error for each call.

@@ -79,6 +79,8 @@ struct SweepOptions {
   // Whether allocations of the C++ runtime fail as well: only where the operation says what it does
   // then.
   bool memory = false;
+  // At most so many calls of one function fail in the bounded form, chosen by the program's seed.
+  unsigned mostCalls = 1000;
 };
 
 void SweepFaults(const std::string& operation, const std::function<void(FaultRun&)>& body,

@@ -13,6 +13,7 @@
 #include "tests/fakes/vlevtlog_fake.h"
 #include "tests/support/start_process.h"
 #include "tests/unit/vorlupd_operations.h"
+#include "tests/unit/vorlupd_sample.h"
 
 using ::testing::Contains;
 using ::testing::ElementsAre;
@@ -23,7 +24,14 @@ namespace fs = std::filesystem;
 
 namespace {
 
-using Tree = std::vector<std::string>;
+using sample_update::New;
+using sample_update::Old;
+using sample_update::Pending;
+using sample_update::Prepare;
+using sample_update::Rest;
+using sample_update::Tree;
+using sample_update::TreeOfInstallation;
+using sample_update::WithPending;
 
 FileHandle OpenWithoutSharing(const fs::path& file) {
   FileHandle handle(CreateFileW(file.c_str(), GENERIC_READ, 0, nullptr, OPEN_EXISTING, 0, nullptr));
@@ -82,12 +90,6 @@ class UpdateModule : public ::testing::Test {
     WriteText(m_installation / "pending" / file, text);
   }
 
-  // Everything but the update module.
-  static Tree TreeOfInstallation(const Installation& installation) {
-    Tree tree = TreeOf(installation.Path());
-    std::erase_if(tree, [](const std::string& entry) { return entry.starts_with("vorlupd.dll="); });
-    return tree;
-  }
   Tree Installed() const { return TreeOfInstallation(m_installation); }
 
   // "<level> <function>: <text>" of all lines since the last call.
@@ -494,40 +496,8 @@ TEST_F(UpdateModule, EndlesslyNestedFoldersAreLeftAlone) {
   }
 }
 
-// An update with every kind of step, before and after it.
 class CutOffUpdate : public UpdateModule {
  protected:
-  static void Prepare(const Installation& installation) {
-    WriteText(installation / "a.txt", "old a");
-    WriteText(installation / "sub" / "b.txt", "old b");
-    WriteText(installation / "pending" / "a.txt", "new a");
-    WriteText(installation / "pending" / "fresh" / "c.txt", "new c");
-    WriteText(installation / "pending" / "sub" / "b.txt", "new b");
-  }
-  static Tree Old() { return {"a.txt=old a", "sub\\", "sub\\b.txt=old b"}; }
-  static Tree New() {
-    return {"a.txt=new a", "fresh\\", "fresh\\c.txt=new c", "sub\\", "sub\\b.txt=new b"};
-  }
-  static Tree Pending() {
-    return {"pending\\",        "pending\\a.txt=new a",
-            "pending\\fresh\\", "pending\\fresh\\c.txt=new c",
-            "pending\\sub\\",   "pending\\sub\\b.txt=new b"};
-  }
-
-  // Without the folders that belong to updating.
-  static Tree Rest(const Installation& installation) {
-    Tree tree = TreeOfInstallation(installation);
-    std::erase_if(tree, [](const std::string& entry) {
-      return entry.starts_with("pending\\") || entry.starts_with("update.work\\");
-    });
-    return tree;
-  }
-  static Tree WithPending(Tree tree, const Tree& pending) {
-    tree.insert(tree.end(), pending.begin(), pending.end());
-    std::sort(tree.begin(), tree.end());
-    return tree;
-  }
-
   // Runs the update in a process that dies ahead of operation `number`; its exit code.
   static DWORD DieAhead(const Installation& installation, unsigned number) {
     wchar_t program[1024];
