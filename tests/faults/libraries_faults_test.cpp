@@ -3,8 +3,6 @@
 
 #include <algorithm>
 #include <cstring>
-#include <fstream>
-#include <iterator>
 #include <regex>
 #include <string>
 #include <vector>
@@ -13,6 +11,7 @@
 #include "support/vlevtlog.h"
 #include "support/vorlcore.h"
 #include "support/vorlmisc.h"
+#include "tests/faults/whole_trace.h"
 #include "tests/support/call_hooks.h"
 #include "tests/support/empty_machine_key.h"
 #include "tests/support/fault_sweep.h"
@@ -27,37 +26,6 @@ using testing::ElementsAreArray;
 using testing::IsEmpty;
 
 // ---- vlevtlog.dll ----
-
-// All lines in the trace of an installation, of whichever file; each must be a whole one.
-std::vector<std::string> TraceOf(const Installation& installation) {
-  static const std::regex whole(
-      R"(\d{4}-\d\d-\d\d \d\d:\d\d:\d\d\.\d{3} [-+]\d\d:\d\d [A-Z]+\d* \d+ \d+ .*)");
-  std::vector<std::string> lines;
-  std::error_code none;
-  for (const auto& entry : fs::directory_iterator(installation / "logs", none)) {
-    if (entry.path().extension() != ".log") {
-      continue;
-    }
-    std::ifstream in(entry.path(), std::ios::binary);
-    const std::string content(std::istreambuf_iterator<char>(in), {});
-    for (std::size_t at = 0; at < content.size();) {
-      const std::size_t end = content.find("\r\n", at);
-      if (end == std::string::npos) {
-        ADD_FAILURE() << "torn: " << content.substr(at);
-        break;
-      }
-      lines.push_back(content.substr(at, end - at));
-      EXPECT_TRUE(std::regex_match(lines.back(), whole)) << lines.back();
-      at = end + 2;
-    }
-  }
-  return lines;
-}
-
-std::size_t CountEndingWith(const std::vector<std::string>& lines, const std::string& end) {
-  return static_cast<std::size_t>(std::count_if(
-      lines.begin(), lines.end(), [&](const std::string& line) { return line.ends_with(end); }));
-}
 
 // How many lines the trace says are lost.
 std::size_t LostIn(const std::vector<std::string>& lines) {
@@ -83,11 +51,7 @@ class TraceFaults : public testing::Test {
     if (isNew) {
       return;
     }
-    std::string full;
-    while (full.size() < std::size_t{4} * 1024) {
-      full += "2024-01-01 00:00:00.000 +00:00 INFO 1 1 module f s.cpp:1 " + std::string(100, 'x') +
-              "\r\n";
-    }
+    const std::string full = FullTraceFile();
     WriteText(installation / "logs" / "vorltrace.000001.log", full);
     WriteText(installation / "logs" / "vorltrace.000002.log", full);
     WriteText(installation / "logs" / "vorltrace.log", full);
@@ -122,7 +86,7 @@ class TraceFaults : public testing::Test {
           library.Free();
         });
     EXPECT_TRUE(isErrorKept);
-    const std::vector<std::string> lines = TraceOf(installation);
+    const std::vector<std::string> lines = WholeTraceOf(installation);
     std::size_t found = 0;
     for (unsigned i = 1; i <= kLines; ++i) {
       const std::size_t count = CountEndingWith(lines, " line " + std::to_string(i) + ".");
@@ -158,7 +122,7 @@ TEST_F(TraceFaults, EndOfTheLibrary) {
       library.Free();
     });
     EXPECT_EQ(GetModuleHandleW((installation / "vlevtlog.dll").c_str()), nullptr);
-    EXPECT_LE(TraceOf(installation).size(), 2U);
+    EXPECT_LE(WholeTraceOf(installation).size(), 2U);
   });
 }
 
