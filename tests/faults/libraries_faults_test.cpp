@@ -206,8 +206,8 @@ TEST_F(SupportFaults, StartUpOptions) {
       const CLIENT_AGENT_STARTUP_OPTIONS zero{};
       EXPECT_EQ(std::memcmp(&options, &zero, sizeof(zero)), 0);
     } else {
-      EXPECT_EQ(options.Word1, 7);
-      EXPECT_EQ(options.Dword1, 8U);
+      EXPECT_EQ(WORD{options.Word1}, 7);
+      EXPECT_EQ(DWORD{options.Dword1}, 8U);
       EXPECT_STREQ(options.Text1,
                    run.IsFaultIn({"WideCharToMultiByte"}) && run.FaultNumber() <= 2 ? "" : "a");
     }
