@@ -13,6 +13,7 @@
 #include "tests/support/fake_machine.h"
 #include "tests/support/fake_service_manager.h"
 #include "tests/support/fault_sweep.h"
+#include "tests/support/long_run.h"
 #include "tests/unit/configuration_folder.h"
 
 // The program's main, under the name that the tests' build gives it.

@@ -3,6 +3,7 @@
 #include <gmock/gmock.h>
 
 #include <algorithm>
+#include <functional>
 #include <map>
 #include <random>
 #include <string>
@@ -13,8 +14,8 @@
 #include "tests/faults/death.h"
 #include "tests/faults/whole_trace.h"
 #include "tests/support/call_hooks.h"
-#include "tests/support/fault_sweep.h"
 #include "tests/support/installation.h"
+#include "tests/support/long_run.h"
 #include "tests/support/start_process.h"
 #include "tests/unit/vorlupd_sample.h"
 
