@@ -22,6 +22,8 @@ for arguments in (
     ["trace", "--start"],
     ["trace", "--perfetto", "schema_test.tmp"],
     ["report", "schema_test.tmp"],
+    ["bundle", "schema_test.tmp"],
+    ["bundle", "schema_test.tmp", "--mask"],
     ["cache", "check"],
     ["status"],
     ["identity"],

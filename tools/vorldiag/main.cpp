@@ -10,6 +10,8 @@
 #include <vector>
 
 #include "support/windows_api.h"
+#include "tools/vorldiag/bundle/bundle.h"
+#include "tools/vorldiag/bundle/secrets.h"
 #include "tools/vorldiag/identity/cachereport.h"
 #include "tools/vorldiag/identity/hardware.h"
 #include "tools/vorldiag/identity/identityreport.h"
@@ -63,7 +65,8 @@ struct Options {
   bool isStop = false;
   bool isFollowed = false;
   std::string perfettoFile;
-  std::string file;  // of a report
+  std::string file;  // of a report or bundle
+  bool isMasked = false;
 };
 
 int Show(const Report& report, const Options& options, Output& output) {
@@ -129,6 +132,32 @@ int RunReport(const Options& options, Output& output) {
   const Situation situation = FindSituation();
   const Snapshot snapshot = TakeSnapshot(situation, CollectHardware(options.wmiSeconds));
   return WriteText("report", options.file, ReportPage(snapshot), options, output);
+}
+
+int RunBundle(const Options& options, Output& output) {
+  const Situation situation = FindSituation();
+  const Hardware hardware = CollectHardware(options.wmiSeconds);
+  const Snapshot snapshot = TakeSnapshot(situation, hardware);
+  Mask mask;
+  AddSecrets(hardware, mask);
+  const BundleFacts facts =
+      WriteBundle(options.file, situation, snapshot, options.isMasked ? &mask : nullptr);
+  if (!options.isJson) {
+    for (const std::string& name : facts.leftOut) {
+      output.Write("Left out: " + name + "\n");
+    }
+    return ShowWritten("bundle", options.file, facts.size, options, output);
+  }
+  nlohmann::ordered_json json = JsonHead("bundle");
+  json["file"] = options.file;
+  json["bytes"] = facts.size;
+  json["masked"] = options.isMasked;
+  json["entries"] = nlohmann::ordered_json::array();
+  for (const ZipWriter::Entry& entry : facts.entries) {
+    json["entries"].push_back({{"name", entry.name}, {"bytes", entry.size}});
+  }
+  json["leftOut"] = facts.leftOut;
+  return output.Write(JsonText(json)) ? kExitOk : kExitNotDone;
 }
 
 int WritePerfetto(const std::vector<TraceLine>& lines, const Options& options, Output& output) {
@@ -257,6 +286,16 @@ int Run(Output& output, Output& errors) {
                  &RunReport);
   report->add_option("file", options.file, "The page, such as report.html")->required();
   addWmiSeconds(report);
+
+  CLI::App* const bundle = addCommand(
+      "bundle",
+      "Put report, status and identity, settings and the trace into an archive for a ticket",
+      &RunBundle);
+  bundle->add_option("file", options.file, "The archive, such as ticket.zip")->required();
+  bundle->add_flag("--mask", options.isMasked,
+                   "Replace identifier, UUIDs, serial number, network addresses and the names of\n"
+                   "computer, domain and users; equal values have equal replacements");
+  addWmiSeconds(bundle);
 
   try {
     app.parse(ArgumentsBackwards());

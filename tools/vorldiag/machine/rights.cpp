@@ -20,6 +20,25 @@ std::wstring SidText(PSID sid) {
   return text;
 }
 
+std::vector<Account>& Noted() {
+  static std::vector<Account> accounts;
+  return accounts;
+}
+
+// Of a computer's or domain's own accounts.
+bool IsPersonal(const std::wstring& sid) {
+  return sid.compare(0, 9, L"S-1-5-21-") == 0 || sid.compare(0, 9, L"S-1-12-1-") == 0;
+}
+
+void Note(const std::wstring& sid, const Account& account) {
+  const bool isKnown = std::any_of(Noted().begin(), Noted().end(), [&](const Account& known) {
+    return known.name == account.name && known.domain == account.domain;
+  });
+  if (IsPersonal(sid) && !isKnown) {
+    Noted().push_back(account);
+  }
+}
+
 std::string AccountName(PSID sid) {
   constexpr DWORD capacity = 512;
   wchar_t name[capacity] = {};
@@ -31,6 +50,7 @@ std::string AccountName(PSID sid) {
       name[0] == L'\0') {
     return Utf8(SidText(sid));
   }
+  Note(SidText(sid), {Utf8(name), Utf8(domain)});
   return domain[0] == L'\0' ? Utf8(name) : Utf8(std::wstring(domain) + L"\\" + name);
 }
 
@@ -258,3 +278,17 @@ std::string ForeignText(const Access& access) {
   }
   return text;
 }
+
+const std::vector<Account>& NotedAccounts() { return Noted(); }
+
+bool NoteAccount(const std::wstring& sid) {
+  PSID binary = nullptr;
+  if (!IsPersonal(sid) || !ConvertStringSidToSidW(sid.c_str(), &binary)) {
+    return false;
+  }
+  const LocalMemory memory(binary);
+  AccountName(binary);
+  return true;
+}
+
+void NoteOwnAccount() { NoteAccount(OwnSidText()); }

@@ -53,3 +53,17 @@ Access KernelObjectAccess(HANDLE object, const ObjectKind& kind);
 // All texts of foreignRights in one, an untrusted owner and a missing list among them; "" when
 // nobody else has a right.
 std::string ForeignText(const Access& access);
+
+// A person's account: one that is not the same on every computer.
+struct Account {
+  std::string name;
+  std::string domain;
+};
+
+// Every such account that a function above has named, or that was noted, each once.
+const std::vector<Account>& NotedAccounts();
+
+// Notes the account with this SID ("S-1-..."); false when it is no person's.
+bool NoteAccount(const std::wstring& sid);
+// Notes the account that runs this program.
+void NoteOwnAccount();
