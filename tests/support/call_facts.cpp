@@ -314,6 +314,7 @@ constexpr const char* kCannotFail[] = {
     "VerSetConditionMask",
     "VirtualQuery",
     // Of the C runtime.
+    "_assert",
     "_errno",
     "_exit",
     "_fileno",
@@ -321,7 +322,9 @@ constexpr const char* kCannotFail[] = {
     "_mbsnbicmp",
     "_stricmp",
     "_strnicmp",
+    "_strtoui64",
     "_ultoa",
+    "_vscprintf",
     "_vsnprintf",
     "_vsnwprintf",
     "_wcsicmp",

@@ -49,7 +49,7 @@ TEST(UnsignedForms, HaveTheFileWithItsLinkersCheckSum) {
 TEST(UnsignedForms, HaveTheFileWithoutCheckSum) {
   std::string program = OwnProgram();
   HeadersOf(program).OptionalHeader.CheckSum = 0;
-  EXPECT_TRUE(UnsignedForms(Signed(program)).front() == program);
+  EXPECT_TRUE(Has(UnsignedForms(Signed(program)), program));
 }
 
 TEST(UnsignedForms, HaveAFileThatHadToBeFilledUp) {
