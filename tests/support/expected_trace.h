@@ -1,7 +1,10 @@
+// Trace lines and journals as tests expect them, in the words of the code.
 #pragma once
 
+#include <ostream>
 #include <string>
 #include <utility>
+#include <vector>
 
 #include "tests/support/journal.h"
 #include "tests/support/text.h"
@@ -21,15 +24,24 @@ class ExpectedLine {
     return text;
   }
 
+  friend bool operator==(const std::string& entry, const ExpectedLine& expected) {
+    return entry == std::string(expected);
+  }
+  friend std::ostream& operator<<(std::ostream& out, const ExpectedLine& expected) {
+    return out << std::string(expected);
+  }
+
  private:
   TraceLine m_line;
 };
 
 // The lines of one operation, written in a test as the operation writes them:
 //
-//   constexpr ExpectedTrace start{"StartServiceByName", "service/vorlfun.cpp"};
-//   EXPECT_THAT(recorder.Lines(), ElementsAre(start.Info("Entry"),
-//                                             start.Error("NULL Parameter received")));
+//   constexpr ExpectedTrace kStartByName{"StartServiceByName", "service/vorlfun.cpp"};
+//   EXPECT_THAT(journal.Traces(), ElementsAre(kStartByName.Info("Entry"),
+//                                             kStartByName.Error("NULL Parameter received")));
+//
+// tests/unit/operations.h has those of the program.
 class ExpectedTrace {
  public:
   // `source`: the path of the file inside the repository.
@@ -52,6 +64,17 @@ class ExpectedTrace {
   template <typename Char>
   ExpectedLine VerboseDirect(const Char* format, const std::string& text) const {
     return Direct(8, format, text);
+  }
+
+  // The lines of this operation in a journal, and whether an entry of one is such a line.
+  std::vector<std::string> In(const Journal& journal) const {
+    std::vector<std::string> lines = journal.Traces();
+    std::erase_if(lines, [this](const std::string& line) { return !Wrote(line); });
+    return lines;
+  }
+  bool Wrote(const std::string& entry) const {
+    return entry.starts_with("level ") &&
+           entry.find(std::string(" ") + m_function + " (" + m_source + "): ") == 7;
   }
 
  private:

@@ -15,22 +15,13 @@
 #include "tests/support/journal.h"
 #include "tests/support/library_calls.h"
 #include "tests/support/start_process.h"
-#include "tests/support/trace_recorder.h"
 #include "tests/unit/agent_service.h"
+#include "tests/unit/operations.h"
 
 using ::testing::ElementsAre;
 using ::testing::IsEmpty;
 
 namespace {
-
-TraceLine WatcherLine(int level, const std::string& text) {
-  return Line(level, "WaitForServiceClosure", "agent/cathdsvc.cpp", text);
-}
-
-// Such a line in the journal.
-std::string Watched(int level, const std::string& text) {
-  return Traced(level, "WaitForServiceClosure", "agent/cathdsvc.cpp", text);
-}
 
 // Runs the closure watcher, mostly on the test's own thread. Its wait does not block: it answers
 // what a wait of no length answers, so that a signal that is lost shows as a time-out.
@@ -46,7 +37,6 @@ class WaitForServiceClosureTest : public ::testing::Test {
   WaitForServiceClosureTest() {
     FakeInfoReset();
     service.OnInit();
-    FakeTraceClear();
     journal.Clear();
   }
 
@@ -63,9 +53,8 @@ class WaitForServiceClosureTest : public ::testing::Test {
     SetEvent(own.back());
   }
 
-  const TraceRecorder recorder;
-  TestService service;
   Journal journal;
+  TestService service;
   HandleCalls handles{journal};
   std::vector<HANDLE> own;
 
@@ -98,8 +87,8 @@ class WaitForServiceClosureTest : public ::testing::Test {
 
 TEST_F(WaitForServiceClosureTest, EndsAtOnceWithoutAnObject) {
   EXPECT_EQ(WaitForServiceClosure(nullptr), 0U);
-  EXPECT_THAT(recorder.Lines(),
-              ElementsAre(WatcherLine(2, "Entry"), WatcherLine(2, "NULL Parameter Received")));
+  EXPECT_THAT(journal.Traces(),
+              ElementsAre(kWatch.Info("Entry"), kWatch.Info("NULL Parameter Received")));
   EXPECT_THAT(journal.Calls(), IsEmpty());
 }
 
@@ -108,20 +97,20 @@ TEST_F(WaitForServiceClosureTest, TheCloseEventSignalledBeforeItStartsEndsTheWai
   EXPECT_EQ(service.Watch(), 0U);
   ASSERT_EQ(waits.size(), 1U);
   EXPECT_EQ(waits[0].result, 0U);
-  EXPECT_THAT(recorder.Lines(),
-              ElementsAre(WatcherLine(2, "Entry"), WatcherLine(2, "Close Event Signalled"),
-                          WatcherLine(2, "Exit")));
+  EXPECT_THAT(
+      journal.Traces(),
+      ElementsAre(kWatch.Info("Entry"), kWatch.Info("Close Event Signalled"), kWatch.Info("Exit")));
 }
 
 TEST_F(WaitForServiceClosureTest, AStopBeforeItStartsEndsTheWaitAtOnceWithIndex0) {
   service.OnStop();
-  FakeTraceClear();
+  journal.Clear();
   EXPECT_EQ(service.Watch(), 0U);
   ASSERT_EQ(waits.size(), 1U);
   EXPECT_EQ(waits[0].result, 0U);
-  EXPECT_THAT(recorder.Lines(),
-              ElementsAre(WatcherLine(2, "Entry"), WatcherLine(2, "Close Event Signalled"),
-                          WatcherLine(2, "Exit")));
+  EXPECT_THAT(
+      journal.Traces(),
+      ElementsAre(kWatch.Info("Entry"), kWatch.Info("Close Event Signalled"), kWatch.Info("Exit")));
 }
 
 TEST_F(WaitForServiceClosureTest, TheExitEventEndsTheWaitWithIndex1) {
@@ -129,18 +118,18 @@ TEST_F(WaitForServiceClosureTest, TheExitEventEndsTheWaitWithIndex1) {
   EXPECT_EQ(service.Watch(), 0U);
   ASSERT_EQ(waits.size(), 1U);
   EXPECT_EQ(waits[0].result, 1U);
-  EXPECT_THAT(recorder.Lines(),
-              ElementsAre(WatcherLine(2, "Entry"), WatcherLine(2, "Exit Event Signalled"),
-                          WatcherLine(2, "Exit")));
+  EXPECT_THAT(
+      journal.Traces(),
+      ElementsAre(kWatch.Info("Entry"), kWatch.Info("Exit Event Signalled"), kWatch.Info("Exit")));
 }
 
 TEST_F(WaitForServiceClosureTest, TheCloseEventCountsWhenBothAreSignalled) {
   Signal(kExitEvent);
   Signal(kCloseEvent);
   service.Watch();
-  EXPECT_THAT(recorder.Lines(),
-              ElementsAre(WatcherLine(2, "Entry"), WatcherLine(2, "Close Event Signalled"),
-                          WatcherLine(2, "Exit")));
+  EXPECT_THAT(
+      journal.Traces(),
+      ElementsAre(kWatch.Info("Entry"), kWatch.Info("Close Event Signalled"), kWatch.Info("Exit")));
 }
 
 TEST_F(WaitForServiceClosureTest, WaitsForEitherEventWithoutALimit) {
@@ -176,11 +165,11 @@ TEST_F(WaitForServiceClosureTest, ClosesTheExitEventAndLeavesTheCloseEventToTheS
   Signal(kCloseEvent);
   service.Watch();
   EXPECT_THAT(journal.Entries(),
-              ElementsAre(Watched(2, "Entry"), "GetEventNameByVersion " + kCloseEvent,
+              ElementsAre(kWatch.Info("Entry"), "GetEventNameByVersion " + kCloseEvent,
                           "GetEventNameByVersion " + kExitEvent, "CreateEventA " + kCloseEvent,
                           "CreateEventA " + kExitEvent, "WaitForMultipleObjects",
-                          Watched(2, "Close Event Signalled"), "CloseHandle " + kExitEvent,
-                          Watched(2, "Exit")));
+                          kWatch.Info("Close Event Signalled"), "CloseHandle " + kExitEvent,
+                          kWatch.Info("Exit")));
   EXPECT_THAT(handles.Open(), ElementsAre(kCloseEvent));
   EXPECT_TRUE(IsSignalled(service.m_hCloseEvent));
   EXPECT_EQ(handles.FailedCloses(), 0U);
@@ -190,8 +179,8 @@ TEST_F(WaitForServiceClosureTest, EndsWhenTheCloseEventHasNoName) {
   FakeInfo()->eventNameFailingCall = 1;
   service.m_hCloseEvent = INVALID_HANDLE_VALUE;
   EXPECT_EQ(service.Watch(), 0U);
-  EXPECT_THAT(recorder.Lines(),
-              ElementsAre(WatcherLine(2, "Entry"), WatcherLine(1, "GetEventNameByVersion Failed")));
+  EXPECT_THAT(journal.Traces(),
+              ElementsAre(kWatch.Info("Entry"), kWatch.Error("GetEventNameByVersion Failed")));
   EXPECT_EQ(FakeInfo()->eventNameCalls, 1U);
   EXPECT_EQ(service.m_hCloseEvent, nullptr);
   EXPECT_THAT(journal.Calls(), IsEmpty());
@@ -201,8 +190,8 @@ TEST_F(WaitForServiceClosureTest, EndsWhenTheExitEventHasNoName) {
   FakeInfo()->eventNameFailingCall = 2;
   service.m_hCloseEvent = INVALID_HANDLE_VALUE;
   EXPECT_EQ(service.Watch(), 0U);
-  EXPECT_THAT(recorder.Lines(),
-              ElementsAre(WatcherLine(2, "Entry"), WatcherLine(1, "GetEventNameByVersion Failed")));
+  EXPECT_THAT(journal.Traces(),
+              ElementsAre(kWatch.Info("Entry"), kWatch.Error("GetEventNameByVersion Failed")));
   EXPECT_EQ(FakeInfo()->eventNameCalls, 2U);
   EXPECT_EQ(service.m_hCloseEvent, nullptr);
   EXPECT_THAT(journal.Calls(), IsEmpty());
@@ -218,10 +207,9 @@ TEST_F(WaitForServiceClosureTest, OnlyTheLowByteOfTheNamesResultCounts) {
 TEST_F(WaitForServiceClosureTest, EndsWhenTheCloseEventCannotBeCreated) {
   handles.FailCreation(kCloseEvent, ERROR_ACCESS_DENIED);
   EXPECT_EQ(service.Watch(), 0U);
-  EXPECT_THAT(recorder.Lines(),
-              ElementsAre(WatcherLine(2, "Entry"),
-                          WatcherLine(2, "CreateEvent Failed for " + VersionedName(kCloseEvent) +
-                                             " (5):")));
+  EXPECT_THAT(journal.Traces(),
+              ElementsAre(kWatch.Info("Entry"), kWatch.Info("CreateEvent Failed for " +
+                                                            VersionedName(kCloseEvent) + " (5):")));
   EXPECT_EQ(service.m_hCloseEvent, nullptr);
   EXPECT_THAT(journal.Calls(), ElementsAre("CreateEventA " + kCloseEvent));
 }
@@ -230,10 +218,9 @@ TEST_F(WaitForServiceClosureTest, EndsWhenAnotherKindOfObjectHasTheCloseEventsNa
   const HANDLE mutex = CreateMutexA(nullptr, FALSE, VersionedName(kCloseEvent).c_str());
   ASSERT_NE(mutex, nullptr);
   service.Watch();
-  EXPECT_THAT(recorder.Lines(),
-              ElementsAre(WatcherLine(2, "Entry"),
-                          WatcherLine(2, "CreateEvent Failed for " + VersionedName(kCloseEvent) +
-                                             " (6):")));
+  EXPECT_THAT(journal.Traces(),
+              ElementsAre(kWatch.Info("Entry"), kWatch.Info("CreateEvent Failed for " +
+                                                            VersionedName(kCloseEvent) + " (6):")));
   CloseHandle(mutex);
 }
 
@@ -242,8 +229,8 @@ TEST_F(WaitForServiceClosureTest, ClosesTheCloseEventOnceWhenTheExitEventCannotB
   EXPECT_EQ(service.Watch(), 0U);
   EXPECT_THAT(
       journal.Entries(),
-      ElementsAre(Watched(2, "Entry"), "CreateEventA " + kCloseEvent, "CreateEventA " + kExitEvent,
-                  Watched(2, "CreateEvent Failed for " + VersionedName(kExitEvent) + " (5):"),
+      ElementsAre(kWatch.Info("Entry"), "CreateEventA " + kCloseEvent, "CreateEventA " + kExitEvent,
+                  kWatch.Info("CreateEvent Failed for " + VersionedName(kExitEvent) + " (5):"),
                   "CloseHandle " + kCloseEvent));
   // The member keeps the value.
   EXPECT_EQ(service.m_hCloseEvent, handles.Creations()[0].handle);
@@ -262,27 +249,26 @@ TEST_F(WaitForServiceClosureTest, TakesALongNameWhole) {
   // A message has room for 499 characters.
   const std::string line =
       "CreateEvent Failed for " + prefix + "AcClientAgentSrvcCloseFromServicef (206):";
-  EXPECT_THAT(recorder.Lines(),
-              ElementsAre(WatcherLine(2, "Entry"), WatcherLine(2, line.substr(0, 499))));
+  EXPECT_THAT(journal.Traces(),
+              ElementsAre(kWatch.Info("Entry"), kWatch.Info(line.substr(0, 499))));
 }
 
 TEST_F(WaitForServiceClosureTest, AFailedWaitIsAnErrorAndAnEnd) {
   waitAnswer = WAIT_FAILED;
   EXPECT_EQ(service.Watch(), 0U);
-  EXPECT_THAT(recorder.Lines(),
-              ElementsAre(WatcherLine(2, "Entry"), WatcherLine(1, "WaitForMultipleObjects Failed"),
-                          WatcherLine(2, "Exit")));
+  EXPECT_THAT(journal.Traces(),
+              ElementsAre(kWatch.Info("Entry"), kWatch.Error("WaitForMultipleObjects Failed"),
+                          kWatch.Info("Exit")));
   EXPECT_THAT(handles.Open(), ElementsAre(kCloseEvent));
 }
 
 TEST_F(WaitForServiceClosureTest, AnyOtherAnswerOfTheWaitWritesNoLine) {
   for (const DWORD answer : {DWORD{WAIT_TIMEOUT}, DWORD{WAIT_ABANDONED_0}, WAIT_OBJECT_0 + 2}) {
-    const TraceRecorder each;
     TestService fresh;
-    FakeTraceClear();
+    journal.Clear();
     waitAnswer = answer;
     EXPECT_EQ(fresh.Watch(), 0U);
-    EXPECT_THAT(each.Lines(), ElementsAre(WatcherLine(2, "Entry"), WatcherLine(2, "Exit")));
+    EXPECT_THAT(journal.Traces(), ElementsAre(kWatch.Info("Entry"), kWatch.Info("Exit")));
   }
 }
 
@@ -323,17 +309,17 @@ TEST_F(WaitForServiceClosureThread, TheExitEventSignalledByAnotherProcessEndsThe
   DWORD exitCode = 1;
   GetExitCodeProcess(process.Get(), &exitCode);
   EXPECT_EQ(exitCode, 0U);
-  EXPECT_THAT(recorder.Lines(),
-              ElementsAre(WatcherLine(2, "Entry"), WatcherLine(2, "Exit Event Signalled"),
-                          WatcherLine(2, "Exit")));
+  EXPECT_THAT(
+      journal.Traces(),
+      ElementsAre(kWatch.Info("Entry"), kWatch.Info("Exit Event Signalled"), kWatch.Info("Exit")));
 }
 
 TEST_F(WaitForServiceClosureThread, AStopEndsTheWait) {
   service.OnStop();
   watcher.join();
-  EXPECT_THAT(recorder.LinesOf("WaitForServiceClosure"),
-              ElementsAre(WatcherLine(2, "Entry"), WatcherLine(2, "Close Event Signalled"),
-                          WatcherLine(2, "Exit")));
+  EXPECT_THAT(
+      kWatch.In(journal),
+      ElementsAre(kWatch.Info("Entry"), kWatch.Info("Close Event Signalled"), kWatch.Info("Exit")));
 }
 
 // What a descriptor's list holds when it is exactly one allowing entry for everyone.

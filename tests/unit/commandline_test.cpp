@@ -1,3 +1,4 @@
+// The command words of the service base class.
 #include <gmock/gmock.h>
 
 #include <algorithm>
@@ -12,6 +13,7 @@
 #include "tests/support/fake_helper_pipe.h"
 #include "tests/support/fake_service_manager.h"
 #include "tests/support/journal.h"
+#include "tests/unit/operations.h"
 
 using ::testing::Contains;
 using ::testing::ElementsAre;
@@ -28,10 +30,6 @@ class CommandLineService : public CNTService {
   using CNTService::m_bNotifyServer;
 };
 
-std::string Parse(const std::string& text) {
-  return Traced(2, "CNTService::ParseStandardArgs", "service/ntservc.cpp", text);
-}
-
 std::string Helper(int action) {
   return "helper pipe: code 15, action " + std::to_string(action) + ", flag 0, \"Sample\"";
 }
@@ -39,26 +37,26 @@ std::string Helper(int action) {
 constexpr char kNotifyFlagChanged[] = "m_bNotifyServer changed";
 
 // The steps of the operations that the command line calls, by what is particular to each.
-constexpr char kIsInstalled[] = "OpenServiceA(manager1, \"Sample\", 0x1) = service1";
-constexpr char kIsNotInstalled[] = "OpenServiceA(manager1, \"Sample\", 0x1) = error 1060";
+constexpr char kFound[] = "OpenServiceA(manager1, \"Sample\", 0x1) = service1";
+constexpr char kNotFound[] = "OpenServiceA(manager1, \"Sample\", 0x1) = error 1060";
 constexpr char kCreate[] =
     "CreateServiceW(manager2, \"Sample\", \"Sample\", 0xF01FF, 0x110, 2, 1, "
     "\"C:\\agent\\vorlsrvc.exe\", null, null, null, null, null) = ";
 
 std::vector<std::string> InstallSteps() {
-  return {Parse("Entry"),
-          Parse("-install"),
-          kIsNotInstalled,
-          Parse("Service not installed hence Insatalling client agent"),
+  return {kParse.Info("Entry"),
+          kParse.Info("-install"),
+          kNotFound,
+          kParse.Info("Service not installed hence Insatalling client agent"),
           std::string(kCreate) + "service1",
-          Parse("Service installed successfully"),
+          kParse.Info("Service installed successfully"),
           Printed("Sample is installed successfully\n"),
-          Parse("Exit")};
+          kParse.Info("Exit")};
 }
 
 class CommandLine : public ::testing::Test {
  protected:
-  // ParseStandardArgs with these arguments behind the program's name; keeps what was printed, which
+  // ParseStandardArgs with these arguments after the program's name; keeps what was printed, which
   // stands in the journal as well, as a change of the flag m_bNotifyServer does.
   BOOL ParseArguments(CNTService& service, std::vector<std::string> arguments) {
     arguments.insert(arguments.begin(), "vorlsrvc.exe");
@@ -124,7 +122,8 @@ class CommandLine : public ::testing::Test {
 TEST_F(CommandLine, WithoutArgumentsTheProcessIsToRunAsTheService) {
   EXPECT_EQ(ParseArguments({}), 0);
   EXPECT_THAT(m_journal.Entries(),
-              ElementsAre(Parse("Entry"), Parse("No Arguments hence returning"), Parse("Exit")));
+              ElementsAre(kParse.Info("Entry"), kParse.Info("No Arguments hence returning"),
+                          kParse.Info("Exit")));
   EXPECT_EQ(m_printed, "");
 }
 
@@ -133,14 +132,15 @@ TEST_F(CommandLine, WithoutAProgramNameTheProcessIsToRunAsTheService) {
   m_journal.Clear();
   EXPECT_EQ(m_service.ParseStandardArgs(0, argv), 0);
   EXPECT_THAT(m_journal.Entries(),
-              ElementsAre(Parse("Entry"), Parse("No Arguments hence returning"), Parse("Exit")));
+              ElementsAre(kParse.Info("Entry"), kParse.Info("No Arguments hence returning"),
+                          kParse.Info("Exit")));
 }
 
 class UnknownOption : public CommandLine, public ::testing::WithParamInterface<const char*> {};
 
 TEST_P(UnknownOption, FallsThroughToTheDispatcher) {
   EXPECT_EQ(ParseArguments({GetParam(), "-install"}), 0);
-  EXPECT_THAT(m_journal.Entries(), ElementsAre(Parse("Entry"), Parse("Exit")));
+  EXPECT_THAT(m_journal.Entries(), ElementsAre(kParse.Info("Entry"), kParse.Info("Exit")));
   EXPECT_EQ(m_printed, "");
 }
 
@@ -160,9 +160,9 @@ TEST_F(CommandLine, InstallInstallsTheService) {
 
 TEST_F(CommandLine, InstallOnAnInstalledServiceSaysSoAndDoesNotTouchTheConfiguration) {
   EXPECT_EQ(ParseArguments({"-install"}), 1);
-  EXPECT_THAT(Steps(), ElementsAre(Parse("Entry"), Parse("-install"), kIsInstalled,
-                                   Parse("Service is Already installed"),
-                                   Printed("Sample is already installed\n"), Parse("Exit")));
+  EXPECT_THAT(Steps(), ElementsAre(kParse.Info("Entry"), kParse.Info("-install"), kFound,
+                                   kParse.Info("Service is Already installed"),
+                                   Printed("Sample is already installed\n"), kParse.Info("Exit")));
   EXPECT_THAT(m_journal.Calls(), Not(Contains(HasSubstr("ChangeServiceConfig2W"))));
   EXPECT_THAT(m_journal.Calls(), Not(Contains(HasSubstr("Reg"))));
   EXPECT_EQ(m_printed, "Sample is already installed\n");
@@ -172,11 +172,12 @@ TEST_F(CommandLine, FailedInstallPrintsAndTracesTheError) {
   NotInstalled();
   m_manager.Fail("CreateServiceW", ERROR_SERVICE_MARKED_FOR_DELETE);
   EXPECT_EQ(ParseArguments({"-install"}), 1);
-  EXPECT_THAT(Steps(), ElementsAre(Parse("Entry"), Parse("-install"), kIsNotInstalled,
-                                   Parse("Service not installed hence Insatalling client agent"),
-                                   std::string(kCreate) + "error 1072",
-                                   Printed("Unable to install Sample. (Error 1072)\n"),
-                                   Parse("Unable to install Sample. (Error 1072)\n")));
+  EXPECT_THAT(Steps(),
+              ElementsAre(kParse.Info("Entry"), kParse.Info("-install"), kNotFound,
+                          kParse.Info("Service not installed hence Insatalling client agent"),
+                          std::string(kCreate) + "error 1072",
+                          Printed("Unable to install Sample. (Error 1072)\n"),
+                          kParse.Info("Unable to install Sample. (Error 1072)\n")));
   EXPECT_EQ(m_printed, "Unable to install Sample. (Error 1072)\n");
   EXPECT_EQ(m_service.ExitCode(), 0U);
 }
@@ -203,7 +204,7 @@ TEST_F(CommandLine, FailedInstallOfTheLongestNameIsPrintedAndTracedWhole) {
   EXPECT_EQ(ParseArguments(service, {"-install"}), 1);
   const std::string text = "Unable to install " + name + ". (Error -2147024891)\n";
   EXPECT_EQ(m_printed, text);
-  EXPECT_EQ(m_journal.Traces().back(), Parse(text));
+  EXPECT_EQ(m_journal.Traces().back(), kParse.Info(text));
 }
 
 TEST_F(CommandLine, PercentSignInTheNameIsInterpretedAgainOnTheConsoleOfAFailedInstallOnly) {
@@ -211,7 +212,7 @@ TEST_F(CommandLine, PercentSignInTheNameIsInterpretedAgainOnTheConsoleOfAFailedI
   m_manager.Fail("OpenSCManagerA", ERROR_ACCESS_DENIED);
   EXPECT_EQ(ParseArguments(service, {"-install"}), 1);
   EXPECT_EQ(m_printed, "Unable to install 50% off. (Error 5)\n");
-  EXPECT_EQ(m_journal.Traces().back(), Parse("Unable to install 50%% off. (Error 5)\n"));
+  EXPECT_EQ(m_journal.Traces().back(), kParse.Info("Unable to install 50%% off. (Error 5)\n"));
 }
 
 TEST_F(CommandLine, PercentSignInTheNameStandsForItselfInAllOtherTexts) {
@@ -234,22 +235,24 @@ class StartCommand : public CommandLine, public ::testing::WithParamInterface<co
 
 TEST_P(StartCommand, StartsTheServiceAndLogsStart) {
   EXPECT_EQ(ParseArguments({GetParam()}), 1);
-  EXPECT_THAT(Steps(), ElementsAre(Parse("Entry"), Parse("-start"),
-                                   Parse("Before calling StartServiceByName"),
-                                   "OpenServiceA(manager1, \"Sample\", 0x14) = service1",
-                                   "StartServiceA(service1, 0, null)",
-                                   Parse("After calling StartServiceByName"), Parse("Exit")));
+  EXPECT_THAT(Steps(),
+              ElementsAre(kParse.Info("Entry"), kParse.Info("-start"),
+                          kParse.Info("Before calling StartServiceByName"),
+                          "OpenServiceA(manager1, \"Sample\", 0x14) = service1",
+                          "StartServiceA(service1, 0, null)",
+                          kParse.Info("After calling StartServiceByName"), kParse.Info("Exit")));
   EXPECT_EQ(m_printed, "");
 }
 
 TEST_P(StartCommand, IgnoresAFailedStart) {
   m_manager.Fail("StartServiceA", ERROR_SERVICE_ALREADY_RUNNING);
   EXPECT_EQ(ParseArguments({GetParam()}), 1);
-  EXPECT_THAT(Steps(), ElementsAre(Parse("Entry"), Parse("-start"),
-                                   Parse("Before calling StartServiceByName"),
-                                   "OpenServiceA(manager1, \"Sample\", 0x14) = service1",
-                                   "StartServiceA(service1, 0, null) = error 1056",
-                                   Parse("After calling StartServiceByName"), Parse("Exit")));
+  EXPECT_THAT(Steps(),
+              ElementsAre(kParse.Info("Entry"), kParse.Info("-start"),
+                          kParse.Info("Before calling StartServiceByName"),
+                          "OpenServiceA(manager1, \"Sample\", 0x14) = service1",
+                          "StartServiceA(service1, 0, null) = error 1056",
+                          kParse.Info("After calling StartServiceByName"), kParse.Info("Exit")));
   EXPECT_EQ(m_printed, "");
 }
 
@@ -271,8 +274,8 @@ class StopCommand : public CommandLine, public ::testing::WithParamInterface<Sto
  protected:
   std::vector<std::string> StopSteps(const std::string& controlResult,
                                      const std::vector<std::string>& after) const {
-    std::vector<std::string> steps = {Parse("Entry"), Parse(GetParam().word), kIsInstalled,
-                                      Helper(1), Parse("Before calling StopServiceByName")};
+    std::vector<std::string> steps = {kParse.Info("Entry"), kParse.Info(GetParam().word), kFound,
+                                      Helper(1), kParse.Info("Before calling StopServiceByName")};
     if (GetParam().notifiesServer) {
       steps.push_back(kNotifyFlagChanged);
     }
@@ -280,8 +283,8 @@ class StopCommand : public CommandLine, public ::testing::WithParamInterface<Sto
                                std::string("ControlService(service2, ") + GetParam().control + ")" +
                                    controlResult});
     steps.insert(steps.end(), after.begin(), after.end());
-    steps.insert(steps.end(),
-                 {Parse("After calling StopServiceByName returning"), Helper(2), Parse("Exit")});
+    steps.insert(steps.end(), {kParse.Info("After calling StopServiceByName returning"), Helper(2),
+                               kParse.Info("Exit")});
     return steps;
   }
 };
@@ -298,7 +301,7 @@ TEST_P(StopCommand, NotifiesTheHelperAfterAFailedStopToo) {
   m_manager.Fail("ControlService", ERROR_SERVICE_NOT_ACTIVE);
   EXPECT_EQ(ParseArguments({GetParam().word}), 1);
   EXPECT_THAT(Steps(),
-              ElementsAreArray(StopSteps(" = error 1062", {Parse("Stop service Failed")})));
+              ElementsAreArray(StopSteps(" = error 1062", {kParse.Info("Stop service Failed")})));
   EXPECT_EQ(m_printed, "");
   EXPECT_EQ(m_service.m_bNotifyServer, GetParam().notifiesServer);
   EXPECT_EQ(m_service.ExitCode(), 0U);
@@ -317,7 +320,7 @@ TEST_P(StopCommand, GoesOnWithoutAHelper) {
 TEST_P(StopCommand, IsASilentNoOperationWhenTheServiceIsNotInstalled) {
   NotInstalled();
   EXPECT_EQ(ParseArguments({GetParam().word}), 1);
-  EXPECT_THAT(Steps(), ElementsAre(Parse("Entry"), Parse(GetParam().word), kIsNotInstalled));
+  EXPECT_THAT(Steps(), ElementsAre(kParse.Info("Entry"), kParse.Info(GetParam().word), kNotFound));
   EXPECT_EQ(m_printed, "");
   EXPECT_FALSE(m_service.m_bNotifyServer);
 }
@@ -332,15 +335,16 @@ INSTANTIATE_TEST_SUITE_P(, StopCommand,
 TEST_F(CommandLine, RestartStopsWaitsAndStarts) {
   m_manager.AnswerStatus({{SERVICE_STOPPED}, {SERVICE_RUNNING}});
   EXPECT_EQ(ParseArguments({"-restart"}), 1);
-  EXPECT_THAT(Steps(),
-              ElementsAre(Parse("Entry"), Parse("-restart"), kIsInstalled, Helper(1),
-                          Parse("Before calling StopServiceByName"),
-                          "OpenServiceA(manager2, \"Sample\", 0xF01FF) = service2",
-                          "ControlService(service2, 1)", Parse("After calling StopServiceByName"),
-                          Helper(2), "Sleep(100)", Parse("Before calling StartServiceByName"),
-                          "OpenServiceA(manager3, \"Sample\", 0x14) = service3",
-                          "StartServiceA(service3, 0, null)",
-                          Parse("After calling StartServiceByName"), Parse("Exit")));
+  EXPECT_THAT(
+      Steps(),
+      ElementsAre(kParse.Info("Entry"), kParse.Info("-restart"), kFound, Helper(1),
+                  kParse.Info("Before calling StopServiceByName"),
+                  "OpenServiceA(manager2, \"Sample\", 0xF01FF) = service2",
+                  "ControlService(service2, 1)", kParse.Info("After calling StopServiceByName"),
+                  Helper(2), "Sleep(100)", kParse.Info("Before calling StartServiceByName"),
+                  "OpenServiceA(manager3, \"Sample\", 0x14) = service3",
+                  "StartServiceA(service3, 0, null)",
+                  kParse.Info("After calling StartServiceByName"), kParse.Info("Exit")));
   EXPECT_EQ(m_printed, "");
   EXPECT_FALSE(m_service.m_bNotifyServer);
 }
@@ -351,26 +355,28 @@ TEST_F(CommandLine, RestartGoesOnAfterAFailedStopAndAFailedStart) {
   EXPECT_EQ(ParseArguments({"-restart"}), 1);
   EXPECT_THAT(
       Steps(),
-      ElementsAre(Parse("Entry"), Parse("-restart"), kIsInstalled, Helper(1),
-                  Parse("Before calling StopServiceByName"),
+      ElementsAre(kParse.Info("Entry"), kParse.Info("-restart"), kFound, Helper(1),
+                  kParse.Info("Before calling StopServiceByName"),
                   "OpenServiceA(manager2, \"Sample\", 0xF01FF) = service2",
-                  "ControlService(service2, 1) = error 1062", Parse("Stop service Failed"),
-                  Parse("After calling StopServiceByName"), Helper(2), "Sleep(100)",
-                  Parse("Before calling StartServiceByName"),
+                  "ControlService(service2, 1) = error 1062", kParse.Info("Stop service Failed"),
+                  kParse.Info("After calling StopServiceByName"), Helper(2), "Sleep(100)",
+                  kParse.Info("Before calling StartServiceByName"),
                   "OpenServiceA(manager3, \"Sample\", 0x14) = service3",
-                  "StartServiceA(service3, 0, null) = error 5", Parse("StartServiceByName Failed"),
-                  Parse("After calling StartServiceByName"), Parse("Exit")));
+                  "StartServiceA(service3, 0, null) = error 5",
+                  kParse.Info("StartServiceByName Failed"),
+                  kParse.Info("After calling StartServiceByName"), kParse.Info("Exit")));
   EXPECT_EQ(m_printed, "");
 }
 
 TEST_F(CommandLine, RestartOfAServiceThatIsNotInstalledStillTriesToStartIt) {
   NotInstalled();
   EXPECT_EQ(ParseArguments({"-restart"}), 1);
-  EXPECT_THAT(Steps(), ElementsAre(Parse("Entry"), Parse("-restart"), kIsNotInstalled, "Sleep(100)",
-                                   Parse("Before calling StartServiceByName"),
-                                   "OpenServiceA(manager2, \"Sample\", 0x14) = error 1060",
-                                   Parse("StartServiceByName Failed"),
-                                   Parse("After calling StartServiceByName"), Parse("Exit")));
+  EXPECT_THAT(Steps(),
+              ElementsAre(kParse.Info("Entry"), kParse.Info("-restart"), kNotFound, "Sleep(100)",
+                          kParse.Info("Before calling StartServiceByName"),
+                          "OpenServiceA(manager2, \"Sample\", 0x14) = error 1060",
+                          kParse.Info("StartServiceByName Failed"),
+                          kParse.Info("After calling StartServiceByName"), kParse.Info("Exit")));
 }
 
 // ---- -uninstall ----
@@ -378,19 +384,21 @@ TEST_F(CommandLine, RestartOfAServiceThatIsNotInstalledStillTriesToStartIt) {
 TEST_F(CommandLine, UninstallRemovesTheServiceAndPrintsNothing) {
   EXPECT_EQ(ParseArguments({"-uninstall"}), 1);
   EXPECT_THAT(Steps(),
-              ElementsAre(Parse("Entry"), Parse("-uninstall"), kIsInstalled, Helper(5),
+              ElementsAre(kParse.Info("Entry"), kParse.Info("-uninstall"), kFound, Helper(5),
                           "OpenServiceA(manager2, \"Sample\", 0x10000) = service2",
-                          "DeleteService(service2)", Parse("Uninstall Success"), Parse("Exit")));
+                          "DeleteService(service2)", kParse.Info("Uninstall Success"),
+                          kParse.Info("Exit")));
   EXPECT_EQ(m_printed, "");
 }
 
 TEST_F(CommandLine, UninstallOfAServiceThatIsNotInstalledSaysSo) {
   NotInstalled();
   EXPECT_EQ(ParseArguments({"-uninstall"}), 1);
-  EXPECT_THAT(Steps(),
-              ElementsAre(Parse("Entry"), Parse("-uninstall"), kIsNotInstalled,
-                          Printed("Sample is not installed\n"),
-                          Parse("Service Not Found :: Unable to uninstall the service bcoz")));
+  EXPECT_THAT(
+      Steps(),
+      ElementsAre(kParse.Info("Entry"), kParse.Info("-uninstall"), kNotFound,
+                  Printed("Sample is not installed\n"),
+                  kParse.Info("Service Not Found :: Unable to uninstall the service bcoz")));
   EXPECT_EQ(m_printed, "Sample is not installed\n");
 }
 
@@ -398,9 +406,9 @@ TEST_F(CommandLine, FailedUninstallPrintsTheErrorOfTheDeletion) {
   m_manager.Fail("DeleteService", ERROR_SERVICE_MARKED_FOR_DELETE);
   EXPECT_EQ(ParseArguments({"-uninstall"}), 1);
   EXPECT_THAT(Steps(),
-              ElementsAre(Parse("Entry"), Parse("-uninstall"), kIsInstalled, Helper(5),
+              ElementsAre(kParse.Info("Entry"), kParse.Info("-uninstall"), kFound, Helper(5),
                           "OpenServiceA(manager2, \"Sample\", 0x10000) = service2",
-                          "DeleteService(service2) = error 1072", Parse("Uninstall Failed"),
+                          "DeleteService(service2) = error 1072", kParse.Info("Uninstall Failed"),
                           Printed("Could not remove Sample. Error 1072\n")));
   EXPECT_EQ(m_printed, "Could not remove Sample. Error 1072\n");
   EXPECT_EQ(m_service.ExitCode(), 0U);
@@ -434,7 +442,7 @@ class CommandWord : public CommandLine, public ::testing::WithParamInterface<Spe
 TEST_P(CommandWord, IsTakenInAnyCase) {
   m_manager.AnswerStatus({{SERVICE_STOPPED}});
   EXPECT_EQ(ParseArguments({GetParam().word}), 1);
-  EXPECT_EQ(m_journal.Entries()[1], Parse(GetParam().line));
+  EXPECT_EQ(m_journal.Entries()[1], kParse.Info(GetParam().line));
 }
 
 INSTANTIATE_TEST_SUITE_P(, CommandWord,
@@ -463,28 +471,30 @@ class WithoutRights : public CommandLine {
 
 TEST_F(WithoutRights, InstallTriesToInstallAndPrintsItsError) {
   EXPECT_EQ(ParseArguments({"-install"}), 1);
-  EXPECT_THAT(Steps(), ElementsAre(Parse("Entry"), Parse("-install"), kDenied,
-                                   Parse("Service not installed hence Insatalling client agent"),
-                                   kDenied, Printed("Unable to install Sample. (Error 5)\n"),
-                                   Parse("Unable to install Sample. (Error 5)\n")));
+  EXPECT_THAT(Steps(),
+              ElementsAre(kParse.Info("Entry"), kParse.Info("-install"), kDenied,
+                          kParse.Info("Service not installed hence Insatalling client agent"),
+                          kDenied, Printed("Unable to install Sample. (Error 5)\n"),
+                          kParse.Info("Unable to install Sample. (Error 5)\n")));
   EXPECT_EQ(m_printed, "Unable to install Sample. (Error 5)\n");
 }
 
 TEST_F(WithoutRights, UninstallSaysThatTheServiceIsNotInstalled) {
   EXPECT_EQ(ParseArguments({"-uninstall"}), 1);
-  EXPECT_THAT(Steps(),
-              ElementsAre(Parse("Entry"), Parse("-uninstall"), kDenied,
-                          Printed("Sample is not installed\n"),
-                          Parse("Service Not Found :: Unable to uninstall the service bcoz")));
+  EXPECT_THAT(
+      Steps(),
+      ElementsAre(kParse.Info("Entry"), kParse.Info("-uninstall"), kDenied,
+                  Printed("Sample is not installed\n"),
+                  kParse.Info("Service Not Found :: Unable to uninstall the service bcoz")));
   EXPECT_EQ(m_printed, "Sample is not installed\n");
 }
 
 TEST_F(WithoutRights, StopAndStopManualEndSilently) {
   EXPECT_EQ(ParseArguments({"-stop"}), 1);
-  EXPECT_THAT(Steps(), ElementsAre(Parse("Entry"), Parse("-stop"), kDenied));
+  EXPECT_THAT(Steps(), ElementsAre(kParse.Info("Entry"), kParse.Info("-stop"), kDenied));
   EXPECT_EQ(m_printed, "");
   EXPECT_EQ(ParseArguments({"-stopmanual"}), 1);
-  EXPECT_THAT(Steps(), ElementsAre(Parse("Entry"), Parse("-stopmanual"), kDenied));
+  EXPECT_THAT(Steps(), ElementsAre(kParse.Info("Entry"), kParse.Info("-stopmanual"), kDenied));
   EXPECT_EQ(m_printed, "");
 }
 

@@ -97,7 +97,7 @@ TEST(AppendFormatted, WritesFloatingPointNumbersAsTheStandardSays) {
             "[0x0000001p+0][+0X1.000P+0][2][1.23e+04]");
 }
 
-// The decimal point and the zeros behind it stay.
+// The decimal point and the zeros after it stay.
 TEST(AppendFormatted, ObeysTheAlternateFormOfFloatingPointNumbers) {
   EXPECT_EQ(Formatted("[%#.0f][%#.0F][%#.0e][%#.0E]", 3.0, 3.0, 3.0, 3.0),
             "[3.][3.][3.e+00][3.E+00]");

@@ -1,3 +1,4 @@
+// Installation, question and removal of a service.
 #include <gmock/gmock.h>
 
 #include <cstdint>
@@ -11,6 +12,7 @@
 #include "tests/support/fake_service_manager.h"
 #include "tests/support/import_patch.h"
 #include "tests/support/journal.h"
+#include "tests/unit/operations.h"
 
 using ::testing::Contains;
 using ::testing::ElementsAre;
@@ -19,14 +21,6 @@ using ::testing::HasSubstr;
 using ::testing::Not;
 
 namespace {
-
-std::string Line(const std::string& operation, const std::string& text, int level = 2) {
-  return Traced(level, "CNTService::" + operation, "service/ntservc.cpp", text);
-}
-
-std::string RecoveryLine(const std::string& text) {
-  return Traced(2, "ConfigureServiceRecoveryOptionsW", "service/vorlfun.cpp", text);
-}
 
 constexpr char kOpenManager[] = "OpenSCManagerA(null, null, 0xF003F) = manager1";
 constexpr char kEventLogFolder[] = "SYSTEM\\CurrentControlSet\\Services\\EventLog\\Application\\";
@@ -46,8 +40,8 @@ TEST_F(IsInstalled, IsTrueWhenTheServiceOpens) {
   EXPECT_TRUE(m_service.IsInstalled());
   EXPECT_THAT(
       m_journal.Entries(),
-      ElementsAre(Line("IsInstalled", "Entry"), kOpenManager,
-                  "OpenServiceA(manager1, \"Sample\", 0x1) = service1", Line("IsInstalled", "Exit"),
+      ElementsAre(kIsInstalled.Info("Entry"), kOpenManager,
+                  "OpenServiceA(manager1, \"Sample\", 0x1) = service1", kIsInstalled.Info("Exit"),
                   "CloseServiceHandle(service1)", "CloseServiceHandle(manager1)"));
 }
 
@@ -57,8 +51,8 @@ TEST_F(IsInstalled, IsFalseWithoutTheRightToOpenTheServiceControlManager) {
   EXPECT_EQ(GetLastError(), DWORD{ERROR_ACCESS_DENIED});
   EXPECT_THAT(
       m_journal.Entries(),
-      ElementsAre(Line("IsInstalled", "Entry"), "OpenSCManagerA(null, null, 0xF003F) = error 5",
-                  Line("IsInstalled", "Unable to open service Manager: 5")));
+      ElementsAre(kIsInstalled.Info("Entry"), "OpenSCManagerA(null, null, 0xF003F) = error 5",
+                  kIsInstalled.Info("Unable to open service Manager: 5")));
 }
 
 TEST_F(IsInstalled, IsFalseWhenThereIsNoSuchService) {
@@ -66,17 +60,17 @@ TEST_F(IsInstalled, IsFalseWhenThereIsNoSuchService) {
   EXPECT_FALSE(m_service.IsInstalled());
   EXPECT_EQ(GetLastError(), DWORD{ERROR_SERVICE_DOES_NOT_EXIST});
   EXPECT_THAT(m_journal.Entries(),
-              ElementsAre(Line("IsInstalled", "Entry"), kOpenManager,
+              ElementsAre(kIsInstalled.Info("Entry"), kOpenManager,
                           "OpenServiceA(manager1, \"Sample\", 0x1) = error 1060",
-                          Line("IsInstalled", "Unable to open service : 1060"),
+                          kIsInstalled.Info("Unable to open service : 1060"),
                           "CloseServiceHandle(manager1)"));
 }
 
 TEST_F(IsInstalled, IsFalseWhenAccessToTheServiceIsRefused) {
   m_manager.Fail("OpenServiceA", ERROR_ACCESS_DENIED);
   EXPECT_FALSE(m_service.IsInstalled());
-  EXPECT_THAT(m_journal.Traces(), ElementsAre(Line("IsInstalled", "Entry"),
-                                              Line("IsInstalled", "Unable to open service : 5")));
+  EXPECT_THAT(m_journal.Traces(), ElementsAre(kIsInstalled.Info("Entry"),
+                                              kIsInstalled.Info("Unable to open service : 5")));
 }
 
 // ---- Install ----
@@ -110,18 +104,18 @@ TEST_F(Install, CreatesTheServiceItsRecoveryActionsAndItsEventLogSource) {
   EXPECT_THAT(
       m_journal.Entries(),
       ElementsAre(
-          Line("Install", "Entry"), kOpenManager, "GetModuleFileNameW(null, 260)", CreateCall(path),
-          Line("Install", "ConfigureServiceRecoveryOptions m_szServiceName (Sample)", 1),
-          Line("Install",
-               "ConfigureServiceRecoveryOptions wszCAServicePath (C:\\agent\\vorlsrvc.exe)", 1),
-          RecoveryLine("Entry"), RecoveryCall(path), RecoveryLine("Exit"),
+          kInstall.Info("Entry"), kOpenManager, "GetModuleFileNameW(null, 260)", CreateCall(path),
+          kInstall.Error("ConfigureServiceRecoveryOptions m_szServiceName (Sample)"),
+          kInstall.Error(
+              "ConfigureServiceRecoveryOptions wszCAServicePath (C:\\agent\\vorlsrvc.exe)"),
+          kRecovery.Info("Entry"), RecoveryCall(path), kRecovery.Info("Exit"),
           "CloseServiceHandle(service1)", "CloseServiceHandle(manager1)",
           std::string("RegCreateKeyA(HKEY_LOCAL_MACHINE, \"") + kEventLogFolder +
               "Sample\") = key1",
           "RegSetValueExW(key1, \"EventMessageFile\", 0, 2, \"C:\\agent\\vorlsrvc.exe\\0\", 44 "
           "bytes)",
           "RegSetValueExA(key1, \"TypesSupported\", 0, 4, 7, 4 bytes)", "RegCloseKey(key1)",
-          Line("Install", "Exit")));
+          kInstall.Info("Exit")));
 }
 
 TEST_F(Install, PathWithoutABlankIsRegisteredBare) {
@@ -139,10 +133,9 @@ TEST_F(Install, PathWithABlankIsRegisteredInQuotesAsCommandAndAsEventMessageFile
   EXPECT_THAT(m_journal.Calls(), Contains(CreateCall(path)));
   EXPECT_THAT(m_journal.Calls(), Contains(RecoveryCall(path)));
   EXPECT_THAT(m_journal.Calls(), Contains(MessageFileCall(path)));
-  EXPECT_THAT(m_journal.Traces(), Contains(Line("Install",
-                                                "ConfigureServiceRecoveryOptions wszCAServicePath "
-                                                "(\"C:\\Program Files\\agent\\vorlsrvc.exe\")",
-                                                1)));
+  EXPECT_THAT(m_journal.Traces(),
+              Contains(kInstall.Error("ConfigureServiceRecoveryOptions wszCAServicePath "
+                                      "(\"C:\\Program Files\\agent\\vorlsrvc.exe\")")));
 }
 
 TEST_F(Install, LongestPathIsRegisteredWithoutRecoveryActions) {
@@ -151,12 +144,11 @@ TEST_F(Install, LongestPathIsRegisteredWithoutRecoveryActions) {
   EXPECT_TRUE(m_service.Install());
   EXPECT_THAT(m_journal.Calls(), Contains(CreateCall("\"" + path + "\"")));
   EXPECT_THAT(m_journal.Calls(), Contains(MessageFileCall("\"" + path + "\"")));
-  EXPECT_THAT(
-      m_journal.Traces(),
-      Contains(Line("Install",
-                    "ConfigureServiceRecoveryOptions wszCAServicePath (\"" + path + "\")", 1)));
+  EXPECT_THAT(m_journal.Traces(),
+              Contains(kInstall.Error("ConfigureServiceRecoveryOptions wszCAServicePath (\"" +
+                                      path + "\")")));
   // The recovery command does not fit into its 260 characters.
-  EXPECT_THAT(m_journal.Traces(), Contains(RecoveryLine("Invalid Service handle.")));
+  EXPECT_THAT(m_journal.Traces(), Contains(kRecovery.Info("Invalid Service handle.")));
   EXPECT_THAT(m_journal.Calls(), Not(Contains(HasSubstr("ChangeServiceConfig2W"))));
 }
 
@@ -183,7 +175,7 @@ TEST_P(PathInManyBytes, IsTracedAsFarAsAMessageReaches) {
   // 261 characters with its quotes; a message has room for 499 bytes.
   const std::string line =
       "ConfigureServiceRecoveryOptions wszCAServicePath (" + std::string(GetParam() * 261U, 'y');
-  EXPECT_THAT(m_journal.Traces(), Contains(Line("Install", line.substr(0, 499), 1)));
+  EXPECT_THAT(m_journal.Traces(), Contains(kInstall.Error(line.substr(0, 499))));
 }
 
 INSTANTIATE_TEST_SUITE_P(, PathInManyBytes, ::testing::Values(2U, 3U, 4U),
@@ -207,7 +199,7 @@ TEST_F(Install, PathOfUtf8CharactersIsTraced) {
   }
   const std::string line =
       "ConfigureServiceRecoveryOptions wszCAServicePath (C:\\" + folder + "\\vorlsrvc.exe)";
-  EXPECT_THAT(m_journal.Traces(), Contains(Line("Install", line.substr(0, 499), 1)));
+  EXPECT_THAT(m_journal.Traces(), Contains(kInstall.Error(line.substr(0, 499))));
 }
 
 // A cut path must not be registered: the service would start another program or none.
@@ -215,20 +207,20 @@ TEST_F(Install, FailsWhenThePathIsTooLong) {
   m_manager.SetModulePath(L"C:\\" + std::wstring(257, L'x'));  // 260 characters
   EXPECT_FALSE(m_service.Install());
   EXPECT_EQ(GetLastError(), DWORD{ERROR_INSUFFICIENT_BUFFER});
-  EXPECT_THAT(m_journal.Entries(),
-              ElementsAre(Line("Install", "Entry"), kOpenManager, "GetModuleFileNameW(null, 260)",
-                          Line("Install", "GetModuleFileName Failed 122", 1),
-                          "CloseServiceHandle(manager1)"));
+  EXPECT_THAT(
+      m_journal.Entries(),
+      ElementsAre(kInstall.Info("Entry"), kOpenManager, "GetModuleFileNameW(null, 260)",
+                  kInstall.Error("GetModuleFileName Failed 122"), "CloseServiceHandle(manager1)"));
 }
 
 TEST_F(Install, FailsWhenThePathIsUnknown) {
   m_manager.Fail("GetModuleFileNameW", ERROR_NOT_ENOUGH_MEMORY);
   EXPECT_FALSE(m_service.Install());
   EXPECT_EQ(GetLastError(), DWORD{ERROR_NOT_ENOUGH_MEMORY});
-  EXPECT_THAT(m_journal.Entries(),
-              ElementsAre(Line("Install", "Entry"), kOpenManager, "GetModuleFileNameW(null, 260)",
-                          Line("Install", "GetModuleFileName Failed 8", 1),
-                          "CloseServiceHandle(manager1)"));
+  EXPECT_THAT(
+      m_journal.Entries(),
+      ElementsAre(kInstall.Info("Entry"), kOpenManager, "GetModuleFileNameW(null, 260)",
+                  kInstall.Error("GetModuleFileName Failed 8"), "CloseServiceHandle(manager1)"));
 }
 
 TEST_F(Install, FailsWithoutTheServiceControlManager) {
@@ -236,8 +228,8 @@ TEST_F(Install, FailsWithoutTheServiceControlManager) {
   EXPECT_FALSE(m_service.Install());
   EXPECT_EQ(GetLastError(), DWORD{ERROR_ACCESS_DENIED});
   EXPECT_THAT(m_journal.Entries(),
-              ElementsAre(Line("Install", "Entry"), "OpenSCManagerA(null, null, 0xF003F) = error 5",
-                          Line("Install", "Unable to open service Manager: 5")));
+              ElementsAre(kInstall.Info("Entry"), "OpenSCManagerA(null, null, 0xF003F) = error 5",
+                          kInstall.Info("Unable to open service Manager: 5")));
 }
 
 TEST_F(Install, FailsWhenTheServiceCannotBeCreated) {
@@ -246,9 +238,9 @@ TEST_F(Install, FailsWhenTheServiceCannotBeCreated) {
   EXPECT_EQ(GetLastError(), DWORD{ERROR_SERVICE_EXISTS});
   EXPECT_THAT(
       m_journal.Entries(),
-      ElementsAre(Line("Install", "Entry"), kOpenManager, "GetModuleFileNameW(null, 260)",
+      ElementsAre(kInstall.Info("Entry"), kOpenManager, "GetModuleFileNameW(null, 260)",
                   CreateCall("C:\\agent\\vorlsrvc.exe", "error 1073"),
-                  Line("Install", "CreateService Failed 1073", 1), "CloseServiceHandle(manager1)"));
+                  kInstall.Error("CreateService Failed 1073"), "CloseServiceHandle(manager1)"));
 }
 
 TEST_F(Install, DoesNotDependOnTheRecoveryActions) {
@@ -256,20 +248,19 @@ TEST_F(Install, DoesNotDependOnTheRecoveryActions) {
   EXPECT_TRUE(m_service.Install());
   EXPECT_THAT(
       m_journal.Entries(),
-      ElementsAre(
-          Line("Install", "Entry"), kOpenManager, "GetModuleFileNameW(null, 260)",
-          CreateCall("C:\\agent\\vorlsrvc.exe"),
-          Line("Install", "ConfigureServiceRecoveryOptions m_szServiceName (Sample)", 1),
-          Line("Install",
-               "ConfigureServiceRecoveryOptions wszCAServicePath (C:\\agent\\vorlsrvc.exe)", 1),
-          RecoveryLine("Entry"), RecoveryCall("C:\\agent\\vorlsrvc.exe", " = error 5"),
-          RecoveryLine("Invalid Service handle."), "CloseServiceHandle(service1)",
-          "CloseServiceHandle(manager1)",
-          std::string("RegCreateKeyA(HKEY_LOCAL_MACHINE, \"") + kEventLogFolder +
-              "Sample\") = key1",
-          MessageFileCall("C:\\agent\\vorlsrvc.exe"),
-          "RegSetValueExA(key1, \"TypesSupported\", 0, 4, 7, 4 bytes)", "RegCloseKey(key1)",
-          Line("Install", "Exit")));
+      ElementsAre(kInstall.Info("Entry"), kOpenManager, "GetModuleFileNameW(null, 260)",
+                  CreateCall("C:\\agent\\vorlsrvc.exe"),
+                  kInstall.Error("ConfigureServiceRecoveryOptions m_szServiceName (Sample)"),
+                  kInstall.Error(
+                      "ConfigureServiceRecoveryOptions wszCAServicePath (C:\\agent\\vorlsrvc.exe)"),
+                  kRecovery.Info("Entry"), RecoveryCall("C:\\agent\\vorlsrvc.exe", " = error 5"),
+                  kRecovery.Info("Invalid Service handle."), "CloseServiceHandle(service1)",
+                  "CloseServiceHandle(manager1)",
+                  std::string("RegCreateKeyA(HKEY_LOCAL_MACHINE, \"") + kEventLogFolder +
+                      "Sample\") = key1",
+                  MessageFileCall("C:\\agent\\vorlsrvc.exe"),
+                  "RegSetValueExA(key1, \"TypesSupported\", 0, 4, 7, 4 bytes)", "RegCloseKey(key1)",
+                  kInstall.Info("Exit")));
 }
 
 TEST_F(Install, LeavesTheServiceInPlaceWhenTheEventLogKeyCannotBeCreated) {
@@ -278,18 +269,18 @@ TEST_F(Install, LeavesTheServiceInPlaceWhenTheEventLogKeyCannotBeCreated) {
   EXPECT_EQ(GetLastError(), DWORD{ERROR_CHILD_MUST_BE_VOLATILE});
   EXPECT_THAT(
       m_journal.Entries(),
-      ElementsAre(
-          Line("Install", "Entry"), kOpenManager, "GetModuleFileNameW(null, 260)",
-          CreateCall("C:\\agent\\vorlsrvc.exe"),
-          Line("Install", "ConfigureServiceRecoveryOptions m_szServiceName (Sample)", 1),
-          Line("Install",
-               "ConfigureServiceRecoveryOptions wszCAServicePath (C:\\agent\\vorlsrvc.exe)", 1),
-          RecoveryLine("Entry"), RecoveryCall("C:\\agent\\vorlsrvc.exe"), RecoveryLine("Exit"),
-          "CloseServiceHandle(service1)", "CloseServiceHandle(manager1)",
-          std::string("RegCreateKeyA(HKEY_LOCAL_MACHINE, \"") + kEventLogFolder +
-              "Sample\") = error 5",
-          // The thread's last error, not the function's result.
-          Line("Install", "RegCreateKey Failed 1021", 1)));
+      ElementsAre(kInstall.Info("Entry"), kOpenManager, "GetModuleFileNameW(null, 260)",
+                  CreateCall("C:\\agent\\vorlsrvc.exe"),
+                  kInstall.Error("ConfigureServiceRecoveryOptions m_szServiceName (Sample)"),
+                  kInstall.Error(
+                      "ConfigureServiceRecoveryOptions wszCAServicePath (C:\\agent\\vorlsrvc.exe)"),
+                  kRecovery.Info("Entry"), RecoveryCall("C:\\agent\\vorlsrvc.exe"),
+                  kRecovery.Info("Exit"), "CloseServiceHandle(service1)",
+                  "CloseServiceHandle(manager1)",
+                  std::string("RegCreateKeyA(HKEY_LOCAL_MACHINE, \"") + kEventLogFolder +
+                      "Sample\") = error 5",
+                  // The thread's last error, not the function's result.
+                  kInstall.Error("RegCreateKey Failed 1021")));
 }
 
 TEST_F(Install, DoesNotDependOnTheEventLogValues) {
@@ -297,7 +288,7 @@ TEST_F(Install, DoesNotDependOnTheEventLogValues) {
   m_manager.Fail("RegSetValueExA", ERROR_ACCESS_DENIED);
   EXPECT_TRUE(m_service.Install());
   EXPECT_THAT(m_journal.Calls(), Contains("RegCloseKey(key1)"));
-  EXPECT_EQ(m_journal.Traces().back(), Line("Install", "Exit"));
+  EXPECT_EQ(m_journal.Traces().back(), kInstall.Info("Exit"));
 }
 
 TEST_F(Install, TakesTheLongestServiceName) {
@@ -332,17 +323,16 @@ TEST_F(Install, LeavesANameThatCannotBeConvertedToTheServiceControlManagerToRefu
   EXPECT_FALSE(m_service.Install());
   EXPECT_THAT(
       m_journal.Entries(),
-      ElementsAre(Line("Install", "Entry"), kOpenManager, "GetModuleFileNameW(null, 260)",
+      ElementsAre(kInstall.Info("Entry"), kOpenManager, "GetModuleFileNameW(null, 260)",
                   CreateCall("C:\\agent\\vorlsrvc.exe", "error 123", ""),
-                  Line("Install", "CreateService Failed 123", 1), "CloseServiceHandle(manager1)"));
+                  kInstall.Error("CreateService Failed 123"), "CloseServiceHandle(manager1)"));
 }
 
 TEST_F(Install, PercentSignsInTheServiceNameStandForThemselvesInTheTrace) {
   CNTService service("50%s");
   EXPECT_TRUE(service.Install());
-  EXPECT_THAT(
-      m_journal.Traces(),
-      Contains(Line("Install", "ConfigureServiceRecoveryOptions m_szServiceName (50%s)", 1)));
+  EXPECT_THAT(m_journal.Traces(),
+              Contains(kInstall.Error("ConfigureServiceRecoveryOptions m_szServiceName (50%s)")));
 }
 
 // ---- Uninstall ----
@@ -389,9 +379,9 @@ constexpr char kOpenForDeletion[] = "OpenServiceA(manager1, \"Sample\", 0x10000)
 TEST_F(Uninstall, TellsTheHelperAndDeletesTheService) {
   EXPECT_EQ(m_service.Uninstall(), 1);
   EXPECT_THAT(m_journal.Entries(),
-              ElementsAre(Line("Uninstall", "Entry"), kOpenManager, kUninstalling, kOpenForDeletion,
+              ElementsAre(kUninstall.Info("Entry"), kOpenManager, kUninstalling, kOpenForDeletion,
                           "DeleteService(service1)", "CloseServiceHandle(service1)",
-                          "CloseServiceHandle(manager1)", Line("Uninstall", "Exit")));
+                          "CloseServiceHandle(manager1)", kUninstall.Info("Exit")));
 }
 
 TEST_F(Uninstall, TellsTheHelperAnEmptyNameWhenItCannotBeConverted) {
@@ -417,10 +407,9 @@ TEST_F(Uninstall, FailsWithoutTheServiceControlManagerAndTellsTheHelperNothing) 
   m_manager.Fail("OpenSCManagerA", ERROR_ACCESS_DENIED);
   EXPECT_EQ(m_service.Uninstall(), 0);
   EXPECT_EQ(GetLastError(), DWORD{ERROR_ACCESS_DENIED});
-  EXPECT_THAT(
-      m_journal.Entries(),
-      ElementsAre(Line("Uninstall", "Entry"), "OpenSCManagerA(null, null, 0xF003F) = error 5",
-                  Line("Uninstall", "Unable to open service Manager: 5")));
+  EXPECT_THAT(m_journal.Entries(),
+              ElementsAre(kUninstall.Info("Entry"), "OpenSCManagerA(null, null, 0xF003F) = error 5",
+                          kUninstall.Info("Unable to open service Manager: 5")));
 }
 
 TEST_F(Uninstall, WritesOnlyExitWhenTheServiceCannotBeOpened) {
@@ -429,9 +418,9 @@ TEST_F(Uninstall, WritesOnlyExitWhenTheServiceCannotBeOpened) {
   EXPECT_EQ(m_service.Uninstall(), 0);
   EXPECT_EQ(GetLastError(), DWORD{ERROR_ACCESS_DENIED});
   EXPECT_THAT(m_journal.Entries(),
-              ElementsAre(Line("Uninstall", "Entry"), kOpenManager, kUninstalling,
+              ElementsAre(kUninstall.Info("Entry"), kOpenManager, kUninstalling,
                           "OpenServiceA(manager1, \"Sample\", 0x10000) = error 5",
-                          "CloseServiceHandle(manager1)", Line("Uninstall", "Exit")));
+                          "CloseServiceHandle(manager1)", kUninstall.Info("Exit")));
 }
 
 TEST_F(Uninstall, FailsWhenTheServiceIsMarkedForDeletionAlready) {
@@ -439,19 +428,19 @@ TEST_F(Uninstall, FailsWhenTheServiceIsMarkedForDeletionAlready) {
   EXPECT_EQ(m_service.Uninstall(), 0);
   EXPECT_EQ(GetLastError(), DWORD{ERROR_SERVICE_MARKED_FOR_DELETE});
   EXPECT_THAT(m_journal.Entries(),
-              ElementsAre(Line("Uninstall", "Entry"), kOpenManager, kUninstalling, kOpenForDeletion,
+              ElementsAre(kUninstall.Info("Entry"), kOpenManager, kUninstalling, kOpenForDeletion,
                           "DeleteService(service1) = error 1072", "CloseServiceHandle(service1)",
-                          "CloseServiceHandle(manager1)", Line("Uninstall", "Exit")));
+                          "CloseServiceHandle(manager1)", kUninstall.Info("Exit")));
 }
 
 TEST_F(Uninstall, AdmittedRemovalIsReleasedBeforeTheHandlesAreClosed) {
   CNTService::SetRemovalHooks({&Grant, &Release});
   EXPECT_EQ(m_service.Uninstall(), 1);
   EXPECT_THAT(m_journal.Entries(),
-              ElementsAre(Line("Uninstall", "Entry"), kOpenManager, kUninstalling, kOpenForDeletion,
+              ElementsAre(kUninstall.Info("Entry"), kOpenManager, kUninstalling, kOpenForDeletion,
                           "admit: granted", "DeleteService(service1)", "release 0xFEDCBA9876543210",
                           "CloseServiceHandle(service1)", "CloseServiceHandle(manager1)",
-                          Line("Uninstall", "Exit")));
+                          kUninstall.Info("Exit")));
 }
 
 TEST_F(Uninstall, AdmittedRemovalIsReleasedAndItsErrorKeptWhenTheDeletionFails) {

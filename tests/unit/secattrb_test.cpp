@@ -9,25 +9,14 @@
 
 #include "tests/support/import_patch.h"
 #include "tests/support/journal.h"
-#include "tests/support/trace_recorder.h"
+#include "tests/unit/operations.h"
 
 using ::testing::ElementsAre;
 using ::testing::IsEmpty;
 
 namespace {
 
-constexpr char kSource[] = "agent/secattrb.cpp";
-constexpr char kCreate[] = "CreateSecurityAttributeForEveryone";
-constexpr char kFree[] = "FreeSecurityAttributeForEveryone";
 constexpr DWORD kEventAllAccess = 0x1F0003;
-
-// Their trace lines in the journal.
-std::string Created(int level, const std::string& text) {
-  return Traced(level, kCreate, kSource, text);
-}
-std::string Freed(int level, const std::string& text) {
-  return Traced(level, kFree, kSource, text);
-}
 
 // What a call to create hands out, and how it is freed without the product.
 struct Attributes {
@@ -74,7 +63,6 @@ OnlyEntry ReadOnlyEntry(PSECURITY_DESCRIPTOR descriptor) {
 }
 
 TEST(CreateSecurityAttributeForEveryone, GrantsTheMaskToTheWorldGroupAlone) {
-  const TraceRecorder recorder;
   Attributes attributes;
   attributes.sa.bInheritHandle = TRUE;
   ASSERT_EQ(attributes.Create(), TRUE);
@@ -89,7 +77,6 @@ TEST(CreateSecurityAttributeForEveryone, GrantsTheMaskToTheWorldGroupAlone) {
 }
 
 TEST(CreateSecurityAttributeForEveryone, PassesAnyMaskThrough) {
-  const TraceRecorder recorder;
   Attributes attributes;
   ASSERT_EQ(attributes.Create(EVENT_MODIFY_STATE), TRUE);
   EXPECT_EQ(ReadOnlyEntry(attributes.sd).mask, 2U);
@@ -97,7 +84,6 @@ TEST(CreateSecurityAttributeForEveryone, PassesAnyMaskThrough) {
 }
 
 TEST(CreateSecurityAttributeForEveryone, AnEventMadeWithItHasExactlyThatEntry) {
-  const TraceRecorder recorder;
   Attributes attributes;
   ASSERT_EQ(attributes.Create(), TRUE);
   const HANDLE event = CreateEventW(&attributes.sa, TRUE, FALSE, nullptr);
@@ -115,7 +101,7 @@ TEST(CreateSecurityAttributeForEveryone, AnEventMadeWithItHasExactlyThatEntry) {
 }
 
 TEST(CreateSecurityAttributeForEveryone, RefusesANullRecordAndLoadsNothing) {
-  const TraceRecorder recorder;
+  Journal journal;
   unsigned loads = 0;
   const CallPatch<struct NullLoad, HMODULE(const char*)> load("KERNEL32.dll", "LoadLibraryA",
                                                               [&](const char*) -> HMODULE {
@@ -127,8 +113,8 @@ TEST(CreateSecurityAttributeForEveryone, RefusesANullRecordAndLoadsNothing) {
   PSECURITY_DESCRIPTOR sd = nullptr;
   EXPECT_EQ(CreateSecurityAttributeForEveryone(nullptr, &sid, &acl, &sd, kEventAllAccess), FALSE);
   EXPECT_EQ(loads, 0U);
-  EXPECT_THAT(recorder.Lines(), ElementsAre(Line(2, kCreate, kSource, "Entry"),
-                                            Line(1, kCreate, kSource, "NULL Parameters Received")));
+  EXPECT_THAT(journal.Traces(), ElementsAre(kMakeAttributes.Info("Entry"),
+                                            kMakeAttributes.Error("NULL Parameters Received")));
 }
 
 // The calls that both functions make, each of which a test can make fail. The library is a row of
@@ -226,7 +212,6 @@ class SecurityAttributeCalls : public ::testing::Test {
     return reinterpret_cast<FARPROC>(found->second);
   }
 
-  const TraceRecorder recorder;
   Journal journal;
   Attributes attributes;
 
@@ -293,13 +278,13 @@ using FreeSecurityAttributeSteps = SecurityAttributeCalls;
 
 TEST_F(CreateSecurityAttributeSteps, RunInOrder) {
   EXPECT_EQ(attributes.Create(), TRUE);
-  EXPECT_THAT(
-      journal.Entries(),
-      ElementsAre(Created(2, "Entry"), "LoadLibraryA advapi32.dll", "AllocateAndInitializeSid",
-                  "SetEntriesInAclW", "LocalAlloc 64 40", "InitializeSecurityDescriptor sd 1",
-                  "SetSecurityDescriptorDacl sd 1 acl 0", Created(2, "Exit")));
-  EXPECT_THAT(recorder.Lines(),
-              ElementsAre(Line(2, kCreate, kSource, "Entry"), Line(2, kCreate, kSource, "Exit")));
+  EXPECT_THAT(journal.Entries(),
+              ElementsAre(kMakeAttributes.Info("Entry"), "LoadLibraryA advapi32.dll",
+                          "AllocateAndInitializeSid", "SetEntriesInAclW", "LocalAlloc 64 40",
+                          "InitializeSecurityDescriptor sd 1",
+                          "SetSecurityDescriptorDacl sd 1 acl 0", kMakeAttributes.Info("Exit")));
+  EXPECT_THAT(journal.Traces(),
+              ElementsAre(kMakeAttributes.Info("Entry"), kMakeAttributes.Info("Exit")));
   EXPECT_THAT(names, ::testing::UnorderedElementsAre("AllocateAndInitializeSid", "SetEntriesInAclW",
                                                      "InitializeSecurityDescriptor",
                                                      "SetSecurityDescriptorDacl", "FreeSid"));
@@ -329,9 +314,9 @@ TEST_F(CreateSecurityAttributeSteps, ClearTheRecordAndEndWhenTheLibraryCannotBeL
   attributes.sa = {24, &attributes, TRUE};
   EXPECT_EQ(attributes.Create(), FALSE);
   EXPECT_THAT(journal.Calls(), ElementsAre("LoadLibraryA advapi32.dll"));
-  EXPECT_THAT(recorder.Lines(),
-              ElementsAre(Line(2, kCreate, kSource, "Entry"),
-                          Line(1, kCreate, kSource, "LoadLibrary Failed For : advapi32.dll(126)")));
+  EXPECT_THAT(journal.Traces(),
+              ElementsAre(kMakeAttributes.Info("Entry"),
+                          kMakeAttributes.Error("LoadLibrary Failed For : advapi32.dll(126)")));
   EXPECT_EQ(attributes.sa.nLength, 0U);
   EXPECT_EQ(attributes.sa.lpSecurityDescriptor, nullptr);
   EXPECT_FALSE(attributes.sa.bInheritHandle);
@@ -344,11 +329,11 @@ TEST_P(MissingFunction, UnloadsTheLibraryAndFails) {
   missing = GetParam();
   EXPECT_EQ(attributes.Create(), FALSE);
   EXPECT_THAT(journal.Entries(),
-              ElementsAre(Created(2, "Entry"), "LoadLibraryA advapi32.dll", "FreeLibrary 1",
-                          Created(1, "get proc address Failed (127)")));
-  EXPECT_THAT(recorder.Lines(),
-              ElementsAre(Line(2, kCreate, kSource, "Entry"),
-                          Line(1, kCreate, kSource, "get proc address Failed (127)")));
+              ElementsAre(kMakeAttributes.Info("Entry"), "LoadLibraryA advapi32.dll",
+                          "FreeLibrary 1", kMakeAttributes.Error("get proc address Failed (127)")));
+  EXPECT_THAT(journal.Traces(),
+              ElementsAre(kMakeAttributes.Info("Entry"),
+                          kMakeAttributes.Error("get proc address Failed (127)")));
   EXPECT_EQ(attributes.sa.nLength, 0U);
 }
 
@@ -366,41 +351,43 @@ TEST_F(CreateSecurityAttributeSteps, ReportTheErrorThatStandsBehindTheUnloadOfTh
                                                                       return FALSE;
                                                                     });
   EXPECT_EQ(attributes.Create(), FALSE);
-  EXPECT_EQ(recorder.Lines().back(), Line(1, kCreate, kSource, "get proc address Failed (4711)"));
+  EXPECT_EQ(journal.Traces().back(), kMakeAttributes.Error("get proc address Failed (4711)"));
 }
 
 TEST_F(CreateSecurityAttributeSteps, UnloadTheLibraryWhenThereIsNoSid) {
   failing = "AllocateAndInitializeSid";
   EXPECT_EQ(attributes.Create(), FALSE);
-  EXPECT_THAT(journal.Entries(), ElementsAre(Created(2, "Entry"), "LoadLibraryA advapi32.dll",
-                                             "AllocateAndInitializeSid", "FreeLibrary 1",
-                                             Created(1, "s_pfnAllocateAndInitializeSid() Failed")));
-  EXPECT_THAT(recorder.Lines(),
-              ElementsAre(Line(2, kCreate, kSource, "Entry"),
-                          Line(1, kCreate, kSource, "s_pfnAllocateAndInitializeSid() Failed")));
+  EXPECT_THAT(journal.Entries(),
+              ElementsAre(kMakeAttributes.Info("Entry"), "LoadLibraryA advapi32.dll",
+                          "AllocateAndInitializeSid", "FreeLibrary 1",
+                          kMakeAttributes.Error("s_pfnAllocateAndInitializeSid() Failed")));
+  EXPECT_THAT(journal.Traces(),
+              ElementsAre(kMakeAttributes.Info("Entry"),
+                          kMakeAttributes.Error("s_pfnAllocateAndInitializeSid() Failed")));
 }
 
 TEST_F(CreateSecurityAttributeSteps, FreeTheSidAndKeepTheLibraryWhenThereIsNoList) {
   failing = "SetEntriesInAclW";
   EXPECT_EQ(attributes.Create(), FALSE);
-  EXPECT_THAT(
-      journal.Entries(),
-      ElementsAre(Created(2, "Entry"), "LoadLibraryA advapi32.dll", "AllocateAndInitializeSid",
-                  "SetEntriesInAclW", Created(1, "s_pfnSetEntriesInAcl() Failed"), "FreeSid sid"));
-  EXPECT_THAT(recorder.Lines(),
-              ElementsAre(Line(2, kCreate, kSource, "Entry"),
-                          Line(1, kCreate, kSource, "s_pfnSetEntriesInAcl() Failed")));
+  EXPECT_THAT(journal.Entries(),
+              ElementsAre(kMakeAttributes.Info("Entry"), "LoadLibraryA advapi32.dll",
+                          "AllocateAndInitializeSid", "SetEntriesInAclW",
+                          kMakeAttributes.Error("s_pfnSetEntriesInAcl() Failed"), "FreeSid sid"));
+  EXPECT_THAT(journal.Traces(),
+              ElementsAre(kMakeAttributes.Info("Entry"),
+                          kMakeAttributes.Error("s_pfnSetEntriesInAcl() Failed")));
 }
 
 TEST_F(CreateSecurityAttributeSteps, FreeListAndSidAndKeepTheLibraryWhenThereIsNoMemory) {
   failing = "LocalAlloc";
   EXPECT_EQ(attributes.Create(), FALSE);
-  EXPECT_THAT(journal.Entries(),
-              ElementsAre(Created(2, "Entry"), "LoadLibraryA advapi32.dll",
-                          "AllocateAndInitializeSid", "SetEntriesInAclW", "LocalAlloc 64 40",
-                          "LocalFree acl", "FreeSid sid", Created(1, "LocalAlloc() Failed")));
-  EXPECT_THAT(recorder.Lines(), ElementsAre(Line(2, kCreate, kSource, "Entry"),
-                                            Line(1, kCreate, kSource, "LocalAlloc() Failed")));
+  EXPECT_THAT(
+      journal.Entries(),
+      ElementsAre(kMakeAttributes.Info("Entry"), "LoadLibraryA advapi32.dll",
+                  "AllocateAndInitializeSid", "SetEntriesInAclW", "LocalAlloc 64 40",
+                  "LocalFree acl", "FreeSid sid", kMakeAttributes.Error("LocalAlloc() Failed")));
+  EXPECT_THAT(journal.Traces(), ElementsAre(kMakeAttributes.Info("Entry"),
+                                            kMakeAttributes.Error("LocalAlloc() Failed")));
   EXPECT_EQ(attributes.sd, nullptr);
   EXPECT_NE(attributes.acl, nullptr);  // dangling, as the caller finds it
 }
@@ -409,13 +396,14 @@ TEST_F(CreateSecurityAttributeSteps, FreeEverythingWhenTheDescriptorCannotBeInit
   failing = "InitializeSecurityDescriptor";
   EXPECT_EQ(attributes.Create(), FALSE);
   EXPECT_THAT(journal.Entries(),
-              ElementsAre(Created(2, "Entry"), "LoadLibraryA advapi32.dll",
+              ElementsAre(kMakeAttributes.Info("Entry"), "LoadLibraryA advapi32.dll",
                           "AllocateAndInitializeSid", "SetEntriesInAclW", "LocalAlloc 64 40",
                           "InitializeSecurityDescriptor sd 1", "LocalFree sd", "LocalFree acl",
-                          "FreeSid sid", Created(1, "s_pfnInitializeSecurityDescriptor() Failed")));
-  EXPECT_THAT(recorder.Lines(),
-              ElementsAre(Line(2, kCreate, kSource, "Entry"),
-                          Line(1, kCreate, kSource, "s_pfnInitializeSecurityDescriptor() Failed")));
+                          "FreeSid sid",
+                          kMakeAttributes.Error("s_pfnInitializeSecurityDescriptor() Failed")));
+  EXPECT_THAT(journal.Traces(),
+              ElementsAre(kMakeAttributes.Info("Entry"),
+                          kMakeAttributes.Error("s_pfnInitializeSecurityDescriptor() Failed")));
   EXPECT_NE(attributes.sd, nullptr);
   EXPECT_NE(attributes.acl, nullptr);
   EXPECT_EQ(attributes.sa.lpSecurityDescriptor, nullptr);
@@ -426,29 +414,30 @@ TEST_F(CreateSecurityAttributeSteps, FreeEverythingWhenTheListCannotBeSet) {
   EXPECT_EQ(attributes.Create(), FALSE);
   EXPECT_THAT(
       journal.Entries(),
-      ElementsAre(Created(2, "Entry"), "LoadLibraryA advapi32.dll", "AllocateAndInitializeSid",
-                  "SetEntriesInAclW", "LocalAlloc 64 40", "InitializeSecurityDescriptor sd 1",
-                  "SetSecurityDescriptorDacl sd 1 acl 0", "LocalFree sd", "LocalFree acl",
-                  "FreeSid sid", Created(1, "s_pfnSetSecurityDescriptorDacl() Failed")));
-  EXPECT_THAT(recorder.Lines(),
-              ElementsAre(Line(2, kCreate, kSource, "Entry"),
-                          Line(1, kCreate, kSource, "s_pfnSetSecurityDescriptorDacl() Failed")));
+      ElementsAre(kMakeAttributes.Info("Entry"), "LoadLibraryA advapi32.dll",
+                  "AllocateAndInitializeSid", "SetEntriesInAclW", "LocalAlloc 64 40",
+                  "InitializeSecurityDescriptor sd 1", "SetSecurityDescriptorDacl sd 1 acl 0",
+                  "LocalFree sd", "LocalFree acl", "FreeSid sid",
+                  kMakeAttributes.Error("s_pfnSetSecurityDescriptorDacl() Failed")));
+  EXPECT_THAT(journal.Traces(),
+              ElementsAre(kMakeAttributes.Info("Entry"),
+                          kMakeAttributes.Error("s_pfnSetSecurityDescriptorDacl() Failed")));
   EXPECT_EQ(attributes.sa.nLength, 0U);
   EXPECT_EQ(attributes.sa.lpSecurityDescriptor, nullptr);
 }
 
 TEST_F(FreeSecurityAttributeSteps, FreeSidListAndDescriptorThenUnload) {
   ASSERT_EQ(attributes.Create(), TRUE);
-  const TraceRecorder fromHere;
+  journal.Clear();
   journal.Clear();
   EXPECT_EQ(attributes.Free(), TRUE);
   EXPECT_THAT(journal.Calls(),
               ElementsAre("FreeSid sid", "LocalFree acl", "LocalFree sd", "FreeLibrary 1"));
-  EXPECT_THAT(fromHere.Lines(), ElementsAre(Line(2, kFree, kSource, "Entry"),
-                                            Line(2, kFree, kSource, "Before calling g_pfnFreeSid"),
-                                            Line(2, kFree, kSource, "Before calling LocalFree"),
-                                            Line(2, kFree, kSource, "Before calling LocalFree"),
-                                            Line(2, kFree, kSource, "Exit")));
+  EXPECT_THAT(journal.Traces(), ElementsAre(kFreeAttributes.Info("Entry"),
+                                            kFreeAttributes.Info("Before calling g_pfnFreeSid"),
+                                            kFreeAttributes.Info("Before calling LocalFree"),
+                                            kFreeAttributes.Info("Before calling LocalFree"),
+                                            kFreeAttributes.Info("Exit")));
 }
 
 TEST_F(FreeSecurityAttributeSteps, LeaveTheRecordItselfAlone) {
@@ -463,32 +452,33 @@ TEST_F(FreeSecurityAttributeSteps, WriteEachLineAheadOfItsCall) {
   journal.Clear();
   attributes.Free();
   EXPECT_THAT(journal.Entries(),
-              ElementsAre(Freed(2, "Entry"), Freed(2, "Before calling g_pfnFreeSid"), "FreeSid sid",
-                          Freed(2, "Before calling LocalFree"), "LocalFree acl",
-                          Freed(2, "Before calling LocalFree"), "LocalFree sd", "FreeLibrary 1",
-                          Freed(2, "Exit")));
+              ElementsAre(kFreeAttributes.Info("Entry"),
+                          kFreeAttributes.Info("Before calling g_pfnFreeSid"), "FreeSid sid",
+                          kFreeAttributes.Info("Before calling LocalFree"), "LocalFree acl",
+                          kFreeAttributes.Info("Before calling LocalFree"), "LocalFree sd",
+                          "FreeLibrary 1", kFreeAttributes.Info("Exit")));
 }
 
 TEST_F(FreeSecurityAttributeSteps, FreeNothingForANullRecord) {
   PSID const sid = &attributes;
   EXPECT_EQ(FreeSecurityAttributeForEveryone(nullptr, sid, nullptr, nullptr), FALSE);
   EXPECT_THAT(journal.Calls(), IsEmpty());
-  EXPECT_THAT(recorder.Lines(), ElementsAre(Line(2, kFree, kSource, "Entry"),
-                                            Line(1, kFree, kSource, "NULL Parameters Received")));
+  EXPECT_THAT(journal.Traces(), ElementsAre(kFreeAttributes.Info("Entry"),
+                                            kFreeAttributes.Error("NULL Parameters Received")));
 }
 
 TEST_F(FreeSecurityAttributeSteps, WithAllThreePointersNullStillUnloadTheLibraryAndReturnTrue) {
   ASSERT_EQ(attributes.Create(), TRUE);
   const Attributes made = attributes;
-  const TraceRecorder fromHere;
+  journal.Clear();
   journal.Clear();
   attributes.sid = nullptr;
   attributes.acl = nullptr;
   attributes.sd = nullptr;
   EXPECT_EQ(attributes.Free(), TRUE);
   EXPECT_THAT(journal.Calls(), ElementsAre("FreeLibrary 1"));
-  EXPECT_THAT(fromHere.Lines(),
-              ElementsAre(Line(2, kFree, kSource, "Entry"), Line(2, kFree, kSource, "Exit")));
+  EXPECT_THAT(journal.Traces(),
+              ElementsAre(kFreeAttributes.Info("Entry"), kFreeAttributes.Info("Exit")));
   attributes = made;
   attributes.Free();
 }

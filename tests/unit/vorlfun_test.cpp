@@ -9,6 +9,7 @@
 #include "support/windows_api.h"
 #include "tests/support/fake_service_manager.h"
 #include "tests/support/journal.h"
+#include "tests/unit/operations.h"
 
 using ::testing::ElementsAre;
 using ::testing::ElementsAreArray;
@@ -16,16 +17,6 @@ using ::testing::TestWithParam;
 using ::testing::Values;
 
 namespace {
-
-constexpr char kSource[] = "service/vorlfun.cpp";
-
-std::string StartLine(int level, const std::string& text) {
-  return Traced(level, "StartServiceByName", kSource, text);
-}
-
-std::string RecoveryLine(const std::string& text) {
-  return Traced(2, "ConfigureServiceRecoveryOptionsW", kSource, text);
-}
 
 // ---- StartServiceByName ----
 
@@ -51,26 +42,26 @@ TEST_F(StartServiceByNameTest, SucceedsWhenTheServiceRuns) {
   EXPECT_TRUE(StartServiceByName("Sample"));
   EXPECT_THAT(
       m_journal.Entries(),
-      ElementsAre(StartLine(2, "Entry"), "OpenSCManagerA(null, null, 0xF003F) = manager1",
+      ElementsAre(kStartByName.Info("Entry"), "OpenSCManagerA(null, null, 0xF003F) = manager1",
                   "OpenServiceA(manager1, \"Sample\", 0x14) = service1",
                   "StartServiceA(service1, 0, null)", "QueryServiceStatus(service1) = state 4",
                   "CloseServiceHandle(service1)", "CloseServiceHandle(manager1)",
-                  StartLine(2, "Service Started Successfully"), StartLine(2, "Exit")));
+                  kStartByName.Info("Service Started Successfully"), kStartByName.Info("Exit")));
 }
 
 TEST_F(StartServiceByNameTest, RefusesANullName) {
   EXPECT_FALSE(StartServiceByName(nullptr));
-  EXPECT_THAT(m_journal.Entries(),
-              ElementsAre(StartLine(2, "Entry"), StartLine(1, "NULL Parameter received")));
+  EXPECT_THAT(m_journal.Entries(), ElementsAre(kStartByName.Info("Entry"),
+                                               kStartByName.Error("NULL Parameter received")));
 }
 
 TEST_F(StartServiceByNameTest, FailsWithoutTheServiceControlManager) {
   m_manager.Fail("OpenSCManagerA", ERROR_ACCESS_DENIED);
   EXPECT_FALSE(StartServiceByName("Sample"));
   EXPECT_EQ(GetLastError(), DWORD{ERROR_ACCESS_DENIED});
-  EXPECT_THAT(m_journal.Entries(),
-              ElementsAre(StartLine(2, "Entry"), "OpenSCManagerA(null, null, 0xF003F) = error 5",
-                          StartLine(1, "OpenSCManager Failed (5)")));
+  EXPECT_THAT(m_journal.Entries(), ElementsAre(kStartByName.Info("Entry"),
+                                               "OpenSCManagerA(null, null, 0xF003F) = error 5",
+                                               kStartByName.Error("OpenSCManager Failed (5)")));
 }
 
 TEST_F(StartServiceByNameTest, FailsWhenTheServiceCannotBeOpened) {
@@ -79,21 +70,22 @@ TEST_F(StartServiceByNameTest, FailsWhenTheServiceCannotBeOpened) {
   EXPECT_EQ(GetLastError(), DWORD{ERROR_SERVICE_DOES_NOT_EXIST});
   EXPECT_THAT(
       m_journal.Entries(),
-      ElementsAre(StartLine(2, "Entry"), "OpenSCManagerA(null, null, 0xF003F) = manager1",
+      ElementsAre(kStartByName.Info("Entry"), "OpenSCManagerA(null, null, 0xF003F) = manager1",
                   "OpenServiceA(manager1, \"Sample\", 0x14) = error 1060",
-                  StartLine(1, "OpenService Failed (1060)"), "CloseServiceHandle(manager1)"));
+                  kStartByName.Error("OpenService Failed (1060)"), "CloseServiceHandle(manager1)"));
 }
 
 TEST_F(StartServiceByNameTest, FailsWhenTheServiceRunsAlready) {
   m_manager.Fail("StartServiceA", ERROR_SERVICE_ALREADY_RUNNING);
   EXPECT_FALSE(StartServiceByName("Sample"));
   EXPECT_EQ(GetLastError(), DWORD{ERROR_SERVICE_ALREADY_RUNNING});
-  EXPECT_THAT(m_journal.Entries(),
-              ElementsAre(StartLine(2, "Entry"), "OpenSCManagerA(null, null, 0xF003F) = manager1",
-                          "OpenServiceA(manager1, \"Sample\", 0x14) = service1",
-                          "StartServiceA(service1, 0, null) = error 1056",
-                          StartLine(1, "StartService Failed (1056)"),
-                          "CloseServiceHandle(service1)", "CloseServiceHandle(manager1)"));
+  EXPECT_THAT(
+      m_journal.Entries(),
+      ElementsAre(kStartByName.Info("Entry"), "OpenSCManagerA(null, null, 0xF003F) = manager1",
+                  "OpenServiceA(manager1, \"Sample\", 0x14) = service1",
+                  "StartServiceA(service1, 0, null) = error 1056",
+                  kStartByName.Error("StartService Failed (1056)"), "CloseServiceHandle(service1)",
+                  "CloseServiceHandle(manager1)"));
 }
 
 TEST_F(StartServiceByNameTest, FailsWhenTheFirstStatusCannotBeRead) {
@@ -102,11 +94,11 @@ TEST_F(StartServiceByNameTest, FailsWhenTheFirstStatusCannotBeRead) {
   EXPECT_EQ(GetLastError(), DWORD{ERROR_ACCESS_DENIED});
   EXPECT_THAT(
       m_journal.Entries(),
-      ElementsAre(StartLine(2, "Entry"), "OpenSCManagerA(null, null, 0xF003F) = manager1",
+      ElementsAre(kStartByName.Info("Entry"), "OpenSCManagerA(null, null, 0xF003F) = manager1",
                   "OpenServiceA(manager1, \"Sample\", 0x14) = service1",
                   "StartServiceA(service1, 0, null)", "QueryServiceStatus(service1) = error 5",
-                  StartLine(1, "QueryServiceStatus Failed (5)"), "CloseServiceHandle(service1)",
-                  "CloseServiceHandle(manager1)"));
+                  kStartByName.Error("QueryServiceStatus Failed (5)"),
+                  "CloseServiceHandle(service1)", "CloseServiceHandle(manager1)"));
 }
 
 TEST_F(StartServiceByNameTest, FailsWithoutALineWhenTheServiceStoppedAtOnce) {
@@ -114,13 +106,13 @@ TEST_F(StartServiceByNameTest, FailsWithoutALineWhenTheServiceStoppedAtOnce) {
   EXPECT_FALSE(StartServiceByName("Sample"));
   EXPECT_THAT(m_journal.Calls(),
               ElementsAreArray(StartAndThen({"QueryServiceStatus(service1) = state 1"})));
-  EXPECT_THAT(m_journal.Traces(), ElementsAre(StartLine(2, "Entry")));
+  EXPECT_THAT(m_journal.Traces(), ElementsAre(kStartByName.Info("Entry")));
 }
 
 TEST_F(StartServiceByNameTest, FailsWithoutALineWhenTheServiceStopsWhileItStarts) {
   m_manager.AnswerStatus({{SERVICE_START_PENDING, 1, 5000}, {SERVICE_STOPPED}});
   EXPECT_FALSE(StartServiceByName("Sample"));
-  EXPECT_THAT(m_journal.Traces(), ElementsAre(StartLine(2, "Entry")));
+  EXPECT_THAT(m_journal.Traces(), ElementsAre(kStartByName.Info("Entry")));
 }
 
 TEST_F(StartServiceByNameTest, LeavesTheLoopWithoutALineWhenAQueryFails) {
@@ -131,7 +123,7 @@ TEST_F(StartServiceByNameTest, LeavesTheLoopWithoutALineWhenAQueryFails) {
       m_journal.Calls(),
       ElementsAreArray(StartAndThen({"QueryServiceStatus(service1) = state 2", "Sleep(1000)",
                                      "QueryServiceStatus(service1) = error 5"})));
-  EXPECT_THAT(m_journal.Traces(), ElementsAre(StartLine(2, "Entry")));
+  EXPECT_THAT(m_journal.Traces(), ElementsAre(kStartByName.Info("Entry")));
 }
 
 struct WaitHintCase {
@@ -191,7 +183,7 @@ TEST_F(StartServiceByNameTest, GivesUpWhenTheCheckPointNeverGrows) {
                                      "QueryServiceStatus(service1) = state 2", "Sleep(1000)",
                                      "QueryServiceStatus(service1) = state 2", "Sleep(1000)",
                                      "QueryServiceStatus(service1) = state 2"})));
-  EXPECT_THAT(m_journal.Traces(), ElementsAre(StartLine(2, "Entry")));
+  EXPECT_THAT(m_journal.Traces(), ElementsAre(kStartByName.Info("Entry")));
 }
 
 TEST_F(StartServiceByNameTest, GoesOnWaitingWhileTheCheckPointGrows) {
@@ -276,28 +268,25 @@ class StopService : public TestWithParam<StopCase> {
  protected:
   BOOL Stop(const char* serviceName) const { return GetParam().stop(serviceName); }
 
-  std::string Line(int level, const std::string& text) const {
-    return Traced(level, GetParam().name, kSource, text);
-  }
   std::string ControlCall(const std::string& result = "") const {
     return std::string("ControlService(service1, ") + GetParam().control + ")" + result;
   }
 
   // Everything up to the first status that was read.
   std::vector<std::string> UpToFirstStatus(int state) const {
-    return {Line(2, "Entry"),
-            Line(2, "before calling OpenSCManager"),
+    return {m_trace.Info("Entry"),
+            m_trace.Info("before calling OpenSCManager"),
             "OpenSCManagerA(null, null, 0xF003F) = manager1",
-            Line(2, "After calling OpenSCManager"),
-            Line(2, "before calling OpenService"),
+            m_trace.Info("After calling OpenSCManager"),
+            m_trace.Info("before calling OpenService"),
             "OpenServiceA(manager1, \"Sample\", 0xF01FF) = service1",
-            Line(2, "After calling OpenService"),
-            Line(2, "Before calling ControlService To stop"),
+            m_trace.Info("After calling OpenService"),
+            m_trace.Info("Before calling ControlService To stop"),
             ControlCall(),
-            Line(2, "After calling ControlService To stop"),
-            Line(2, "Before calling QueryServiceStatus"),
+            m_trace.Info("After calling ControlService To stop"),
+            m_trace.Info("Before calling QueryServiceStatus"),
             "QueryServiceStatus(service1) = state " + std::to_string(state),
-            Line(2, "After calling QueryServiceStatus")};
+            m_trace.Info("After calling QueryServiceStatus")};
   }
   std::vector<std::string> UpToFirstStatus(int state, const std::vector<std::string>& rest) const {
     std::vector<std::string> all = UpToFirstStatus(state);
@@ -307,6 +296,7 @@ class StopService : public TestWithParam<StopCase> {
 
   Journal m_journal;
   FakeServiceManager m_manager{m_journal};
+  const ExpectedTrace m_trace{GetParam().name, kControlSource};
 };
 
 INSTANTIATE_TEST_SUITE_P(, StopService,
@@ -318,10 +308,10 @@ TEST_P(StopService, SucceedsWhenTheServiceStopsAtOnce) {
   m_manager.AnswerStatus({{SERVICE_STOPPED}});
   EXPECT_TRUE(Stop("Sample"));
   EXPECT_THAT(m_journal.Entries(),
-              ElementsAreArray(
-                  UpToFirstStatus(1, {Line(2, "Value is : 1 "), "CloseServiceHandle(service1)",
-                                      "CloseServiceHandle(manager1)",
-                                      Line(2, "Service stoped successfully"), Line(2, "Exit")})));
+              ElementsAreArray(UpToFirstStatus(
+                  1, {m_trace.Info("Value is : 1 "), "CloseServiceHandle(service1)",
+                      "CloseServiceHandle(manager1)", m_trace.Info("Service stoped successfully"),
+                      m_trace.Info("Exit")})));
 }
 
 TEST_P(StopService, WaitsWhileStopIsPending) {
@@ -330,9 +320,9 @@ TEST_P(StopService, WaitsWhileStopIsPending) {
   EXPECT_THAT(m_journal.Entries(),
               ElementsAreArray(UpToFirstStatus(
                   3, {"Sleep(50)", "QueryServiceStatus(service1) = state 3", "Sleep(50)",
-                      "QueryServiceStatus(service1) = state 1", Line(2, "Value is : 1 "),
+                      "QueryServiceStatus(service1) = state 1", m_trace.Info("Value is : 1 "),
                       "CloseServiceHandle(service1)", "CloseServiceHandle(manager1)",
-                      Line(2, "Service stoped successfully"), Line(2, "Exit")})));
+                      m_trace.Info("Service stoped successfully"), m_trace.Info("Exit")})));
 }
 
 TEST_P(StopService, HasNoTimeLimit) {
@@ -348,14 +338,14 @@ TEST_P(StopService, FailsWhenTheServiceGoesOnRunning) {
   EXPECT_THAT(m_journal.Entries(),
               ElementsAreArray(UpToFirstStatus(
                   3, {"Sleep(50)", "QueryServiceStatus(service1) = state 4",
-                      Line(2, "Value is : 4 "), "CloseServiceHandle(service1)",
-                      "CloseServiceHandle(manager1)", Line(2, "Unable to stop service")})));
+                      m_trace.Info("Value is : 4 "), "CloseServiceHandle(service1)",
+                      "CloseServiceHandle(manager1)", m_trace.Info("Unable to stop service")})));
 }
 
 TEST_P(StopService, RefusesANullName) {
   EXPECT_FALSE(Stop(nullptr));
   EXPECT_THAT(m_journal.Entries(),
-              ElementsAre(Line(2, "Entry"), Line(1, "NULL Parameter Received")));
+              ElementsAre(m_trace.Info("Entry"), m_trace.Error("NULL Parameter Received")));
 }
 
 TEST_P(StopService, FailsWithoutTheServiceControlManager) {
@@ -363,9 +353,9 @@ TEST_P(StopService, FailsWithoutTheServiceControlManager) {
   EXPECT_FALSE(Stop("Sample"));
   EXPECT_EQ(GetLastError(), DWORD{ERROR_ACCESS_DENIED});
   EXPECT_THAT(m_journal.Entries(),
-              ElementsAre(Line(2, "Entry"), Line(2, "before calling OpenSCManager"),
+              ElementsAre(m_trace.Info("Entry"), m_trace.Info("before calling OpenSCManager"),
                           "OpenSCManagerA(null, null, 0xF003F) = error 5",
-                          Line(1, "OpenSCManager Failed (5)")));
+                          m_trace.Error("OpenSCManager Failed (5)")));
 }
 
 TEST_P(StopService, FailsWhenTheServiceCannotBeOpened) {
@@ -374,11 +364,12 @@ TEST_P(StopService, FailsWhenTheServiceCannotBeOpened) {
   EXPECT_EQ(GetLastError(), DWORD{ERROR_SERVICE_DOES_NOT_EXIST});
   EXPECT_THAT(
       m_journal.Entries(),
-      ElementsAre(Line(2, "Entry"), Line(2, "before calling OpenSCManager"),
+      ElementsAre(m_trace.Info("Entry"), m_trace.Info("before calling OpenSCManager"),
                   "OpenSCManagerA(null, null, 0xF003F) = manager1",
-                  Line(2, "After calling OpenSCManager"), Line(2, "before calling OpenService"),
+                  m_trace.Info("After calling OpenSCManager"),
+                  m_trace.Info("before calling OpenService"),
                   "OpenServiceA(manager1, \"Sample\", 0xF01FF) = error 1060",
-                  Line(1, "OpenService Failed (1060)"), "CloseServiceHandle(manager1)"));
+                  m_trace.Error("OpenService Failed (1060)"), "CloseServiceHandle(manager1)"));
 }
 
 TEST_P(StopService, FailsInControlServiceWhenTheServiceIsStoppedAlready) {
@@ -387,32 +378,34 @@ TEST_P(StopService, FailsInControlServiceWhenTheServiceIsStoppedAlready) {
   EXPECT_EQ(GetLastError(), DWORD{ERROR_SERVICE_NOT_ACTIVE});
   EXPECT_THAT(
       m_journal.Entries(),
-      ElementsAre(Line(2, "Entry"), Line(2, "before calling OpenSCManager"),
+      ElementsAre(m_trace.Info("Entry"), m_trace.Info("before calling OpenSCManager"),
                   "OpenSCManagerA(null, null, 0xF003F) = manager1",
-                  Line(2, "After calling OpenSCManager"), Line(2, "before calling OpenService"),
+                  m_trace.Info("After calling OpenSCManager"),
+                  m_trace.Info("before calling OpenService"),
                   "OpenServiceA(manager1, \"Sample\", 0xF01FF) = service1",
-                  Line(2, "After calling OpenService"),
-                  Line(2, "Before calling ControlService To stop"), ControlCall(" = error 1062"),
-                  Line(1, "ControlService Failed (1062)"), "CloseServiceHandle(service1)",
-                  "CloseServiceHandle(manager1)"));
+                  m_trace.Info("After calling OpenService"),
+                  m_trace.Info("Before calling ControlService To stop"),
+                  ControlCall(" = error 1062"), m_trace.Error("ControlService Failed (1062)"),
+                  "CloseServiceHandle(service1)", "CloseServiceHandle(manager1)"));
 }
 
 TEST_P(StopService, FailsWhenTheFirstStatusCannotBeRead) {
   m_manager.AnswerStatus({{0, 0, 0, ERROR_ACCESS_DENIED}});
   EXPECT_FALSE(Stop("Sample"));
   EXPECT_EQ(GetLastError(), DWORD{ERROR_ACCESS_DENIED});
-  EXPECT_THAT(
-      m_journal.Entries(),
-      ElementsAre(
-          Line(2, "Entry"), Line(2, "before calling OpenSCManager"),
-          "OpenSCManagerA(null, null, 0xF003F) = manager1", Line(2, "After calling OpenSCManager"),
-          Line(2, "before calling OpenService"),
-          "OpenServiceA(manager1, \"Sample\", 0xF01FF) = service1",
-          Line(2, "After calling OpenService"), Line(2, "Before calling ControlService To stop"),
-          ControlCall(), Line(2, "After calling ControlService To stop"),
-          Line(2, "Before calling QueryServiceStatus"), "QueryServiceStatus(service1) = error 5",
-          Line(1, "QueryServiceStatus Failed (5)"), "CloseServiceHandle(service1)",
-          "CloseServiceHandle(manager1)"));
+  EXPECT_THAT(m_journal.Entries(),
+              ElementsAre(m_trace.Info("Entry"), m_trace.Info("before calling OpenSCManager"),
+                          "OpenSCManagerA(null, null, 0xF003F) = manager1",
+                          m_trace.Info("After calling OpenSCManager"),
+                          m_trace.Info("before calling OpenService"),
+                          "OpenServiceA(manager1, \"Sample\", 0xF01FF) = service1",
+                          m_trace.Info("After calling OpenService"),
+                          m_trace.Info("Before calling ControlService To stop"), ControlCall(),
+                          m_trace.Info("After calling ControlService To stop"),
+                          m_trace.Info("Before calling QueryServiceStatus"),
+                          "QueryServiceStatus(service1) = error 5",
+                          m_trace.Error("QueryServiceStatus Failed (5)"),
+                          "CloseServiceHandle(service1)", "CloseServiceHandle(manager1)"));
 }
 
 TEST_P(StopService, LeavesTheLoopWhenAQueryFails) {
@@ -422,9 +415,9 @@ TEST_P(StopService, LeavesTheLoopWhenAQueryFails) {
   EXPECT_THAT(m_journal.Entries(),
               ElementsAreArray(UpToFirstStatus(
                   3, {"Sleep(50)", "QueryServiceStatus(service1) = error 6",
-                      Line(1, "QueryServiceStatus 1 Failed (6)"), Line(2, "Value is : 3 "),
-                      "CloseServiceHandle(service1)", "CloseServiceHandle(manager1)",
-                      Line(2, "Unable to stop service")})));
+                      m_trace.Error("QueryServiceStatus 1 Failed (6)"),
+                      m_trace.Info("Value is : 3 "), "CloseServiceHandle(service1)",
+                      "CloseServiceHandle(manager1)", m_trace.Info("Unable to stop service")})));
 }
 
 // ---- ConfigureServiceRecoveryOptionsW ----
@@ -453,10 +446,10 @@ TEST_F(RecoveryOptions, CommandIsTheCommandPathOneBlankAndReset) {
                                                SC_ACTION_NONE));
   EXPECT_THAT(
       m_journal.Entries(),
-      ElementsAre(RecoveryLine("Entry"),
+      ElementsAre(kRecovery.Info("Entry"),
                   "ChangeServiceConfig2W(service1, 2, reset 3600, reboot message null, command "
                   "\"\"C:\\my agent\\vorlsrvc.exe\" -reset\", actions (3, 0) (3, 0) (0, 0))",
-                  RecoveryLine("Exit")));
+                  kRecovery.Info("Exit")));
 }
 
 TEST_F(RecoveryOptions, HaveNoCommandWhenNoActionRunsOne) {
@@ -479,14 +472,14 @@ TEST_F(RecoveryOptions, RefuseANullServiceHandle) {
   EXPECT_FALSE(ConfigureServiceRecoveryOptionsW(nullptr, L"C:\\vorlsrvc.exe", SC_ACTION_RUN_COMMAND,
                                                 SC_ACTION_RUN_COMMAND, SC_ACTION_NONE));
   EXPECT_THAT(m_journal.Entries(),
-              ElementsAre(RecoveryLine("Entry"), RecoveryLine("Invalid Service handle.")));
+              ElementsAre(kRecovery.Info("Entry"), kRecovery.Info("Invalid Service handle.")));
 }
 
 TEST_F(RecoveryOptions, RefuseANullCommandPath) {
   EXPECT_FALSE(ConfigureServiceRecoveryOptionsW(m_service, nullptr, SC_ACTION_NONE, SC_ACTION_NONE,
                                                 SC_ACTION_NONE));
   EXPECT_THAT(m_journal.Entries(),
-              ElementsAre(RecoveryLine("Entry"), RecoveryLine("Invalid Service handle.")));
+              ElementsAre(kRecovery.Info("Entry"), kRecovery.Info("Invalid Service handle.")));
 }
 
 // 259 characters and the terminating null fill the buffer: 252 of the path and " -reset".
@@ -505,7 +498,7 @@ TEST_F(RecoveryOptions, LogAnInvalidServiceHandleWhenTheCommandDoesNotFit) {
   EXPECT_FALSE(ConfigureServiceRecoveryOptionsW(m_service, path.c_str(), SC_ACTION_RUN_COMMAND,
                                                 SC_ACTION_NONE, SC_ACTION_NONE));
   EXPECT_THAT(m_journal.Entries(),
-              ElementsAre(RecoveryLine("Entry"), RecoveryLine("Invalid Service handle.")));
+              ElementsAre(kRecovery.Info("Entry"), kRecovery.Info("Invalid Service handle.")));
 }
 
 TEST_F(RecoveryOptions, DoNotLookAtThePathsLengthWhenNoActionRunsACommand) {
@@ -520,11 +513,11 @@ TEST_F(RecoveryOptions, LogAnInvalidServiceHandleWhenTheConfigurationFails) {
                                                 SC_ACTION_RUN_COMMAND, SC_ACTION_RUN_COMMAND,
                                                 SC_ACTION_NONE));
   EXPECT_THAT(m_journal.Entries(),
-              ElementsAre(RecoveryLine("Entry"),
+              ElementsAre(kRecovery.Info("Entry"),
                           "ChangeServiceConfig2W(service1, 2, reset 3600, reboot message null, "
                           "command \"C:\\vorlsrvc.exe -reset\", actions (3, 0) (3, 0) (0, 0)) = "
                           "error 5",
-                          RecoveryLine("Invalid Service handle.")));
+                          kRecovery.Info("Invalid Service handle.")));
 }
 
 }  // namespace

@@ -12,23 +12,11 @@
 #include "tests/support/journal.h"
 #include "tests/support/library_calls.h"
 #include "tests/support/text.h"
-#include "tests/support/trace_recorder.h"
+#include "tests/unit/operations.h"
 
 using ::testing::ElementsAre;
 
 namespace {
-
-constexpr char kSource[] = "agent/vorlsvc.cpp";
-constexpr char kLoad[] = "LoadVorlcoreDll";
-constexpr char kPatch[] = "DoPendingPatchTasks";
-
-// Their trace lines in the journal.
-std::string Loaded(int level, const std::string& text) {
-  return Traced(level, kLoad, kSource, text);
-}
-std::string Patched(int level, const std::string& text) {
-  return Traced(level, kPatch, kSource, text);
-}
 
 constexpr char kGetRoot[] = "GetClientAgentRootDir";
 constexpr char kAskForUpdate[] = "_waccess vorlupd.dll 0";
@@ -85,13 +73,12 @@ class ModuleLoading : public ::testing::Test {
 
   // The lines that name the path of a module.
   std::string CorePath() const {
-    return Loaded(8, PathText(L"vorlcore.dll")) + " [as format wszFilePath: %s]";
+    return kLoadCore.VerboseDirect(L"wszFilePath: %s", PathText(L"vorlcore.dll"));
   }
   std::string UpdatePath() const {
-    return Patched(2, PathText(L"vorlupd.dll")) + " [as format wszFilePath: %s]";
+    return kPatch.InfoDirect(L"wszFilePath: %s", PathText(L"vorlupd.dll"));
   }
 
-  const TraceRecorder recorder;
   Journal journal;
   std::optional<LibraryCalls> libraries;
   std::wstring root;
@@ -131,12 +118,9 @@ TEST_F(LoadVorlcoreDllTest, LoadsTheCoreModuleOfTheRootFolder) {
   wchar_t path[MAX_PATH];
   GetModuleFileNameW(module, path, MAX_PATH);
   EXPECT_EQ(_wcsicmp(path, (root + L"\\vorlcore.dll").c_str()), 0);
-  EXPECT_THAT(recorder.Lines(),
-              ElementsAre(Line(2, kLoad, kSource, "Entry."),
-                          WideLine(8, kLoad, kSource, "wszFilePath: %s", PathText(L"vorlcore.dll")),
-                          Line(2, kLoad, kSource, "Exit.")));
-  EXPECT_THAT(journal.Entries(), ElementsAre(Loaded(2, "Entry."), kGetRoot, CorePath(),
-                                             "LoadLibraryExW vorlcore.dll", Loaded(2, "Exit.")));
+  EXPECT_THAT(journal.Entries(),
+              ElementsAre(kLoadCore.Info("Entry."), kGetRoot, CorePath(),
+                          "LoadLibraryExW vorlcore.dll", kLoadCore.Info("Exit.")));
   FreeLibrary(module);
 }
 
@@ -154,8 +138,8 @@ TEST_F(LoadVorlcoreDllTest, SearchesTheModulesOwnFolderForItsDependencies) {
 TEST_F(LoadVorlcoreDllTest, FailsWithoutARootFolder) {
   FakeMisc()->rootDirResult = 0;
   EXPECT_EQ(LoadVorlcoreDll(), nullptr);
-  EXPECT_THAT(journal.Entries(), ElementsAre(Loaded(2, "Entry."), kGetRoot,
-                                             Loaded(1, "GetClientAgentRootDir Fail...")));
+  EXPECT_THAT(journal.Entries(), ElementsAre(kLoadCore.Info("Entry."), kGetRoot,
+                                             kLoadCore.Error("GetClientAgentRootDir Fail...")));
 }
 
 TEST_F(LoadVorlcoreDllTest, OnlyTheLowByteOfTheFoldersResultCounts) {
@@ -169,30 +153,22 @@ TEST_F(LoadVorlcoreDllTest, OnlyTheLowByteOfTheFoldersResultCounts) {
 TEST_F(LoadVorlcoreDllTest, FailsWhenTheModuleIsMissing) {
   UseRoot(L"without_update");
   EXPECT_EQ(LoadVorlcoreDll(), nullptr);
-  EXPECT_THAT(recorder.Lines(),
-              ElementsAre(Line(2, kLoad, kSource, "Entry."),
-                          WideLine(8, kLoad, kSource, "wszFilePath: %s", PathText(L"vorlcore.dll")),
-                          DirectLine(1, kLoad, kSource, "Load Library Fail... with error (%lu)",
-                                     "Load Library Fail... with error (126)")));
-  EXPECT_THAT(journal.Entries(),
-              ElementsAre(Loaded(2, "Entry."), kGetRoot, CorePath(), "LoadLibraryExW vorlcore.dll",
-                          Loaded(1, "Load Library Fail... with error (126)") +
-                              " [as format Load Library Fail... with error (%lu)]"));
+  EXPECT_THAT(
+      journal.Entries(),
+      ElementsAre(kLoadCore.Info("Entry."), kGetRoot, CorePath(), "LoadLibraryExW vorlcore.dll",
+                  kLoadCore.ErrorDirect("Load Library Fail... with error (%lu)",
+                                        "Load Library Fail... with error (126)")));
 }
 
 TEST_F(LoadVorlcoreDllTest, FailsWhenTheFileIsNoModule) {
   UseTemporaryRoot(L"no module ");
   WriteTextFile(root + L"\\vorlcore.dll");
   EXPECT_EQ(LoadVorlcoreDll(), nullptr);
-  EXPECT_THAT(recorder.Lines(),
-              ElementsAre(Line(2, kLoad, kSource, "Entry."),
-                          WideLine(8, kLoad, kSource, "wszFilePath: %s", PathText(L"vorlcore.dll")),
-                          DirectLine(1, kLoad, kSource, "Load Library Fail... with error (%lu)",
-                                     "Load Library Fail... with error (193)")));
-  EXPECT_THAT(journal.Entries(),
-              ElementsAre(Loaded(2, "Entry."), kGetRoot, CorePath(), "LoadLibraryExW vorlcore.dll",
-                          Loaded(1, "Load Library Fail... with error (193)") +
-                              " [as format Load Library Fail... with error (%lu)]"));
+  EXPECT_THAT(
+      journal.Entries(),
+      ElementsAre(kLoadCore.Info("Entry."), kGetRoot, CorePath(), "LoadLibraryExW vorlcore.dll",
+                  kLoadCore.ErrorDirect("Load Library Fail... with error (%lu)",
+                                        "Load Library Fail... with error (193)")));
 }
 
 TEST_F(LoadVorlcoreDllTest, AFolderMayHaveAnyCharactersInItsName) {
@@ -201,10 +177,10 @@ TEST_F(LoadVorlcoreDllTest, AFolderMayHaveAnyCharactersInItsName) {
   ASSERT_TRUE(CopyFileW(core.c_str(), (root + L"\\vorlcore.dll").c_str(), FALSE));
   const HMODULE module = LoadVorlcoreDll();
   EXPECT_NE(module, nullptr);
-  EXPECT_THAT(recorder.Lines(),
-              ElementsAre(Line(2, kLoad, kSource, "Entry."),
-                          WideLine(8, kLoad, kSource, "wszFilePath: %s", PathText(L"vorlcore.dll")),
-                          Line(2, kLoad, kSource, "Exit.")));
+  EXPECT_THAT(journal.Traces(),
+              ElementsAre(kLoadCore.Info("Entry."),
+                          kLoadCore.VerboseDirect(L"wszFilePath: %s", PathText(L"vorlcore.dll")),
+                          kLoadCore.Info("Exit.")));
   FreeLibrary(module);
 }
 
@@ -259,14 +235,10 @@ TEST_F(DoPendingPatchTasksTest, CallsTheUpdateModuleAndUnloadsIt) {
   HeldUpdateModule update(root, journal);
   EXPECT_TRUE(DoPendingPatchTasks());
   EXPECT_EQ(update->calls, 1U);
-  EXPECT_THAT(recorder.Lines(),
-              ElementsAre(Line(2, kPatch, kSource, "Entry."),
-                          WideLine(2, kPatch, kSource, "wszFilePath: %s", PathText(L"vorlupd.dll")),
-                          Line(2, kPatch, kSource, "Exit.")));
   EXPECT_THAT(journal.Entries(),
-              ElementsAre(Patched(2, "Entry."), kGetRoot, UpdatePath(), kAskForUpdate,
+              ElementsAre(kPatch.Info("Entry."), kGetRoot, UpdatePath(), kAskForUpdate,
                           "LoadLibraryExW vorlupd.dll", "UpdateBeforeClientService",
-                          "FreeLibrary vorlupd.dll", Patched(2, "Exit.")));
+                          "FreeLibrary vorlupd.dll", kPatch.Info("Exit.")));
   EXPECT_TRUE(update.ReleaseLast());
 }
 
@@ -283,22 +255,17 @@ TEST_F(DoPendingPatchTasksTest, SearchesTheModulesOwnFolderForItsDependencies) {
 TEST_F(DoPendingPatchTasksTest, FailsWithoutARootFolder) {
   FakeMisc()->rootDirResult = 0;
   EXPECT_FALSE(DoPendingPatchTasks());
-  EXPECT_THAT(journal.Entries(),
-              ElementsAre(Patched(2, "Entry."), kGetRoot, Patched(1, "GetAdmnConRootDir Fail...")));
+  EXPECT_THAT(journal.Entries(), ElementsAre(kPatch.Info("Entry."), kGetRoot,
+                                             kPatch.Error("GetAdmnConRootDir Fail...")));
 }
 
 TEST_F(DoPendingPatchTasksTest, NoUpdateModuleInTheRootFolderIsAnErrorLineAndNothingIsLoaded) {
   UseRoot(L"core_only");
   EXPECT_FALSE(DoPendingPatchTasks());
-  EXPECT_THAT(recorder.Lines(),
-              ElementsAre(Line(2, kPatch, kSource, "Entry."),
-                          WideLine(2, kPatch, kSource, "wszFilePath: %s", PathText(L"vorlupd.dll")),
-                          WideLine(1, kPatch, kSource, "File not exist (%s)",
-                                   "File not exist (" + Utf8(root) + "\\vorlupd.dll)")));
   EXPECT_THAT(journal.Entries(),
-              ElementsAre(Patched(2, "Entry."), kGetRoot, UpdatePath(), kAskForUpdate,
-                          Patched(1, "File not exist (" + Utf8(root) + "\\vorlupd.dll)") +
-                              " [as format File not exist (%s)]"));
+              ElementsAre(kPatch.Info("Entry."), kGetRoot, UpdatePath(), kAskForUpdate,
+                          kPatch.ErrorDirect(L"File not exist (%s)",
+                                             "File not exist (" + Utf8(root) + "\\vorlupd.dll)")));
 }
 
 TEST_F(DoPendingPatchTasksTest, AsksOnlyWhetherTheFileExists) {
@@ -321,31 +288,21 @@ TEST_F(DoPendingPatchTasksTest, FailsWhenTheFileIsNoModule) {
   UseTemporaryRoot(L"no update module ");
   WriteTextFile(root + L"\\vorlupd.dll");
   EXPECT_FALSE(DoPendingPatchTasks());
-  EXPECT_THAT(recorder.Lines(),
-              ElementsAre(Line(2, kPatch, kSource, "Entry."),
-                          WideLine(2, kPatch, kSource, "wszFilePath: %s", PathText(L"vorlupd.dll")),
-                          DirectLine(1, kPatch, kSource, "Load Library Fail... with error (%lu)",
-                                     "Load Library Fail... with error (193)")));
   EXPECT_THAT(journal.Entries(),
-              ElementsAre(Patched(2, "Entry."), kGetRoot, UpdatePath(), kAskForUpdate,
+              ElementsAre(kPatch.Info("Entry."), kGetRoot, UpdatePath(), kAskForUpdate,
                           "LoadLibraryExW vorlupd.dll",
-                          Patched(1, "Load Library Fail... with error (193)") +
-                              " [as format Load Library Fail... with error (%lu)]"));
+                          kPatch.ErrorDirect("Load Library Fail... with error (%lu)",
+                                             "Load Library Fail... with error (193)")));
 }
 
 TEST_F(DoPendingPatchTasksTest, AnUpdateModuleWithoutTheExportIsLoadedAndUnloadedAgain) {
   UseRoot(L"without_update");
   EXPECT_FALSE(DoPendingPatchTasks());
-  EXPECT_THAT(recorder.Lines(),
-              ElementsAre(Line(2, kPatch, kSource, "Entry."),
-                          WideLine(2, kPatch, kSource, "wszFilePath: %s", PathText(L"vorlupd.dll")),
-                          DirectLine(1, kPatch, kSource, "GetProcAddress Fail... with error (%lu)",
-                                     "GetProcAddress Fail... with error (127)")));
   EXPECT_THAT(journal.Entries(),
-              ElementsAre(Patched(2, "Entry."), kGetRoot, UpdatePath(), kAskForUpdate,
+              ElementsAre(kPatch.Info("Entry."), kGetRoot, UpdatePath(), kAskForUpdate,
                           "LoadLibraryExW vorlupd.dll",
-                          Patched(1, "GetProcAddress Fail... with error (127)") +
-                              " [as format GetProcAddress Fail... with error (%lu)]",
+                          kPatch.ErrorDirect("GetProcAddress Fail... with error (%lu)",
+                                             "GetProcAddress Fail... with error (127)"),
                           "FreeLibrary vorlupd.dll"));
   EXPECT_EQ(GetModuleHandleW((root + L"\\vorlupd.dll").c_str()), nullptr);
 }
@@ -358,15 +315,11 @@ TEST_P(UpdateResult, OfALowByteOfZeroIsAFailure) {
   update->result = GetParam();
   EXPECT_FALSE(DoPendingPatchTasks());
   EXPECT_EQ(update->calls, 1U);
-  EXPECT_THAT(recorder.Lines(),
-              ElementsAre(Line(2, kPatch, kSource, "Entry."),
-                          WideLine(2, kPatch, kSource, "wszFilePath: %s", PathText(L"vorlupd.dll")),
-                          Line(1, kPatch, kSource, "pfn_UpdateBeforeServerService Fail.")));
   EXPECT_THAT(
       journal.Entries(),
-      ElementsAre(Patched(2, "Entry."), kGetRoot, UpdatePath(), kAskForUpdate,
+      ElementsAre(kPatch.Info("Entry."), kGetRoot, UpdatePath(), kAskForUpdate,
                   "LoadLibraryExW vorlupd.dll", "UpdateBeforeClientService",
-                  Patched(1, "pfn_UpdateBeforeServerService Fail."), "FreeLibrary vorlupd.dll"));
+                  kPatch.Error("pfn_UpdateBeforeServerService Fail."), "FreeLibrary vorlupd.dll"));
   EXPECT_TRUE(update.ReleaseLast());
 }
 

@@ -12,28 +12,23 @@
 #include "tests/support/handle_calls.h"
 #include "tests/support/import_patch.h"
 #include "tests/support/journal.h"
-#include "tests/support/trace_recorder.h"
 #include "tests/unit/agent_service.h"
+#include "tests/unit/operations.h"
 
 using ::testing::ElementsAre;
 using ::testing::IsEmpty;
 
 namespace {
 
-constexpr char kSource[] = "agent/vorlsvc.cpp";
-
 TEST(CAcAsSvc, IsConstructedOnTopOfTheServiceBaseClass) {
-  const TraceRecorder recorder;
+  Journal journal;
   const CAcAsSvc service("Test Client Agent");
-  EXPECT_THAT(recorder.Lines(),
-              ElementsAre(Line(2, "CNTService::CNTService", "service/ntservc.cpp", "Entry"),
-                          Line(2, "CNTService::CNTService", "service/ntservc.cpp", "Exit"),
-                          Line(2, "CAcAsSvc::CAcAsSvc", kSource, "Entry"),
-                          Line(2, "CAcAsSvc::CAcAsSvc", kSource, "Exit")));
+  EXPECT_THAT(journal.Traces(),
+              ElementsAre(kBaseConstructor.Info("Entry"), kBaseConstructor.Info("Exit"),
+                          kConstructor.Info("Entry"), kConstructor.Info("Exit")));
 }
 
 TEST(CAcAsSvc, StartsWithItsNumbersSetAndNoCloseEvent) {
-  const TraceRecorder recorder;
   const TestService service;
   EXPECT_EQ(service.m_dwFlag1, 0U);
   EXPECT_EQ(service.m_dwFlag2, 1U);
@@ -43,19 +38,16 @@ TEST(CAcAsSvc, StartsWithItsNumbersSetAndNoCloseEvent) {
 }
 
 TEST(CAcAsSvc, IsDestroyedThroughItsBaseClass) {
-  const TraceRecorder recorder;
+  Journal journal;
   std::unique_ptr<CNTService> service = std::make_unique<CAcAsSvc>("Test Client Agent");
-  FakeTraceClear();
+  journal.Clear();
   service.reset();
-  EXPECT_THAT(recorder.Lines(),
-              ElementsAre(Line(2, "CAcAsSvc::~CAcAsSvc", kSource, "Entry"),
-                          Line(2, "CAcAsSvc::~CAcAsSvc", kSource, "Exit"),
-                          Line(2, "CNTService::~CNTService", "service/ntservc.cpp", "Entry"),
-                          Line(2, "CNTService::~CNTService", "service/ntservc.cpp", "Exit")));
+  EXPECT_THAT(journal.Traces(),
+              ElementsAre(kDestructor.Info("Entry"), kDestructor.Info("Exit"),
+                          kBaseDestructor.Info("Entry"), kBaseDestructor.Info("Exit")));
 }
 
 TEST(CAcAsSvc, ClosesNothingWhenTheWatcherNeverRan) {
-  const TraceRecorder recorder;
   Journal journal;
   const HandleCalls handles(journal);
   auto service = std::make_unique<TestService>();
@@ -68,11 +60,9 @@ class CAcAsSvcHooks : public ::testing::Test {
  protected:
   CAcAsSvcHooks() {
     FakeInfoReset();
-    FakeTraceClear();
     journal.Clear();
   }
 
-  const TraceRecorder recorder;
   Journal journal;
   HandleCalls handles{journal};
   std::unique_ptr<TestService> service = std::make_unique<TestService>();
@@ -82,12 +72,8 @@ using OnInit = CAcAsSvcHooks;
 
 TEST_F(OnInit, MakesTheAttributesForEveryoneAndEndsWithASecondEntry) {
   EXPECT_EQ(service->OnInit(), TRUE);
-  EXPECT_THAT(
-      recorder.Lines(),
-      ElementsAre(Line(2, "CAcAsSvc::OnInit", kSource, "Entry"),
-                  Line(2, "CreateSecurityAttributeForEveryone", "agent/secattrb.cpp", "Entry"),
-                  Line(2, "CreateSecurityAttributeForEveryone", "agent/secattrb.cpp", "Exit"),
-                  Line(2, "CAcAsSvc::OnInit", kSource, "Entry")));
+  EXPECT_THAT(journal.Traces(), ElementsAre(kOnInit.Info("Entry"), kMakeAttributes.Info("Entry"),
+                                            kMakeAttributes.Info("Exit"), kOnInit.Info("Entry")));
   EXPECT_EQ(service->m_SecurityAttributes.nLength, 24U);
   EXPECT_EQ(service->m_SecurityAttributes.lpSecurityDescriptor, service->m_pSecurityDescriptor);
   EXPECT_NE(service->m_pSecurityDescriptor, nullptr);
@@ -110,26 +96,13 @@ TEST_F(OnInit, FailsWithoutTheAttributesAndLeavesTheLastError) {
                                                              });
   EXPECT_EQ(service->OnInit(), FALSE);
   EXPECT_EQ(GetLastError(), 5U);
-  EXPECT_THAT(
-      recorder.Lines(),
-      ElementsAre(
-          Line(2, "CAcAsSvc::OnInit", kSource, "Entry"),
-          Line(2, "CreateSecurityAttributeForEveryone", "agent/secattrb.cpp", "Entry"),
-          Line(1, "CreateSecurityAttributeForEveryone", "agent/secattrb.cpp",
-               "LoadLibrary Failed For : advapi32.dll(5)"),
-          Line(1, "CAcAsSvc::OnInit", kSource, "CreateSecurityAttributeForEveryone Failed")));
+  EXPECT_THAT(journal.Traces(),
+              ElementsAre(kOnInit.Info("Entry"), kMakeAttributes.Info("Entry"),
+                          kMakeAttributes.Error("LoadLibrary Failed For : advapi32.dll(5)"),
+                          kOnInit.Error("CreateSecurityAttributeForEveryone Failed")));
 }
 
 using OnStop = CAcAsSvcHooks;
-
-TraceLine StopLine(int level, const std::string& text) {
-  return Line(level, "CAcAsSvc::OnStop", kSource, text);
-}
-
-// Such a line in the journal.
-std::string Stopped(int level, const std::string& text) {
-  return Traced(level, "CAcAsSvc::OnStop", kSource, text);
-}
 
 TEST_F(OnStop, SignalsTheCloseEvent) {
   const HANDLE event = OpenOrCreateEvent(kCloseEvent);
@@ -137,19 +110,19 @@ TEST_F(OnStop, SignalsTheCloseEvent) {
   service->OnStop();
   EXPECT_TRUE(IsSignalled(event));
   CloseHandle(event);
-  EXPECT_THAT(recorder.Lines(),
-              ElementsAre(StopLine(2, "Entry"), StopLine(2, "Before setting close Event"),
-                          StopLine(2, "After setting close Event"), StopLine(2, "Exit")));
+  EXPECT_THAT(journal.Traces(),
+              ElementsAre(kOnStop.Info("Entry"), kOnStop.Info("Before setting close Event"),
+                          kOnStop.Info("After setting close Event"), kOnStop.Info("Exit")));
 }
 
 TEST_F(OnStop, ClosesItsHandleBetweenSignalAndExit) {
   service->OnStop();
   EXPECT_THAT(
       journal.Entries(),
-      ElementsAre(Stopped(2, "Entry"), "CreateEventA " + kCloseEvent,
-                  "DuplicateHandle " + kCloseEvent, Stopped(2, "Before setting close Event"),
-                  "SetEvent " + kCloseEvent, Stopped(2, "After setting close Event"),
-                  "CloseHandle " + kCloseEvent, Stopped(2, "Exit")));
+      ElementsAre(kOnStop.Info("Entry"), "CreateEventA " + kCloseEvent,
+                  "DuplicateHandle " + kCloseEvent, kOnStop.Info("Before setting close Event"),
+                  "SetEvent " + kCloseEvent, kOnStop.Info("After setting close Event"),
+                  "CloseHandle " + kCloseEvent, kOnStop.Info("Exit")));
 }
 
 TEST_F(OnStop, CreatesTheEventManualAndNotSignalledWithTheAttributes) {
@@ -181,10 +154,8 @@ TEST_F(OnStop, KeepsTheSignalledEventAliveUntilTheServiceIsDestroyed) {
   service.reset();
   EXPECT_THAT(
       journal.Entries(),
-      ElementsAre(Traced(2, "CAcAsSvc::~CAcAsSvc", kSource, "Entry"), "CloseHandle " + kCloseEvent,
-                  Traced(2, "CAcAsSvc::~CAcAsSvc", kSource, "Exit"),
-                  Traced(2, "CNTService::~CNTService", "service/ntservc.cpp", "Entry"),
-                  Traced(2, "CNTService::~CNTService", "service/ntservc.cpp", "Exit")));
+      ElementsAre(kDestructor.Info("Entry"), "CloseHandle " + kCloseEvent, kDestructor.Info("Exit"),
+                  kBaseDestructor.Info("Entry"), kBaseDestructor.Info("Exit")));
   EXPECT_THAT(handles.Open(), IsEmpty());
   EXPECT_EQ(handles.FailedCloses(), 0U);
 }
@@ -201,10 +172,10 @@ TEST_F(OnStop, SignalsTheCloseEventAlsoWhenNoSecondHandleCanBeHad) {
   EXPECT_TRUE(IsSignalled(event));
   CloseHandle(event);
   EXPECT_THAT(journal.Entries(),
-              ElementsAre(Stopped(2, "Entry"), "CreateEventA " + kCloseEvent,
-                          Stopped(2, "Before setting close Event"), "SetEvent " + kCloseEvent,
-                          Stopped(2, "After setting close Event"), "CloseHandle " + kCloseEvent,
-                          Stopped(2, "Exit")));
+              ElementsAre(kOnStop.Info("Entry"), "CreateEventA " + kCloseEvent,
+                          kOnStop.Info("Before setting close Event"), "SetEvent " + kCloseEvent,
+                          kOnStop.Info("After setting close Event"), "CloseHandle " + kCloseEvent,
+                          kOnStop.Info("Exit")));
   EXPECT_THAT(handles.Open(), IsEmpty());
 }
 
@@ -215,9 +186,9 @@ TEST_F(OnStop, TakesALongNameWhole) {
   service->OnStop();
   ASSERT_EQ(handles.Creations().size(), 1U);
   EXPECT_EQ(handles.Creations()[0].name, prefix + "AcClientAgentSrvcCloseFromServicef");
-  EXPECT_THAT(
-      recorder.Lines(),
-      ElementsAre(StopLine(2, "Entry"), StopLine(1, "CreateEvent Failed for Close Event : 206")));
+  EXPECT_THAT(journal.Traces(),
+              ElementsAre(kOnStop.Info("Entry"),
+                          kOnStop.Error("CreateEvent Failed for Close Event : 206")));
 }
 
 TEST_F(OnStop, TwiceKeepsOneHandle) {
@@ -232,23 +203,25 @@ TEST_F(OnStop, TwiceKeepsOneHandle) {
 TEST_F(OnStop, EndsWhenTheEventHasNoName) {
   FakeInfo()->eventNameResult = 0;
   service->OnStop();
-  EXPECT_THAT(recorder.Lines(),
-              ElementsAre(StopLine(2, "Entry"), StopLine(1, "GetEventNameByVersion Failed")));
+  EXPECT_THAT(journal.Traces(),
+              ElementsAre(kOnStop.Info("Entry"), kOnStop.Error("GetEventNameByVersion Failed")));
   EXPECT_THAT(journal.Calls(), IsEmpty());
 }
 
 TEST_F(OnStop, EndsWhenTheEventCannotBeCreated) {
   handles.FailCreation(kCloseEvent, ERROR_ACCESS_DENIED);
   service->OnStop();
-  EXPECT_THAT(journal.Entries(), ElementsAre(Stopped(2, "Entry"), "CreateEventA " + kCloseEvent,
-                                             Stopped(1, "CreateEvent Failed for Close Event : 5")));
+  EXPECT_THAT(journal.Entries(),
+              ElementsAre(kOnStop.Info("Entry"), "CreateEventA " + kCloseEvent,
+                          kOnStop.Error("CreateEvent Failed for Close Event : 5")));
 }
 
 TEST_F(OnStop, EndsWhenAnotherKindOfObjectHasTheEventsName) {
   const HANDLE mutex = CreateMutexA(nullptr, FALSE, VersionedName(kCloseEvent).c_str());
   service->OnStop();
-  EXPECT_THAT(recorder.Lines(), ElementsAre(StopLine(2, "Entry"),
-                                            StopLine(1, "CreateEvent Failed for Close Event : 6")));
+  EXPECT_THAT(
+      journal.Traces(),
+      ElementsAre(kOnStop.Info("Entry"), kOnStop.Error("CreateEvent Failed for Close Event : 6")));
   CloseHandle(mutex);
 }
 
@@ -258,26 +231,24 @@ TEST(OnShutdown, CallsOnStopThroughTheVirtualTableAndNothingElse) {
     void OnStop() override { ++stops; }
     int stops = 0;
   };
-  const TraceRecorder recorder;
+  Journal journal;
   Overridden service;
-  FakeTraceClear();
+  journal.Clear();
   service.OnShutdown();
   EXPECT_EQ(service.stops, 1);
-  EXPECT_THAT(recorder.Lines(), IsEmpty());
+  EXPECT_THAT(journal.Traces(), IsEmpty());
 }
 
 TEST_F(OnStop, IsWhatAShutdownDoes) {
   service->OnShutdown();
-  EXPECT_THAT(recorder.Lines(),
-              ElementsAre(StopLine(2, "Entry"), StopLine(2, "Before setting close Event"),
-                          StopLine(2, "After setting close Event"), StopLine(2, "Exit")));
+  EXPECT_THAT(journal.Traces(),
+              ElementsAre(kOnStop.Info("Entry"), kOnStop.Info("Before setting close Event"),
+                          kOnStop.Info("After setting close Event"), kOnStop.Info("Exit")));
 }
 
 // The registry calls of SaveStatus: answered by the test, none reaches the real registry.
 class SaveStatusTest : public ::testing::Test {
  protected:
-  SaveStatusTest() { FakeTraceClear(); }
-
   struct CreateKeyCall {
     HKEY root;
     std::string path;
@@ -298,7 +269,6 @@ class SaveStatusTest : public ::testing::Test {
 
   static HKEY Key() { return reinterpret_cast<HKEY>(ULONG_PTR{0x4b00}); }
 
-  const TraceRecorder recorder;
   TestService service;
   LSTATUS createResult = ERROR_SUCCESS;
   LSTATUS setResult = ERROR_SUCCESS;
@@ -340,14 +310,6 @@ class SaveStatusTest : public ::testing::Test {
                                                      }};
 };
 
-TraceLine SaveLine(int level, const std::string& text) {
-  return Line(level, "CAcAsSvc::SaveStatus", kSource, text);
-}
-
-std::string Saved(int level, const std::string& text) {
-  return Traced(level, "CAcAsSvc::SaveStatus", kSource, text);
-}
-
 TEST_F(SaveStatusTest, WritesTheStatusUnderTheServicesKey) {
   service.m_dwCurrentStatus = 0x01020304;
   service.SaveStatus();
@@ -371,31 +333,30 @@ TEST_F(SaveStatusTest, WritesTheStatusUnderTheServicesKey) {
 
 TEST_F(SaveStatusTest, WritesEachLineAheadOfItsCall) {
   service.SaveStatus();
-  EXPECT_THAT(recorder.Lines(),
-              ElementsAre(SaveLine(2, "Entry"), SaveLine(2, "Before calling RegCreateKeyEx"),
-                          SaveLine(2, "Before aclling RegSetValueEx"), SaveLine(2, "Exit")));
-  EXPECT_THAT(journal.Entries(),
-              ElementsAre(Saved(2, "Entry"), Saved(2, "Before calling RegCreateKeyEx"),
-                          "RegCreateKeyExA", Saved(2, "Before aclling RegSetValueEx"),
-                          "RegSetValueExA", "RegCloseKey", Saved(2, "Exit")));
+  EXPECT_THAT(
+      journal.Entries(),
+      ElementsAre(kSaveStatus.Info("Entry"), kSaveStatus.Info("Before calling RegCreateKeyEx"),
+                  "RegCreateKeyExA", kSaveStatus.Info("Before aclling RegSetValueEx"),
+                  "RegSetValueExA", "RegCloseKey", kSaveStatus.Info("Exit")));
 }
 
 TEST_F(SaveStatusTest, ReportsTheLastErrorWhenTheKeyCannotBeCreated) {
   createResult = ERROR_ACCESS_DENIED;
   service.SaveStatus();
-  EXPECT_THAT(recorder.Lines(),
-              ElementsAre(SaveLine(2, "Entry"), SaveLine(2, "Before calling RegCreateKeyEx"),
-                          SaveLine(1, "RegCreateKeyEx Failed 1234")));
+  EXPECT_THAT(journal.Traces(), ElementsAre(kSaveStatus.Info("Entry"),
+                                            kSaveStatus.Info("Before calling RegCreateKeyEx"),
+                                            kSaveStatus.Error("RegCreateKeyEx Failed 1234")));
   EXPECT_THAT(journal.Calls(), ElementsAre("RegCreateKeyExA"));
 }
 
 TEST_F(SaveStatusTest, AValueThatCannotBeWrittenIsNoError) {
   setResult = ERROR_ACCESS_DENIED;
   service.SaveStatus();
-  EXPECT_THAT(recorder.Lines(),
-              ElementsAre(SaveLine(2, "Entry"), SaveLine(2, "Before calling RegCreateKeyEx"),
-                          SaveLine(2, "Before aclling RegSetValueEx"),
-                          SaveLine(2, "RegSetValueEx Failed"), SaveLine(2, "Exit")));
+  EXPECT_THAT(
+      journal.Traces(),
+      ElementsAre(kSaveStatus.Info("Entry"), kSaveStatus.Info("Before calling RegCreateKeyEx"),
+                  kSaveStatus.Info("Before aclling RegSetValueEx"),
+                  kSaveStatus.Info("RegSetValueEx Failed"), kSaveStatus.Info("Exit")));
   EXPECT_THAT(journal.Calls(), ElementsAre("RegCreateKeyExA", "RegSetValueExA", "RegCloseKey"));
 }
 
@@ -409,22 +370,21 @@ TEST_F(SaveStatusTest, TheLongestServiceNameFits) {
 
 TEST_F(SaveStatusTest, RunsOnUserControl128WhichEndsWithoutExit) {
   EXPECT_EQ(service.OnUserControl(128), TRUE);
-  EXPECT_THAT(recorder.Lines(),
-              ElementsAre(Line(2, "CAcAsSvc::OnUserControl", kSource, "Entry"),
-                          Line(2, "CAcAsSvc::OnUserControl", kSource, "Before calling SaveStatus"),
-                          SaveLine(2, "Entry"), SaveLine(2, "Before calling RegCreateKeyEx"),
-                          SaveLine(2, "Before aclling RegSetValueEx"), SaveLine(2, "Exit"),
-                          Line(2, "CAcAsSvc::OnUserControl", kSource, "After calling SaveStatus")));
+  EXPECT_THAT(
+      journal.Traces(),
+      ElementsAre(kOnUserControl.Info("Entry"), kOnUserControl.Info("Before calling SaveStatus"),
+                  kSaveStatus.Info("Entry"), kSaveStatus.Info("Before calling RegCreateKeyEx"),
+                  kSaveStatus.Info("Before aclling RegSetValueEx"), kSaveStatus.Info("Exit"),
+                  kOnUserControl.Info("After calling SaveStatus")));
 }
 
 TEST_F(SaveStatusTest, RunsOnNoOtherUserControl) {
   for (const DWORD code : {127UL, 129UL, 139UL, 141UL, 255UL, 0x180UL}) {
-    FakeTraceClear();
+    journal.Clear();
     EXPECT_EQ(service.OnUserControl(code), FALSE) << code;
-    EXPECT_THAT(recorder.Lines(),
-                ElementsAre(Line(2, "CAcAsSvc::OnUserControl", kSource, "Entry"),
-                            Line(2, "CAcAsSvc::OnUserControl", kSource, "Case default"),
-                            Line(2, "CAcAsSvc::OnUserControl", kSource, "Exit")));
+    EXPECT_THAT(journal.Traces(),
+                ElementsAre(kOnUserControl.Info("Entry"), kOnUserControl.Info("Case default"),
+                            kOnUserControl.Info("Exit")));
   }
   EXPECT_THAT(journal.Calls(), IsEmpty());
 }
@@ -447,16 +407,15 @@ class UserControl128 : public ::testing::Test {
 
   void SendControl() {
     ASSERT_EQ(RegOverridePredefKey(HKEY_LOCAL_MACHINE, own.Get()), ERROR_SUCCESS);
-    FakeTraceClear();
+    journal.Clear();
     EXPECT_EQ(service.OnUserControl(128), TRUE);
     RegOverridePredefKey(HKEY_LOCAL_MACHINE, nullptr);
     EXPECT_THAT(
-        recorder.Lines(),
-        ElementsAre(Line(2, "CAcAsSvc::OnUserControl", kSource, "Entry"),
-                    Line(2, "CAcAsSvc::OnUserControl", kSource, "Before calling SaveStatus"),
-                    SaveLine(2, "Entry"), SaveLine(2, "Before calling RegCreateKeyEx"),
-                    SaveLine(2, "Before aclling RegSetValueEx"), SaveLine(2, "Exit"),
-                    Line(2, "CAcAsSvc::OnUserControl", kSource, "After calling SaveStatus")));
+        journal.Traces(),
+        ElementsAre(kOnUserControl.Info("Entry"), kOnUserControl.Info("Before calling SaveStatus"),
+                    kSaveStatus.Info("Entry"), kSaveStatus.Info("Before calling RegCreateKeyEx"),
+                    kSaveStatus.Info("Before aclling RegSetValueEx"), kSaveStatus.Info("Exit"),
+                    kOnUserControl.Info("After calling SaveStatus")));
   }
 
   // A number of the status key; the largest one when it is missing or no number.
@@ -470,7 +429,7 @@ class UserControl128 : public ::testing::Test {
 
   static constexpr wchar_t kStatusKey[] = L"SYSTEM\\CurrentControlSet\\Services\\Sample\\Status";
 
-  const TraceRecorder recorder;
+  Journal journal;
   TestService service{"Sample"};
   RegistryKey own;
 
@@ -502,7 +461,7 @@ TEST_F(UserControl128, WritesTheStatusIntoAKeyThatIsThereAndLeavesTheRestOfItAlo
   EXPECT_EQ(RegOpenKeyExW(own.Get(), inside.c_str(), 0, KEY_READ, after.Receive()), ERROR_SUCCESS);
 }
 
-// The whole of the control is done, only the report is left out: behind STOPPED it would count.
+// The whole of the control is done, only the report is left out: after STOPPED it would count.
 TEST_F(UserControl128, WritesTheStatusAlsoWhileTheServiceEnds) {
   FakeMiscReset();
   FakeInfoReset();
@@ -526,7 +485,7 @@ TEST_F(UserControl128, WritesTheStatusAlsoWhileTheServiceEnds) {
         "ADVAPI32.dll", "SetServiceStatus", [&](SERVICE_STATUS_HANDLE, SERVICE_STATUS* status) {
           reported.push_back(status->dwCurrentState);
           if (status->dwCurrentState == SERVICE_STOPPED) {
-            FakeTraceClear();
+            journal.Clear();
             TestService::Handler(128);
           }
           return TRUE;
@@ -537,16 +496,14 @@ TEST_F(UserControl128, WritesTheStatusAlsoWhileTheServiceEnds) {
   EXPECT_EQ(Number(L"Current"), 7U);
   EXPECT_THAT(reported, ElementsAre(DWORD{SERVICE_START_PENDING}, DWORD{SERVICE_RUNNING},
                                     DWORD{SERVICE_STOPPED}));
-  EXPECT_THAT(recorder.Lines(),
-              ElementsAre(Line(2, "CNTService::Handler", "service/ntservc.cpp", "Entry"),
-                          Line(2, "CAcAsSvc::OnUserControl", kSource, "Entry"),
-                          Line(2, "CAcAsSvc::OnUserControl", kSource, "Before calling SaveStatus"),
-                          SaveLine(2, "Entry"), SaveLine(2, "Before calling RegCreateKeyEx"),
-                          SaveLine(2, "Before aclling RegSetValueEx"), SaveLine(2, "Exit"),
-                          Line(2, "CAcAsSvc::OnUserControl", kSource, "After calling SaveStatus"),
-                          Line(2, "CNTService::Handler", "service/ntservc.cpp", "Exit"),
-                          Line(2, "CNTService::SetStatus", "service/ntservc.cpp", "Exit"),
-                          Line(2, "CNTService::ServiceMain", "service/ntservc.cpp", "Exit")));
+  EXPECT_THAT(
+      journal.Traces(),
+      ElementsAre(kHandler.Info("Entry"), kOnUserControl.Info("Entry"),
+                  kOnUserControl.Info("Before calling SaveStatus"), kSaveStatus.Info("Entry"),
+                  kSaveStatus.Info("Before calling RegCreateKeyEx"),
+                  kSaveStatus.Info("Before aclling RegSetValueEx"), kSaveStatus.Info("Exit"),
+                  kOnUserControl.Info("After calling SaveStatus"), kHandler.Info("Exit"),
+                  kSetStatus.Info("Exit"), kServiceMain.Info("Exit")));
 }
 
 }  // namespace

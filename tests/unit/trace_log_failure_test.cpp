@@ -1,0 +1,464 @@
+// What ended writers, full disks and closed doors do to the trace.
+#include <gmock/gmock.h>
+
+#include <atomic>
+#include <cstring>
+#include <fstream>
+#include <map>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "tests/unit/trace_log_test.h"
+
+using ::testing::ElementsAre;
+using ::testing::EndsWith;
+using ::testing::StartsWith;
+
+namespace {
+
+TEST_F(TraceLogTest, CutsTheBeginningOfALineThatAnEndedProcessLeft) {
+  WriteFirst("whole line\r\n2026-01-01 00:00:00.000 +0");
+  Log(2, "next");
+  EXPECT_THAT(Content("vorltrace.log"), MatchesRegex("whole line\r\n2[^\n]* next\r\n"));
+}
+
+TEST_F(TraceLogTest, CutsTheZerosThatAPowerCutLeft) {
+  WriteFirst("whole line\r\n" + std::string(10000, '\0'));
+  Log(2, "next");
+  EXPECT_THAT(Content("vorltrace.log"), MatchesRegex("whole line\r\n2[^\n]* next\r\n"));
+}
+
+TEST_F(TraceLogTest, CutsAFileThatIsNothingButATornLine) {
+  WriteFirst("torn");
+  Log(2, "next");
+  EXPECT_THAT(Messages(), ElementsAre("next"));
+}
+
+TEST_F(TraceLogTest, KeepsAFileThatIsNotALineOfItsOwn) {
+  const std::string foreign(600 * 1024, 'x');
+  WriteFirst(foreign);
+  Log(2, "next");
+  EXPECT_THAT(Content("vorltrace.log"), StartsWith(foreign + "\r\n2"));
+}
+
+TEST_F(TraceLogTest, SurvivesRubbishInWhatTheProcessesShare) {
+  fs::create_directories(Logs());
+  std::ofstream(Logs() / "vorltrace.lock", std::ios::binary) << std::string(4096, '\xA5');
+  Configure("FileSizeKB=4\n");
+  Log(2, "one %s", std::string(4000, 'x').c_str());
+  m_tick += 2 * kSecond;
+  Log(2, "two %s", std::string(4000, 'x').c_str());
+  m_tick += 2 * kSecond;
+  Log(2, "three");
+  std::vector<std::string> all;
+  for (const std::string& name : Files()) {
+    for (const std::string& message : Messages(name)) {
+      all.push_back(message.substr(0, 3));
+    }
+  }
+  EXPECT_THAT(all, testing::UnorderedElementsAre("one", "two", "thr"));
+}
+
+TEST_F(TraceLogTest, GoesOnWhenAThreadEndsInTheMiddleOfALine) {
+  Log(2, "one");
+  {
+    CallPatch<struct DieTag, BOOL WINAPI(HANDLE, const void*, DWORD, DWORD*, OVERLAPPED*)> patch(
+        "KERNEL32.dll", "WriteFile",
+        [&](HANDLE file, const void* bytes, DWORD, DWORD* written, OVERLAPPED* overlapped) -> BOOL {
+          patch.CallOriginal(file, bytes, 10, written, overlapped);
+          ExitThread(0);
+        });
+    LogUntilTheEnd(m_log);
+  }
+  Log(2, "two");
+  EXPECT_THAT(Messages(), ElementsAre("one", "two"));
+}
+
+// Another writer whose file has been moved away by then, or has the beginning of a line at its end.
+TEST_F(TraceLogTest, OpensTheFileAnewWhenAnotherWriterEndedWhileItChangedFiles) {
+  Configure("FileSizeKB=4\n");
+  const std::string filler(4000, 'x');
+  Log(2, "%s", filler.c_str());
+  TraceLog other;
+  ASSERT_TRUE(other.SetFolder(m_folder.Path().c_str()));
+  {
+    CallPatch<struct DieTag, BOOL WINAPI(const wchar_t*, const wchar_t*, DWORD)> patch(
+        "KERNEL32.dll", "MoveFileExW",
+        [&](const wchar_t* from, const wchar_t* to, DWORD flags) -> BOOL {
+          patch.CallOriginal(from, to, flags);
+          ExitThread(0);
+        });
+    LogUntilTheEnd(other);
+  }
+  Log(2, "two");
+  EXPECT_THAT(Messages("vorltrace.000001.log"), ElementsAre(filler));
+  EXPECT_THAT(Messages(), ElementsAre("two"));
+  other.Close();
+}
+
+TEST_F(TraceLogTest, CutsTheBeginningOfALineThatAnotherWriterLeftInTheOpenFile) {
+  Log(2, "one");
+  TraceLog other;
+  ASSERT_TRUE(other.SetFolder(m_folder.Path().c_str()));
+  {
+    CallPatch<struct DieTag, BOOL WINAPI(HANDLE, const void*, DWORD, DWORD*, OVERLAPPED*)> patch(
+        "KERNEL32.dll", "WriteFile",
+        [&](HANDLE file, const void* bytes, DWORD, DWORD* written, OVERLAPPED* overlapped) -> BOOL {
+          patch.CallOriginal(file, bytes, 10, written, overlapped);
+          ExitThread(0);
+        });
+    LogUntilTheEnd(other);
+  }
+  Log(2, "two");
+  EXPECT_THAT(Messages(), ElementsAre("one", "two"));
+  other.Close();
+}
+
+TEST_F(TraceLogTest, GivesNumbersToWhatEndedProcessesWroteForThemselves) {
+  Configure("FileSizeKB=4\n");
+  fs::create_directories(Logs());
+  const std::string line = "2026-03-09 07:05:02.041 +01:00 INFO 1 2 module Function source.cpp:1 ";
+  std::ofstream(Logs() / "vorltrace.process4711-1.log", std::ios::binary) << line << "left\r\n"
+                                                                          << line << "torn";
+  std::ofstream(Logs() / "vorltrace.process4712-1.log") << "of one that lives";
+  const HANDLE living =
+      Hold(Logs() / "vorltrace.process4712-1.log", FILE_SHARE_READ | FILE_SHARE_WRITE);
+  const std::string filler(4000, 'x');
+  Log(2, "%s", filler.c_str());
+  Log(2, "%s", filler.c_str());
+  CloseHandle(living);
+  EXPECT_THAT(Messages("vorltrace.000002.log"), ElementsAre("left"));
+  EXPECT_THAT(Files(), ElementsAre("vorltrace.000001.log", "vorltrace.000002.log", "vorltrace.log",
+                                   "vorltrace.process4712-1.log"));
+}
+
+// As after an update of the library while a program with the former one runs on.
+TEST_F(TraceLogTest, SharesNothingWithAnotherVersionThatIsInUse) {
+  fs::create_directories(Logs());
+  const std::string foreign = "state of another version";
+  std::ofstream(Logs() / "vorltrace.lock", std::ios::binary) << foreign;
+  const HANDLE user = Hold(Logs() / "vorltrace.lock", FILE_SHARE_READ | FILE_SHARE_WRITE);
+  Log(2, "one");
+  EXPECT_THAT(Messages("vorltrace.second.log"), ElementsAre("one"));
+  EXPECT_TRUE(fs::exists(Logs() / "vorltrace.second.lock"));
+  EXPECT_THAT(Content("vorltrace.lock"), StartsWith(foreign));
+  EXPECT_FALSE(fs::exists(First()));
+  CloseHandle(user);
+  m_log.Close();
+  // It has ended.
+  TraceLog later;
+  ASSERT_TRUE(later.SetFolder(m_folder.Path().c_str()));
+  LogTo(later, 2, "two");
+  EXPECT_THAT(Messages(), ElementsAre("two"));
+  later.Close();
+}
+
+// A page that cannot be read from the disk would end the process at its first use.
+TEST_F(TraceLogTest, TouchesNoSharedPageThatCannotBeRead) {
+  {
+    const CallPatch<struct LockTag, BOOL WINAPI(void*, SIZE_T)> patch(
+        "KERNEL32.dll", "VirtualLock", [](void* page, SIZE_T size) -> BOOL {
+          DWORD before = 0;
+          EXPECT_TRUE(VirtualProtect(page, size, PAGE_NOACCESS, &before));
+          SetLastError(ERROR_SWAPERROR);
+          return FALSE;
+        });
+    Log(2, "one");
+    m_tick += kSecond;
+    Log(2, "two");
+  }
+  m_tick += kSecond;
+  Log(2, "three");
+  EXPECT_THAT(Messages(), ElementsAre("2 lines are in vorltrace.000001.log: the logs folder cannot "
+                                      "be used (error 999)",
+                                      "three"));
+}
+
+// Windows does not let a folder go in which files are open, but a disk can be taken away.
+TEST_F(TraceLogTest, MakesAFolderThatHasVanishedAnew) {
+  TraceLog other;
+  ASSERT_TRUE(other.SetFolder(m_folder.Path().c_str()));
+  Log(2, "one");
+  LogTo(other, 2, "one");
+  fs::rename(Logs(), m_folder.Path() / "taken away");
+  m_tick += 2 * kSecond;
+  Log(2, "two");
+  LogTo(other, 2, "three");
+  Log(2, "four");
+  EXPECT_THAT(Messages(), ElementsAre("two", "three", "four"));
+  EXPECT_TRUE(fs::exists(Logs() / "vorltrace.lock"));
+  other.Close();
+}
+
+// Losses.
+
+TEST_F(TraceLogTest, TriesAFullDiskTenTimesASecondAndNotAtEveryLine) {
+  int tries = 0;
+  const CallPatch<struct FullTag, BOOL WINAPI(HANDLE, const void*, DWORD, DWORD*, OVERLAPPED*)>
+      patch("KERNEL32.dll", "WriteFile",
+            [&](HANDLE, const void*, DWORD, DWORD*, OVERLAPPED*) -> BOOL {
+              ++tries;
+              SetLastError(ERROR_DISK_FULL);
+              return FALSE;
+            });
+  for (int i = 0; i < 100; ++i) {
+    Log(2, "lost");
+  }
+  EXPECT_EQ(tries, 1);
+  m_tick += kSecond / 10;
+  Log(2, "lost");
+  EXPECT_EQ(tries, 2);
+}
+
+TEST_F(TraceLogTest, TriesAFileThatCannotBeOpenedTenTimesASecondAndNotAtEveryLine) {
+  fs::create_directories(First());
+  int tries = 0;
+  CallPatch<struct OpenTag,
+            HANDLE WINAPI(const wchar_t*, DWORD, DWORD, SECURITY_ATTRIBUTES*, DWORD, DWORD, HANDLE)>
+      patch("KERNEL32.dll", "CreateFileW",
+            [&](const wchar_t* path, DWORD access, DWORD share, SECURITY_ATTRIBUTES* attributes,
+                DWORD disposition, DWORD flags, HANDLE like) {
+              tries += fs::path(path).filename() == "vorltrace.log" ? 1 : 0;
+              return patch.CallOriginal(path, access, share, attributes, disposition, flags, like);
+            });
+  for (int i = 0; i < 100; ++i) {
+    Log(2, "%d", i);
+  }
+  EXPECT_EQ(tries, 1);
+  m_tick += kSecond / 10;
+  Log(2, "100");
+  EXPECT_EQ(tries, 2);
+  EXPECT_EQ(SpilledMessages().size(), 101U);
+}
+
+// What is closed to a thread that acts for another user is not closed to the others.
+TEST_F(TraceLogTest, LetsOneThreadThatMayNotWriteKeepNoOtherFromIt) {
+  const DWORD self = GetCurrentThreadId();
+  int refusals = 0;
+  const CallPatch<struct TokenTag, BOOL WINAPI(HANDLE, DWORD, BOOL, HANDLE*)> token(
+      "ADVAPI32.dll", "OpenThreadToken", [&](HANDLE, DWORD access, BOOL, HANDLE* result) -> BOOL {
+        if (GetCurrentThreadId() != self) {
+          return OpenProcessToken(GetCurrentProcess(), access, result);
+        }
+        SetLastError(ERROR_NO_TOKEN);
+        return FALSE;
+      });
+  CallPatch<struct OpenTag,
+            HANDLE WINAPI(const wchar_t*, DWORD, DWORD, SECURITY_ATTRIBUTES*, DWORD, DWORD, HANDLE)>
+      open("KERNEL32.dll", "CreateFileW",
+           [&](const wchar_t* path, DWORD access, DWORD share, SECURITY_ATTRIBUTES* attributes,
+               DWORD disposition, DWORD flags, HANDLE like) -> HANDLE {
+             if (GetCurrentThreadId() != self) {
+               ++refusals;
+               SetLastError(ERROR_ACCESS_DENIED);
+               return INVALID_HANDLE_VALUE;
+             }
+             return open.CallOriginal(path, access, share, attributes, disposition, flags, like);
+           });
+  std::thread([&] {
+    for (int i = 0; i < 100; ++i) {
+      Log(2, "lost");
+    }
+  }).join();
+  // The configuration, the state and the file of the process's own, once each at most.
+  EXPECT_LE(refusals, 102);
+  Log(2, "mine");
+  EXPECT_THAT(Messages(),
+              ElementsAre("100 lines lost: the logs folder cannot be used (error 5)", "mine"));
+}
+
+TEST_F(TraceLogTest, TellsHowManyLinesWereLostWhileThereWasNoFolder) {
+  std::ofstream(Logs()) << "a file where the folder should be";
+  for (int i = 0; i < 3; ++i) {
+    Log(2, "lost");
+  }
+  fs::remove(Logs());
+  m_tick += kSecond;
+  Log(2, "written");
+  Log(2, "and on");
+  EXPECT_THAT(
+      Messages(),
+      ElementsAre(MatchesRegex(R"(3 lines lost: the logs folder cannot be used \(error \d+\))"),
+                  "written", "and on"));
+}
+
+// As every line of a program without the right to write the trace would.
+TEST_F(TraceLogTest, TriesAFolderThatItCannotUseTenTimesASecondAndNotAtEveryLine) {
+  std::ofstream(Logs()) << "a file where the folder should be";
+  int tries = 0;
+  CallPatch<struct MakeTag, BOOL WINAPI(const wchar_t*, SECURITY_ATTRIBUTES*)> patch(
+      "KERNEL32.dll", "CreateDirectoryW",
+      [&](const wchar_t* path, SECURITY_ATTRIBUTES* attributes) {
+        ++tries;
+        return patch.CallOriginal(path, attributes);
+      });
+  for (int i = 0; i < 100; ++i) {
+    Log(2, "lost");
+  }
+  EXPECT_EQ(tries, 1);
+  m_tick += kSecond / 10 - 1;
+  Log(2, "lost");
+  EXPECT_EQ(tries, 1);
+  m_tick += 1;
+  Log(2, "lost");
+  EXPECT_EQ(tries, 2);
+}
+
+TEST_F(TraceLogTest, LeavesNoHalfLineOnAFullDiskAndTellsWhatItCost) {
+  Log(2, "before");
+  {
+    CallPatch<struct FullTag, BOOL WINAPI(HANDLE, const void*, DWORD, DWORD*, OVERLAPPED*)> patch(
+        "KERNEL32.dll", "WriteFile",
+        [&](HANDLE file, const void* bytes, DWORD count, DWORD* written,
+            OVERLAPPED* overlapped) -> BOOL {
+          patch.CallOriginal(file, bytes, count / 2, written, overlapped);
+          SetLastError(ERROR_DISK_FULL);
+          return FALSE;
+        });
+    Log(2, "lost");
+    Log(2, "lost");
+  }
+  m_tick += kSecond / 10;
+  Log(2, "after");
+  EXPECT_THAT(
+      Messages(),
+      ElementsAre("before", "2 lines lost: the file cannot be written (error 112)", "after"));
+}
+
+TEST_F(TraceLogTest, TakesAShortWriteForAFullDisk) {
+  {
+    CallPatch<struct ShortTag, BOOL WINAPI(HANDLE, const void*, DWORD, DWORD*, OVERLAPPED*)> patch(
+        "KERNEL32.dll", "WriteFile",
+        [&](HANDLE file, const void* bytes, DWORD count, DWORD* written, OVERLAPPED* overlapped) {
+          return patch.CallOriginal(file, bytes, count - 1, written, overlapped);
+        });
+    Log(2, "lost");
+  }
+  m_tick += kSecond / 10;
+  Log(2, "after");
+  EXPECT_THAT(Messages(),
+              ElementsAre("1 lines lost: the file cannot be written (error 112)", "after"));
+}
+
+TEST_F(TraceLogTest, WritesIntoAFileOfItsOwnWhileAnotherWriterStandsStill) {
+  Log(2, "before");
+  std::atomic<bool> isInside{false};
+  const HANDLE goOn = CreateEventW(nullptr, TRUE, FALSE, nullptr);
+  CallPatch<struct StandTag, BOOL WINAPI(HANDLE, const void*, DWORD, DWORD*, OVERLAPPED*)> patch(
+      "KERNEL32.dll", "WriteFile",
+      [&](HANDLE file, const void* bytes, DWORD count, DWORD* written, OVERLAPPED* overlapped) {
+        if (!isInside.exchange(true)) {
+          WaitForSingleObject(goOn, INFINITE);
+        }
+        return patch.CallOriginal(file, bytes, count, written, overlapped);
+      });
+  std::thread slow([&] { Log(2, "slow"); });
+  while (!isInside) {
+    SwitchToThread();
+  }
+  m_tickStep = kSecond;
+  Log(2, "one");
+  Log(2, "two");
+  EXPECT_THAT(SpilledMessages(), ElementsAre("one", "two"));
+  m_tickStep = 0;
+  SetEvent(goOn);
+  slow.join();
+  CloseHandle(goOn);
+  m_tick += kSecond / 10;
+  Log(2, "after");
+  EXPECT_THAT(Messages(),
+              ElementsAre("before", "slow",
+                          "2 lines are in vorltrace.000001.log: another writer does not "
+                          "let go of the file (error 1460)",
+                          "after"));
+  EXPECT_THAT(Messages("vorltrace.000001.log"), ElementsAre("one", "two"));
+  EXPECT_THAT(Files(), ElementsAre("vorltrace.000001.log", "vorltrace.log"));
+}
+
+TEST_F(TraceLogTest, LosesEverythingQuietlyInAFolderThatIsTooDeep) {
+  TraceLog deep;
+  EXPECT_FALSE(deep.SetFolder(std::wstring(255, L'x').c_str()));
+  const auto write = [&](const char* format, ...) {
+    va_list arguments;
+    va_start(arguments, format);
+    deep.Write(2, "m", "f", "s", 1, format, arguments);
+    va_end(arguments);
+  };
+  write("nowhere");
+  deep.Close();
+  EXPECT_THAT(fs::is_empty(m_folder.Path()), true);
+}
+
+// Access.
+
+TEST_F(TraceLogTest, GivesNewFilesToAdministratorsAndTheSystemOnly) {
+  std::map<std::string, std::string> descriptors;
+  const auto remember = [&](const wchar_t* path, SECURITY_ATTRIBUTES* attributes) {
+    if (attributes != nullptr) {
+      char* text = nullptr;
+      ASSERT_TRUE(ConvertSecurityDescriptorToStringSecurityDescriptorA(
+          attributes->lpSecurityDescriptor, SDDL_REVISION_1, DACL_SECURITY_INFORMATION, &text,
+          nullptr));
+      descriptors[fs::path(path).filename().string()] = text;
+      LocalFree(text);
+    }
+  };
+  Configure("FileSizeKB=4\n");
+  {
+    CallPatch<struct FileTag, HANDLE WINAPI(const wchar_t*, DWORD, DWORD, SECURITY_ATTRIBUTES*,
+                                            DWORD, DWORD, HANDLE)>
+        file("KERNEL32.dll", "CreateFileW",
+             [&](const wchar_t* path, DWORD access, DWORD share, SECURITY_ATTRIBUTES* attributes,
+                 DWORD disposition, DWORD flags, HANDLE like) {
+               remember(path, attributes);
+               return file.CallOriginal(path, access, share, attributes, disposition, flags, like);
+             });
+    CallPatch<struct FolderTag, BOOL WINAPI(const wchar_t*, SECURITY_ATTRIBUTES*)> folder(
+        "KERNEL32.dll", "CreateDirectoryW",
+        [&](const wchar_t* path, SECURITY_ATTRIBUTES* attributes) {
+          remember(path, attributes);
+          return folder.CallOriginal(path, attributes);
+        });
+    Log(2, "x");
+  }
+  using testing::Pair;
+  EXPECT_THAT(descriptors, ElementsAre(Pair("logs", "D:P(A;OICI;FA;;;SY)(A;OICI;FA;;;BA)"),
+                                       Pair("vorltrace.lock", "D:P(A;;FA;;;SY)(A;;FA;;;BA)"),
+                                       Pair("vorltrace.log", "D:P(A;;FA;;;SY)(A;;FA;;;BA)")));
+}
+
+TEST_F(TraceLogTest, SaysOnceThatOthersMayWriteIntoAFolderThatWasThere) {
+  ASSERT_TRUE(CreateDirectoryW(Logs().c_str(), nullptr));
+  OpenToEverybody(Logs());
+  Log(2, "one");
+  Log(2, "two");
+  EXPECT_THAT(
+      Messages(),
+      ElementsAre(EndsWith("\\logs was there before and others may write it: take their "
+                           "rights away, or delete it while no program of the product runs"),
+                  "one", "two"));
+  EXPECT_THAT(Content("vorltrace.log"), MatchesRegex("[^\n]* ERROR [^\n]* vlevtlog\\.dll "
+                                                     "[^\n]*\r\n[^\n]*\r\n[^\n]*\r\n"));
+}
+
+TEST_F(TraceLogTest, SaysThatOthersMayWriteIntoALockFileThatWasThere) {
+  Log(2, "one");
+  m_log.Close();
+  OpenToEverybody(Logs() / "vorltrace.lock");
+  Log(2, "two");
+  EXPECT_THAT(Messages(), ElementsAre("one", StartsWith("vorltrace.lock was there before"), "two"));
+}
+
+TEST_F(TraceLogTest, LetsViewersReadAndDeleteWhileItWrites) {
+  Log(2, "one");
+  const HANDLE viewer = CreateFileW(First().c_str(), GENERIC_READ | DELETE,
+                                    FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, nullptr,
+                                    OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL, nullptr);
+  EXPECT_NE(viewer, INVALID_HANDLE_VALUE);
+  Log(2, "two");
+  CloseHandle(viewer);
+  EXPECT_THAT(Messages(), ElementsAre("one", "two"));
+}
+
+}  // namespace
