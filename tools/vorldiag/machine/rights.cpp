@@ -172,10 +172,8 @@ Access ReadDescriptor(PSECURITY_DESCRIPTOR descriptor, const ObjectKind& kind) {
 
 constexpr SECURITY_INFORMATION kWanted = OWNER_SECURITY_INFORMATION | DACL_SECURITY_INFORMATION;
 
-Access NamedAccess(std::wstring name, SE_OBJECT_TYPE type, const ObjectKind& kind) {
-  PSECURITY_DESCRIPTOR descriptor = nullptr;
-  const DWORD error = GetNamedSecurityInfoW(name.data(), type, kWanted, nullptr, nullptr, nullptr,
-                                            nullptr, &descriptor);
+// What a call that gave `error` or else `descriptor` says; frees the descriptor.
+Access TakeDescriptor(DWORD error, PSECURITY_DESCRIPTOR descriptor, const ObjectKind& kind) {
   const LocalMemory memory(descriptor);
   if (error != ERROR_SUCCESS) {
     Access access;
@@ -183,6 +181,13 @@ Access NamedAccess(std::wstring name, SE_OBJECT_TYPE type, const ObjectKind& kin
     return access;
   }
   return ReadDescriptor(descriptor, kind);
+}
+
+Access NamedAccess(std::wstring name, SE_OBJECT_TYPE type, const ObjectKind& kind) {
+  PSECURITY_DESCRIPTOR descriptor = nullptr;
+  const DWORD error = GetNamedSecurityInfoW(name.data(), type, kWanted, nullptr, nullptr, nullptr,
+                                            nullptr, &descriptor);
+  return TakeDescriptor(error, descriptor, kind);
 }
 
 constexpr GENERIC_MAPPING kFileGeneric{FILE_GENERIC_READ, FILE_GENERIC_WRITE, FILE_GENERIC_EXECUTE,
@@ -259,13 +264,7 @@ Access KernelObjectAccess(HANDLE object, const ObjectKind& kind) {
   PSECURITY_DESCRIPTOR descriptor = nullptr;
   const DWORD error = GetSecurityInfo(object, SE_KERNEL_OBJECT, kWanted, nullptr, nullptr, nullptr,
                                       nullptr, &descriptor);
-  const LocalMemory memory(descriptor);
-  if (error != ERROR_SUCCESS) {
-    Access access;
-    access.error = error;
-    return access;
-  }
-  return ReadDescriptor(descriptor, kind);
+  return TakeDescriptor(error, descriptor, kind);
 }
 
 std::string ForeignText(const Access& access) {
