@@ -1,12 +1,23 @@
 #!/usr/bin/env bash
-# lint.sh [FILE...]: the directions of all includes; clang-format, cppcheck, clang and clang-tidy over
-# the product's sources (or FILEs), for the target that the product is built for.
+# lint.sh [FILE...]: the directions of all includes; the headers' first lines; clang-format,
+# cppcheck, clang and clang-tidy over the product's sources (or FILEs), for the target that the
+# product is built for.
 set -eu
 cd "$(dirname "$0")/.."
 . cmake/environment.sh
 
 echo "-- includes"
 cmake/check-includes.sh
+
+product=(app service agent identity support companions modules samples tools)
+
+echo "-- first lines of the headers"
+find "${product[@]}" tests -name '*.h' | sort | while read -r header; do
+  head -n 1 "$header" | grep -q '^// ' || {
+    echo "$header does not begin with a line that says what it is" >&2
+    exit 1
+  }
+done
 
 # Other versions find and format otherwise; the sources are kept clean with this one.
 version=14
@@ -18,15 +29,14 @@ fi
 # The headers of the tools' libraries are laid out there.
 [ -d build/mingw-release/tool_headers ] || cmake --preset mingw-release >/dev/null
 
-rooms=(app service agent identity support companions modules samples tools)
 if [ $# -gt 0 ]; then
   sources=("$@")
 else
-  mapfile -t sources < <(find "${rooms[@]}" -name '*.cpp' | sort)
+  mapfile -t sources < <(find "${product[@]}" -name '*.cpp' | sort)
 fi
 
 echo "-- clang-format"
-find "${rooms[@]}" tests bench -name '*.cpp' -o -name '*.h' | xargs clang-format --dry-run -Werror
+find "${product[@]}" tests bench -name '*.cpp' -o -name '*.h' | xargs clang-format --dry-run -Werror
 
 target_options=(-std=c++20 -I. -DWIN32_LEAN_AND_MEAN -DNOMINMAX -D_WIN32_WINNT=0x0601
   -isystem build/mingw-release/tool_headers -DSTRSAFE_NO_DEPRECATE -DVORL_MAJOR_VERSION=\"1\" -DVORL_VERSION=\"1\")

@@ -13,7 +13,7 @@ if [ -z "${WINE_LOADER:-}" ]; then
 fi
 # Windows' page of shared data has its place in every process. Where the kernel lays a heap over it,
 # about once in several thousand starts, Wine ends with status 1 (or its CreateProcess with error
-# 1359), so addresses are not drawn by lot where that may be chosen; some containers forbid it.
+# 1359), so addresses are not randomised where that can be chosen; some containers forbid it.
 WINE_LAUNCHER="setarch $(uname -m) --addr-no-randomize"
 $WINE_LAUNCHER true 2>/dev/null || WINE_LAUNCHER=
 for server in /usr/lib/wine/wineserver64 /usr/lib/wine/wineserver /usr/bin/wineserver; do

@@ -28,12 +28,12 @@ constexpr char kMagic[5] = {'Z', 'T', 'C', 'R', 'P'};
 #pragma pack(push, 1)
 struct CacheHeader {
   char magic[5];      // without terminator
-  std::uint32_t crc;  // CRC-32 of everything behind the header, as it stands in the file
+  std::uint32_t crc;  // CRC-32 of everything after the header, as it stands in the file
 };
 #pragma pack(pop)
 
 // The payload before scrambling: texts, each null-terminated in its field. The network addresses
-// stand at the beginning; further ones run on into the fields behind them.
+// stand at the beginning; further ones run on into the fields after them.
 constexpr std::size_t kBiosUuidOffset = 36;
 constexpr std::size_t kSerialOffset = 73;
 

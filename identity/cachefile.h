@@ -1,6 +1,6 @@
 // The cache file hwcdata.dat, which keeps the raw parameters so that a later run can tell whether
-// the hardware is still the same. Used by CZTUUID; no program of this repository writes or reads
-// one so far. Writes no trace lines; failures are offered to `lastError`.
+// the hardware is still the same. Used by CZTUUID, through which vorldiag writes and compares it;
+// the service does neither. Writes no trace lines; failures are offered to `lastError`.
 #pragma once
 
 #include <string>

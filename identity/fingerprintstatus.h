@@ -1,3 +1,4 @@
+// The record of the last failure of a fingerprint.
 #pragma once
 
 #include <cstdint>

@@ -67,7 +67,7 @@ class CMd5 : public IMd5 {
   int MD5Final(Md5Context* context) override;
   int MD5Transform(const std::uint32_t* words, std::uint32_t* state) override;
 
-  // Behind the eight operations, so that their places in the table stay as IMd5 has them.
+  // After the eight operations, so that their places in the table stay as IMd5 has them.
   virtual ~CMd5() = default;
 
   int CalculateFileMD5W(const wchar_t* path, unsigned char* digest);

@@ -49,7 +49,7 @@ bool Hyphenate(std::string& address) {
   return false;
 }
 
-// Whether the first address sorts behind the second; the characters count as signed.
+// Whether the first address sorts after the second; the characters count as signed.
 bool IsGreater(const char* first, const char* second) {
   for (std::size_t i = 0; i < kMacDigits; ++i) {
     const auto left = static_cast<signed char>(first[i]);

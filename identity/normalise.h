@@ -9,7 +9,7 @@
 // form is unknown; those in front of it are done by then.
 bool HyphenateMacAddresses(std::list<std::string>& addresses, FingerprintStatus& lastError);
 
-// Puts the addresses, without hyphens, into MacAddress1, MacAddress2 and the fields behind them (at
+// Puts the addresses, without hyphens, into MacAddress1, MacAddress2 and the fields after them (at
 // most four), and orders the first two. No addresses: nothing is done.
 bool PlaceMacAddresses(const std::list<std::string>& addresses, FingerprintFields& fields);
 

@@ -44,7 +44,7 @@ class CZTUUID : public FingerprintFields, public RawParameters {
   bool ProcessMACAddresses();
 
   // Puts the entries of MacAddressList, without hyphens, into MacAddress1, MacAddress2 and the
-  // fields behind them (at most four entries), and orders the first two.
+  // fields after them (at most four entries), and orders the first two.
   bool SortMacAddress();
 
   // Whether BiosUuid has the form of a GUID.

@@ -360,7 +360,7 @@ void WINAPI CNTService::Handler(DWORD control) {
     service->m_bNotifyServer = true;
   }
   service->DispatchControl(control);
-  // Behind STOPPED the service control manager would take it for the state that counts.
+  // After STOPPED the service control manager would take it for the state that counts.
   if (g_reportGate.MayReport()) {
     SetServiceStatus(service->m_hServiceStatus, &service->m_ServiceStatus);
   }

@@ -1,3 +1,4 @@
+// Keeps the thread's last error over calls that change it.
 #pragma once
 
 #include "support/windows_api.h"

@@ -1,3 +1,4 @@
+// An exported function with its type.
 #pragma once
 
 #include "support/windows_api.h"

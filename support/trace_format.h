@@ -30,7 +30,7 @@ constexpr bool Takes(bool isLong, char conversion, bool isWideFormat) {
   }
 }
 
-// Moves `text` behind its next conversion and says whether that conversion takes a T.
+// Moves `text` after its next conversion and says whether that conversion takes a T.
 template <typename T, typename Char>
 constexpr bool NextTakes(const Char*& text) {
   while (*text != 0 && *text != '%') {

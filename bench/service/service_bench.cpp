@@ -312,7 +312,7 @@ Activity ActivityOf(const Subject& subject) {
   Activity activity{};
   for (const std::string& folder : ProcessFolders(subject.program)) {
     const std::string stat = ReadAll(folder + "\\stat");
-    // Behind the name in brackets: fields 14 and 15 of the line are the processor time.
+    // After the name in brackets: fields 14 and 15 of the line are the processor time.
     std::istringstream fields(stat.substr(stat.rfind(')') + 1));
     std::string field;
     for (int i = 3; fields >> field && i <= 15; ++i) {

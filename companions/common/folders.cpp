@@ -70,7 +70,7 @@ FolderProblem Normalize(const wchar_t* value, wchar_t (&path)[kReadSize]) noexce
   if (length == 0 || length >= kReadSize) {
     return FolderProblem::kNotFullPath;
   }
-  // A device, such as NUL, has a path of another form; the root of a drive has nothing behind it.
+  // A device, such as NUL, has a path of another form; the root of a drive has nothing after it.
   return IsFullPath(path) && path[3] != L'\0' && IsLocalDrive(path) ? FolderProblem::kNone
                                                                     : FolderProblem::kNotOnDrive;
 }

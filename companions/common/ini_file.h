@@ -64,6 +64,6 @@ class IniFile {
   DWORD m_error = ERROR_SUCCESS;
 };
 
-// Cuts a comment behind a value, with the blanks in front of it. Windows and IniFile keep it, since
+// Cuts a comment after a value, with the blanks in front of it. Windows and IniFile keep it, since
 // in a text a semicolon can be meant.
 void CutComment(wchar_t* value) noexcept;

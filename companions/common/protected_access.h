@@ -1,3 +1,4 @@
+// Access rights of what the libraries make: for administrators and the system only.
 #pragma once
 
 #include "support/windows_api.h"

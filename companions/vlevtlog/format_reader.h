@@ -57,7 +57,7 @@ class FormatReader {
     return false;
   }
 
-  // Reads what stands behind a percent sign.
+  // Reads what follows a percent sign.
   Conversion TakeConversion(Arguments& arguments) noexcept {
     Conversion conversion;
     TakeFlags(conversion);

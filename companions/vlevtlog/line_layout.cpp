@@ -88,7 +88,7 @@ class ShortText {
   std::size_t m_size = 0;
 };
 
-// File and line, with what stands behind them.
+// File and line, with what follows them.
 void AppendPlace(LineText& line, const TraceCall& call, std::string_view behind) noexcept {
   AppendName(line, call.sourceFile);
   ShortText number;

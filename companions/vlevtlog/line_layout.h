@@ -25,5 +25,5 @@ struct TraceCall {
 // Appends all that comes before the message, and prepares the line for the message's text.
 void BeginLine(LineText& line, TraceFormat format, const TraceCall& call) noexcept;
 
-// Appends all that comes behind the message, and the line end.
+// Appends all that comes after the message, and the line end.
 void EndLine(LineText& line, TraceFormat format, const TraceCall& call) noexcept;

@@ -1,3 +1,4 @@
+// The time that stands in a line of the trace.
 #pragma once
 
 #include <atomic>

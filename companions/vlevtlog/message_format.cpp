@@ -293,7 +293,7 @@ void AppendAll(LineText& line, const Char* format, Arguments& arguments) noexcep
       continue;
     }
     if (!AppendArgument(line, reader.TakeConversion(arguments), sizeof(Char) > 1, arguments)) {
-      // What its argument would be is unknown, and so are those behind it.
+      // What its argument would be is unknown, and so are those after it.
       AppendText(line, conversionText, left);
       return;
     }

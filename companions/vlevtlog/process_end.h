@@ -1,3 +1,4 @@
+// Whether the process is ending.
 #pragma once
 
 #include "support/windows_api.h"

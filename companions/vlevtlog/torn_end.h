@@ -1,3 +1,4 @@
+// Cuts the half line that an ended writer has left.
 #pragma once
 
 // Brings the end of a file of the trace to the end of a line. A process that was ended while it

@@ -239,7 +239,7 @@ void CountOn(const wchar_t* folder, std::atomic<std::uint32_t>& next) noexcept {
   ForEachFile(folder, [&](const wchar_t* name) { highest = std::max(highest, NumberIn(name)); });
   const std::uint32_t first = InCircle(highest + 1);
   const std::uint32_t known = next.load(std::memory_order_relaxed);
-  // Behind means less than half of the circle behind.
+  // Further on means less than half of the circle away.
   if (known == 0 || known > kHighestNumber || AgeOf(known, first) < kHighestNumber / 2) {
     next.store(first, std::memory_order_relaxed);
   }

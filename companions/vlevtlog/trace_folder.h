@@ -11,7 +11,7 @@
 inline constexpr DWORD kShareAll = FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE;
 
 inline constexpr wchar_t kFullFileFormat[] = L"vorltrace.%06u.log";
-// Behind it stands which process made the file, and when.
+// After it stands which process made the file, and when.
 inline constexpr wchar_t kSpillFilePrefix[] = L"vorltrace.process";
 
 // The path of a file in a folder, or of the folder itself. As long as the product accepts folders,
@@ -42,12 +42,12 @@ FileHandle OpenTraceFolderFile(const wchar_t* path, DWORD access, DWORD shareMod
 bool IsOpenToOthers(const wchar_t* path) noexcept;
 
 // Renames the file `name` to the next number that is free, counting from `next` on, and moves that
-// on. Numbers begin anew behind the highest that there can be. Returns the number; 0 when it fails,
+// on. Numbers begin anew after the highest that there can be. Returns the number; 0 when it fails,
 // with the last error set.
 std::uint32_t GiveNumber(const wchar_t* folder, const wchar_t* name,
                          std::atomic<std::uint32_t>& next) noexcept;
 
-// Moves `next` behind the highest number in the folder unless it is there already.
+// Moves `next` after the highest number in the folder unless it is there already.
 void CountOn(const wchar_t* folder, std::atomic<std::uint32_t>& next) noexcept;
 
 // In one pass: gives a number to what processes that are gone have left, and deletes the full files

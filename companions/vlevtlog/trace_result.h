@@ -1,3 +1,4 @@
+// The outcome of an attempt to write a line of the trace.
 #pragma once
 
 #include <cstdint>

@@ -1,3 +1,4 @@
+// The exports of vlevtlog.dll.
 #include "support/vlevtlog.h"
 
 #include <cstdarg>

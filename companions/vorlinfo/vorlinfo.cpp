@@ -29,7 +29,7 @@ bool IsUsable(const char* baseName, const char* forbidden) noexcept {
   return baseName != nullptr && *baseName != '\0' && std::strpbrk(baseName, forbidden) == nullptr;
 }
 
-// Writes the three texts one behind the other, or gives FALSE when they do not fit.
+// Writes the three texts one after the other, or gives FALSE when they do not fit.
 BOOLEAN Compose(const char* prefix, const char* baseName, const char* suffix, char* name,
                 DWORD capacity) noexcept {
   const std::size_t prefixLength = std::strlen(prefix);

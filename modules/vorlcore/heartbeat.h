@@ -1,3 +1,4 @@
+// The work of this core module: a sign of life in the trace.
 #pragma once
 
 #include "support/handle.h"

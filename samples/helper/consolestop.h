@@ -1,3 +1,4 @@
+// Ends the helper when its console says so.
 #pragma once
 
 #include "support/handle.h"

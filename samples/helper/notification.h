@@ -1,3 +1,4 @@
+// What the service's commands tell the helper, read and checked.
 #pragma once
 
 #include <array>

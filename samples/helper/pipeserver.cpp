@@ -101,7 +101,7 @@ PipeServer::Result PipeServer::Converse(HANDLE stop) {
   const std::uint32_t reply = result.refusal == nullptr ? kReplyAccepted : kReplyRefused;
   if (Write(stop, deadline, &reply, sizeof(reply)) == Transfer::kDone) {
     // Disconnecting throws away what the client has not read yet: it hangs up when it has. Until
-    // then it may go on sending, such as the body behind a header that was refused.
+    // then it may go on sending, such as the body after a header that was refused.
     BYTE ignored[kPipeBufferSize];
     while (GetTickCount64() < deadline &&
            Read(stop, deadline, ignored, sizeof(ignored)) == Transfer::kDone) {

@@ -1,3 +1,4 @@
+// The helper's end of the pipe.
 #pragma once
 
 #include "samples/helper/notification.h"

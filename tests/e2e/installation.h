@@ -7,7 +7,7 @@
 
 #include "support/windows_api.h"
 
-// One line of the trace file. `level` is the number behind the word.
+// One line of the trace file. `level` is the number after the word.
 struct TraceEntry {
   unsigned long processId;
   unsigned long threadId;

@@ -1,3 +1,4 @@
+// The start of a test with the real service control manager.
 #pragma once
 
 #include <gmock/gmock.h>

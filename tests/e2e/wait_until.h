@@ -1,3 +1,4 @@
+// Waits for what nothing announces.
 #pragma once
 
 #include "support/windows_api.h"

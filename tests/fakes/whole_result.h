@@ -1,3 +1,4 @@
+// Functions of the contracts with their whole result, for the stand-ins.
 #pragma once
 
 #include "support/windows_api.h"

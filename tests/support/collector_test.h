@@ -1,3 +1,4 @@
+// Tests of one source of the fingerprint.
 #pragma once
 
 #include <gmock/gmock.h>

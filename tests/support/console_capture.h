@@ -1,3 +1,4 @@
+// What the process prints.
 #pragma once
 
 #include <string>

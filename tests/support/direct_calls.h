@@ -1,3 +1,4 @@
+// Functions of Windows past all patches.
 #pragma once
 
 #include "support/procaddress.h"

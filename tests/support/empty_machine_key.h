@@ -1,3 +1,4 @@
+// A registry of the test's own.
 #pragma once
 
 #include <gtest/gtest.h>

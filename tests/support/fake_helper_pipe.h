@@ -1,3 +1,4 @@
+// A helper process without a process.
 #pragma once
 
 #include <cstdint>

@@ -1,3 +1,4 @@
+// A service control manager that answers as the test says.
 #pragma once
 
 #include <functional>

@@ -33,7 +33,7 @@ struct FakeObject {
   std::map<std::wstring, FakeValue> properties;
 };
 
-// What Next answers behind the last object.
+// What Next answers after the last object.
 struct FakeEnd {
   HRESULT result = 1;  // WBEM_S_FALSE
   ULONG returned = 0;
@@ -72,7 +72,7 @@ class FakeWmi {
   HRESULT blanketResult = S_OK;
 
   // Every call in order, such as "ExecQuery products" or "release products"; an argument that is
-  // not as it must be stands behind it in brackets.
+  // not as it must be follows it in brackets.
   std::vector<std::string> Journal() const;
   void Note(std::string line);
 

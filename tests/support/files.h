@@ -1,3 +1,4 @@
+// Folders and files of tests.
 #pragma once
 
 #include <fcntl.h>

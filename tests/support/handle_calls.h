@@ -1,3 +1,4 @@
+// Who makes, signals and closes which handle.
 #pragma once
 
 #include <functional>

@@ -1,3 +1,4 @@
+// Functions of Windows and of the C runtime replaced by a test.
 #pragma once
 
 #include <functional>

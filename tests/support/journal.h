@@ -1,3 +1,4 @@
+// Trace lines and calls in one list.
 #pragma once
 
 #include <functional>
@@ -59,7 +60,7 @@ class Journal {
 std::string Traced(int level, const std::string& function, const std::string& source,
                    const std::string& text);
 
-// What stands behind that where the line travelled as a format of its own.
+// What follows that where the line travelled as a format of its own.
 std::string AsFormat(const std::string& format);
 
 // How a journal shows a line of the recording trace library.

@@ -1,3 +1,4 @@
+// Calls of the support and version libraries in the journal.
 #pragma once
 
 #include <string>

@@ -1,3 +1,4 @@
+// A heap that is out of memory.
 #pragma once
 
 #include <cstddef>

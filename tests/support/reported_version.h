@@ -1,3 +1,4 @@
+// Another version of Windows.
 #pragma once
 
 #include <cstring>

@@ -1,3 +1,4 @@
+// What an operation leaves behind.
 #pragma once
 
 #include <cstdint>

@@ -1,3 +1,4 @@
+// Programs that a test starts.
 #pragma once
 
 #include <string>

@@ -1,3 +1,4 @@
+// The main of every test program.
 #pragma once
 
 // What every test program does: runs its tests in another order each time, under a watchdog that

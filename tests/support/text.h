@@ -1,3 +1,4 @@
+// Texts and paths of tests.
 #pragma once
 
 #include <string>

@@ -1,3 +1,4 @@
+// Where each thread stands.
 #pragma once
 
 #include "tests/support/direct_calls.h"

@@ -1,3 +1,4 @@
+// The lines that the recording trace library has taken.
 #pragma once
 
 #include <gmock/gmock.h>

@@ -1,3 +1,4 @@
+// What the actions of the installer package write into its log.
 #pragma once
 
 #include <string>

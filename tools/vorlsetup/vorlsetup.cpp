@@ -17,7 +17,7 @@ namespace {
 // Closed by the package: says where the agent's modules and configuration lie.
 constexpr wchar_t kInstallationKey[] = L"SOFTWARE\\Client Agent\\" VORL_MAJOR_VERSION;
 
-// Marks behind the two folders.
+// Marks after the two folders.
 constexpr wchar_t kWasRegistered = L'r';
 constexpr wchar_t kWasRunning = L's';
 constexpr wchar_t kWasInstalled = L'i';

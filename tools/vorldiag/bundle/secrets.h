@@ -1,3 +1,4 @@
+// What must not leave the house, taken out of texts.
 #pragma once
 
 #include "tools/vorldiag/bundle/mask.h"

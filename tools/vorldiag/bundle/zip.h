@@ -1,3 +1,4 @@
+// Archives in the zip format.
 #pragma once
 
 #include <cstdint>

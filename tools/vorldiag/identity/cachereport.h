@@ -1,3 +1,4 @@
+// The commands that write and compare the hardware cache file.
 #pragma once
 
 #include <string>

@@ -1,3 +1,4 @@
+// The command that shows how the identifier is made.
 #pragma once
 
 #include "tools/vorldiag/identity/hardware.h"

@@ -1,3 +1,4 @@
+// Knows values that manufacturers left where a unique one should be.
 #pragma once
 
 #include <string>

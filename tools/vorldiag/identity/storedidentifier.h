@@ -1,3 +1,4 @@
+// The identifier that stands in the configuration file.
 #pragma once
 
 #include <string>

@@ -1,3 +1,4 @@
+// The configuration file as the service reads it.
 #pragma once
 
 #include <string>

@@ -1,3 +1,4 @@
+// Files that the commands write.
 #pragma once
 
 #include <string>

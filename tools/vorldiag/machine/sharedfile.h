@@ -1,3 +1,4 @@
+// Reads files that others are writing, renaming or deleting.
 #pragma once
 
 #include <cstdint>

@@ -45,7 +45,7 @@ std::vector<std::string> UnsignedForms(const std::string& bytes) {
   std::memcpy(&headers, bytes.data() + headersOffset, sizeof(headers));
   const IMAGE_DATA_DIRECTORY certificates =
       headers.OptionalHeader.DataDirectory[IMAGE_DIRECTORY_ENTRY_SECURITY];
-  // What stands behind the certificates was added by somebody else.
+  // What follows the certificates was added by somebody else.
   if (certificates.Size == 0 || certificates.VirtualAddress < headersOffset + sizeof(headers) ||
       std::uint64_t{certificates.VirtualAddress} + certificates.Size != bytes.size()) {
     return {};

@@ -1,3 +1,4 @@
+// Reports as JSON, for programs.
 #pragma once
 
 #include <nlohmann/json_fwd.hpp>

@@ -1,3 +1,4 @@
+// The report of everything, for a browser.
 #pragma once
 
 #include <string>

@@ -1,3 +1,4 @@
+// Reports as text, for people.
 #pragma once
 
 #include "tools/vorldiag/report/findings.h"

@@ -1,3 +1,4 @@
+// The part of the status about events, locks and the pipe.
 #pragma once
 
 #include "tools/vorldiag/report/findings.h"

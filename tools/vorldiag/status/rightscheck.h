@@ -1,3 +1,4 @@
+// The part of the status about access rights.
 #pragma once
 
 #include "tools/vorldiag/report/findings.h"

@@ -1,3 +1,4 @@
+// The part of the status about the registered service.
 #pragma once
 
 #include "tools/vorldiag/report/findings.h"

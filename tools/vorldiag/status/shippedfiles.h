@@ -1,3 +1,4 @@
+// The binaries as they were built.
 #pragma once
 
 #include <string>

@@ -1,3 +1,4 @@
+// The command that looks at the whole installation.
 #pragma once
 
 #include "tools/vorldiag/identity/hardware.h"

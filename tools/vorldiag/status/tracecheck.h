@@ -1,3 +1,4 @@
+// The part of the status about what the trace tells.
 #pragma once
 
 #include "tools/vorldiag/report/findings.h"

@@ -1,3 +1,4 @@
+// The trace as a timeline.
 #pragma once
 
 #include <string>

@@ -1,3 +1,4 @@
+// A line of the trace, read back.
 #pragma once
 
 #include <cstdint>
