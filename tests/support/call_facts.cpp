@@ -30,6 +30,9 @@ constexpr DWORD kErrnoErrors[] = {EACCES, ENOMEM, ENOENT, EINVAL};
 constexpr DWORD kErrnoMemory[] = {ENOMEM};
 constexpr DWORD kHresults[] = {0x80070005, 0x8007000E, 0x80041033, 0x80010108};
 
+// Access denied, invalid handle, no memory.
+constexpr DWORD kNtStatuses[] = {0xC0000022, 0xC0000008, 0xC0000017};
+
 constexpr CallFacts Fails(const char* name, Answer answer, std::span<const DWORD> errors) {
   CallFacts facts{name};
   facts.answer = answer;
@@ -82,6 +85,11 @@ constexpr CallFacts kFunctions[] = {
     // Handles.
     Gives(Zero("CreateEventA"), kHandle),
     Gives(Zero("CreateEventW"), kHandle),
+    Gives(Zero("OpenEventA"), kHandle),
+    Gives(Zero("OpenMutexA"), kHandle),
+    Zero("Process32FirstW"),
+    Zero("Process32NextW"),
+    Zero("QueryFullProcessImageNameW"),
     Gives(Zero("CreateMutexA"), kHandle),
     Gives(Zero("CreateMutexExA"), kHandle),
     Gives(Zero("CreateFileMappingW", kFileErrors), kHandle),
@@ -100,6 +108,9 @@ constexpr CallFacts kFunctions[] = {
     Zero("SetHandleInformation"),
     AllOnes("WaitForSingleObject"),
     AllOnes("WaitForMultipleObjects"),
+    Fails("NtQueryEvent", Answer::kHresult, kNtStatuses),
+    Fails("NtQueryObject", Answer::kHresult, kNtStatuses),
+    Fails("NtQuerySystemInformation", Answer::kHresult, kNtStatuses),
     Zero("Thread32First"),
     Zero("Thread32Next"),
     Zero("GetThreadTimes"),
@@ -139,6 +150,7 @@ constexpr CallFacts kFunctions[] = {
     Zero("ConnectNamedPipe", kTransferErrors),
     Zero("DisconnectNamedPipe"),
     Zero("WaitNamedPipeA", kPipeErrors),
+    Zero("WaitNamedPipeW", kPipeErrors),
     Zero("GetOverlappedResult", kTransferErrors),
     Zero("CancelIoEx"),
     Zero("GetPrivateProfileStringW", kFileErrors),
@@ -170,7 +182,12 @@ constexpr CallFacts kFunctions[] = {
 
     // Services, events of the event log.
     Gives(Zero("OpenSCManagerA", kServiceErrors), kServiceHandle),
+    Gives(Zero("OpenSCManagerW", kServiceErrors), kServiceHandle),
     Gives(Zero("OpenServiceA", kServiceErrors), kServiceHandle),
+    Zero("QueryServiceConfigW", kServiceErrors),
+    Zero("QueryServiceConfig2W", kServiceErrors),
+    Zero("QueryServiceObjectSecurity", kServiceErrors),
+    Zero("QueryServiceStatusEx", kServiceErrors),
     Gives(Zero("CreateServiceW", kServiceErrors), kServiceHandle),
     Takes(Zero("CloseServiceHandle"), kServiceHandle),
     Zero("ChangeServiceConfig2W", kServiceErrors),
@@ -217,6 +234,14 @@ constexpr CallFacts kFunctions[] = {
     Zero("GetSecurityDescriptorOwner"),
     Zero("GetAce"),
     Zero("EqualSid"),
+    Zero("CreateWellKnownSid"),
+    Zero("CheckTokenMembership"),
+    Gives(Zero("ConvertSidToStringSidW"), kLocalBlock, 2),
+    Gives(Zero("ConvertStringSidToSidW"), kLocalBlock, 2),
+    Gives(Status("GetNamedSecurityInfoW", kGeneral), kLocalBlock, 8),
+    Zero("LookupAccountSidW"),
+    Gives(Zero("CryptAcquireContextW"), kProvider, 1),
+    Gives(Status("GetSecurityInfo", kGeneral), kLocalBlock, 8),
     Zero("IsWellKnownSid"),
     Gives(Zero("ConvertStringSecurityDescriptorToSecurityDescriptorW"), kLocalBlock, 3),
     Gives(Zero("ConvertStringSecurityDescriptorToSecurityDescriptorA"), kLocalBlock, 3),
@@ -251,6 +276,7 @@ constexpr CallFacts kFunctions[] = {
     Zero("FileTimeToSystemTime"),
     Zero("SystemTimeToFileTime"),
     Zero("SystemTimeToTzSpecificLocalTime"),
+    Zero("FormatMessageW", kMemoryErrors),
     Zero("WriteConsoleW", kTransferErrors),
     Zero("GetConsoleMode"),
     Zero("SetConsoleCtrlHandler"),
@@ -297,6 +323,7 @@ constexpr const char* kCannotFail[] = {
     "IsDebuggerPresent",
     "IsProcessorFeaturePresent",
     "LeaveCriticalSection",
+    "MapGenericMask",
     "OutputDebugStringA",
     "QueryPerformanceCounter",
     "QueryPerformanceFrequency",
@@ -444,7 +471,6 @@ constexpr const char* kTestOnly[] = {
     "CreatePipe",
     "CreateProcessA",
     "CreateProcessW",
-    "CreateWellKnownSid",
     "DebugBreak",
     "FindFirstChangeNotificationW",
     "FindNextChangeNotification",
@@ -458,7 +484,6 @@ constexpr const char* kTestOnly[] = {
     "GetFileType",
     "GetKernelObjectSecurity",
     "GetModuleFileNameA",
-    "GetSecurityInfo",
     "GetSystemTimeAdjustment",
     "GetTempFileNameA",
     "GetTempPathA",
@@ -479,7 +504,6 @@ constexpr const char* kTestOnly[] = {
     "LockFileEx",
     "UnlockFileEx",
     "OpenEventW",
-    "OpenEventA",
     "CreateMutexW",
     "RegCreateKeyExW",
     "RegDeleteTreeW",
