@@ -52,7 +52,9 @@ def check(tool):
         ("A", f"hashed {combined} to {identifier.lower()}", 1),
         ("A", f"not{computer}not but \\\\{computer}\\share and {STRANGER}", 1),
         ("A", "C:\\Users\\J\u00fcrgen\\AppData and c:\\users\\j\u00dcRGEN\\x by S-1-5-21-1-2-3-1001", 1)])
-    tool.write_lines([("A", f"x {identifier}", 1)], name="vorltrace.000001.log")
+    tool.write_lines([("A", f"{computer} has {uuid}", 1)], level="ERROR")
+    # More than is read at once.
+    tool.write_lines([("A", f"x {identifier}", 1)] * 20000, name="vorltrace.000001.log")
     tool.write_lines(STOP)
     configuration = ("[STARTUP_OPTIONS]\r\nText1=f\u00fcr " + uuid +
                      "\r\n[ADMIN_CONSOLE_CLIENT_AGENT_SECTION]\r\nclientuniqueid=" + identifier + "\r\n")
@@ -78,6 +80,8 @@ def check(tool):
         re.search(rf"(?<!\w){re.escape(computer)}(?!\w)", text, re.I) for text in texts))
     tool.expect("but may be a part of one", f"not{computer}not" in masked["logs/vorltrace.log"])
 
+    tool.expect("no line is lost", masked["logs/vorltrace.000001.log"].count(
+        " A x.cpp:1 x [identifier-1]\r\n") == 20000)
     lines = masked["logs/vorltrace.log"]
     token = re.search(r"\[computer-1\] has (\[uuid-\d+\]) and (\[uuid-\d+\])", lines)
     tool.expect("one word for both forms of the UUID", token is not None and token[1] == token[2])
@@ -90,7 +94,7 @@ def check(tool):
         rf"share and {re.escape(own)}", lines) and re.search(r"share and \[uuid-\d+\]", lines))
     tool.expect("equal over all files", f"Text1=f\u00fcr {own}" in masked["conf/vorlconf.ini"]
                 and "clientuniqueid=[identifier-1]" in masked["conf/vorlconf.ini"]
-                and "x [identifier-1]" in masked["logs/vorltrace.000001.log"]
+                and f"[computer-1] has {own}" in masked["report.html"]
                 and "[identifier-1], equal to the hardware's" in masked["status.json"]
                 and own in masked["identity.json"] and own in masked["report.html"])
     for name in ("status.json", "identity.json"):
