@@ -99,7 +99,7 @@ void AddTraceFile(ZipWriter& zip, HANDLE file, Mask* mask) {
     const std::size_t whole = end != std::string::npos     ? end + 1
                               : rest.size() >= longestLine ? rest.size()
                                                            : 0;
-    zip.Write(mask->Apply(std::string_view(rest).substr(0, whole)));
+    zip.Write(mask->Apply({rest.data(), whole}));
     rest.erase(0, whole);
   }
   if (mask != nullptr) {

@@ -7,6 +7,8 @@ namespace {
 
 constexpr DWORD kExpectedType = SERVICE_WIN32_OWN_PROCESS | SERVICE_INTERACTIVE_PROCESS;
 constexpr DWORD kExpectedResetSeconds = 3600;
+// The package lets the service start after it; the program's own -install does not.
+constexpr wchar_t kManagementService[] = L"Winmgmt";
 constexpr wchar_t kEventSourceKey[] =
     L"SYSTEM\\CurrentControlSet\\Services\\EventLog\\Application\\";
 
@@ -118,16 +120,19 @@ void CheckConfiguration(const Situation& situation, Section& section) {
     }
   }
   std::string dependencies;
+  bool isExpected = true;
   for (const std::wstring& name : registration.dependencies) {
     dependencies += (dependencies.empty() ? "" : ", ") + Utf8(name);
+    isExpected = isExpected && EqualsIgnoringCase(name, kManagementService);
   }
-  if (dependencies.empty()) {
-    section.Ok("dependencies", "Dependencies", "none");
+  if (isExpected) {
+    section.Ok("dependencies", "Dependencies", dependencies.empty() ? "none" : dependencies);
   } else {
     section.Warn(
         "dependencies", "Dependencies", dependencies,
-        "It waits for these at the start of Windows; an installation has none: sc config \"" +
-            situation.names.service + "\" depend= /");
+        "It waits for these at the start of Windows; an installation waits for Winmgmt at most: "
+        "sc config \"" +
+            situation.names.service + "\" depend= Winmgmt");
   }
 }
 

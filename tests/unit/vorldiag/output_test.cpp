@@ -1,0 +1,152 @@
+// Where the output goes: characters and colours to a console, bytes to anything else. Wine has no
+// console here, so that Windows' console functions are played.
+#include "tools/vorldiag/text/output.h"
+
+#include <gmock/gmock.h>
+
+#include "support/handle.h"
+#include "tests/support/files.h"
+#include "tests/support/import_patch.h"
+#include "tools/vorldiag/report/printed.h"
+#include "tools/vorldiag/trace/tracecommand.h"
+
+using ::testing::HasSubstr;
+using ::testing::Not;
+
+namespace {
+
+// White on blue.
+constexpr WORD kPlain = BACKGROUND_BLUE | FOREGROUND_RED | FOREGROUND_GREEN | FOREGROUND_BLUE;
+constexpr WORD kRed = BACKGROUND_BLUE | FOREGROUND_RED | FOREGROUND_INTENSITY;
+constexpr WORD kGreen = BACKGROUND_BLUE | FOREGROUND_GREEN | FOREGROUND_INTENSITY;
+constexpr WORD kYellow = BACKGROUND_BLUE | FOREGROUND_RED | FOREGROUND_GREEN | FOREGROUND_INTENSITY;
+constexpr WORD kGrey = BACKGROUND_BLUE | FOREGROUND_INTENSITY;
+
+const HANDLE kConsole = reinterpret_cast<HANDLE>(std::uintptr_t{0x777});
+
+class OutputOnAConsole : public ::testing::Test {
+ protected:
+  // What was written at once, and its colours.
+  struct Piece {
+    WORD attributes;
+    std::wstring text;
+  };
+
+  std::wstring TextIn(WORD wanted) const {
+    std::wstring text;
+    for (const Piece& piece : pieces) {
+      text += piece.attributes == wanted ? piece.text : L"";
+    }
+    return text;
+  }
+
+  std::vector<Piece> pieces;
+  WORD attributes = kPlain;
+  bool isBroken = false;
+
+  CallPatch<struct HandleTag, HANDLE WINAPI(DWORD)> getHandle{"kernel32.dll", "GetStdHandle",
+                                                              [](DWORD) { return kConsole; }};
+  CallPatch<struct ModeTag, BOOL WINAPI(HANDLE, DWORD*)> getMode{
+      "kernel32.dll", "GetConsoleMode", [](HANDLE handle, DWORD*) { return handle == kConsole; }};
+  CallPatch<struct InfoTag, BOOL WINAPI(HANDLE, CONSOLE_SCREEN_BUFFER_INFO*)> getInfo{
+      "kernel32.dll", "GetConsoleScreenBufferInfo", [&](HANDLE, CONSOLE_SCREEN_BUFFER_INFO* info) {
+        info->wAttributes = attributes;
+        return TRUE;
+      }};
+  CallPatch<struct ColourTag, BOOL WINAPI(HANDLE, WORD)> setColour{
+      "kernel32.dll", "SetConsoleTextAttribute", [&](HANDLE, WORD value) {
+        attributes = value;
+        return TRUE;
+      }};
+  CallPatch<struct WriteTag, BOOL WINAPI(HANDLE, const void*, DWORD, DWORD*, void*)> write{
+      "kernel32.dll", "WriteConsoleW",
+      [&](HANDLE, const void* text, DWORD count, DWORD* written, void*) {
+        pieces.push_back({attributes, {static_cast<const wchar_t*>(text), count}});
+        *written = count;
+        return !isBroken;
+      }};
+};
+
+TEST_F(OutputOnAConsole, HasColoursOnTheConsolesOwnBackground) {
+  Report report{"status", {{"service", "Service", {}}}};
+  report.sections[0].Ok("a", "A", "fine");
+  report.sections[0].Warn("b", "B", "doubtful", "look");
+  report.sections[0].Fail("c", "C", "wrong", "mend");
+  Output output(STD_OUTPUT_HANDLE);
+  EXPECT_TRUE(PrintReport(report, output));
+  EXPECT_THAT(TextIn(kGreen), HasSubstr(L"ok"));
+  EXPECT_THAT(TextIn(kYellow), HasSubstr(L"warning"));
+  EXPECT_THAT(TextIn(kRed), HasSubstr(L"ERROR"));
+  EXPECT_THAT(TextIn(kPlain), HasSubstr(L"-> mend\r\n"));
+  EXPECT_EQ(attributes, kPlain);
+}
+
+TEST_F(OutputOnAConsole, ShowsErrorsOfTheTraceInRedUnlessTheyAreUsual) {
+  Output output(STD_OUTPUT_HANDLE);
+  TraceLine line;
+  line.level = 1;
+  line.module = "vorlsrvc.exe";
+  line.text = "LoadAcresDll() failed.";
+  PrintLine(line, output);
+  line.text = "asServiceObj.ParseStandardArgs Failed";
+  PrintLine(line, output);
+  line.level = 8;
+  line.text = "wszFilePath: x";
+  PrintLine(line, output);
+  EXPECT_THAT(TextIn(kRed), HasSubstr(L"LoadAcresDll"));
+  EXPECT_THAT(TextIn(kRed), Not(HasSubstr(L"ParseStandardArgs")));
+  EXPECT_THAT(TextIn(kPlain), HasSubstr(L"ParseStandardArgs"));
+  EXPECT_THAT(TextIn(kGrey), HasSubstr(L"wszFilePath"));
+}
+
+TEST_F(OutputOnAConsole, GetsCharactersWhateverItsCodePageIs) {
+  Output output(STD_OUTPUT_HANDLE);
+  EXPECT_TRUE(output.IsConsole());
+  EXPECT_TRUE(output.Write("J\xC3\xBCrgen \xE5\xAE\xA2\n"));
+  ASSERT_EQ(pieces.size(), 1U);
+  EXPECT_EQ(pieces[0].text, L"J\u00FCrgen \u5BA2\r\n");
+}
+
+// Old consoles take no more than 64 KB at once.
+TEST_F(OutputOnAConsole, GetsLongTextsInPieces) {
+  Output output(STD_OUTPUT_HANDLE);
+  EXPECT_TRUE(output.Write(std::string(50000, 'x')));
+  std::size_t length = 0;
+  for (const Piece& piece : pieces) {
+    EXPECT_LE(piece.text.size(), 16000U);
+    length += piece.text.size();
+  }
+  EXPECT_EQ(length, 50000U);
+}
+
+TEST_F(OutputOnAConsole, ThatIsClosedIsSaid) {
+  Output output(STD_OUTPUT_HANDLE);
+  isBroken = true;
+  EXPECT_FALSE(output.Write("x", Colour::kRed));
+  EXPECT_EQ(attributes, kPlain);
+}
+
+TEST(OutputWithoutAConsole, IsUtf8WithoutColours) {
+  const TempFolder folder;
+  {
+    const FileHandle file(CreateFileW((folder.Path() / "out").c_str(), GENERIC_WRITE, 0, nullptr,
+                                      CREATE_ALWAYS, 0, nullptr));
+    CallPatch<struct FileTag, HANDLE WINAPI(DWORD)> getHandle("kernel32.dll", "GetStdHandle",
+                                                              [&](DWORD) { return file.Get(); });
+    Output output(STD_OUTPUT_HANDLE);
+    EXPECT_FALSE(output.IsConsole());
+    EXPECT_TRUE(output.Write("J\xC3\xBCrgen\n", Colour::kRed));
+  }
+  const ByteVector bytes = ReadBytes(folder.File("out"));
+  EXPECT_EQ(std::string(bytes.begin(), bytes.end()), "J\xC3\xBCrgen\r\n");
+}
+
+// As a service or a scheduled task may be started.
+TEST(OutputWithoutAConsole, MayBeNowhereAtAll) {
+  CallPatch<struct NoneTag, HANDLE WINAPI(DWORD)> getHandle(
+      "kernel32.dll", "GetStdHandle", [](DWORD) -> HANDLE { return nullptr; });
+  Output output(STD_OUTPUT_HANDLE);
+  EXPECT_TRUE(output.Write("x"));
+}
+
+}  // namespace
