@@ -80,10 +80,11 @@ TEST_F(DiagnosisOfAState, HalfInstalled) {
 }
 
 TEST_F(DiagnosisOfAState, Tampered) {
+  // Not while the service runs: it loads the file.
+  std::ofstream(installation.Folder() / "vorlupd.dll", std::ios::app | std::ios::binary) << "more";
   ASSERT_NO_FATAL_FAILURE(InstallAndStart());
   SetAccess(installation.Folder() / "conf", kEveryoneMayWrite);
   SetAccess(installation.Folder() / "vorlcore.dll", L"D:P(A;;FA;;;SY)(A;;FA;;;BA)(A;;FA;;;WD)");
-  std::ofstream(installation.Folder() / "vorlupd.dll", std::ios::app | std::ios::binary) << "more";
   WriteConfiguration("[ADMIN_CONSOLE_CLIENT_AGENT_SECTION]\r\nclientuniqueid=" +
                      std::string(kOtherIdentifier) + "\r\n");
   ASSERT_NO_FATAL_FAILURE(RunEveryCommand());
