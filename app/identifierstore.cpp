@@ -13,36 +13,48 @@ constexpr wchar_t kConfigurationFile[] = L"\\vorlconf.ini";
 constexpr wchar_t kSection[] = L"ADMIN_CONSOLE_CLIENT_AGENT_SECTION";
 constexpr wchar_t kIdentifierKey[] = L"clientuniqueid";
 
-constexpr char kConfigurationLock[] = "Global\\ClientAgentConfigurationFile";
-constexpr DWORD kLockPatienceMilliseconds = 5000;
+constexpr wchar_t kLockExtension[] = L".lck";
+
+// The file that is the lock of `path`, of a path as long: the longest folder leaves no more room.
+// False when it has no extension, or does not fit.
+bool GetLockFile(const wchar_t* path, wchar_t (&lock)[kFolderBufferSize]) {
+  const wchar_t* const extension = std::wcsrchr(path, L'.');
+  return extension != nullptr &&
+         SUCCEEDED(StringCchCopyNW(lock, kFolderBufferSize, path,
+                                   static_cast<std::size_t>(extension - path))) &&
+         SUCCEEDED(StringCchCatW(lock, kFolderBufferSize, kLockExtension));
+}
 
 // Lets one start of the program at a time change the configuration file, in whatever session it
 // runs: each sees what the one before has stored. The profile functions also write the whole file
 // anew, and nobody promises that two processes which do so at the same moment lose none of its
-// other settings: under Wine they do. Where the lock cannot be had (somebody keeps it, or keeps us
-// out), the identifier is stored without it.
+// other settings: under Wine they do.
+//
+// It is a file beside the configuration, held without sharing and gone with its handle, however the
+// process ends. A named object would be for anybody to make first and to keep; who can keep this
+// file can write the configuration itself. Where it cannot be had, the identifier is stored without
+// it.
 class ConfigurationLock {
  public:
-  // No more access than an administrator has to a lock that the service has made.
-  ConfigurationLock() noexcept
-      : m_mutex(CreateMutexExA(nullptr, kConfigurationLock, /*dwFlags=*/0, SYNCHRONIZE)) {
-    if (m_mutex) {
-      const DWORD result = WaitForSingleObject(m_mutex.Get(), kLockPatienceMilliseconds);
-      m_isHeld = result == WAIT_OBJECT_0 || result == WAIT_ABANDONED;
+  explicit ConfigurationLock(const wchar_t* path) noexcept {
+    wchar_t lock[kFolderBufferSize];
+    if (!GetLockFile(path, lock)) {
+      return;
+    }
+    for (DWORD pause = 0; !Take(lock) && MeansBusy(GetLastError()) && pause < kIniPauses; ++pause) {
+      Sleep(kIniPauseMilliseconds);
     }
   }
-  ~ConfigurationLock() {
-    if (m_isHeld) {
-      const LastErrorKeeper keeper;
-      ReleaseMutex(m_mutex.Get());
-    }
-  }
-  ConfigurationLock(const ConfigurationLock&) = delete;
-  ConfigurationLock& operator=(const ConfigurationLock&) = delete;
 
  private:
-  KernelHandle m_mutex;
-  bool m_isHeld = false;
+  bool Take(const wchar_t* lock) noexcept {
+    // Of a link only the link itself.
+    m_file.Reset(CreateFileW(lock, GENERIC_WRITE | DELETE, /*dwShareMode=*/0, nullptr, OPEN_ALWAYS,
+                             FILE_FLAG_DELETE_ON_CLOSE | FILE_FLAG_OPEN_REPARSE_POINT, nullptr));
+    return static_cast<bool>(m_file);
+  }
+
+  FileHandle m_file;
 };
 
 // Reads the file in one piece. Unlike the profile functions, which answer with "no value" to every
@@ -82,7 +94,7 @@ StoredIdentifier ReadIdentifier(const wchar_t* path) {
 
 StoreOutcome StoreIdentifier(const wchar_t* identifier, const wchar_t* path,
                              StoredIdentifier& found) {
-  const ConfigurationLock lock;
+  const ConfigurationLock lock(path);
   // Another program may have stored one since it was found missing.
   found = ReadWholeFile(path);
   switch (found.state) {

@@ -36,6 +36,7 @@ StoredIdentifier ReadIdentifier(const wchar_t* path);
 
 // Stores `identifier` where none stands; `found` is what was there immediately before. The file is
 // created when it is missing, its folder is not. Waits as ReadIdentifier does, and as long at the
-// most for another start of the program that is storing its own.
+// most for another start of the program that is storing its own; vorlconf.lck lies beside the file
+// meanwhile.
 StoreOutcome StoreIdentifier(const wchar_t* identifier, const wchar_t* path,
                              StoredIdentifier& found);

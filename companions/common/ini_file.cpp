@@ -6,15 +6,16 @@
 
 #include "support/handle.h"
 
+extern "C" __declspec(dllimport) LONG NTAPI RtlGetLastNtStatus();
+
 namespace {
 
 // An editor may empty a file, close it, and only then write it anew: what has been empty for less
 // than this is taken for such a file.
 constexpr ULONGLONG kEmptyForGood = 2 * 10'000'000ULL;  // 2 s in the units of FILETIME
 
-// Nothing tells when a file is given back, so it is tried again after short pauses.
-constexpr DWORD kPauseMilliseconds = 50;
-constexpr DWORD kPauses = kIniPatienceMilliseconds / kPauseMilliseconds;
+// STATUS_DELETE_PENDING: the file was deleted, and somebody has it open still.
+constexpr LONG kDeletePending = static_cast<LONG>(0xC0000056);
 
 constexpr unsigned char kUtf16Mark[] = {0xFF, 0xFE};
 constexpr unsigned char kUtf16BigEndianMark[] = {0xFE, 0xFF};
@@ -40,10 +41,6 @@ bool IsFresh(const FILETIME& written, ULONGLONG span) noexcept {
   FILETIME now{};
   GetSystemTimeAsFileTime(&now);
   return ToNumber(now) - ToNumber(written) < span;
-}
-
-bool MeansBusy(DWORD error) noexcept {
-  return error == ERROR_SHARING_VIOLATION || error == ERROR_LOCK_VIOLATION;
 }
 
 bool IsMissing(DWORD error) noexcept {
@@ -131,6 +128,13 @@ Span FindValue(Span text, const wchar_t* section, const wchar_t* key) noexcept {
 
 }  // namespace
 
+bool MeansBusy(DWORD error) noexcept {
+  // As a file is for a moment that is being replaced by a new one. In Windows' own errors it looks
+  // like one that may not be read.
+  return error == ERROR_SHARING_VIOLATION || error == ERROR_LOCK_VIOLATION ||
+         (error == ERROR_ACCESS_DENIED && RtlGetLastNtStatus() == kDeletePending);
+}
+
 IniRead IniFile::Read(const wchar_t* path) noexcept {
   m_text.reset();
   m_length = 0;
@@ -174,8 +178,8 @@ IniRead IniFile::Read(const wchar_t* path) noexcept {
 
 IniRead IniFile::ReadPatiently(const wchar_t* path) noexcept {
   IniRead outcome = Read(path);
-  for (DWORD pause = 0; outcome == IniRead::kBusy && pause < kPauses; ++pause) {
-    Sleep(kPauseMilliseconds);
+  for (DWORD pause = 0; outcome == IniRead::kBusy && pause < kIniPauses; ++pause) {
+    Sleep(kIniPauseMilliseconds);
     outcome = Read(path);
   }
   return outcome;

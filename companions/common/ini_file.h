@@ -10,8 +10,11 @@
 // In bytes; many times what any setting needs.
 constexpr DWORD kLargestIniFile = 1024 * 1024;
 
-// How long IniFile::ReadPatiently waits for a file in other hands.
+// How long IniFile::ReadPatiently waits for a file in other hands. Nothing tells when it is given
+// back, so it is tried again after short pauses.
 constexpr DWORD kIniPatienceMilliseconds = 5000;
+constexpr DWORD kIniPauseMilliseconds = 50;
+constexpr DWORD kIniPauses = kIniPatienceMilliseconds / kIniPauseMilliseconds;
 
 enum class IniRead {
   kDone,
@@ -21,6 +24,10 @@ enum class IniRead {
   kNoText,    // holds null characters: damaged, or UTF-16 without its mark
   kFailed
 };
+
+// Whether a file could not be opened, or read, because another program is at it: to be tried again.
+// Asked right after the call that failed with `error`.
+bool MeansBusy(DWORD error) noexcept;
 
 class IniFile {
  public:

@@ -368,7 +368,7 @@ inline const std::map<std::string, std::set<std::string>>& Windows7Functions() {
         "wcsrchr",
         "wcsspn",
         "wcsxfrm"}},
-      {"ntdll.dll", {"RtlDllShutdownInProgress"}},
+      {"ntdll.dll", {"RtlDllShutdownInProgress", "RtlGetLastNtStatus"}},
       {"ole32.dll",
        {"CLSIDFromString", "CoCreateInstance", "CoInitializeEx", "CoInitializeSecurity",
         "CoSetProxyBlanket", "CoUninitialize"}},

@@ -326,6 +326,7 @@ constexpr const char* kCannotFail[] = {
     "MapGenericMask",
     "OutputDebugStringA",
     "QueryPerformanceCounter",
+    "RtlGetLastNtStatus",
     "QueryPerformanceFrequency",
     "ReleaseSRWLockExclusive",
     "RtlDllShutdownInProgress",

@@ -10,9 +10,14 @@
 #include "tests/support/import_patch.h"
 #include "tests/support/installation.h"
 
+extern "C" __declspec(dllimport) void NTAPI
+    RtlSetLastWin32ErrorAndNtStatusFromNtStatus(LONG status);
+
 namespace {
 
 constexpr ULONGLONG kSecond = 10'000'000;
+constexpr LONG kDeletePending = static_cast<LONG>(0xC0000056);
+constexpr LONG kAccessDenied = static_cast<LONG>(0xC0000022);
 
 class ConfigurationFile : public ::testing::Test {
  protected:
@@ -193,6 +198,24 @@ TEST_F(ConfigurationFile, InOtherHandsIsBusyAndKeepsNoFormerValue) {
   }
   EXPECT_EQ(Read(), IniRead::kDone);
   EXPECT_EQ(Value(L"K"), L"value");
+}
+
+// Wine opens what is deleted and still open, Windows does not.
+TEST_F(ConfigurationFile, DeletedWhileSomebodyHasItOpenIsBusy) {
+  Write("[S]\r\nK=value\r\n");
+  for (const LONG status : {kDeletePending, kAccessDenied}) {
+    const CallPatch<struct Deleted, decltype(CreateFileW)> patch(
+        "KERNEL32.dll", "CreateFileW",
+        [&](LPCWSTR, DWORD, DWORD, LPSECURITY_ATTRIBUTES, DWORD, DWORD, HANDLE) {
+          RtlSetLastWin32ErrorAndNtStatusFromNtStatus(status);
+          // Whatever this system makes of it, Windows makes one error of both.
+          SetLastError(ERROR_ACCESS_DENIED);
+          return INVALID_HANDLE_VALUE;
+        });
+    EXPECT_EQ(Read(), status == kDeletePending ? IniRead::kBusy : IniRead::kFailed);
+    EXPECT_EQ(m_file.Error(), DWORD{ERROR_ACCESS_DENIED});
+  }
+  EXPECT_EQ(Read(), IniRead::kDone);
 }
 
 TEST_F(ConfigurationFile, IsOpenToReadersAndToItsReplacementWhileItIsRead) {

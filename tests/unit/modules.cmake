@@ -18,7 +18,7 @@ set_target_properties(
 
 # What the in-house libraries have in common.
 vorl_module_test(ini_file)
-target_link_libraries(ini_file_test PRIVATE companion_ini_file)
+target_link_libraries(ini_file_test PRIVATE companion_ini_file ntdll)
 
 vorl_module_test(vorlinfo vorlinfo vorlinfo_next)
 vorl_module_test(vorlmisc vorlmisc)

@@ -168,17 +168,6 @@ EventFacts LookAtEvent(const std::string& name) {
   return facts;
 }
 
-ObjectFacts LookAtLock(const std::string& name) {
-  ObjectFacts facts;
-  const KernelHandle mutex(OpenMutexA(READ_CONTROL, FALSE, name.c_str()));
-  if (mutex) {
-    FillFacts(mutex.Get(), facts);
-  } else {
-    facts.error = GetLastError();
-  }
-  return facts;
-}
-
 DWORD LookAtPipe(const wchar_t* name) {
   constexpr DWORD patienceMilliseconds = 1000;
   return WaitNamedPipeW(name, patienceMilliseconds) ? ERROR_SUCCESS : GetLastError();

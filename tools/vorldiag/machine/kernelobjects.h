@@ -22,9 +22,6 @@ struct EventFacts : ObjectFacts {
 
 EventFacts LookAtEvent(const std::string& name);
 
-// A mutex.
-ObjectFacts LookAtLock(const std::string& name);
-
 // Whether somebody serves a pipe: ERROR_SUCCESS, ERROR_FILE_NOT_FOUND when nobody does,
 // ERROR_SEM_TIMEOUT when the server has been busy with somebody else for a second. Does not
 // connect: a server takes whoever connects for a client. Which process serves it, only a connection

@@ -6,7 +6,6 @@
 namespace {
 
 constexpr wchar_t kHelperPipe[] = L"\\\\.\\pipe\\briskuphelperpipe";
-constexpr char kConfigurationLock[] = "Global\\ClientAgentConfigurationFile";
 
 std::string Joined(const std::vector<std::string>& texts) {
   std::string joined;
@@ -109,17 +108,7 @@ void CheckPipe(const Situation& situation, Section& section) {
   }
 }
 
-void CheckLocks(const Situation& situation, Section& section) {
-  const ObjectFacts lock = LookAtLock(kConfigurationLock);
-  const std::string name = kConfigurationLock;
-  if (lock.error == ERROR_FILE_NOT_FOUND) {
-    section.Ok("configuration-lock", "Configuration's lock", name + " is not there");
-  } else if (lock.error != ERROR_SUCCESS) {
-    section.Warn("configuration-lock", "Configuration's lock", name + ": " + ErrorText(lock.error),
-                 "Another program has made it for itself; the service goes on without the lock.");
-  } else {
-    section.Ok("configuration-lock", "Configuration's lock", name + HoldersText(lock));
-  }
+void CheckLock(const Situation& situation, Section& section) {
   const std::wstring traceLock = situation.Logs() + L"\\vorltrace.lock";
   section.Ok("trace-lock", "Trace's lock",
              Utf8(traceLock) + (Exists(traceLock) ? "" : " is not there"));
@@ -132,6 +121,6 @@ Section CheckObjects(const Situation& situation) {
   CheckEvent("close-event", "Close event", situation.names.closeEvent, situation, section);
   CheckEvent("exit-event", "Exit event", situation.names.exitEvent, situation, section);
   CheckPipe(situation, section);
-  CheckLocks(situation, section);
+  CheckLock(situation, section);
   return section;
 }
