@@ -54,8 +54,12 @@ bool IsLocalDrive(const wchar_t* path) noexcept {
   // A substituted drive stands for a folder, in the sessions of some accounts only.
   constexpr wchar_t substituted[] = L"\\??\\";
   wchar_t device[kReadSize] = {};
-  return QueryDosDeviceW(drive, device, kReadSize) == 0 ||
-         std::wcsncmp(device, substituted, std::size(substituted) - 1) != 0;
+  if (QueryDosDeviceW(drive, device, kReadSize) == 0) {
+    // What no drive bears does not exist, which is another failure. No disk has a name that does
+    // not fit, but a folder can have one.
+    return GetLastError() == ERROR_FILE_NOT_FOUND;
+  }
+  return std::wcsncmp(device, substituted, std::size(substituted) - 1) != 0;
 }
 
 // Brings a registered value into the form that Windows itself gives a path.
@@ -93,7 +97,8 @@ bool Take(const wchar_t* path, Folder& folder, FolderFailure& failure) noexcept 
 // Looks for a folder in the installer's registry key.
 Registered ReadRegistered(const wchar_t* valueName, Folder& folder,
                           FolderFailure& failure) noexcept {
-  wchar_t value[kReadSize];
+  // A value of no bytes is a success that writes nothing.
+  wchar_t value[kReadSize] = {};
   DWORD size = sizeof(value);
   // RRF_RT_REG_SZ expands the environment variables of a REG_EXPAND_SZ.
   const LSTATUS status = RegGetValueW(HKEY_LOCAL_MACHINE, kInstallationKey, valueName,

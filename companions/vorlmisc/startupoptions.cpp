@@ -117,12 +117,23 @@ class OptionReader {
   const IniFile& m_file;
 };
 
+// A program that saves by renaming leaves no file for a moment: one that is missing is looked for
+// once more.
+IniRead ReadExpected(IniFile& file, const wchar_t* path) noexcept {
+  const IniRead outcome = file.ReadPatiently(path);
+  if (outcome != IniRead::kMissing) {
+    return outcome;
+  }
+  Sleep(kIniPauseMilliseconds);
+  return file.ReadPatiently(path);
+}
+
 }  // namespace
 
 bool ReadStartUpOptions(const char* functionName, const wchar_t* configurationFile,
                         CLIENT_AGENT_STARTUP_OPTIONS& options) noexcept {
   IniFile file;
-  switch (file.ReadPatiently(configurationFile)) {
+  switch (ReadExpected(file, configurationFile)) {
     case IniRead::kDone:
       break;
     case IniRead::kMissing:

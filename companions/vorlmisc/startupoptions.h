@@ -12,6 +12,7 @@
 // All fields come from one state of the file. One that is in the hands of another program, or just
 // being rewritten, is waited for, a few seconds at most.
 //
-// No file: all zero, which is a success. A file that cannot be read: false, after one trace line.
+// No file, not after a short pause either: all zero, which is a success. A file that cannot be
+// read: false, after one trace line.
 bool ReadStartUpOptions(const char* functionName, const wchar_t* configurationFile,
                         CLIENT_AGENT_STARTUP_OPTIONS& options) noexcept;

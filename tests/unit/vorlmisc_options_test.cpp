@@ -177,7 +177,6 @@ TEST_F(SupportLibrary, MissingFileSectionOrKeyMeansZero) {
 
 TEST_F(SupportLibrary, FileThatNobodyHoldsIsReadWithoutAPause) {
   Pauses::Watch(m_library, [](unsigned) {});
-  EXPECT_TRUE(ReadOptions());
   EXPECT_TRUE(ReadOptions("Word1=1\r\n"));
   EXPECT_EQ(m_options.Word1, 1);
   EXPECT_EQ(Pauses::s_count, 0U);
@@ -220,6 +219,17 @@ TEST_F(SupportLibrary, FileThatIsEmptiedToBeWrittenAnewIsWaitedFor) {
   EXPECT_TRUE(ReadOptions());
   EXPECT_EQ(m_options.Word1, 1);
   EXPECT_EQ(Pauses::s_count, 2U);
+  EXPECT_THAT(Lines(), IsEmpty());
+}
+
+// A program that saves by renaming leaves none for a moment.
+TEST_F(SupportLibrary, FileThatIsMissingIsLookedForOnceMore) {
+  Pauses::Watch(m_library, [&](unsigned) {
+    WriteText(m_installation / "conf" / "vorlconf.ini", "[STARTUP_OPTIONS]\r\nWord1=1\r\n");
+  });
+  EXPECT_TRUE(ReadOptions());
+  EXPECT_EQ(m_options.Word1, 1);
+  EXPECT_EQ(Pauses::s_milliseconds, 50U);
   EXPECT_THAT(Lines(), IsEmpty());
 }
 

@@ -118,6 +118,19 @@ TEST_F(SupportLibrary, EmptyRegistryValueCountsAsMissing) {
   EXPECT_EQ(ConfigDir(), (m_installation / "conf").wstring());
 }
 
+// Not even of a terminator, behind one that had a folder in it.
+TEST_F(SupportLibrary, RegistryValueOfNoBytesCountsAsMissing) {
+  const TempFolder other;
+  for (const wchar_t* const name : {L"RootDir", L"ConfigDir"}) {
+    m_machine.SetText(name, other.Path().wstring());
+    EXPECT_EQ(name == std::wstring(L"RootDir") ? RootDir() : ConfigDir(), other.Path().wstring());
+    m_machine.SetValue(name, REG_SZ, L"", 0);
+    EXPECT_EQ(RootDir(), m_installation.Path().wstring());
+    EXPECT_EQ(ConfigDir(), (m_installation / "conf").wstring());
+  }
+  EXPECT_THAT(Lines(), IsEmpty());
+}
+
 TEST_F(SupportLibrary, UnusableRegistryValueIsRefusedAndNotReplacedByADefault) {
   const DWORD number = 4;
   m_machine.SetValue(L"RootDir", REG_DWORD, &number, sizeof(number));
@@ -205,6 +218,30 @@ TEST_F(SupportLibrary, FolderOnASubstitutedDriveIsRefused) {
   EXPECT_THAT(Lines(), ElementsAre(OffDriveLine(L"S:\\agent")));
   m_machine.SetText(L"RootDir", m_installation.Path().wstring());
   EXPECT_EQ(RootDir(), m_installation.Path().wstring());
+}
+
+// A folder of more characters than any disk's name has.
+TEST_F(SupportLibrary, FolderOnADriveThatDoesNotSayWhatItStandsForIsRefused) {
+  m_library.ReplaceImport<DWORD WINAPI(const wchar_t*, wchar_t*, DWORD)>(
+      "QueryDosDeviceW", +[](const wchar_t*, wchar_t*, DWORD) -> DWORD {
+        SetLastError(ERROR_INSUFFICIENT_BUFFER);
+        return 0;
+      });
+  const fs::path root = m_installation.Path();
+  m_machine.SetText(L"RootDir", root.wstring());
+  EXPECT_EQ(RootDir(), L"refused");
+  EXPECT_THAT(Lines(), ElementsAre(OffDriveLine(root)));
+}
+
+TEST_F(SupportLibrary, FolderOnADriveThatDoesNotExistIsMissing) {
+  m_library.ReplaceImport<DWORD WINAPI(const wchar_t*, wchar_t*, DWORD)>(
+      "QueryDosDeviceW", +[](const wchar_t*, wchar_t*, DWORD) -> DWORD {
+        SetLastError(ERROR_FILE_NOT_FOUND);
+        return 0;
+      });
+  m_machine.SetText(L"RootDir", L"Q:\\agent");
+  EXPECT_EQ(RootDir(), L"refused");
+  EXPECT_THAT(Lines(), ElementsAre(RootLine("Installation folder does not exist: Q:\\agent")));
 }
 
 TEST_F(SupportLibrary, RegistryValueBeyondAllBuffersIsRefused) {
