@@ -7,6 +7,7 @@
 #include <thread>
 #include <vector>
 
+#include "support/lasterror.h"
 #include "tests/support/trace_recorder.h"
 #include "tests/unit/configuration_folder.h"
 
@@ -420,7 +421,18 @@ TEST_F(StoreIdentifierLock, IsNoNamedObjectThatAnyoneCanKeep) {
   StoredIdentifier foundBySecond;
   std::thread other;
   {
-    const Pauses pauses([&](unsigned) { SetEvent(secondWaits.Get()); });
+    const CallPatch<struct SecondTriesTag, decltype(CreateFileW)> create(
+        "KERNEL32.dll", "CreateFileW",
+        [&](LPCWSTR path, DWORD access, DWORD shareMode, LPSECURITY_ATTRIBUTES security,
+            DWORD disposition, DWORD flags, HANDLE model) {
+          const HANDLE file =
+              create.CallOriginal(path, access, shareMode, security, disposition, flags, model);
+          if (path == Path() && file == INVALID_HANDLE_VALUE) {
+            const LastErrorKeeper keeper;
+            SetEvent(secondWaits.Get());
+          }
+          return file;
+        });
     const CallPatch<struct InTheMiddleTag, decltype(WritePrivateProfileStringW)> write(
         "KERNEL32.dll", "WritePrivateProfileStringW",
         [&](LPCWSTR section, LPCWSTR key, LPCWSTR text, LPCWSTR file) {
