@@ -59,6 +59,10 @@ TEST(HostileInput, NetworkAddresses) {
     EXPECT_TRUE(IsTerminated(fields.value.MacAddress1, kMacAddressSize));
     EXPECT_TRUE(IsTerminated(fields.value.MacAddress2, kMacAddressSize));
     EXPECT_TRUE(IsTerminated(fields.value.OptimumHddSerial, kOptimumHddSerialSize));
+    // There are four places, and nothing is written behind them.
+    const char* const behind = fields.value.MacAddress1 + 4 * kMacAddressSize;
+    const char* const end = fields.value.OptimumHddSerial + kOptimumHddSerialSize;
+    EXPECT_TRUE(std::all_of(behind, end, [](char c) { return c == 0; }));
   });
 }
 
