@@ -20,10 +20,13 @@ failures = 0
 for arguments in (
     ["trace"],
     ["trace", "--start"],
+    ["trace", "--stop"],
     ["trace", "--perfetto", "schema_test.tmp"],
     ["report", "schema_test.tmp"],
     ["bundle", "schema_test.tmp"],
     ["bundle", "schema_test.tmp", "--mask"],
+    ["cache", "write", "--folder", "."],
+    ["cache", "check", "--folder", "."],
     ["cache", "check"],
     ["status"],
     ["identity"],
@@ -43,6 +46,7 @@ for arguments in (
     failures += len(errors)
 
 Path("schema_test.tmp").unlink()
+Path("hwcdata.dat").unlink()
 
 # The schema must be able to refuse.
 document["sections"][0]["findings"][0]["verdict"] = "fine"

@@ -210,14 +210,17 @@ std::vector<std::string> ArgumentsBackwards() {
 
 int Run(Output& output, Output& errors) {
   CLI::App app{
-      "Says what the agent on this computer does. Changes nothing.\n"
+      "Says what the agent on this computer does. Changes nothing but the file that a command is\n"
+      "told to write.\n"
       "Run it from an elevated prompt, in the installation folder. Begin with: vorldiag status\n",
       "vorldiag"};
   app.set_version_flag("--version", VORL_VERSION);
   app.require_subcommand(1);
   app.footer(
       "\nExit codes: 0 everything is as it should be, 1 there is a warning, 2 there is an error,\n"
-      "3 the command itself could not be carried out.\n"
+      "3 the command itself could not be carried out. trace, report and bundle end with 0 when "
+      "they\n"
+      "were carried out, whatever they show.\n"
       "vorldiag COMMAND --help says more about a command. Output is UTF-8.");
 
   Options options;
@@ -259,8 +262,11 @@ int Run(Output& output, Output& errors) {
                     "Where the file lies; otherwise the configuration folder");
   addWmiSeconds(cache);
 
-  CLI::App* const trace = addCommand(
-      "trace", "Show lines of the trace, or the last start or stop as a tree of calls", &RunTrace);
+  CLI::App* const trace = addCommand("trace",
+                                     "Show lines of the trace, follow it while it is written, or "
+                                     "show the last start or stop as a\n"
+                                     "tree of calls",
+                                     &RunTrace);
   trace->add_option("--level", options.level,
                     "error, info or verbose: lines of this level and more important ones");
   trace->add_option("--function", options.filter.function, "Part of a function's name");
