@@ -1,4 +1,4 @@
-// What must not leave the house, taken out of texts.
+// What a report must not tell when it is handed out without names.
 #pragma once
 
 #include "tools/vorldiag/bundle/mask.h"
