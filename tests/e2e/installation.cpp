@@ -25,6 +25,19 @@ fs::path TestFolder() {
 // What the build has staged: build/<preset>/bin, seen from build/<preset>/tests/e2e.
 fs::path StagedFolder() { return TestFolder().parent_path().parent_path() / "bin"; }
 
+// What the function `ordinal` of the vorlinfo.dll in `folder` makes of `baseName`.
+std::string VersionedName(const fs::path& folder, WORD ordinal, const char* baseName) {
+  static_assert(std::is_same_v<decltype(GetServiceNameByVersion), decltype(GetEventNameByVersion)>);
+  const Module library(LoadLibraryW((folder / "vorlinfo.dll").c_str()));
+  auto* const getName =
+      ProcAddress<decltype(GetServiceNameByVersion)>(library.Get(), MAKEINTRESOURCEA(ordinal));
+  char name[500] = {};
+  if (getName == nullptr || getName(baseName, name, sizeof(name)) == 0) {
+    throw std::runtime_error("vorlinfo.dll gives no name");
+  }
+  return name;
+}
+
 int LevelOf(const std::string& word) {
   static const std::map<std::string, int> levels = {{"ERROR", 1}, {"INFO", 2}, {"VERBOSE", 8}};
   const auto found = levels.find(word);
@@ -103,16 +116,14 @@ std::vector<std::vector<std::string>> Installation::TraceByThread(const std::str
   return threads;
 }
 
-std::string Installation::ServiceName() const {
+std::string Installation::EventName(const char* baseName) const {
+  constexpr WORD kGetEventNameByVersionOrdinal = 1;
+  return VersionedName(m_folder, kGetEventNameByVersionOrdinal, baseName);
+}
+
+std::string StagedServiceName() {
   constexpr WORD kGetServiceNameByVersionOrdinal = 9;
-  const Module library(LoadLibraryW((m_folder / "vorlinfo.dll").c_str()));
-  auto* const getName = ProcAddress<decltype(GetServiceNameByVersion)>(
-      library.Get(), MAKEINTRESOURCEA(kGetServiceNameByVersionOrdinal));
-  char name[100] = {};
-  if (getName == nullptr || getName("Client Agent", name, sizeof(name)) == 0) {
-    throw std::runtime_error("vorlinfo.dll gives no service name");
-  }
-  return name;
+  return VersionedName(StagedFolder(), kGetServiceNameByVersionOrdinal, "Client Agent");
 }
 
 BackgroundProgram::BackgroundProgram(const fs::path& program, const std::string& arguments) {

@@ -53,12 +53,15 @@ class Installation {
   // order of their first line.
   std::vector<std::vector<std::string>> TraceByThread(const std::string& module) const;
 
-  // The name under which this installation's service is registered.
-  std::string ServiceName() const;
+  // The name of the event `baseName` of this installation's version.
+  std::string EventName(const char* baseName) const;
 
  private:
   std::filesystem::path m_folder;
 };
+
+// The name under which the staged program registers its service.
+std::string StagedServiceName();
 
 // A program that runs beside the test, with its standard output in a pipe. It is ended with the
 // object when it still runs.

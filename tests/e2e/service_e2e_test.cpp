@@ -2,8 +2,6 @@
 #include <filesystem>
 
 #include "support/handle.h"
-#include "support/procaddress.h"
-#include "support/vorlinfo.h"
 #include "tests/e2e/service_fixture.h"
 #include "tests/e2e/wait_until.h"
 
@@ -32,17 +30,10 @@ class Service : public ServiceTest {
 // Opens the event `baseName` of this installation's version. The watcher makes its events when the
 // service says RUNNING already, so they are waited for; null when none comes within a minute.
 KernelHandle OpenVersionedEvent(const Installation& installation, const char* baseName) {
-  constexpr WORD kGetEventNameByVersionOrdinal = 1;
-  const Module library(LoadLibraryW((installation.Folder() / "vorlinfo.dll").c_str()));
-  auto* const getName = ProcAddress<decltype(GetEventNameByVersion)>(
-      library.Get(), MAKEINTRESOURCEA(kGetEventNameByVersionOrdinal));
-  char name[500] = {};
-  if (getName == nullptr || getName(baseName, name, sizeof(name)) == 0) {
-    return KernelHandle();
-  }
+  const std::string name = installation.EventName(baseName);
   KernelHandle event;
   WaitUntil([&] {
-    event.Reset(OpenEventA(EVENT_MODIFY_STATE, FALSE, name));
+    event.Reset(OpenEventA(EVENT_MODIFY_STATE, FALSE, name.c_str()));
     return static_cast<bool>(event);
   });
   return event;

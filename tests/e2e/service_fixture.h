@@ -9,16 +9,13 @@
 #include "tests/e2e/service_manager.h"
 
 // A staged installation whose service is not registered yet. A service that a crashed run has left
-// behind is removed before the test, and the test's own afterwards.
+// behind is removed first, since it holds files of that run's installation, and the test's own
+// afterwards.
 class ServiceTest : public ::testing::Test {
  protected:
   explicit ServiceTest(const std::string& folderSuffix = "")
-      : installation(::testing::UnitTest::GetInstance()->current_test_info()->name() +
-                     folderSuffix),
-        name(installation.ServiceName()),
-        service(name) {}
+      : name(StagedServiceName()), service(name), installation(FolderName(folderSuffix)) {}
 
-  void SetUp() override { service.Remove(); }
   void TearDown() override { service.Remove(); }
 
   // What the program prints when it installs its service.
@@ -30,7 +27,13 @@ class ServiceTest : public ::testing::Test {
     ASSERT_TRUE(service.WaitForState(SERVICE_RUNNING));
   }
 
-  Installation installation;
   const std::string name;
   ServiceUnderTest service;
+  Installation installation;
+
+ private:
+  std::string FolderName(const std::string& suffix) {
+    service.Remove();
+    return ::testing::UnitTest::GetInstance()->current_test_info()->name() + suffix;
+  }
 };

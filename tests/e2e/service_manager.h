@@ -43,8 +43,9 @@ class ServiceUnderTest {
   // Sets the start type, to see later whether somebody has set it back.
   void SetStartType(DWORD startType) const;
 
- private:
+  // A handle of the caller's own; null when there is no such service.
   ServiceHandle Open(DWORD access) const;
 
+ private:
   std::string m_name;
 };
