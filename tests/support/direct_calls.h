@@ -34,8 +34,6 @@ class DirectCalls {
   decltype(::ResumeThread)* const resumeThread = Find<decltype(::ResumeThread)>("ResumeThread");
   decltype(::SetEvent)* const setEvent = Find<decltype(::SetEvent)>("SetEvent");
   decltype(::SuspendThread)* const suspendThread = Find<decltype(::SuspendThread)>("SuspendThread");
-  decltype(::TerminateJobObject)* const terminateJobObject =
-      Find<decltype(::TerminateJobObject)>("TerminateJobObject");
   decltype(::TerminateProcess)* const terminateProcess =
       Find<decltype(::TerminateProcess)>("TerminateProcess");
   decltype(::VirtualQuery)* const virtualQuery = Find<decltype(::VirtualQuery)>("VirtualQuery");

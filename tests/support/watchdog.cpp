@@ -41,7 +41,8 @@ void Print(const char* text) {
   Print(line);
   PrintThreadStacks(watchdog.calls, Print);
   Print("WATCHDOG: the program and what it has started are ended\n");
-  watchdog.calls.terminateJobObject(watchdog.job, kWatchdogExitCode);
+  // The job's last handle goes with this process, and the other processes with the job. Ended by
+  // the job itself, a program under Wine would leave the status 0 to whoever waits for it.
   for (;;) {
     watchdog.calls.terminateProcess(watchdog.calls.getCurrentProcess(), kWatchdogExitCode);
   }
