@@ -387,6 +387,17 @@ TEST_F(MainTest, EndsWith0AfterAServiceThatRan) {
   // Without start-up options the service's body ends at once.
   FakeMisc()->startUpOptionsResult = 0;
   FakeInfo()->eventNameResult = 0;
+  // So does the watcher, for which nobody waits then: not beyond this test.
+  using Procedure = unsigned(__stdcall*)(void*);
+  CallPatch<struct BeginTag, std::uintptr_t(void*, unsigned, Procedure, void*, unsigned, unsigned*)>
+      begin{"msvcrt.dll", "_beginthreadex",
+            [&](void* security, unsigned stackSize, Procedure procedure, void* argument,
+                unsigned flags, unsigned* id) {
+              const std::uintptr_t thread =
+                  begin.CallOriginal(security, stackSize, procedure, argument, flags, id);
+              WaitForSingleObject(reinterpret_cast<HANDLE>(thread), INFINITE);
+              return thread;
+            }};
   dispatch = [](LPSERVICE_MAIN_FUNCTIONA serviceMain) {
     SetLastError(ERROR_ACCESS_DENIED);
     serviceMain(0, nullptr);
