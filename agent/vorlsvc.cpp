@@ -98,7 +98,7 @@ void CAcAsSvc::Run() {
 
   Module core(LoadVorlcoreDll());
   if (!core) {
-    // The close event is for those who wait for the watcher, and without a core nobody does.
+    // Nobody waits for the watcher, and other programs have never seen the close event here.
     runTrace.Error("LoadAcresDll() failed.");
     return;
   }

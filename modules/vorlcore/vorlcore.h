@@ -1,5 +1,6 @@
-// A core module that reports every option through the trace and then writes a heartbeat line at
-// every `dword1` milliseconds (0: every minute) from a thread of its own until it is cleaned up.
+// This product's own core module (the contract is support/vorlcore.h). It reports every option
+// through the trace and then writes a heartbeat line at every `dword1` milliseconds (0: every
+// minute) from a thread of its own until it is cleaned up.
 #pragma once
 
 #include "support/vorlcore.h"

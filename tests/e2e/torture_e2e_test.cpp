@@ -136,6 +136,7 @@ DWORD ThreadsOf(DWORD processId) {
   return threads;
 }
 
+// Under Wine always 0.
 DWORD HandlesOf(const KernelHandle& process) {
   DWORD handles = 0;
   EXPECT_TRUE(GetProcessHandleCount(process.Get(), &handles));
