@@ -4,6 +4,7 @@
 //
 // FOLDER is an installation. The process ends in front of call NUMBER of the library, or in the
 // middle of what that call was to transfer. Exit codes: kEndedAtCall, 0 when there are fewer calls.
+#include <cstdint>
 #include <cstdlib>
 #include <fstream>
 #include <string>

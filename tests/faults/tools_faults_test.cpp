@@ -1,6 +1,7 @@
 // Every call that fails in the helper process and in the diagnosis tool.
 #include <gmock/gmock.h>
 
+#include <cstdint>
 #include <optional>
 #include <string>
 #include <thread>

@@ -5,6 +5,7 @@
 #include <process.h>
 
 #include <atomic>
+#include <cstdint>
 #include <functional>
 #include <memory>
 #include <mutex>

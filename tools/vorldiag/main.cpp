@@ -1,6 +1,7 @@
 // Says what the agent does, for the people who support it. Changes nothing on the machine: what it
 // opens it reads, and leaves to everybody else meanwhile.
 #include <CLI/CLI.hpp>
+#include <cstdint>
 #include <cstdlib>
 #include <exception>
 #include <functional>

@@ -1,6 +1,7 @@
 // The archive for a ticket: report, status and identity as JSON, settings, and the trace.
 #pragma once
 
+#include <cstdint>
 #include <string>
 #include <vector>
 

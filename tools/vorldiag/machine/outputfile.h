@@ -1,6 +1,7 @@
 // Files that the commands write.
 #pragma once
 
+#include <cstdint>
 #include <string>
 #include <string_view>
 

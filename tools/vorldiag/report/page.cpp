@@ -1,6 +1,7 @@
 #include "tools/vorldiag/report/page.h"
 
 #include <algorithm>
+#include <cstdint>
 
 #include "tools/vorldiag/documents/explanations.h"
 #include "tools/vorldiag/report/html.h"

@@ -1,6 +1,7 @@
 #include "tools/vorldiag/trace/perfetto.h"
 
 #include <algorithm>
+#include <cstdint>
 #include <map>
 #include <nlohmann/json.hpp>
 

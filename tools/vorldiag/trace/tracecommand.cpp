@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cctype>
+#include <cstdint>
 #include <nlohmann/json.hpp>
 
 #include "tools/vorldiag/report/json.h"

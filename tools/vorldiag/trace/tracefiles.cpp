@@ -1,6 +1,7 @@
 #include "tools/vorldiag/trace/tracefiles.h"
 
 #include <algorithm>
+#include <cstdint>
 #include <iterator>
 #include <map>
 
