@@ -5,7 +5,6 @@
 #include "companions/common/ini_file.h"
 #include "support/folder.h"
 #include "support/handle.h"
-#include "support/lasterror.h"
 
 namespace {
 

@@ -64,8 +64,8 @@ class Torture : public ServiceTest {
   }
 
   static void ExpectNoProcess(const KernelHandle& process) {
-    ASSERT_TRUE(process);
-    EXPECT_EQ(WaitForSingleObject(process.Get(), kPatience), DWORD{WAIT_OBJECT_0});
+    // One that was gone already could not be opened.
+    EXPECT_TRUE(!process || WaitForSingleObject(process.Get(), kPatience) == WAIT_OBJECT_0);
   }
 
   // The installation works: it starts, and stops when asked to.

@@ -13,6 +13,17 @@ using ::testing::IsEmpty;
 
 namespace {
 
+// Opens no file through the C runtime, and says which function was to.
+struct CRuntimeFiles {
+  std::vector<std::string> opened;
+  CallPatch<struct OpenTag, int(const char*, int, int)> open{
+      "msvcrt.dll", "_open",
+      [this](const char*, int, int) { return opened.push_back("_open"), -1; }};
+  CallPatch<struct OpenWideTag, int(const wchar_t*, int, int)> openWide{
+      "msvcrt.dll", "_wopen",
+      [this](const wchar_t*, int, int) { return opened.push_back("_wopen"), -1; }};
+};
+
 // --- Arguments ---
 
 TEST(Md5Arguments, NullsFail) {
@@ -39,16 +50,11 @@ TEST(Md5Arguments, NullsFail) {
 }
 
 TEST_F(Md5File, NullsFailBeforeAnythingIsOpened) {
-  std::vector<std::string> opened;
-  const CallPatch<struct OpenTag, int(const char*, int, int)> open(
-      "msvcrt.dll", "_open", [&](const char*, int, int) { return opened.push_back("_open"), -1; });
-  const CallPatch<struct OpenWideTag, int(const wchar_t*, int, int)> openWide(
-      "msvcrt.dll", "_wopen",
-      [&](const wchar_t*, int, int) { return opened.push_back("_wopen"), -1; });
+  CRuntimeFiles files;
   const CallPatch<struct AcquireTag, BOOL WINAPI(HCRYPTPROV*, LPCSTR, LPCSTR, DWORD, DWORD)>
       acquire("ADVAPI32.dll", "CryptAcquireContextA",
               [&](HCRYPTPROV*, LPCSTR, LPCSTR, DWORD, DWORD) {
-                return opened.push_back("CryptAcquireContextA"), FALSE;
+                return files.opened.push_back("CryptAcquireContextA"), FALSE;
               });
   std::uint32_t flag = 7;
 
@@ -67,7 +73,7 @@ TEST_F(Md5File, NullsFailBeforeAnythingIsOpened) {
   EXPECT_EQ(GetFileMD5(m_path.c_str(), nullptr), 0);
   EXPECT_EQ(GetFileMD5W(nullptr, m_digest.bytes), 0);
   EXPECT_EQ(GetFileMD5W(m_widePath.c_str(), nullptr), 0);
-  EXPECT_THAT(opened, IsEmpty());
+  EXPECT_THAT(files.opened, IsEmpty());
   EXPECT_EQ(flag, 7U);
 }
 
@@ -350,12 +356,7 @@ TEST_F(Md5File, FileFunctionsComputeThemselvesWhenCryptoApiFails) {
 }
 
 TEST_F(Md5File, FileFunctionsPreferCryptoApi) {
-  std::vector<std::string> opened;
-  const CallPatch<struct OpenTag, int(const char*, int, int)> open(
-      "msvcrt.dll", "_open", [&](const char*, int, int) { return opened.push_back("_open"), -1; });
-  const CallPatch<struct OpenWideTag, int(const wchar_t*, int, int)> openWide(
-      "msvcrt.dll", "_wopen",
-      [&](const wchar_t*, int, int) { return opened.push_back("_wopen"), -1; });
+  CRuntimeFiles files;
   const CryptoCalls calls;
   EXPECT_EQ(GetFileMD5(m_path.c_str(), m_digest.bytes), 1);
   EXPECT_EQ(m_digest.Hex(), kAbcDigest);
@@ -364,7 +365,7 @@ TEST_F(Md5File, FileFunctionsPreferCryptoApi) {
   EXPECT_EQ(GetFileMD5W(m_widePath.c_str(), m_digest.bytes), 1);
   EXPECT_EQ(m_digest.Hex(), kAbcDigest);
   EXPECT_EQ(std::ranges::count(calls.m_calls, "acquire(1 F0000000)"), 2);
-  EXPECT_THAT(opened, IsEmpty());
+  EXPECT_THAT(files.opened, IsEmpty());
 }
 
 TEST_F(Md5File, AFileThatSomebodyWritesIsHashedWithoutCryptoApi) {

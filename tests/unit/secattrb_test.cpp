@@ -429,7 +429,6 @@ TEST_F(CreateSecurityAttributeSteps, FreeEverythingWhenTheListCannotBeSet) {
 TEST_F(FreeSecurityAttributeSteps, FreeSidListAndDescriptorThenUnload) {
   ASSERT_EQ(attributes.Create(), TRUE);
   journal.Clear();
-  journal.Clear();
   EXPECT_EQ(attributes.Free(), TRUE);
   EXPECT_THAT(journal.Calls(),
               ElementsAre("FreeSid sid", "LocalFree acl", "LocalFree sd", "FreeLibrary 1"));
@@ -470,7 +469,6 @@ TEST_F(FreeSecurityAttributeSteps, FreeNothingForANullRecord) {
 TEST_F(FreeSecurityAttributeSteps, WithAllThreePointersNullStillUnloadTheLibraryAndReturnTrue) {
   ASSERT_EQ(attributes.Create(), TRUE);
   const Attributes made = attributes;
-  journal.Clear();
   journal.Clear();
   attributes.sid = nullptr;
   attributes.acl = nullptr;

@@ -29,7 +29,6 @@ class MainTest : public CreateAndSetClientUUIDTest {
   MainTest() {
     FakeInfoReset();
     journal.Clear();
-    journal.Clear();
   }
 
   // Runs main with these arguments after the program's name.

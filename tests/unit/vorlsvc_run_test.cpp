@@ -300,7 +300,6 @@ TEST_F(RunTest, UnloadsACoreWithoutCleanUpAfterTwoCallsWithoutAHandle) {
     AwaitWatcher();
     CloseHandle(event);
     journal.Clear();
-    journal.Clear();
   });
   service->Run();
   EXPECT_THAT(Lines(),
