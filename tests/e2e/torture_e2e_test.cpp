@@ -309,7 +309,9 @@ TEST_P(TortureByModules, LeaveNothingThatTheNextStartWouldMeet) {
   if (!misbehaviour.endsItself) {
     ASSERT_TRUE(service.WaitForState(SERVICE_RUNNING));
     ASSERT_TRUE(installation.WaitForText("CAcAsSvc::Run", "Before Calling WaitForSingleObject"));
-    ASSERT_EQ(service.Control(SERVICE_CONTROL_STOP), 0U);
+    const DWORD error = service.Control(SERVICE_CONTROL_STOP);
+    // The process may be gone before it has answered.
+    ASSERT_TRUE(error == ERROR_SUCCESS || misbehaviour.isFatal) << error;
   }
   if (misbehaviour.isFatal) {
     // Wine may go on calling a service running whose process is gone.
