@@ -124,7 +124,6 @@ TEST_F(CommandLine, WithoutArgumentsTheProcessIsToRunAsTheService) {
   EXPECT_THAT(m_journal.Entries(),
               ElementsAre(kParse.Info("Entry"), kParse.Info("No Arguments hence returning"),
                           kParse.Info("Exit")));
-  EXPECT_EQ(m_printed, "");
 }
 
 TEST_F(CommandLine, WithoutAProgramNameTheProcessIsToRunAsTheService) {
@@ -141,7 +140,6 @@ class UnknownOption : public CommandLine, public ::testing::WithParamInterface<c
 TEST_P(UnknownOption, FallsThroughToTheDispatcher) {
   EXPECT_EQ(ParseArguments({GetParam(), "-install"}), 0);
   EXPECT_THAT(m_journal.Entries(), ElementsAre(kParse.Info("Entry"), kParse.Info("Exit")));
-  EXPECT_EQ(m_printed, "");
 }
 
 INSTANTIATE_TEST_SUITE_P(, UnknownOption,
@@ -154,7 +152,6 @@ TEST_F(CommandLine, InstallInstallsTheService) {
   NotInstalled();
   EXPECT_EQ(ParseArguments({"-install"}), 1);
   EXPECT_THAT(Steps(), ElementsAreArray(InstallSteps()));
-  EXPECT_EQ(m_printed, "Sample is installed successfully\n");
   EXPECT_EQ(m_service.ExitCode(), 0U);
 }
 
@@ -165,7 +162,6 @@ TEST_F(CommandLine, InstallOnAnInstalledServiceSaysSoAndDoesNotTouchTheConfigura
                                    Printed("Sample is already installed\n"), kParse.Info("Exit")));
   EXPECT_THAT(m_journal.Calls(), Not(Contains(HasSubstr("ChangeServiceConfig2W"))));
   EXPECT_THAT(m_journal.Calls(), Not(Contains(HasSubstr("Reg"))));
-  EXPECT_EQ(m_printed, "Sample is already installed\n");
 }
 
 TEST_F(CommandLine, FailedInstallPrintsAndTracesTheError) {
@@ -178,7 +174,6 @@ TEST_F(CommandLine, FailedInstallPrintsAndTracesTheError) {
                           std::string(kCreate) + "error 1072",
                           Printed("Unable to install Sample. (Error 1072)\n"),
                           kParse.Info("Unable to install Sample. (Error 1072)\n")));
-  EXPECT_EQ(m_printed, "Unable to install Sample. (Error 1072)\n");
   EXPECT_EQ(m_service.ExitCode(), 0U);
 }
 
@@ -241,7 +236,6 @@ TEST_P(StartCommand, StartsTheServiceAndLogsStart) {
                           "OpenServiceA(manager1, \"Sample\", 0x14) = service1",
                           "StartServiceA(service1, 0, null)",
                           kParse.Info("After calling StartServiceByName"), kParse.Info("Exit")));
-  EXPECT_EQ(m_printed, "");
 }
 
 TEST_P(StartCommand, IgnoresAFailedStart) {
@@ -253,7 +247,6 @@ TEST_P(StartCommand, IgnoresAFailedStart) {
                           "OpenServiceA(manager1, \"Sample\", 0x14) = service1",
                           "StartServiceA(service1, 0, null) = error 1056",
                           kParse.Info("After calling StartServiceByName"), kParse.Info("Exit")));
-  EXPECT_EQ(m_printed, "");
 }
 
 INSTANTIATE_TEST_SUITE_P(, StartCommand, Values("-start", "-reset", "-START", "-Reset"));
@@ -293,7 +286,6 @@ TEST_P(StopCommand, StopsTheServiceBetweenItsTwoNotifications) {
   m_manager.AnswerStatus({{SERVICE_STOPPED}});
   EXPECT_EQ(ParseArguments({GetParam().word}), 1);
   EXPECT_THAT(Steps(), ElementsAreArray(StopSteps("", {})));
-  EXPECT_EQ(m_printed, "");
   EXPECT_EQ(m_service.m_bNotifyServer, GetParam().notifiesServer);
 }
 
@@ -302,7 +294,6 @@ TEST_P(StopCommand, NotifiesTheHelperAfterAFailedStopToo) {
   EXPECT_EQ(ParseArguments({GetParam().word}), 1);
   EXPECT_THAT(Steps(),
               ElementsAreArray(StopSteps(" = error 1062", {kParse.Info("Stop service Failed")})));
-  EXPECT_EQ(m_printed, "");
   EXPECT_EQ(m_service.m_bNotifyServer, GetParam().notifiesServer);
   EXPECT_EQ(m_service.ExitCode(), 0U);
 }
@@ -321,7 +312,6 @@ TEST_P(StopCommand, IsASilentNoOperationWhenTheServiceIsNotInstalled) {
   NotInstalled();
   EXPECT_EQ(ParseArguments({GetParam().word}), 1);
   EXPECT_THAT(Steps(), ElementsAre(kParse.Info("Entry"), kParse.Info(GetParam().word), kNotFound));
-  EXPECT_EQ(m_printed, "");
   EXPECT_FALSE(m_service.m_bNotifyServer);
 }
 
@@ -345,7 +335,6 @@ TEST_F(CommandLine, RestartStopsWaitsAndStarts) {
                   "OpenServiceA(manager3, \"Sample\", 0x14) = service3",
                   "StartServiceA(service3, 0, null)",
                   kParse.Info("After calling StartServiceByName"), kParse.Info("Exit")));
-  EXPECT_EQ(m_printed, "");
   EXPECT_FALSE(m_service.m_bNotifyServer);
 }
 
@@ -365,7 +354,6 @@ TEST_F(CommandLine, RestartGoesOnAfterAFailedStopAndAFailedStart) {
                   "StartServiceA(service3, 0, null) = error 5",
                   kParse.Info("StartServiceByName Failed"),
                   kParse.Info("After calling StartServiceByName"), kParse.Info("Exit")));
-  EXPECT_EQ(m_printed, "");
 }
 
 TEST_F(CommandLine, RestartOfAServiceThatIsNotInstalledStillTriesToStartIt) {
@@ -388,7 +376,6 @@ TEST_F(CommandLine, UninstallRemovesTheServiceAndPrintsNothing) {
                           "OpenServiceA(manager2, \"Sample\", 0x10000) = service2",
                           "DeleteService(service2)", kParse.Info("Uninstall Success"),
                           kParse.Info("Exit")));
-  EXPECT_EQ(m_printed, "");
 }
 
 TEST_F(CommandLine, UninstallOfAServiceThatIsNotInstalledSaysSo) {
@@ -399,7 +386,6 @@ TEST_F(CommandLine, UninstallOfAServiceThatIsNotInstalledSaysSo) {
       ElementsAre(kParse.Info("Entry"), kParse.Info("-uninstall"), kNotFound,
                   Printed("Sample is not installed\n"),
                   kParse.Info("Service Not Found :: Unable to uninstall the service bcoz")));
-  EXPECT_EQ(m_printed, "Sample is not installed\n");
 }
 
 TEST_F(CommandLine, FailedUninstallPrintsTheErrorOfTheDeletion) {
@@ -410,7 +396,6 @@ TEST_F(CommandLine, FailedUninstallPrintsTheErrorOfTheDeletion) {
                           "OpenServiceA(manager2, \"Sample\", 0x10000) = service2",
                           "DeleteService(service2) = error 1072", kParse.Info("Uninstall Failed"),
                           Printed("Could not remove Sample. Error 1072\n")));
-  EXPECT_EQ(m_printed, "Could not remove Sample. Error 1072\n");
   EXPECT_EQ(m_service.ExitCode(), 0U);
 }
 
@@ -457,7 +442,6 @@ TEST_F(CommandLine, ASecondArgumentNeverChangesWhatHappens) {
   NotInstalled();
   EXPECT_EQ(ParseArguments({"-install", "-uninstall", "further"}), 1);
   EXPECT_THAT(Steps(), ElementsAreArray(InstallSteps()));
-  EXPECT_EQ(m_printed, "Sample is installed successfully\n");
 }
 
 // ---- Without the right to open the service control manager ----
@@ -476,7 +460,6 @@ TEST_F(WithoutRights, InstallTriesToInstallAndPrintsItsError) {
                           kParse.Info("Service not installed hence Insatalling client agent"),
                           kDenied, Printed("Unable to install Sample. (Error 5)\n"),
                           kParse.Info("Unable to install Sample. (Error 5)\n")));
-  EXPECT_EQ(m_printed, "Unable to install Sample. (Error 5)\n");
 }
 
 TEST_F(WithoutRights, UninstallSaysThatTheServiceIsNotInstalled) {
@@ -486,16 +469,13 @@ TEST_F(WithoutRights, UninstallSaysThatTheServiceIsNotInstalled) {
       ElementsAre(kParse.Info("Entry"), kParse.Info("-uninstall"), kDenied,
                   Printed("Sample is not installed\n"),
                   kParse.Info("Service Not Found :: Unable to uninstall the service bcoz")));
-  EXPECT_EQ(m_printed, "Sample is not installed\n");
 }
 
 TEST_F(WithoutRights, StopAndStopManualEndSilently) {
   EXPECT_EQ(ParseArguments({"-stop"}), 1);
   EXPECT_THAT(Steps(), ElementsAre(kParse.Info("Entry"), kParse.Info("-stop"), kDenied));
-  EXPECT_EQ(m_printed, "");
   EXPECT_EQ(ParseArguments({"-stopmanual"}), 1);
   EXPECT_THAT(Steps(), ElementsAre(kParse.Info("Entry"), kParse.Info("-stopmanual"), kDenied));
-  EXPECT_EQ(m_printed, "");
 }
 
 }  // namespace

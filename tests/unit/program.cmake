@@ -1,5 +1,6 @@
 # Tests of the program's own unit, whose main goes by another name here.
 vorl_unit_test(identifierstore identifierstore)
+vorl_test_parts(identifierstore identifierstore_lock)
 vorl_unit_test(vorlsrvc identifierstore agent identity test_service fake_wmi)
 vorl_test_parts(vorlsrvc vorlsrvc_identifier)
 set(program_source "${PROJECT_SOURCE_DIR}/app/vorlsrvc.cpp")
