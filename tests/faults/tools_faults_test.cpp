@@ -2,8 +2,11 @@
 #include <gmock/gmock.h>
 
 #include <cstdint>
+#include <cstring>
+#include <iterator>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <thread>
 
 #include "samples/helper/consolestop.h"
@@ -11,7 +14,9 @@
 #include "tests/support/call_hooks.h"
 #include "tests/support/fault_sweep.h"
 #include "tests/support/files.h"
+#include "tests/support/import_patch.h"
 #include "tests/support/installation.h"
+#include "tests/support/start_process.h"
 #include "tools/vorldiag/machine/binaryfile.h"
 #include "tools/vorldiag/machine/kernelobjects.h"
 #include "tools/vorldiag/machine/rights.h"
@@ -121,9 +126,6 @@ TEST(DiagnosisFaults, Files) {
 
 TEST(DiagnosisFaults, Machine) {
   SweepLook("MachineKeyAccess", [] { return MachineKeyAccess(L"SOFTWARE", KeyKind()).error; });
-  const std::string name = "vorl_faults_event_" + std::to_string(GetCurrentProcessId());
-  const KernelHandle event(CreateEventA(nullptr, TRUE, TRUE, name.c_str()));
-  SweepLook("LookAtEvent", [&] { return LookAtEvent(name).error; });
   SweepFaults("ServiceReader::Open", [](FaultRun& run) {
     DWORD error = ERROR_SUCCESS;
     run.Call([&] {
@@ -132,6 +134,72 @@ TEST(DiagnosisFaults, Machine) {
     });
     EXPECT_TRUE(error == ERROR_SERVICE_DOES_NOT_EXIST || run.IsFaulted()) << error;
   });
+}
+
+// The answer to the question for all handles of the system: one event, here and in another process.
+// Wine's own answer can be had only while no process is being started; at any other time Wine's
+// server ends at the question, and every program hangs.
+struct SystemHandles {
+  struct {
+    void* object;
+    ULONG_PTR processId;
+    ULONG_PTR handle;
+    ULONG access;
+    USHORT creatorBackTraceIndex;
+    USHORT type;
+    ULONG attributes;
+    ULONG reserved;
+  } handles[2];
+};
+SystemHandles g_systemHandles;
+
+LONG NTAPI GiveSystemHandles(ULONG /*information*/, void* buffer, ULONG size, ULONG* given) {
+  const ULONG_PTR head[] = {std::size(g_systemHandles.handles), 0};
+  EXPECT_GE(size, sizeof(head) + sizeof(g_systemHandles));
+  std::memcpy(buffer, head, sizeof(head));
+  std::memcpy(static_cast<BYTE*>(buffer) + sizeof(head), &g_systemHandles, sizeof(g_systemHandles));
+  *given = sizeof(head) + sizeof(g_systemHandles);
+  return 0;
+}
+
+TEST(DiagnosisFaults, LookAtEvent) {
+  const std::string name = "vorl_faults_event_" + std::to_string(GetCurrentProcessId());
+  const KernelHandle event(CreateEventA(nullptr, TRUE, TRUE, name.c_str()));
+  const StartedProcess other = StartProcess(L"tools_faults_test.exe", {.flags = CREATE_SUSPENDED});
+  HANDLE held = nullptr;
+  ASSERT_TRUE(DuplicateHandle(GetCurrentProcess(), event.Get(), other.process.Get(), &held, 0,
+                              FALSE, DUPLICATE_SAME_ACCESS));
+
+  g_systemHandles = {};
+  g_systemHandles.handles[0].processId = GetCurrentProcessId();
+  g_systemHandles.handles[1].processId = other.id;
+  g_systemHandles.handles[1].handle = reinterpret_cast<ULONG_PTR>(held);
+  const CallPatch<struct OpenTag, HANDLE WINAPI(DWORD, BOOL, const char*)> open(
+      "KERNEL32.dll", "OpenEventA", [&](DWORD access, BOOL inherit, const char* opening) {
+        const HANDLE opened = open.CallOriginal(access, inherit, opening);
+        g_systemHandles.handles[0].handle = reinterpret_cast<ULONG_PTR>(opened);
+        return opened;
+      });
+  const CallPatch<struct GetTag, FARPROC WINAPI(HMODULE, const char*)> get(
+      "KERNEL32.dll", "GetProcAddress", [&](HMODULE module, const char* function) {
+        return std::string_view(function) == "NtQuerySystemInformation"
+                   ? reinterpret_cast<FARPROC>(reinterpret_cast<void*>(&GiveSystemHandles))
+                   : get.CallOriginal(module, function);
+      });
+  SweepFaults("LookAtEvent",
+              [&](FaultRun& run) {
+                DWORD error = ERROR_SUCCESS;
+                std::size_t holders = 0;
+                run.Call([&] {
+                  const EventFacts facts = LookAtEvent(name);
+                  error = facts.error;
+                  holders = facts.holders.size();
+                });
+                EXPECT_TRUE(error == ERROR_SUCCESS || run.IsFaulted()) << error;
+                EXPECT_TRUE(holders == 1 || run.IsFaulted()) << holders;
+              },
+              {.left = {}, .memory = false, .mostCalls = 8});
+  EXPECT_TRUE(TerminateProcess(other.process.Get(), 0));
 }
 
 }  // namespace
