@@ -13,13 +13,18 @@
 // A line as a test expects it, in a list of TraceLine and in a journal alike.
 class ExpectedLine {
  public:
-  explicit ExpectedLine(TraceLine line) : m_line(std::move(line)) {}
+  // `module`: null for the program itself.
+  explicit ExpectedLine(TraceLine line, const char* module = nullptr)
+      : m_line(std::move(line)), m_module(module) {}
 
   operator const TraceLine&() const { return m_line; }
   operator std::string() const {
     std::string text = Traced(m_line.level, m_line.function, m_line.source, m_line.text);
     if (m_line.wide || m_line.format != "%s") {
       text += AsFormat(m_line.format);
+    }
+    if (m_module != nullptr) {
+      text += OfModule(m_module);
     }
     return text;
   }
@@ -33,6 +38,7 @@ class ExpectedLine {
 
  private:
   TraceLine m_line;
+  const char* m_module;
 };
 
 // The lines of one operation, written in a test as the operation writes them:
@@ -41,12 +47,16 @@ class ExpectedLine {
 //   EXPECT_THAT(journal.Traces(), ElementsAre(kStartByName.Info("Entry"),
 //                                             kStartByName.Error("NULL Parameter received")));
 //
-// tests/unit/operations.h has those of the program.
+// tests/unit/operations.h has those of the program, vorlmisc_test.h and vorlupd_test.h those of the
+// two modules, whose journals leave formats out.
 class ExpectedTrace {
  public:
-  // `source`: the path of the file inside the repository.
-  constexpr ExpectedTrace(const char* function, const char* source)
-      : m_function(function), m_source(source) {}
+  // `source`: the path of the file inside the repository. `module`: null for the program itself.
+  constexpr ExpectedTrace(const char* function, const char* source, const char* module = nullptr)
+      : m_function(function), m_source(source), m_module(module) {}
+
+  // The lines of the same operation that another file writes.
+  constexpr ExpectedTrace From(const char* source) const { return {m_function, source, m_module}; }
 
   ExpectedLine Error(const std::string& text) const { return Plain(1, text); }
   ExpectedLine Info(const std::string& text) const { return Plain(2, text); }
@@ -79,15 +89,16 @@ class ExpectedTrace {
 
  private:
   ExpectedLine Plain(int level, const std::string& text) const {
-    return ExpectedLine({level, m_function, m_source, "%s", text});
+    return ExpectedLine({level, m_function, m_source, "%s", text}, m_module);
   }
   ExpectedLine Direct(int level, const char* format, const std::string& text) const {
-    return ExpectedLine({level, m_function, m_source, format, text});
+    return ExpectedLine({level, m_function, m_source, format, text}, m_module);
   }
   ExpectedLine Direct(int level, const wchar_t* format, const std::string& text) const {
-    return ExpectedLine({level, m_function, m_source, Utf8(format), text, /*wide=*/true});
+    return ExpectedLine({level, m_function, m_source, Utf8(format), text, /*wide=*/true}, m_module);
   }
 
   const char* m_function;
   const char* m_source;
+  const char* m_module;
 };

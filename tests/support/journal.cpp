@@ -8,7 +8,7 @@
 #include "support/windows_api.h"
 #include "tests/support/text.h"
 
-Journal::Journal() {
+Journal::Journal(Formats formats) : m_formats(formats) {
   FakeTraceClear();
   FakeTraceSetCallback(&Journal::OnTrace, this);
 }
@@ -29,6 +29,12 @@ std::vector<std::string> Journal::Calls() const { return Select(Kind::kCalls); }
 void Journal::Clear() {
   const std::lock_guard guard(m_mutex);
   m_entries.clear();
+}
+
+std::vector<std::string> Journal::TakeTraces() {
+  std::vector<std::string> traces = Traces();
+  Clear();
+  return traces;
 }
 
 void Journal::Watch(std::function<std::string()> observe) {
@@ -52,7 +58,7 @@ void Journal::Observe() {
 
 void Journal::OnTrace(const FakeTraceLine* line, void* context) {
   auto* const journal = static_cast<Journal*>(context);
-  journal->Add(/*isTrace=*/true, JournalText(*line));
+  journal->Add(/*isTrace=*/true, JournalText(*line, journal->m_formats));
   SetLastError(kRubbishError);
 }
 
@@ -72,13 +78,13 @@ std::string Traced(int level, const std::string& function, const std::string& so
   return "level " + std::to_string(level) + " " + function + " (" + source + "): " + text;
 }
 
-std::string JournalText(const FakeTraceLine& line) {
+std::string JournalText(const FakeTraceLine& line, Journal::Formats formats) {
   std::string text = Traced(line.level, line.functionName, line.sourceFile, line.text);
-  if (line.isWide || std::strcmp(line.format, "%s") != 0) {
+  if (formats == Journal::Formats::kShown && (line.isWide || std::strcmp(line.format, "%s") != 0)) {
     text += AsFormat(line.format);
   }
   if (std::strcmp(line.moduleName, "vorlsrvc.exe") != 0) {
-    text += std::string(" [of module ") + line.moduleName + "]";
+    text += OfModule(line.moduleName);
   }
   if (line.line <= 0) {
     text += " [without a line number]";
@@ -87,6 +93,8 @@ std::string JournalText(const FakeTraceLine& line) {
 }
 
 std::string AsFormat(const std::string& format) { return " [as format " + format + "]"; }
+
+std::string OfModule(const std::string& module) { return " [of module " + module + "]"; }
 
 std::string Printed(const std::string& text) { return "printed " + Quoted(text.c_str()); }
 

@@ -15,7 +15,11 @@
 // in the thread's last error.
 class Journal {
  public:
-  Journal();
+  // Whether a line shows the format that it travelled as where that is not "%s". A library says its
+  // texts in formats of its own, which are nobody else's affair.
+  enum class Formats { kShown, kLeftOut };
+
+  explicit Journal(Formats formats = Formats::kShown);
   ~Journal();
   Journal(const Journal&) = delete;
   Journal& operator=(const Journal&) = delete;
@@ -31,6 +35,9 @@ class Journal {
   std::vector<std::string> Calls() const;
 
   void Clear();
+
+  // The trace lines so far, and then Clear.
+  std::vector<std::string> TakeTraces();
 
   // Puts what happens beside calls and trace lines, such as output and changed variables, in its
   // place in the list. `observe` gives the text of what has happened since it was last asked, or
@@ -50,6 +57,7 @@ class Journal {
   void Observe();
   std::vector<std::string> Select(Kind kind) const;
 
+  const Formats m_formats;
   mutable std::mutex m_mutex;
   std::vector<Entry> m_entries;
   std::function<std::string()> m_observe;
@@ -63,8 +71,12 @@ std::string Traced(int level, const std::string& function, const std::string& so
 // What follows that where the line travelled as a format of its own.
 std::string AsFormat(const std::string& format);
 
+// What follows that where the line names another module.
+std::string OfModule(const std::string& module);
+
 // How a journal shows a line of the recording trace library.
-std::string JournalText(const FakeTraceLine& line);
+std::string JournalText(const FakeTraceLine& line,
+                        Journal::Formats formats = Journal::Formats::kShown);
 
 // How a list shows what was printed on the console.
 std::string Printed(const std::string& text);

@@ -35,7 +35,7 @@ TEST_F(SupportLibrary, OptionsAreFilledEachFromTheKeyOfItsName) {
   expected.Dword6 = 16;
   expected.Byte1 = 21;
   EXPECT_EQ(std::memcmp(&m_options, &expected, sizeof(expected)), 0);
-  EXPECT_THAT(Lines(), IsEmpty());
+  EXPECT_THAT(m_journal.TakeTraces(), IsEmpty());
 }
 
 TEST_F(SupportLibrary, NumbersReachFromZeroToTheLargestDecimalOrHexadecimal) {
@@ -54,7 +54,7 @@ TEST_F(SupportLibrary, NumbersReachFromZeroToTheLargestDecimalOrHexadecimal) {
   EXPECT_EQ(DWORD{m_options.Dword5}, 0U);
   EXPECT_EQ(DWORD{m_options.Dword6}, 12U);
   EXPECT_EQ(m_options.Byte1, 255);
-  EXPECT_THAT(Lines(), IsEmpty());
+  EXPECT_THAT(m_journal.TakeTraces(), IsEmpty());
 }
 
 TEST_F(SupportLibrary, CommentMayFollowANumberButBelongsToAText) {
@@ -63,7 +63,7 @@ TEST_F(SupportLibrary, CommentMayFollowANumberButBelongsToAText) {
   EXPECT_EQ(m_options.Word2, 16);
   EXPECT_EQ(m_options.Word3, 0);
   EXPECT_STREQ(m_options.Text1, "a;b");
-  EXPECT_THAT(Lines(), IsEmpty());
+  EXPECT_THAT(m_journal.TakeTraces(), IsEmpty());
 }
 
 TEST_F(SupportLibrary, NumberOutOfRangeIsRefusedWithOneLineAndLeftZero) {
@@ -74,15 +74,17 @@ TEST_F(SupportLibrary, NumberOutOfRangeIsRefusedWithOneLineAndLeftZero) {
   m_options.Word3 = 0;
   EXPECT_TRUE(AllOptionsAreZero());
   EXPECT_THAT(
-      Lines(),
+      m_journal.TakeTraces(),
       ElementsAre(
-          OptionLine("Start-up option Word1 is no number from 0 to 65535: 65536"),
-          OptionLine("Start-up option Word2 is no number from 0 to 65535: 0x10000"),
-          OptionLine("Start-up option Dword1 is no number from 0 to 4294967295: 4294967296"),
-          OptionLine("Start-up option Dword2 is no number from 0 to 4294967295: 0x100000000"),
-          OptionLine("Start-up option Dword3 is no number from 0 to 4294967295: "
-                     "99999999999999999999999999999999"),
-          OptionLine("Start-up option Byte1 is no number from 0 to 255: 256")));
+          kStartUpOptions.Error("Start-up option Word1 is no number from 0 to 65535: 65536"),
+          kStartUpOptions.Error("Start-up option Word2 is no number from 0 to 65535: 0x10000"),
+          kStartUpOptions.Error(
+              "Start-up option Dword1 is no number from 0 to 4294967295: 4294967296"),
+          kStartUpOptions.Error(
+              "Start-up option Dword2 is no number from 0 to 4294967295: 0x100000000"),
+          kStartUpOptions.Error("Start-up option Dword3 is no number from 0 to 4294967295: "
+                                "99999999999999999999999999999999"),
+          kStartUpOptions.Error("Start-up option Byte1 is no number from 0 to 255: 256")));
 }
 
 TEST_F(SupportLibrary, WhatIsNoNumberIsRefusedWithOneLineAndLeftZero) {
@@ -90,8 +92,8 @@ TEST_F(SupportLibrary, WhatIsNoNumberIsRefusedWithOneLineAndLeftZero) {
                                   "0x-1", "0xG", "1e3", "\"\"0"}) {
     EXPECT_TRUE(ReadOptions("Dword1=" + value + "\r\n"));
     EXPECT_TRUE(AllOptionsAreZero());
-    EXPECT_THAT(Lines(),
-                ElementsAre(OptionLine(
+    EXPECT_THAT(m_journal.TakeTraces(),
+                ElementsAre(kStartUpOptions.Error(
                     "Start-up option Dword1 is no number from 0 to 4294967295: " + value)));
     fs::remove_all(m_installation / "conf");
   }
@@ -107,17 +109,18 @@ TEST_F(SupportLibrary, TextMayFillItsFieldAndALongerOneIsRefusedWithOneLine) {
   EXPECT_EQ(m_options.Text2, text519);
   EXPECT_EQ(m_options.Text3, text39);
   EXPECT_EQ(m_options.Text4, text259);
-  EXPECT_THAT(Lines(), IsEmpty());
+  EXPECT_THAT(m_journal.TakeTraces(), IsEmpty());
 
   fs::remove_all(m_installation / "conf");
   EXPECT_TRUE(ReadOptions("Text1=" + text519 + "a\r\nText2=" + std::string(5000, 'b') +
                           "\r\nText3=" + text39 + "c\r\nText4=" + text259 + "d\r\n"));
   EXPECT_TRUE(AllOptionsAreZero());
-  EXPECT_THAT(Lines(),
-              ElementsAre(OptionLine("Start-up option Text1 has more than 519 characters"),
-                          OptionLine("Start-up option Text2 has more than 519 characters"),
-                          OptionLine("Start-up option Text3 has more than 39 characters"),
-                          OptionLine("Start-up option Text4 has more than 259 characters")));
+  EXPECT_THAT(
+      m_journal.TakeTraces(),
+      ElementsAre(kStartUpOptions.Error("Start-up option Text1 has more than 519 characters"),
+                  kStartUpOptions.Error("Start-up option Text2 has more than 519 characters"),
+                  kStartUpOptions.Error("Start-up option Text3 has more than 39 characters"),
+                  kStartUpOptions.Error("Start-up option Text4 has more than 259 characters")));
 }
 
 TEST_F(SupportLibrary, QuotesKeepBlanksAndTakeNoRoom) {
@@ -125,7 +128,7 @@ TEST_F(SupportLibrary, QuotesKeepBlanksAndTakeNoRoom) {
   EXPECT_STREQ(m_options.Text1, "  quoted  ");
   EXPECT_STREQ(m_options.Text2, "bare");
   EXPECT_STREQ(m_options.Text3, "");
-  EXPECT_THAT(Lines(), IsEmpty());
+  EXPECT_THAT(m_journal.TakeTraces(), IsEmpty());
 }
 
 TEST_F(SupportLibrary, CharactersOutsideTheCodePageAreRefusedWithOneLine) {
@@ -142,9 +145,10 @@ TEST_F(SupportLibrary, CharactersOutsideTheCodePageAreRefusedWithOneLine) {
   EXPECT_TRUE(ReadOptions());
   EXPECT_STREQ(m_options.Text1, "");
   EXPECT_STREQ(m_options.Text2, "plain");
-  EXPECT_THAT(Lines(),
-              ElementsAre(OptionLine("Start-up option Text1 has characters outside of code page " +
-                                     std::to_string(GetACP()))));
+  EXPECT_THAT(m_journal.TakeTraces(),
+              ElementsAre(kStartUpOptions.Error(
+                  "Start-up option Text1 has characters outside of code page " +
+                  std::to_string(GetACP()))));
 }
 
 TEST_F(SupportLibrary, TextWhoseConversionFailsIsRefusedWithOneLine) {
@@ -163,7 +167,8 @@ TEST_F(SupportLibrary, TextWhoseConversionFailsIsRefusedWithOneLine) {
   EXPECT_TRUE(ReadOptions("Text1=a\r\nWord1=7\r\n"));
   EXPECT_STREQ(m_options.Text1, "");
   EXPECT_EQ(m_options.Word1, 7);
-  EXPECT_THAT(Lines(), ElementsAre(OptionLine("Start-up option Text1 cannot be converted (8)")));
+  EXPECT_THAT(m_journal.TakeTraces(),
+              ElementsAre(kStartUpOptions.Error("Start-up option Text1 cannot be converted (8)")));
 }
 
 TEST_F(SupportLibrary, MissingFileSectionOrKeyMeansZero) {
@@ -172,7 +177,7 @@ TEST_F(SupportLibrary, MissingFileSectionOrKeyMeansZero) {
   WriteText(m_installation / "conf" / "vorlconf.ini", "[OTHER]\r\nWord1=1\r\n");
   EXPECT_TRUE(ReadOptions());
   EXPECT_TRUE(AllOptionsAreZero());
-  EXPECT_THAT(Lines(), IsEmpty());
+  EXPECT_THAT(m_journal.TakeTraces(), IsEmpty());
 }
 
 TEST_F(SupportLibrary, FileThatNobodyHoldsIsReadWithoutAPause) {
@@ -197,7 +202,7 @@ TEST_F(SupportLibrary, FileThatIsGivenBackIsReadWithoutALine) {
     EXPECT_TRUE(ReadOptions());
     EXPECT_EQ(m_options.Word1, 1);
     EXPECT_EQ(Pauses::s_count, given);
-    EXPECT_THAT(Lines(), IsEmpty());
+    EXPECT_THAT(m_journal.TakeTraces(), IsEmpty());
   }
 }
 
@@ -219,7 +224,7 @@ TEST_F(SupportLibrary, FileThatIsEmptiedToBeWrittenAnewIsWaitedFor) {
   EXPECT_TRUE(ReadOptions());
   EXPECT_EQ(m_options.Word1, 1);
   EXPECT_EQ(Pauses::s_count, 2U);
-  EXPECT_THAT(Lines(), IsEmpty());
+  EXPECT_THAT(m_journal.TakeTraces(), IsEmpty());
 }
 
 // A program that saves by renaming leaves none for a moment.
@@ -230,7 +235,7 @@ TEST_F(SupportLibrary, FileThatIsMissingIsLookedForOnceMore) {
   EXPECT_TRUE(ReadOptions());
   EXPECT_EQ(m_options.Word1, 1);
   EXPECT_EQ(Pauses::s_milliseconds, 50U);
-  EXPECT_THAT(Lines(), IsEmpty());
+  EXPECT_THAT(m_journal.TakeTraces(), IsEmpty());
 }
 
 TEST_F(SupportLibrary, FileThatIsNotGivenBackFailsWithOneLineAndAllZero) {
@@ -242,9 +247,10 @@ TEST_F(SupportLibrary, FileThatIsNotGivenBackFailsWithOneLineAndAllZero) {
   EXPECT_FALSE(ReadOptions());
   EXPECT_TRUE(AllOptionsAreZero());
   EXPECT_EQ(Pauses::s_milliseconds, 5000U);
-  EXPECT_THAT(Lines(),
-              ElementsAre(OptionLine("Configuration file is still in use after 5 s (32): " +
-                                     (m_installation / "conf" / "vorlconf.ini").string())));
+  EXPECT_THAT(
+      m_journal.TakeTraces(),
+      ElementsAre(kStartUpOptions.Error("Configuration file is still in use after 5 s (32): " +
+                                        (m_installation / "conf" / "vorlconf.ini").string())));
 }
 
 TEST_F(SupportLibrary, FileThatIsNoTextOrTooLargeFailsWithOneLineAndAllZero) {
@@ -254,14 +260,15 @@ TEST_F(SupportLibrary, FileThatIsNoTextOrTooLargeFailsWithOneLineAndAllZero) {
   WriteText(file, option + std::string(4096, '\0'));
   EXPECT_FALSE(ReadOptions());
   EXPECT_TRUE(AllOptionsAreZero());
-  EXPECT_THAT(Lines(),
-              ElementsAre(OptionLine("Configuration file is damaged, it holds null characters: " +
-                                     file.string())));
+  EXPECT_THAT(m_journal.TakeTraces(),
+              ElementsAre(kStartUpOptions.Error(
+                  "Configuration file is damaged, it holds null characters: " + file.string())));
   WriteText(file, option + std::string(1048577 - option.size(), ' '));
   EXPECT_FALSE(ReadOptions());
   EXPECT_TRUE(AllOptionsAreZero());
-  EXPECT_THAT(Lines(), ElementsAre(OptionLine("Configuration file has more than 1048576 bytes: " +
-                                              file.string())));
+  EXPECT_THAT(m_journal.TakeTraces(),
+              ElementsAre(kStartUpOptions.Error("Configuration file has more than 1048576 bytes: " +
+                                                file.string())));
   WriteText(file, option + std::string(1048576 - option.size(), ' '));
   EXPECT_TRUE(ReadOptions());
   EXPECT_EQ(m_options.Word1, 1);
@@ -272,9 +279,10 @@ TEST_F(SupportLibrary, FolderOfTheFilesNameFailsWithOneLine) {
   fs::create_directories(m_installation / "conf" / "vorlconf.ini");
   EXPECT_FALSE(ReadOptions());
   EXPECT_TRUE(AllOptionsAreZero());
-  EXPECT_THAT(Lines(),
-              ElementsAre(OptionLine("Configuration file cannot be read (5): " +
-                                     (m_installation / "conf" / "vorlconf.ini").string())));
+  EXPECT_THAT(
+      m_journal.TakeTraces(),
+      ElementsAre(kStartUpOptions.Error("Configuration file cannot be read (5): " +
+                                        (m_installation / "conf" / "vorlconf.ini").string())));
 }
 
 TEST_F(SupportLibrary, ReadOnlyFileIsRead) {
@@ -296,7 +304,7 @@ TEST_F(SupportLibrary, EveryRoundReadsTheFoldersAndTheFileAnew) {
     EXPECT_TRUE(ReadOptions());
     EXPECT_EQ(m_options.Word1, round + 1);
   }
-  EXPECT_THAT(Lines(), IsEmpty());
+  EXPECT_THAT(m_journal.TakeTraces(), IsEmpty());
 }
 
 // The file that the installer ships, as it is and with all its comments of settings taken off.
@@ -322,7 +330,7 @@ TEST_F(SupportLibrary, SampleConfigurationStatesTheDefaults) {
   WriteText(file, text);
   EXPECT_TRUE(ReadOptions());
   EXPECT_TRUE(AllOptionsAreZero());
-  EXPECT_THAT(Lines(), IsEmpty());
+  EXPECT_THAT(m_journal.TakeTraces(), IsEmpty());
 }
 
 }  // namespace

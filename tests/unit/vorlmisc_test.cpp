@@ -8,8 +8,8 @@
 #include <algorithm>
 #include <cwchar>
 #include <string>
-#include <vector>
 
+#include "tests/support/text.h"
 #include "tests/unit/vorlmisc_test.h"
 
 using ::testing::ElementsAre;
@@ -25,7 +25,7 @@ TEST_F(SupportLibrary, IsExportedByItsFourOrdinalsWithoutNames) {
 TEST_F(SupportLibrary, FoldersAreTheLibrarysOwnAndItsConfByDefault) {
   EXPECT_EQ(RootDir(), m_installation.Path().wstring());
   EXPECT_EQ(ConfigDir(), (m_installation / "conf").wstring());
-  EXPECT_THAT(Lines(), IsEmpty());
+  EXPECT_THAT(m_journal.TakeTraces(), IsEmpty());
 }
 
 TEST_F(SupportLibrary, ConfigFolderIsMadeWhenMissingAndKeptWhenThere) {
@@ -35,24 +35,26 @@ TEST_F(SupportLibrary, ConfigFolderIsMadeWhenMissingAndKeptWhenThere) {
   WriteText(m_installation / "conf" / "kept.txt", "kept");
   EXPECT_NE(ConfigDir(), L"refused");
   EXPECT_TRUE(fs::exists(m_installation / "conf" / "kept.txt"));
-  EXPECT_THAT(Lines(), IsEmpty());
+  EXPECT_THAT(m_journal.TakeTraces(), IsEmpty());
 }
 
 // The access list is read on its way to Windows, since Wine keeps of it only what the permissions
 // of its host can express.
 TEST_F(SupportLibrary, ConfigFolderIsMadeForTheSystemAndAdministratorsOnly) {
-  static std::vector<std::wstring> made;
-  made.clear();
   m_library.ReplaceImport<BOOL WINAPI(const wchar_t*, SECURITY_ATTRIBUTES*)>(
       "CreateDirectoryW", +[](const wchar_t* path, SECURITY_ATTRIBUTES* attributes) {
-        made.push_back(attributes == nullptr ? L"inherited"
-                                             : AccessListOf(attributes->lpSecurityDescriptor));
+        s_journal->Call("CreateDirectoryW(" + Quoted(path) + ", " +
+                        (attributes == nullptr
+                             ? "inherited"
+                             : Utf8(AccessListOf(attributes->lpSecurityDescriptor))) +
+                        ")");
         return CreateDirectoryW(path, attributes);
       });
   EXPECT_NE(ConfigDir(), L"refused");
-  EXPECT_THAT(made, ElementsAre(L"D:P(A;OICI;FA;;;SY)(A;OICI;FA;;;BA)"));
+  EXPECT_THAT(m_journal.Entries(),
+              ElementsAre("CreateDirectoryW(" + Quoted((m_installation / "conf").c_str()) +
+                          ", D:P(A;OICI;FA;;;SY)(A;OICI;FA;;;BA))"));
   EXPECT_TRUE(fs::is_directory(m_installation / "conf"));
-  EXPECT_THAT(Lines(), IsEmpty());
 }
 
 TEST_F(SupportLibrary, AccessListOfAConfigFolderThatIsThereIsLeftAlone) {
@@ -77,7 +79,7 @@ TEST_F(SupportLibrary, RegisteredFoldersGoFirst) {
   EXPECT_EQ(ConfigDir(), (other.Path() / "settings").wstring());
   EXPECT_TRUE(fs::is_directory(other.Path() / "settings"));
   EXPECT_FALSE(fs::exists(m_installation / "conf"));
-  EXPECT_THAT(Lines(), IsEmpty());
+  EXPECT_THAT(m_journal.TakeTraces(), IsEmpty());
 }
 
 TEST_F(SupportLibrary, ConfigFolderLiesBelowTheRegisteredRootWhenItIsNotRegistered) {
@@ -101,7 +103,7 @@ TEST_F(SupportLibrary, SlashesAndDotsAreBroughtIntoTheFormOfWindows) {
                     m_installation.Path().wstring() + L"\\no\\such\\..\\.\\..\\\\set");
   EXPECT_EQ(RootDir(), m_installation.Path().wstring());
   EXPECT_EQ(ConfigDir(), (m_installation / "set").wstring());
-  EXPECT_THAT(Lines(), IsEmpty());
+  EXPECT_THAT(m_journal.TakeTraces(), IsEmpty());
 }
 
 TEST_F(SupportLibrary, EnvironmentVariablesInTheRegistryAreExpanded) {
@@ -128,30 +130,34 @@ TEST_F(SupportLibrary, RegistryValueOfNoBytesCountsAsMissing) {
     EXPECT_EQ(RootDir(), m_installation.Path().wstring());
     EXPECT_EQ(ConfigDir(), (m_installation / "conf").wstring());
   }
-  EXPECT_THAT(Lines(), IsEmpty());
+  EXPECT_THAT(m_journal.TakeTraces(), IsEmpty());
 }
 
 TEST_F(SupportLibrary, UnusableRegistryValueIsRefusedAndNotReplacedByADefault) {
   const DWORD number = 4;
   m_machine.SetValue(L"RootDir", REG_DWORD, &number, sizeof(number));
   EXPECT_EQ(RootDir(), L"refused");
-  EXPECT_THAT(Lines(), ElementsAre(RootLine("Registry value RootDir cannot be read (1630)")));
+  EXPECT_THAT(m_journal.TakeTraces(),
+              ElementsAre(kRootDir.Error("Registry value RootDir cannot be read (1630)")));
 
   for (const std::wstring path :
        {L"Program Files\\Agent", L"\"C:\\Agent\"", L"C:Agent", L"\\Agent", L"C:", L"/agent"}) {
     m_machine.SetText(L"RootDir", path);
     EXPECT_EQ(RootDir(), L"refused");
-    EXPECT_THAT(Lines(), ElementsAre(RootLine("Registry value RootDir is no full path: " +
-                                              fs::path(path).string())));
+    EXPECT_THAT(m_journal.TakeTraces(),
+                ElementsAre(kRootDir.Error("Registry value RootDir is no full path: " +
+                                           fs::path(path).string())));
   }
 
   m_machine.SetText(L"RootDir", (m_installation / "missing").wstring());
   EXPECT_EQ(RootDir(), L"refused");
-  EXPECT_THAT(Lines(), ElementsAre(RootLine("Installation folder does not exist: " +
-                                            (m_installation / "missing").string())));
+  EXPECT_THAT(m_journal.TakeTraces(),
+              ElementsAre(kRootDir.Error("Installation folder does not exist: " +
+                                         (m_installation / "missing").string())));
   EXPECT_EQ(ConfigDir(), L"refused");
-  EXPECT_THAT(Lines(), ElementsAre(ConfigLine("Installation folder does not exist: " +
-                                              (m_installation / "missing").string())));
+  EXPECT_THAT(m_journal.TakeTraces(),
+              ElementsAre(kConfigDir.Error("Installation folder does not exist: " +
+                                           (m_installation / "missing").string())));
 }
 
 TEST_F(SupportLibrary, FolderThatLeavesRoomForAFileNameIsGivenAndALongerOneIsRefused) {
@@ -162,25 +168,26 @@ TEST_F(SupportLibrary, FolderThatLeavesRoomForAFileNameIsGivenAndALongerOneIsRef
   m_machine.SetText(L"ConfigDir", longest.wstring());
   EXPECT_EQ(RootDir(), longest.wstring());
   EXPECT_EQ(ConfigDir(), longest.wstring());
-  EXPECT_THAT(Lines(), IsEmpty());
+  EXPECT_THAT(m_journal.TakeTraces(), IsEmpty());
 
   m_machine.SetText(L"RootDir", tooLong.wstring());
   m_machine.SetText(L"ConfigDir", tooLong.wstring());
   EXPECT_EQ(RootDir(), L"refused");
-  EXPECT_THAT(Lines(), ElementsAre(RootLine("Folder of 247 characters is too long, at most 246: " +
-                                            tooLong.string())));
+  EXPECT_THAT(m_journal.TakeTraces(),
+              ElementsAre(kRootDir.Error("Folder of 247 characters is too long, at most 246: " +
+                                         tooLong.string())));
   EXPECT_EQ(ConfigDir(), L"refused");
-  EXPECT_THAT(Lines(),
-              ElementsAre(ConfigLine("Folder of 247 characters is too long, at most 246: " +
-                                     tooLong.string())));
+  EXPECT_THAT(m_journal.TakeTraces(),
+              ElementsAre(kConfigDir.Error("Folder of 247 characters is too long, at most 246: " +
+                                           tooLong.string())));
 
   // The folder fits, what is appended to it does not.
   m_machine.SetText(L"RootDir", longest.wstring());
   m_machine.SetText(L"ConfigDir", L"");
   EXPECT_EQ(ConfigDir(), L"refused");
-  EXPECT_THAT(Lines(),
-              ElementsAre(ConfigLine("Folder of 251 characters is too long, at most 246: " +
-                                     longest.string() + "\\conf")));
+  EXPECT_THAT(m_journal.TakeTraces(),
+              ElementsAre(kConfigDir.Error("Folder of 251 characters is too long, at most 246: " +
+                                           longest.string() + "\\conf")));
 }
 
 TEST_F(SupportLibrary, FolderThatIsOnNoDriveOfThisComputerIsRefused) {
@@ -188,7 +195,7 @@ TEST_F(SupportLibrary, FolderThatIsOnNoDriveOfThisComputerIsRefused) {
                                   L"//server/a", L"\\??\\C:\\a", L"C:\\", L"C:\\a\\.."}) {
     m_machine.SetText(L"RootDir", path);
     EXPECT_EQ(RootDir(), L"refused");
-    EXPECT_THAT(Lines(), ElementsAre(OffDriveLine(path)));
+    EXPECT_THAT(m_journal.TakeTraces(), ElementsAre(OffDriveLine(path)));
   }
 }
 
@@ -199,7 +206,7 @@ TEST_F(SupportLibrary, FolderOnANetworkDriveIsRefused) {
       });
   m_machine.SetText(L"RootDir", L"N:\\agent");
   EXPECT_EQ(RootDir(), L"refused");
-  EXPECT_THAT(Lines(), ElementsAre(OffDriveLine(L"N:\\agent")));
+  EXPECT_THAT(m_journal.TakeTraces(), ElementsAre(OffDriveLine(L"N:\\agent")));
   m_machine.SetText(L"RootDir", m_installation.Path().wstring());
   EXPECT_EQ(RootDir(), m_installation.Path().wstring());
 }
@@ -215,7 +222,7 @@ TEST_F(SupportLibrary, FolderOnASubstitutedDriveIsRefused) {
       });
   m_machine.SetText(L"RootDir", L"S:\\agent");
   EXPECT_EQ(RootDir(), L"refused");
-  EXPECT_THAT(Lines(), ElementsAre(OffDriveLine(L"S:\\agent")));
+  EXPECT_THAT(m_journal.TakeTraces(), ElementsAre(OffDriveLine(L"S:\\agent")));
   m_machine.SetText(L"RootDir", m_installation.Path().wstring());
   EXPECT_EQ(RootDir(), m_installation.Path().wstring());
 }
@@ -230,7 +237,7 @@ TEST_F(SupportLibrary, FolderOnADriveThatDoesNotSayWhatItStandsForIsRefused) {
   const fs::path root = m_installation.Path();
   m_machine.SetText(L"RootDir", root.wstring());
   EXPECT_EQ(RootDir(), L"refused");
-  EXPECT_THAT(Lines(), ElementsAre(OffDriveLine(root)));
+  EXPECT_THAT(m_journal.TakeTraces(), ElementsAre(OffDriveLine(root)));
 }
 
 TEST_F(SupportLibrary, FolderOnADriveThatDoesNotExistIsMissing) {
@@ -241,43 +248,49 @@ TEST_F(SupportLibrary, FolderOnADriveThatDoesNotExistIsMissing) {
       });
   m_machine.SetText(L"RootDir", L"Q:\\agent");
   EXPECT_EQ(RootDir(), L"refused");
-  EXPECT_THAT(Lines(), ElementsAre(RootLine("Installation folder does not exist: Q:\\agent")));
+  EXPECT_THAT(m_journal.TakeTraces(),
+              ElementsAre(kRootDir.Error("Installation folder does not exist: Q:\\agent")));
 }
 
 TEST_F(SupportLibrary, RegistryValueBeyondAllBuffersIsRefused) {
   m_machine.SetText(L"RootDir", L"C:\\" + std::wstring(5000, L'x'));
   EXPECT_EQ(RootDir(), L"refused");
-  EXPECT_THAT(Lines(), ElementsAre(RootLine("Registry value RootDir cannot be read (234)")));
+  EXPECT_THAT(m_journal.TakeTraces(),
+              ElementsAre(kRootDir.Error("Registry value RootDir cannot be read (234)")));
 }
 
 TEST_F(SupportLibrary, CapacityCountsCharactersAndIsObeyed) {
   const DWORD needed = static_cast<DWORD>(m_installation.Path().wstring().size()) + 1;
   EXPECT_EQ(RootDir(needed), m_installation.Path().wstring());
   EXPECT_EQ(ConfigDir(needed + 5), (m_installation / "conf").wstring());
-  EXPECT_THAT(Lines(), IsEmpty());
+  EXPECT_THAT(m_journal.TakeTraces(), IsEmpty());
   EXPECT_EQ(RootDir(needed - 1), L"refused");
   EXPECT_EQ(ConfigDir(needed + 4), L"refused");
   EXPECT_EQ(RootDir(0), L"refused");
   EXPECT_THAT(
-      Lines(),
+      m_journal.TakeTraces(),
       ElementsAre(
-          RootLine("Folder needs " + std::to_string(needed) +
-                   " characters, the caller has room for " + std::to_string(needed - 1) + ": " +
-                   m_installation.Path().string()),
-          ConfigLine("Folder needs " + std::to_string(needed + 5) +
+          kRootDir.From(kMiscSource)
+              .Error("Folder needs " + std::to_string(needed) +
+                     " characters, the caller has room for " + std::to_string(needed - 1) + ": " +
+                     m_installation.Path().string()),
+          kConfigDir.From(kMiscSource)
+              .Error("Folder needs " + std::to_string(needed + 5) +
                      " characters, the caller has room for " + std::to_string(needed + 4) + ": " +
                      (m_installation / "conf").string()),
-          RootLine("Folder needs " + std::to_string(needed) +
-                   " characters, the caller has room for 0: " + m_installation.Path().string())));
+          kRootDir.From(kMiscSource)
+              .Error("Folder needs " + std::to_string(needed) +
+                     " characters, the caller has room for 0: " + m_installation.Path().string())));
 }
 
 TEST_F(SupportLibrary, NullPointersAreRefused) {
   EXPECT_EQ(m_library.Ordinal<FolderFunction>(1)(nullptr, 520), FALSE);
   EXPECT_EQ(m_library.Ordinal<FolderFunction>(2)(nullptr, 520), FALSE);
   EXPECT_EQ(m_library.Ordinal<StartUpOptionsFunction>(6)(nullptr), FALSE);
-  EXPECT_THAT(Lines(), ElementsAre(RootLine("NULL Parameter received"),
-                                   ConfigLine("NULL Parameter received"),
-                                   OptionLine("NULL Parameter received")));
+  EXPECT_THAT(m_journal.TakeTraces(),
+              ElementsAre(kRootDir.From(kMiscSource).Error("NULL Parameter received"),
+                          kConfigDir.From(kMiscSource).Error("NULL Parameter received"),
+                          kStartUpOptions.From(kMiscSource).Error("NULL Parameter received")));
 }
 
 TEST_F(SupportLibrary, ConfigFolderThatCannotBeMadeIsRefused) {
@@ -288,41 +301,39 @@ TEST_F(SupportLibrary, ConfigFolderThatCannotBeMadeIsRefused) {
   EXPECT_EQ(m_library.Ordinal<LogOptionsFunction>(5)(), FALSE);
   const std::string text =
       "Configuration folder cannot be made (183): " + (m_installation / "conf").string();
-  EXPECT_THAT(Lines(), ElementsAre(ConfigLine(text), OptionLine(text),
-                                   "1 vorlmisc.dll SetClientAgentLogOptions: " + text));
+  EXPECT_THAT(m_journal.TakeTraces(),
+              ElementsAre(kConfigDir.Error(text), kStartUpOptions.From(kFoldersSource).Error(text),
+                          kLogOptions.From(kFoldersSource).Error(text)));
 
   m_machine.SetText(L"ConfigDir", (m_installation / "no" / "parent").wstring());
   EXPECT_EQ(ConfigDir(), L"refused");
-  EXPECT_THAT(Lines(), ElementsAre(ConfigLine("Configuration folder cannot be made (3): " +
-                                              (m_installation / "no" / "parent").string())));
+  EXPECT_THAT(m_journal.TakeTraces(),
+              ElementsAre(kConfigDir.Error("Configuration folder cannot be made (3): " +
+                                           (m_installation / "no" / "parent").string())));
 }
 
 // The recording trace library has the two functions of the contract and nothing else.
 TEST_F(SupportLibrary, LogOptionsAreATraceLibrarysOwnAffairWhenItTakesNone) {
   EXPECT_NE(m_library.Ordinal<LogOptionsFunction>(5)(), FALSE);
-  EXPECT_THAT(Lines(), IsEmpty());
+  EXPECT_THAT(m_journal.TakeTraces(), IsEmpty());
 }
 
 TEST_F(SupportLibrary, LogOptionsThatTheTraceLibraryRefusesFailWithOneLine) {
-  static std::vector<std::wstring> asked;
-  asked.clear();
   m_library.ReplaceImport<FARPROC WINAPI(HMODULE, const char*)>(
       "GetProcAddress", +[](HMODULE module, const char* name) -> FARPROC {
         EXPECT_EQ(module, GetModuleHandleW(L"vlevtlog.dll"));
         EXPECT_EQ(name, MAKEINTRESOURCEA(kApplyTraceOptionsOrdinal));
         ApplyTraceOptionsFunction* const refuse = [](const wchar_t* file) -> BOOLEAN {
-          asked.emplace_back(file);
+          s_journal->Call("ApplyTraceOptions(" + Quoted(file) + ")");
           return FALSE;
         };
         return reinterpret_cast<FARPROC>(reinterpret_cast<void*>(refuse));
       });
   EXPECT_EQ(m_library.Ordinal<LogOptionsFunction>(5)(), FALSE);
   const fs::path file = m_installation / "conf" / "vorlconf.ini";
-  EXPECT_THAT(asked, ElementsAre(file.wstring()));
-  EXPECT_THAT(Lines(),
-              ElementsAre("1 vorlmisc.dll SetClientAgentLogOptions: Trace options cannot be "
-                          "applied: " +
-                          file.string()));
+  EXPECT_THAT(m_journal.Entries(),
+              ElementsAre("ApplyTraceOptions(" + Quoted(file.c_str()) + ")",
+                          kLogOptions.Error("Trace options cannot be applied: " + file.string())));
 }
 
 }  // namespace

@@ -16,9 +16,10 @@
 #include <vector>
 
 #include "companions/vlevtlog/trace_control.h"
-#include "tests/fakes/vlevtlog_fake.h"
 #include "tests/support/empty_machine_key.h"
+#include "tests/support/expected_trace.h"
 #include "tests/support/installation.h"
+#include "tests/support/journal.h"
 
 namespace fs = std::filesystem;
 
@@ -26,9 +27,20 @@ using FolderFunction = BOOLEAN(wchar_t*, DWORD);
 using LogOptionsFunction = BOOLEAN();
 using StartUpOptionsFunction = BOOLEAN(CLIENT_AGENT_STARTUP_OPTIONS*);
 
+// The lines of its operations, with the file that writes most of them.
+inline constexpr char kMiscModule[] = "vorlmisc.dll";
+inline constexpr char kMiscSource[] = "companions/vorlmisc/vorlmisc.cpp";
+inline constexpr char kFoldersSource[] = "companions/vorlmisc/folders.cpp";
+inline constexpr ExpectedTrace kRootDir{"GetClientAgentRootDir", kFoldersSource, kMiscModule};
+inline constexpr ExpectedTrace kConfigDir{"GetClientAgentConfigDir", kFoldersSource, kMiscModule};
+inline constexpr ExpectedTrace kLogOptions{"SetClientAgentLogOptions", kMiscSource, kMiscModule};
+inline constexpr ExpectedTrace kStartUpOptions{
+    "GetClientAgentStartUpOptions", "companions/vorlmisc/startupoptions.cpp", kMiscModule};
+
 class SupportLibrary : public ::testing::Test {
  protected:
-  SupportLibrary() { FakeTraceClear(); }
+  SupportLibrary() { s_journal = &m_journal; }
+  ~SupportLibrary() override { s_journal = nullptr; }
 
   // What a folder function gives; "refused" when it gives false and leaves the whole buffer alone.
   static std::wstring Ask(FolderFunction* function, DWORD capacity = kFolderCapacity) {
@@ -63,33 +75,14 @@ class SupportLibrary : public ::testing::Test {
     return std::memcmp(&m_options, &zero, sizeof(zero)) == 0;
   }
 
-  // The lines since the last call: "<level> <module> <function>: <text>".
-  static std::vector<std::string> Lines() {
-    std::vector<std::string> lines;
-    for (unsigned i = 0; i < FakeTraceCount(); ++i) {
-      FakeTraceLine line{};
-      FakeTraceGet(i, &line);
-      lines.push_back(std::to_string(line.level) + " " + line.moduleName + " " + line.functionName +
-                      ": " + line.text);
-      EXPECT_THAT(line.sourceFile, ::testing::StartsWith("companions/vorlmisc/"));
-      EXPECT_GT(line.line, 0);
-    }
-    FakeTraceClear();
-    return lines;
+  static ExpectedLine OffDriveLine(const fs::path& path) {
+    return kRootDir.Error("Registry value RootDir is no folder on a drive of this computer: " +
+                          path.string());
   }
-  static std::string RootLine(const std::string& text) {
-    return "1 vorlmisc.dll GetClientAgentRootDir: " + text;
-  }
-  static std::string OffDriveLine(const fs::path& path) {
-    return RootLine("Registry value RootDir is no folder on a drive of this computer: " +
-                    path.string());
-  }
-  static std::string ConfigLine(const std::string& text) {
-    return "1 vorlmisc.dll GetClientAgentConfigDir: " + text;
-  }
-  static std::string OptionLine(const std::string& text) {
-    return "1 vorlmisc.dll GetClientAgentStartUpOptions: " + text;
-  }
+
+  Journal m_journal{Journal::Formats::kLeftOut};
+  // The same for functions that stand in for Windows.
+  static inline Journal* s_journal = nullptr;
 
   const EmptyMachineKey m_machine;
   const Installation m_installation{{"vorlmisc.dll"}};

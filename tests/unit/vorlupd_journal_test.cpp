@@ -135,12 +135,11 @@ TEST_F(JournalOfModule, OfACutOffUpdateIsFollowedBackwards) {
       L"replace gone.txt\r\nreplace later.txt\r\nend\r\n");
   EXPECT_TRUE(Run());
   EXPECT_THAT(Installed(), ElementsAre("a.txt=old a", "gone.txt=old gone", "later.txt=old later"));
-  EXPECT_THAT(Lines(),
-              ElementsAre("2 UpdateBeforeClientService: Entry",
-                          "2 Update::UndoInterrupted: An earlier update was cut off and is undone",
-                          "2 Update::Undo: The update is undone",
-                          "2 Update::ApplyPending: Nothing is pending",
-                          "2 UpdateBeforeClientService: Exit"));
+  EXPECT_THAT(m_journal.TakeTraces(),
+              ElementsAre(kUpdate.Info("Entry"),
+                          kUndoInterrupted.Info("An earlier update was cut off and is undone"),
+                          kUndo.Info("The update is undone"),
+                          kApplyPending.Info("Nothing is pending"), kUpdate.Info("Exit")));
 }
 
 TEST_F(JournalOfModule, ThatCannotBeUndoneYetIsTriedAgainAndHoldsBackOtherUpdates) {
@@ -154,7 +153,7 @@ TEST_F(JournalOfModule, ThatCannotBeUndoneYetIsTriedAgainAndHoldsBackOtherUpdate
     const FileHandle held = OpenWithoutSharing(m_installation / "a.txt");
     EXPECT_FALSE(Run());
   }
-  EXPECT_THAT(Lines(), Contains("1 Update::Undo: Cannot be undone (32): a.txt"));
+  EXPECT_THAT(m_journal.TakeTraces(), Contains(kUndo.Error("Cannot be undone (32): a.txt")));
   EXPECT_FALSE(fs::exists(m_installation / "c.txt"));
   EXPECT_TRUE(Run());
   EXPECT_THAT(Installed(), ElementsAre("a.txt=old a", "b.txt=old b", "c.txt=new c", "pending\\"));
@@ -177,7 +176,7 @@ TEST_F(JournalOfModule, OfWhichAStepCannotBeToldIsNotTakenForUndone) {
     module.ReplaceImport("FindFirstFileW", &FindAllButStaged);
     EXPECT_FALSE(module.Name<decltype(UpdateBeforeClientService)>("UpdateBeforeClientService")());
   }
-  EXPECT_THAT(Lines(), Contains("1 Update::Undo: Cannot be undone (5): a.txt"));
+  EXPECT_THAT(m_journal.TakeTraces(), Contains(kUndo.Error("Cannot be undone (5): a.txt")));
   EXPECT_TRUE(Run());
   EXPECT_THAT(Installed(), ElementsAre("a.txt=old a"));
 }
@@ -203,9 +202,9 @@ TEST_F(JournalOfModule, ThatIsDamagedOrLeadsOutOfTheInstallationIsNotFollowed) {
         std::wstring(L"vorlupd journal 1\r\ncreate a.txt\\\r\nend\r\n")}) {
     PutJournal(journal);
     const Tree before = Installed();
-    FakeTraceClear();
+    m_journal.Clear();
     EXPECT_FALSE(Run());
-    EXPECT_THAT(Lines(), Contains(::testing::HasSubstr("Journal cannot be read: ")));
+    EXPECT_THAT(m_journal.TakeTraces(), Contains(::testing::HasSubstr("Journal cannot be read: ")));
     EXPECT_THAT(Installed(), ElementsAreArray(before));
     EXPECT_THAT(TreeOf(outside.Path()), ElementsAre("a.txt=outside"));
   }
@@ -222,7 +221,8 @@ TEST_F(JournalOfModule, IsNotFollowedThroughLinks) {
       GTEST_SKIP() << "no link can be made here";
     }
     EXPECT_FALSE(Run(installation)) << name;
-    EXPECT_THAT(Lines(), Contains(::testing::HasSubstr("Not a folder of this installation: ")));
+    EXPECT_THAT(m_journal.TakeTraces(),
+                Contains(::testing::HasSubstr("Not a folder of this installation: ")));
     EXPECT_THAT(TreeOf(outside.Path()), ElementsAre("a.txt=outside"));
     EXPECT_THAT(TreeOfInstallation(installation), Contains("a.txt=a")) << name;
   }
@@ -310,7 +310,8 @@ TEST_F(JournalOfModule, OfWhichOnlyHalfIsWrittenStopsTheUpdate) {
     g_writeFile = module.ReplaceImport("WriteFile", &WriteHalf);
     EXPECT_FALSE(module.Name<decltype(UpdateBeforeClientService)>("UpdateBeforeClientService")());
   }
-  EXPECT_THAT(Lines(), Contains("1 Update::ApplyPending: Journal cannot be written (112)"));
+  EXPECT_THAT(m_journal.TakeTraces(),
+              Contains(kApplyPending.Error("Journal cannot be written (112)")));
   EXPECT_THAT(Installed(), ElementsAre("a.txt=old a", "pending\\", "pending\\a.txt=new a"));
 }
 

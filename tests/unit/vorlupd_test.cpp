@@ -22,9 +22,9 @@ TEST_F(UpdateModule, ExportsItsFunctionByName) {
 
 TEST_F(UpdateModule, NothingPendingIsSuccess) {
   EXPECT_TRUE(Run());
-  EXPECT_THAT(Lines(), ElementsAre("2 UpdateBeforeClientService: Entry",
-                                   "2 Update::ApplyPending: Nothing is pending",
-                                   "2 UpdateBeforeClientService: Exit"));
+  EXPECT_THAT(m_journal.TakeTraces(),
+              ElementsAre(kUpdate.Info("Entry"), kApplyPending.Info("Nothing is pending"),
+                          kUpdate.Info("Exit")));
   fs::create_directories(m_installation / "pending" / "empty");
   EXPECT_TRUE(Run());
   EXPECT_THAT(Installed(), ElementsAre("pending\\"));
@@ -42,12 +42,11 @@ TEST_F(UpdateModule, ReplacesAndAddsFilesInSubfoldersToo) {
   EXPECT_THAT(Installed(), ElementsAre("a.txt=new a", "fresh\\", "fresh\\deep\\",
                                        "fresh\\deep\\d.txt=new d", "kept.txt=kept", "pending\\",
                                        "sub\\", "sub\\b.txt=new b", "sub\\c.txt=new c"));
-  EXPECT_THAT(Lines(), ElementsAre("2 UpdateBeforeClientService: Entry",
-                                   "2 Update::Execute: Put in place: a.txt",
-                                   "2 Update::Execute: Put in place: fresh\\deep\\d.txt",
-                                   "2 Update::Execute: Put in place: sub\\b.txt",
-                                   "2 Update::Execute: Put in place: sub\\c.txt",
-                                   "2 UpdateBeforeClientService: Exit"));
+  EXPECT_THAT(m_journal.TakeTraces(),
+              ElementsAre(kUpdate.Info("Entry"), kExecute.Info("Put in place: a.txt"),
+                          kExecute.Info("Put in place: fresh\\deep\\d.txt"),
+                          kExecute.Info("Put in place: sub\\b.txt"),
+                          kExecute.Info("Put in place: sub\\c.txt"), kUpdate.Info("Exit")));
 }
 
 TEST_F(UpdateModule, AppliesOneUpdateAfterTheOther) {
@@ -73,12 +72,11 @@ TEST_F(UpdateModule, FileThatAnotherProgramHoldsOpenUndoesEverythingAndStaysPend
     const FileHandle held(CreateFileW((m_installation / "z.txt").c_str(), GENERIC_READ,
                                       FILE_SHARE_READ, nullptr, OPEN_EXISTING, 0, nullptr));
     EXPECT_FALSE(Run());
-    EXPECT_THAT(Lines(), ElementsAre("2 UpdateBeforeClientService: Entry",
-                                     "2 Update::Execute: Put in place: a.txt",
-                                     "2 Update::Execute: Put in place: fresh\\b.txt",
-                                     "1 Update::Execute: Cannot be put in place (32): z.txt",
-                                     "2 Update::Undo: The update is undone",
-                                     "1 UpdateBeforeClientService: Update Failed"));
+    EXPECT_THAT(m_journal.TakeTraces(),
+                ElementsAre(kUpdate.Info("Entry"), kExecute.Info("Put in place: a.txt"),
+                            kExecute.Info("Put in place: fresh\\b.txt"),
+                            kExecute.Error("Cannot be put in place (32): z.txt"),
+                            kUndo.Info("The update is undone"), kUpdate.Error("Update Failed")));
   }
   EXPECT_THAT(Installed(), ElementsAreArray(before));
 
@@ -97,13 +95,15 @@ TEST_F(UpdateModule, FileThatCannotBeReadChangesNothing) {
     const FileHandle held = OpenWithoutSharing(m_installation / "pending" / "z.txt");
     EXPECT_FALSE(Run());
   }
-  EXPECT_THAT(Lines(), Contains("1 Update::Prepare: Pending file cannot be copied (32): z.txt"));
+  EXPECT_THAT(m_journal.TakeTraces(),
+              Contains(kPrepare.Error("Pending file cannot be copied (32): z.txt")));
   EXPECT_THAT(Installed(), ElementsAreArray(before));
   {
     const FileHandle held = OpenWithoutSharing(m_installation / "z.txt");
     EXPECT_FALSE(Run());
   }
-  EXPECT_THAT(Lines(), Contains("1 Update::Prepare: File cannot be backed up (32): z.txt"));
+  EXPECT_THAT(m_journal.TakeTraces(),
+              Contains(kPrepare.Error("File cannot be backed up (32): z.txt")));
   EXPECT_THAT(Installed(), ElementsAreArray(before));
   EXPECT_TRUE(Run());
   EXPECT_THAT(Installed(), ElementsAre("a.txt=new a", "pending\\", "z.txt=new z"));
@@ -176,14 +176,16 @@ TEST_F(UpdateModule, FileAndFolderDoNotReplaceEachOther) {
   Pend("a.txt", "new a");
   Tree before = Installed();
   EXPECT_FALSE(Run());
-  EXPECT_THAT(Lines(), Contains("1 Update::PlanFile: Not a file of this installation: a.txt"));
+  EXPECT_THAT(m_journal.TakeTraces(),
+              Contains(kPlanFile.Error("Not a file of this installation: a.txt")));
   EXPECT_THAT(Installed(), ElementsAreArray(before));
 
   fs::remove(m_installation / "pending" / "a.txt");
   Pend("sub\\b.txt", "new b");
   before = Installed();
   EXPECT_FALSE(Run());
-  EXPECT_THAT(Lines(), Contains("1 Update::PlanFile: Not a folder of this installation: sub"));
+  EXPECT_THAT(m_journal.TakeTraces(),
+              Contains(kPlanFile.Error("Not a folder of this installation: sub")));
   EXPECT_THAT(Installed(), ElementsAreArray(before));
 }
 
@@ -206,8 +208,8 @@ TEST_F(UpdateModule, ItsOwnFoldersCannotBeUpdated) {
     Pend("a.txt", "new a");
     const Tree before = Installed();
     EXPECT_FALSE(Run());
-    EXPECT_THAT(Lines(),
-                Contains(std::string("1 Update::PlanFile: Pending file is refused: ") + file));
+    EXPECT_THAT(m_journal.TakeTraces(),
+                Contains(kPlanFile.Error(std::string("Pending file is refused: ") + file)));
     EXPECT_THAT(Installed(), ElementsAreArray(before));
     fs::remove_all(m_installation / "pending");
   }
@@ -228,8 +230,8 @@ TEST_F(UpdateModule, ItsOwnFoldersAreKnownByTheirShortNames) {
     }
     Pend(shortName + "\\aside\\1", "new");
     EXPECT_FALSE(Run());
-    EXPECT_THAT(Lines(), Contains("1 Update::PlanFile: Pending file is refused: " + shortName +
-                                  "\\aside\\1"));
+    EXPECT_THAT(m_journal.TakeTraces(),
+                Contains(kPlanFile.Error("Pending file is refused: " + shortName + "\\aside\\1")));
     EXPECT_THAT(Installed(), Contains("pending\\" + shortName + "\\aside\\1=new"));
     EXPECT_FALSE(fs::exists(m_installation / "update.work"));
   }
@@ -245,7 +247,8 @@ TEST_F(UpdateModule, LinksAreNotFollowedOutOfTheInstallation) {
   for (const char* file : {"linked\\a.txt", "linked\\b.txt"}) {
     Pend(file, "new");
     EXPECT_FALSE(Run());
-    EXPECT_THAT(Lines(), Contains("1 Update::PlanFile: Not a folder of this installation: linked"));
+    EXPECT_THAT(m_journal.TakeTraces(),
+                Contains(kPlanFile.Error("Not a folder of this installation: linked")));
     EXPECT_THAT(TreeOf(outside.Path()), ElementsAre("a.txt=outside"));
     fs::remove_all(m_installation / "pending");
   }
@@ -253,7 +256,8 @@ TEST_F(UpdateModule, LinksAreNotFollowedOutOfTheInstallation) {
   fs::create_directory(m_installation / "pending");
   ASSERT_TRUE(MakeFolderLink(m_installation / "pending" / "taken", outside.Path()));
   EXPECT_FALSE(Run());
-  EXPECT_THAT(Lines(), Contains("1 Update::ApplyPending: Pending files cannot be listed (1920)"));
+  EXPECT_THAT(m_journal.TakeTraces(),
+              Contains(kApplyPending.Error("Pending files cannot be listed (1920)")));
   EXPECT_FALSE(fs::exists(m_installation / "taken"));
   EXPECT_THAT(TreeOf(outside.Path()), ElementsAre("a.txt=outside"));
 }
@@ -269,7 +273,8 @@ TEST_F(UpdateModule, LinksInPlaceOfItsFoldersAreNotFollowed) {
       GTEST_SKIP() << "no link can be made here";
     }
     EXPECT_FALSE(Run(installation));
-    EXPECT_THAT(Lines(), Contains(::testing::HasSubstr("Not a folder of this installation: ")));
+    EXPECT_THAT(m_journal.TakeTraces(),
+                Contains(::testing::HasSubstr("Not a folder of this installation: ")));
     EXPECT_FALSE(fs::exists(installation / "a.txt"));
     EXPECT_THAT(TreeOf(outside.Path()), ElementsAre("a.txt=outside")) << name;
   }
@@ -337,10 +342,10 @@ TEST_F(UpdateModule, FoldersNestedHundredsDeepAreRefused) {
   const std::wstring deepest = MakeNested(pending, kLevels);
   Pend("a.txt", "new a");
   EXPECT_FALSE(Run());
-  EXPECT_THAT(Lines(),
-              ElementsAre("2 UpdateBeforeClientService: Entry",
-                          "1 Update::ApplyPending: Pending folders are nested deeper than 64",
-                          "1 UpdateBeforeClientService: Update Failed"));
+  EXPECT_THAT(m_journal.TakeTraces(),
+              ElementsAre(kUpdate.Info("Entry"),
+                          kApplyPending.Error("Pending folders are nested deeper than 64"),
+                          kUpdate.Error("Update Failed")));
   EXPECT_FALSE(fs::exists(m_installation / "a.txt"));
   RemoveNested(deepest, kLevels);
 }
@@ -390,8 +395,8 @@ TEST_F(UpdateModule, EndlesslyNestedFoldersAreLeftAlone) {
     module.ReplaceImport("FindNextFileW", &FindNoMore);
     EXPECT_FALSE(module.Name<decltype(UpdateBeforeClientService)>("UpdateBeforeClientService")());
   }
-  EXPECT_THAT(Lines(),
-              Contains("1 Update::ApplyPending: Pending folders are nested deeper than 64"));
+  EXPECT_THAT(m_journal.TakeTraces(),
+              Contains(kApplyPending.Error("Pending folders are nested deeper than 64")));
   // In its own folder.
   fs::remove_all(m_installation / "pending");
   fs::create_directories(m_installation / "update.work" / "aside");

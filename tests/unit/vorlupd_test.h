@@ -11,7 +11,8 @@
 
 #include "modules/vorlupd/filesystem.h"
 #include "modules/vorlupd/journal.h"
-#include "tests/fakes/vlevtlog_fake.h"
+#include "tests/support/expected_trace.h"
+#include "tests/support/journal.h"
 #include "tests/support/start_process.h"
 #include "tests/unit/vorlupd_operations.h"
 #include "tests/unit/vorlupd_sample.h"
@@ -26,6 +27,19 @@ using sample_update::Rest;
 using sample_update::Tree;
 using sample_update::TreeOfInstallation;
 using sample_update::WithPending;
+
+// The lines of its operations.
+inline constexpr char kUpdateModule[] = "vorlupd.dll";
+inline constexpr char kUpdateSource[] = "modules/vorlupd/update.cpp";
+inline constexpr ExpectedTrace kUpdate{"UpdateBeforeClientService", "modules/vorlupd/vorlupd.cpp",
+                                       kUpdateModule};
+inline constexpr ExpectedTrace kUndoInterrupted{"Update::UndoInterrupted", kUpdateSource,
+                                                kUpdateModule};
+inline constexpr ExpectedTrace kApplyPending{"Update::ApplyPending", kUpdateSource, kUpdateModule};
+inline constexpr ExpectedTrace kPlanFile{"Update::PlanFile", kUpdateSource, kUpdateModule};
+inline constexpr ExpectedTrace kPrepare{"Update::Prepare", kUpdateSource, kUpdateModule};
+inline constexpr ExpectedTrace kExecute{"Update::Execute", kUpdateSource, kUpdateModule};
+inline constexpr ExpectedTrace kUndo{"Update::Undo", kUpdateSource, kUpdateModule};
 
 inline FileHandle OpenWithoutSharing(const fs::path& file) {
   FileHandle handle(CreateFileW(file.c_str(), GENERIC_READ, 0, nullptr, OPEN_EXISTING, 0, nullptr));
@@ -69,8 +83,6 @@ inline bool MakeFolderLink(const fs::path& link, const fs::path& target) {
 
 class UpdateModule : public ::testing::Test {
  protected:
-  UpdateModule() { FakeTraceClear(); }
-
   static bool Run(const Installation& installation) {
     const Library module(installation / "vorlupd.dll");
     return module.Name<decltype(UpdateBeforeClientService)>("UpdateBeforeClientService")() != FALSE;
@@ -86,18 +98,6 @@ class UpdateModule : public ::testing::Test {
 
   Tree Installed() const { return TreeOfInstallation(m_installation); }
 
-  // "<level> <function>: <text>" of all lines since the last call.
-  static std::vector<std::string> Lines() {
-    std::vector<std::string> lines;
-    for (unsigned i = 0; i < FakeTraceCount(); ++i) {
-      FakeTraceLine line{};
-      FakeTraceGet(i, &line);
-      EXPECT_STREQ(line.moduleName, "vorlupd.dll");
-      lines.push_back(std::to_string(line.level) + " " + line.functionName + ": " + line.text);
-    }
-    FakeTraceClear();
-    return lines;
-  }
-
+  Journal m_journal{Journal::Formats::kLeftOut};
   const Installation m_installation{{"vorlupd.dll"}};
 };
