@@ -42,7 +42,7 @@ target_options=(-std=c++20 -I. -DWIN32_LEAN_AND_MEAN -DNOMINMAX -D_WIN32_WINNT=0
   -isystem build/mingw-release/tool_headers -DSTRSAFE_NO_DEPRECATE -DVORL_MAJOR_VERSION=\"1\" -DVORL_VERSION=\"1\")
 
 echo "-- cppcheck"
-cppcheck --platform=win64 --library=windows --std=c++20 --language=c++ --inline-suppr \
+cppcheck -j "$(nproc)" --platform=win64 --library=windows --std=c++20 --language=c++ --inline-suppr \
   --enable=warning,performance,portability --error-exitcode=1 --quiet \
   --suppress=missingIncludeSystem -I . "${target_options[@]:2}" "${sources[@]}"
 
