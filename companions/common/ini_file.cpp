@@ -12,7 +12,7 @@ namespace {
 
 // An editor may empty a file, close it, and only then write it anew: what has been empty for less
 // than this is taken for such a file.
-constexpr ULONGLONG kEmptyForGood = 2 * 10'000'000ULL;  // 2 s in the units of FILETIME
+constexpr DWORD kEmptyForGood = 2000;  // milliseconds
 
 // STATUS_DELETE_PENDING: the file was deleted, and somebody has it open still.
 constexpr LONG kDeletePending = static_cast<LONG>(0xC0000056);
@@ -34,13 +34,6 @@ bool TakeMark(const unsigned char*& bytes, DWORD& count, const unsigned char (&m
 
 ULONGLONG ToNumber(const FILETIME& time) noexcept {
   return (static_cast<ULONGLONG>(time.dwHighDateTime) << 32) | time.dwLowDateTime;
-}
-
-// Whether a file was written less than `span` ago. A time to come wraps round to long ago.
-bool IsFresh(const FILETIME& written, ULONGLONG span) noexcept {
-  FILETIME now{};
-  GetSystemTimeAsFileTime(&now);
-  return ToNumber(now) - ToNumber(written) < span;
 }
 
 bool IsMissing(DWORD error) noexcept {
@@ -169,8 +162,9 @@ IniRead IniFile::Read(const wchar_t* path) noexcept {
   if (count != size || !IsSameState(before, after)) {
     return Fail(IniRead::kBusy, ERROR_SHARING_VIOLATION);
   }
+  m_written = after.ftLastWriteTime;
   const IniRead outcome = Decode(bytes.get(), count);
-  if (outcome == IniRead::kDone && m_length == 0 && IsFresh(after.ftLastWriteTime, kEmptyForGood)) {
+  if (outcome == IniRead::kDone && m_length == 0 && WasJustWritten(kEmptyForGood)) {
     return Fail(IniRead::kBusy, ERROR_SHARING_VIOLATION);
   }
   return outcome;
@@ -183,6 +177,14 @@ IniRead IniFile::ReadPatiently(const wchar_t* path) noexcept {
     outcome = Read(path);
   }
   return outcome;
+}
+
+bool IniFile::WasJustWritten(DWORD milliseconds) const noexcept {
+  constexpr ULONGLONG ticksPerMillisecond = 10'000;
+  FILETIME now{};
+  GetSystemTimeAsFileTime(&now);
+  // A time to come wraps round to long ago.
+  return ToNumber(now) - ToNumber(m_written) < milliseconds * ticksPerMillisecond;
 }
 
 DWORD IniFile::Value(const wchar_t* section, const wchar_t* key, wchar_t* value,

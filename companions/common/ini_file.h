@@ -38,6 +38,10 @@ class IniFile {
   // The same, tried again for as long as it gives kBusy, until the patience is at its end.
   IniRead ReadPatiently(const wchar_t* path) noexcept;
 
+  // Whether what was read had been written less than this before: its writer may not be done, for
+  // some write a file in several openings. A time to come counts as long ago.
+  bool WasJustWritten(DWORD milliseconds) const noexcept;
+
   // The Windows error behind kBusy and kFailed.
   DWORD Error() const noexcept { return m_error; }
 
@@ -68,6 +72,7 @@ class IniFile {
 
   HeapArray<wchar_t> m_text;
   DWORD m_length = 0;
+  FILETIME m_written = {};
   DWORD m_error = ERROR_SUCCESS;
 };
 

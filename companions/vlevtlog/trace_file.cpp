@@ -172,7 +172,7 @@ DWORD TraceFile::AttachTo(const Names& names) noexcept {
   m_state.store(&state, std::memory_order_release);
   m_inForce.store(&state.options);
   if (m_configured.load() != 0) {
-    state.options.store(m_configured.load());
+    TraceOptionWord::Put(state.options, m_configured.load());
   }
   return ERROR_SUCCESS;
 }

@@ -36,11 +36,12 @@ class TraceFile {
     return TraceOptionWord(m_inForce.load()->load(std::memory_order_relaxed));
   }
 
-  // Puts a configuration into force that this process has read whole. A process that never had one
-  // begins no new file and deletes none.
+  // Puts a configuration into force that this process has read whole, as far as the file was at
+  // rest. A process that never had one begins no new file and deletes none.
   void Configure(const TraceOptions& options) noexcept {
-    m_configured.store(TraceOptionWord::Of(options));
-    m_inForce.load()->store(m_configured.load());
+    const std::uint64_t word = TraceOptionWord::Of(options);
+    TraceOptionWord::Put(m_configured, word);
+    TraceOptionWord::Put(*m_inForce.load(), word);
   }
 
   // Where lines can be put while the lock is held.

@@ -131,10 +131,11 @@ void TraceLog::Start() noexcept {
   }
 }
 
-// Reads the file when it is not the one that was read last. While there is none, or none that can
-// be read, everything stays as it is: somebody may be about to replace it.
+// Reads the file when it is not the one that was read last, or was not at rest then. While there is
+// none, or none that can be read, everything stays as it is: somebody may be about to replace it.
 void TraceLog::TakeOptions(TraceOptionProblems& problems) noexcept {
   const bool isFirst = m_seenChange == kNeverSeen;
+  bool isNew = isFirst;
   std::uint64_t change = 0;
   std::uint64_t size = 0;
   WIN32_FILE_ATTRIBUTE_DATA data;
@@ -145,7 +146,8 @@ void TraceLog::TakeOptions(TraceOptionProblems& problems) noexcept {
     change = (std::uint64_t{data.ftLastWriteTime.dwHighDateTime} << 32) |
              data.ftLastWriteTime.dwLowDateTime;
     size = (std::uint64_t{data.nFileSizeHigh} << 32) | data.nFileSizeLow;
-    if (change == m_seenChange && size == m_seenSize) {
+    isNew = change != m_seenChange || size != m_seenSize;
+    if (!isNew && m_isAtRest) {
       return;
     }
   } else if (!isFirst) {
@@ -155,8 +157,12 @@ void TraceLog::TakeOptions(TraceOptionProblems& problems) noexcept {
   if (!ReadTraceOptions(m_configurationFile, options, problems)) {
     return;
   }
+  if (!isNew) {
+    problems.count = 0;  // said already
+  }
   m_seenChange = change;
   m_seenSize = size;
+  m_isAtRest = options.isAtRest;
   m_file.Configure(options);
 }
 

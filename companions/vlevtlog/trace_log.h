@@ -71,6 +71,7 @@ class TraceLog {
   bool m_isStarted = false;
   std::uint64_t m_seenChange = 0;
   std::uint64_t m_seenSize = 0;
+  bool m_isAtRest = false;
   wchar_t m_configurationFile[MAX_PATH] = {};
 
   wchar_t m_logsFolder[MAX_PATH] = {};

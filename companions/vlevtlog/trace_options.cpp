@@ -111,6 +111,17 @@ std::uint32_t LevelBitOf(int level) noexcept {
   }
 }
 
+void TraceOptionWord::Put(std::atomic<std::uint64_t>& inForce, std::uint64_t options) noexcept {
+  if (options >> kFileSizeShift != kEndlessFileSizeKb) {
+    inForce.store(options);
+    return;
+  }
+  std::uint64_t none = 0;
+  if (!inForce.compare_exchange_strong(none, options)) {
+    inForce.fetch_or(options & kAllLevelBits);
+  }
+}
+
 bool ReadTraceOptions(const wchar_t* file, TraceOptions& result,
                       TraceOptionProblems& problems) noexcept {
   IniFile ini;
@@ -128,6 +139,7 @@ bool ReadTraceOptions(const wchar_t* file, TraceOptions& result,
   ReadKey(ini, L"Files", problems, [&](wchar_t* value) {
     return ParseNumber(value, kFewestFiles, kMostFiles, options.files);
   });
+  options.isAtRest = !ini.WasJustWritten(kRestMilliseconds);
   result = options;
   return true;
 }

@@ -1,6 +1,7 @@
 // The trace options of one process: section [TRACE] of vorlconf.ini.
 #pragma once
 
+#include <atomic>
 #include <cstddef>
 #include <cstdint>
 
@@ -22,19 +23,29 @@ struct TraceOptions {
   TraceFormat format = TraceFormat::kText;
   std::uint32_t fileSizeKb = 5120;
   std::uint32_t files = 10;
+  // False when the file was written less than kRestMilliseconds before it was read: what is not in
+  // it may be about to come.
+  bool isAtRest = true;
 };
 
 constexpr std::uint32_t kMostFiles = 1000;
+constexpr std::uint32_t kRestMilliseconds = 5000;
 
 // Options in one word, which is never half of one configuration and half of another. Zero stands
-// for none: all levels are on, and no file is full.
+// for none: all levels are on, and no file is full. Nor is one by options that were not at rest.
 class TraceOptionWord {
  public:
   static constexpr std::uint64_t Of(const TraceOptions& options) noexcept {
+    const std::uint32_t fileSizeKb = options.isAtRest ? options.fileSizeKb : kEndlessFileSizeKb;
     return options.levels | (options.format == TraceFormat::kCmTrace ? kCmTraceBit : 0) |
            (std::uint64_t{options.files} << kFilesShift) |
-           (std::uint64_t{options.fileSizeKb} << kFileSizeShift);
+           (std::uint64_t{fileSizeKb} << kFileSizeShift);
   }
+
+  // Puts `options`, a word that is not zero, in force in the place of others. Those of a file that
+  // was not at rest only add their levels to what is in force, if anything is.
+  static void Put(std::atomic<std::uint64_t>& inForce, std::uint64_t options) noexcept;
+
   constexpr explicit TraceOptionWord(std::uint64_t word) noexcept : m_word(word) {}
 
   constexpr bool IsOn(std::uint32_t levelBit) const noexcept {
@@ -58,6 +69,7 @@ class TraceOptionWord {
   static constexpr unsigned kFilesShift = 8;
   static constexpr std::uint32_t kFilesMask = 0xFFFF;
   static constexpr unsigned kFileSizeShift = 32;
+  static constexpr std::uint32_t kEndlessFileSizeKb = 0xFFFFFFFF;
   std::uint64_t m_word;
 };
 

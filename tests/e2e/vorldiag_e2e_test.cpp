@@ -3,6 +3,7 @@
 //
 // Wine keeps no recovery actions, so that the best that can be had here is one warning.
 #include "tests/e2e/diagnosis_fixture.h"
+#include "tests/support/files.h"
 
 using ::testing::AllOf;
 using ::testing::Contains;
@@ -373,7 +374,8 @@ std::vector<std::string> LinesOf(const std::string& output) {
 // nobody can press Ctrl+C: the follower is ended with its object.
 TEST_F(Diagnosis, FollowsTheTraceOverItsFiles) {
   WriteConfiguration("[TRACE]\r\nFileSizeKB=4\r\nFiles=1000\r\n");
-  installation.Run("-stop");
+  installation.Run("-stop");  // stores the identifier in the same file
+  LetRest(installation.ConfigurationFile());
   const std::size_t before = LinesOf(Run("trace").output).size();
 
   BackgroundProgram follower(installation.Folder() / "vorldiag.exe", "trace --follow");

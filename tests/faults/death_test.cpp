@@ -67,6 +67,7 @@ class DeathOfAWriter : public testing::TestWithParam<bool> {
   static void Prepare(const Installation& installation, bool isFull) {
     WriteText(installation / "conf" / "vorlconf.ini",
               "[TRACE]\r\nFileSizeKB=4\r\nFiles=3\r\nLevels=ERROR,INFO\r\n");
+    LetRest(installation / "conf" / "vorlconf.ini");
     if (isFull) {
       for (const char* const name :
            {"vorltrace.000001.log", "vorltrace.000002.log", "vorltrace.log"}) {

@@ -48,6 +48,7 @@ class TraceFaults : public testing::Test {
   static void Prepare(const Installation& installation, bool isNew) {
     WriteText(installation / "conf" / "vorlconf.ini",
               "[TRACE]\r\nFileSizeKB=4\r\nFiles=3\r\nLevels=ERROR,INFO\r\n");
+    LetRest(installation / "conf" / "vorlconf.ini");
     if (isNew) {
       return;
     }

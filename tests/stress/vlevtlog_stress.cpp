@@ -185,6 +185,7 @@ class TraceUnderStress : public testing::Test {
   void Configure(unsigned fileSizeKb) const {
     WriteText(m_installation / "conf" / "vorlconf.ini",
               "[TRACE]\r\nFileSizeKB=" + std::to_string(fileSizeKb) + "\r\nFiles=1000\r\n");
+    LetRest(m_installation / "conf" / "vorlconf.ini");
   }
 
   Writer StartWriter(unsigned lines, const wchar_t* mode = L"--write") {

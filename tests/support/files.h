@@ -10,7 +10,7 @@
 #include <string>
 #include <vector>
 
-#include "support/windows_api.h"
+#include "support/handle.h"
 
 using ByteVector = std::vector<unsigned char>;
 
@@ -43,6 +43,30 @@ class TempFolder {
  private:
   std::filesystem::path m_path;
 };
+
+// Sets when a file was written last, in units of 100 ns since 1601.
+inline void SetWriteTime(const std::filesystem::path& path, ULONGLONG time) {
+  // Attributes may be written whatever others share.
+  const FileHandle file(CreateFileW(path.c_str(), FILE_WRITE_ATTRIBUTES,
+                                    FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, nullptr,
+                                    OPEN_EXISTING, 0, nullptr));
+  const FILETIME written{static_cast<DWORD>(time), static_cast<DWORD>(time >> 32)};
+  if (!file || !SetFileTime(file.Get(), nullptr, nullptr, &written)) {
+    throw std::filesystem::filesystem_error("SetFileTime", path, std::error_code());
+  }
+}
+
+inline ULONGLONG SystemTime() {
+  FILETIME now;
+  GetSystemTimeAsFileTime(&now);
+  return (ULONGLONG{now.dwHighDateTime} << 32) | now.dwLowDateTime;
+}
+
+// Makes a file one that was written an hour ago: nobody is in the middle of writing it anew.
+inline void LetRest(const std::filesystem::path& path) {
+  constexpr ULONGLONG hour = ULONGLONG{3600} * 10'000'000;
+  SetWriteTime(path, SystemTime() - hour);
+}
 
 inline void WriteBytes(const std::string& path, const ByteVector& bytes) {
   std::ofstream out(path, std::ios::binary | std::ios::trunc);

@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "support/handle.h"
@@ -26,21 +27,7 @@ class ConfigurationFile : public ::testing::Test {
     WriteText(m_path, bytes);
     SetAge(seconds);
   }
-  void SetAge(ULONGLONG seconds) const {
-    FILETIME now;
-    GetSystemTimeAsFileTime(&now);
-    ULARGE_INTEGER time{{now.dwLowDateTime, now.dwHighDateTime}};
-    time.QuadPart -= seconds * kSecond;
-    SetTime({time.LowPart, time.HighPart});
-  }
-  void SetTime(const FILETIME& time) const {
-    // Attributes may be written whatever others share.
-    const FileHandle file(CreateFileW(m_path.c_str(), FILE_WRITE_ATTRIBUTES,
-                                      FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE,
-                                      nullptr, OPEN_EXISTING, 0, nullptr));
-    ASSERT_TRUE(file) << GetLastError();
-    ASSERT_TRUE(SetFileTime(file.Get(), nullptr, nullptr, &time)) << GetLastError();
-  }
+  void SetAge(ULONGLONG seconds) const { SetWriteTime(m_path, SystemTime() - seconds * kSecond); }
   FileHandle Open(DWORD access, DWORD shareMode) const {
     FileHandle file(
         CreateFileW(m_path.c_str(), access, shareMode, nullptr, OPEN_EXISTING, 0, nullptr));
@@ -267,14 +254,23 @@ TEST_F(ConfigurationFile, EmptiedAMomentAgoIsBusyAndEmptyForLongerIsEmpty) {
   }
   // The clock may have been set back.
   Write("", 0);
-  FILETIME future;
-  GetSystemTimeAsFileTime(&future);
-  future.dwHighDateTime += 1;
-  SetTime(future);
+  SetAge(~ULONGLONG{599});  // in ten minutes
   EXPECT_EQ(Read(), IniRead::kDone);
   // What has a text is taken at once.
   Write("[S]\r\nK=value\r\n", 0);
   EXPECT_EQ(Read(), IniRead::kDone);
+}
+
+TEST_F(ConfigurationFile, TellsWhetherWhatWasReadHadJustBeenWritten) {
+  constexpr DWORD minute = 60'000;
+  for (const auto& [seconds, isExpected] :
+       {std::pair{ULONGLONG{1}, true}, {ULONGLONG{61}, false}, {~ULONGLONG{99}, false}}) {
+    Write("[S]\r\nK=value\r\n", seconds);
+    ASSERT_EQ(Read(), IniRead::kDone);
+    // What is read counts, not what has become of the file since.
+    SetAge(seconds < 60 ? 90 : 1);
+    EXPECT_EQ(m_file.WasJustWritten(minute), isExpected) << seconds;
+  }
 }
 
 TEST_F(ConfigurationFile, BeyondTheLargestSizeIsRefused) {

@@ -174,6 +174,7 @@ TEST_F(TraceLogTest, FollowsAFileThatCouldNotBeReadAtFirst) {
 TEST_F(TraceLogTest, TakesAnotherConfigurationFileAtOnce) {
   const fs::path other = m_folder.Path() / "other.ini";
   std::ofstream(other) << "[TRACE]\nLevels=NONE\n";
+  LetRest(other);
   Log(2, "one");
   EXPECT_TRUE(m_log.SetConfigurationFile(other.c_str()));
   Log(2, "two");
@@ -264,6 +265,95 @@ TEST_F(TraceLogTest, KeepsItsOptionsWhileTheFileIsEmptyForAMoment) {
   Log(2, "two");
   Log(1, "three");
   EXPECT_THAT(Messages(), ElementsAre("one", "three"));
+}
+
+// A file that is written in several openings may lack what its writer has not come to yet.
+TEST_F(TraceLogTest, KeepsItsFilesWhileTheConfigurationIsWrittenPieceByPiece) {
+  Configure("FileSizeKB=4\nFiles=20\n");
+  const std::string filler(4000, 'x');
+  const auto fill = [&](int files) {
+    for (int i = 0; i < files; ++i) {
+      Log(2, "%s", filler.c_str());
+    }
+  };
+  fill(30);
+  ASSERT_EQ(Files().size(), 20U);
+  ConfigureNow("FileSizeKB=4\n");
+  for (int looks = 0; looks < 2; ++looks) {
+    Pass(2 * kSecond);
+    fill(10);
+    EXPECT_EQ(Files().size(), 20U);
+  }
+  ConfigureNow("FileSizeKB=4\nFiles=15\n");
+  Pass(4999);
+  fill(2);
+  EXPECT_EQ(Files().size(), 20U);
+  Pass(2 * kSecond);
+  fill(2);
+  EXPECT_EQ(Files().size(), 15U);
+}
+
+TEST_F(TraceLogTest, BeginsNoNewFileOnAConfigurationThatIsJustBeingWritten) {
+  ConfigureNow("FileSizeKB=4\nFiles=2\n");
+  const std::string filler(4000, 'x');
+  for (int i = 0; i < 3; ++i) {
+    Log(2, "%s", filler.c_str());
+  }
+  EXPECT_THAT(Files(), ElementsAre("vorltrace.log"));
+  Pass(5 * kSecond);
+  Log(2, "one");
+  EXPECT_THAT(Files(), ElementsAre("vorltrace.000001.log", "vorltrace.log"));
+  EXPECT_THAT(Messages(), ElementsAre("one"));
+}
+
+// The first one takes what is in force from the others.
+TEST_F(TraceLogTest, KeepsTheLimitsInForceInAProcessThatBeginsMeanwhile) {
+  Configure("FileSizeKB=4\nFiles=3\n");
+  const std::string filler(4000, 'x');
+  for (int i = 0; i < 5; ++i) {
+    Log(2, "%s", filler.c_str());
+  }
+  ConfigureNow("Levels=ERROR,INFO\nFiles=2\n");
+  TraceLog other;
+  ASSERT_TRUE(other.SetFolder(m_folder.Path().c_str()));
+  LogTo(other, 2, "%s", filler.c_str());
+  LogTo(other, 2, "%s", filler.c_str());
+  Log(2, "%s", filler.c_str());
+  EXPECT_THAT(Files(),
+              ElementsAre("vorltrace.000006.log", "vorltrace.000007.log", "vorltrace.log"));
+  other.Close();
+}
+
+TEST_F(TraceLogTest, AddsLevelsAtOnceAndTakesThemAwayWhenTheFileIsAtRest) {
+  Configure("Levels=ERROR\n");
+  Log(2, "off");
+  ConfigureNow("Levels=VERBOSE\nFormat=CMTRACE\n");
+  Pass(2 * kSecond);
+  Log(2, "off");
+  Log(8, "one");
+  Log(1, "two");
+  Pass(3 * kSecond);
+  Log(1, "off");
+  Log(8, "three");
+  EXPECT_THAT(Content("vorltrace.log"),
+              MatchesRegex("[^\n]* one\r\n[^\n]* two\r\n<!\\[LOG\\[three\\]LOG\\]!>[^\n]*\r\n"));
+}
+
+TEST_F(TraceLogTest, TakesLevelsAndFormatAtOnceWhereNoneAreInForce) {
+  ConfigureNow("Levels=ERROR\nFormat=CMTRACE\n");
+  Log(2, "off");
+  Log(1, "on");
+  EXPECT_THAT(Content("vorltrace.log"), MatchesRegex("<!\\[LOG\\[on\\]LOG\\]!>[^\n]*\r\n"));
+}
+
+TEST_F(TraceLogTest, ReportsAValueThatIsNotUnderstoodOnceHoweverOftenItIsRead) {
+  ConfigureNow("Levels=LOUD\n");
+  for (int seconds = 0; seconds < 8; seconds += 2) {
+    Log(2, "%d", seconds);
+    Pass(2 * kSecond);
+  }
+  EXPECT_THAT(Messages(), ElementsAre("[TRACE] Levels=LOUD is not understood, the default is used",
+                                      "0", "2", "4", "6"));
 }
 
 }  // namespace

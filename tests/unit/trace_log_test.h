@@ -43,7 +43,13 @@ inline std::string MessageOf(const std::string& line) {
 class TraceLogTest : public testing::Test {
  protected:
   TraceLogTest()
-      : m_tickPatch("KERNEL32.dll", "GetTickCount64", [this] { return m_tick += m_tickStep; }) {
+      : m_tickPatch("KERNEL32.dll", "GetTickCount64", [this] { return m_tick += m_tickStep; }),
+        m_clockPatch("KERNEL32.dll", "GetSystemTimeAsFileTime", [this](FILETIME* now) {
+          m_clockPatch.CallOriginal(now);
+          if (m_now != 0) {
+            *now = {static_cast<DWORD>(m_now), static_cast<DWORD>(m_now >> 32)};
+          }
+        }) {
     EXPECT_TRUE(m_log.SetFolder(m_folder.Path().c_str()));
   }
   ~TraceLogTest() override { m_log.Close(); }
@@ -126,10 +132,25 @@ class TraceLogTest : public testing::Test {
     return names;
   }
 
+  fs::path Configuration() const { return m_folder.Path() / "conf" / "vorlconf.ini"; }
+
+  // Some time ago; each configuration is younger than the one before.
   void Configure(const std::string& section) {
     fs::create_directories(m_folder.Path() / "conf");
-    std::ofstream(m_folder.Path() / "conf" / "vorlconf.ini", std::ios::trunc) << "[TRACE]\n"
-                                                                              << section;
+    std::ofstream(Configuration(), std::ios::trunc) << "[TRACE]\n" << section;
+    SetWriteTime(Configuration(), m_written += kTicksPerSecond);
+  }
+
+  // At this moment; time stands still from now on.
+  void ConfigureNow(const std::string& section) {
+    Configure(section);
+    m_now = m_written;
+  }
+
+  // Lets time pass for the process and the system.
+  void Pass(ULONGLONG milliseconds) {
+    m_tick += milliseconds;
+    m_now += milliseconds * (kTicksPerSecond / kSecond);
   }
 
   void WriteFirst(const std::string& content) {
@@ -158,5 +179,11 @@ class TraceLogTest : public testing::Test {
   TraceLog m_log;
 
  private:
+  static constexpr ULONGLONG kTicksPerSecond = 10'000'000;
+  static constexpr ULONGLONG kDay = 86400 * kTicksPerSecond;
+
+  ULONGLONG m_written = SystemTime() - kDay;
+  ULONGLONG m_now = 0;  // what the system's clock says; 0: what it is
   CallPatch<struct TickTag, ULONGLONG WINAPI()> m_tickPatch;
+  CallPatch<struct ClockTag, void WINAPI(FILETIME*)> m_clockPatch;
 };

@@ -116,6 +116,7 @@ TEST_F(VlevtlogTest, LetsGoOfItsFilesWhenItIsUnloaded) {
 // buffers and some of the others.
 TEST_F(VlevtlogTest, WritesMessagesOfEveryLengthWhole) {
   WriteText(m_installation / "conf" / "vorlconf.ini", "[TRACE]\r\nFileSizeKB=16384\r\nFiles=2\r\n");
+  LetRest(m_installation / "conf" / "vorlconf.ini");
   const std::string narrow(70000, 'n');
   const std::wstring wide(70000, L'\x20AC');
   std::mt19937 random(1);
