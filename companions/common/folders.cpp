@@ -4,6 +4,7 @@
 #include <iterator>
 
 #include "support/folder.h"
+#include "support/handle.h"
 
 // The linker's name for the beginning of the library.
 extern "C" const IMAGE_DOS_HEADER __ImageBase;  // NOLINT
@@ -60,6 +61,36 @@ bool IsLocalDrive(const wchar_t* path) noexcept {
     return GetLastError() == ERROR_FILE_NOT_FOUND;
   }
   return std::wcsncmp(device, substituted, std::size(substituted) - 1) != 0;
+}
+
+// Whether a link on the way to a folder leads to another computer. Of a folder that is yet to be
+// made, the one above it is looked at. What cannot be looked at is taken to lie where its path
+// says.
+bool IsOnServer(Folder looked) noexcept {
+  constexpr wchar_t server[] = L"\\\\?\\UNC\\";
+  FileHandle folder;
+  for (;;) {
+    folder.Reset(CreateFileW(looked.path, FILE_READ_ATTRIBUTES,
+                             FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, nullptr,
+                             OPEN_EXISTING, FILE_FLAG_BACKUP_SEMANTICS, nullptr));
+    const DWORD error = GetLastError();
+    wchar_t* const name = std::wcsrchr(looked.path, L'\\');
+    if (folder || name == nullptr ||
+        (error != ERROR_FILE_NOT_FOUND && error != ERROR_PATH_NOT_FOUND)) {
+      break;
+    }
+    *name = L'\0';
+  }
+  wchar_t target[kReadSize] = {};
+  const DWORD length =
+      folder ? GetFinalPathNameByHandleW(folder.Get(), target, kReadSize, FILE_NAME_OPENED) : 0;
+  // What does not fit is not known to lie on a disk.
+  return length >= kReadSize ||
+         (length != 0 && std::wcsncmp(target, server, std::size(server) - 1) == 0);
+}
+
+bool RefuseServer(const Folder& folder, FolderFailure& failure) noexcept {
+  return !IsOnServer(folder) || FailAt(failure, FolderProblem::kOnServer, folder.path);
 }
 
 // Brings a registered value into the form that Windows itself gives a path.
@@ -145,7 +176,8 @@ bool FindRootFolder(Folder& folder, FolderFailure& failure, const Folder* own) n
     case Registered::kNo:
       return own != nullptr ? Take(own->path, folder, failure) : FindOwnFolder(folder, failure);
     case Registered::kYes:
-      return IsFolder(folder.path) || FailAt(failure, FolderProblem::kDoesNotExist, folder.path);
+      return RefuseServer(folder, failure) &&
+             (IsFolder(folder.path) || FailAt(failure, FolderProblem::kDoesNotExist, folder.path));
     case Registered::kUnusable:
       break;
   }
@@ -161,10 +193,10 @@ bool FindConfigFolder(Folder& folder, FolderFailure& failure, const Folder* own)
       return FindRootFolder(root, failure, own) &&
              SUCCEEDED(StringCchPrintfW(path, std::size(path), L"%ls%ls", root.path,
                                         kConfigFolderName)) &&
-             Take(path, folder, failure);
+             Take(path, folder, failure) && RefuseServer(folder, failure);
     }
     case Registered::kYes:
-      return true;
+      return RefuseServer(folder, failure);
     case Registered::kUnusable:
       break;
   }

@@ -5,8 +5,8 @@
 // the folder of the library that asks, and "conf" below the installation folder. A value that is
 // there but cannot be used is never replaced by a guess: the operation fails. Only folders on
 // drives of this computer can be used, since the system's own account loads what lies there: no
-// server, no device path, no network or substituted drive. Their paths are given out as Windows
-// itself writes them, without "..", with single backslashes.
+// server, also at the end of a link, no device path, no network or substituted drive. Their paths
+// are given out as Windows itself writes them, without "..", with single backslashes.
 //
 // Nothing here writes a trace line or makes a folder.
 #pragma once
@@ -30,6 +30,7 @@ enum class FolderProblem {
   kNotFullPath,    // registry value `valueName` is `path`
   kNotOnDrive,     // registry value `valueName` is `path`: a server, a device, the root of a drive,
                    // or on a drive that leads elsewhere
+  kOnServer,       // a link leads from `path` to another computer
   kTooLong,        // `path` has `length` characters without trailing backslashes
   kDoesNotExist,   // `path`, the registered installation folder
   kNoLibraryPath,  // the library's own path is unknown: `error`

@@ -22,6 +22,9 @@ void TraceFailure(const char* functionName, const FolderFailure& failure) noexce
       TraceError(functionName, L"Registry value %s is no folder on a drive of this computer: %s",
                  failure.valueName, failure.path);
       break;
+    case FolderProblem::kOnServer:
+      TraceError(functionName, L"A link leads to another computer: %s", failure.path);
+      break;
     case FolderProblem::kTooLong:
       TraceError(functionName, L"Folder of %u characters is too long, at most %u: %s",
                  static_cast<unsigned>(failure.length), static_cast<unsigned>(kLongestFolder),

@@ -125,6 +125,7 @@ inline const std::map<std::string, std::set<std::string>>& Windows7Functions() {
         "GetFileInformationByHandleEx",
         "GetFileSizeEx",
         "GetFileType",
+        "GetFinalPathNameByHandleW",
         "GetFullPathNameW",
         "GetHandleInformation",
         "GetLastError",

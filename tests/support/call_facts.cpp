@@ -141,6 +141,7 @@ constexpr CallFacts kFunctions[] = {
     Takes(Zero("FindClose"), kSearch),
     Zero("GetFileSecurityW", kFileErrors),
     Zero("GetFullPathNameW", kFileErrors),
+    Zero("GetFinalPathNameByHandleW", kFileErrors),
     Zero("QueryDosDeviceW", kFileErrors),
     Zero("GetSystemDirectoryW", kFileErrors),
     Fails("GetModuleFileNameW", Answer::kFilled, kPathErrors),

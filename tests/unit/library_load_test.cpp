@@ -164,18 +164,18 @@ TEST(InHouseLibraries, ImportTheseFunctionsAndNoOthers) {
                     "FindFirstFileW", "FindNextFileW", "GetCurrentProcess", "GetCurrentProcessId",
                     "GetCurrentThread", "GetCurrentThreadId", "GetDriveTypeW",
                     "GetFileAttributesExW", "GetFileAttributesW", "GetFileInformationByHandle",
-                    "GetFileInformationByHandleEx", "GetFileSizeEx", "GetFullPathNameW",
-                    "GetLastError", "GetModuleFileNameW", "GetModuleHandleW", "GetProcAddress",
-                    "GetProcessHeap", "GetSystemTimeAsFileTime", "GetThreadTimes", "GetTickCount64",
-                    "HeapAlloc", "HeapFree", "InitializeCriticalSection", "IsDBCSLeadByteEx",
-                    "LeaveCriticalSection", "MapViewOfFile", "MoveFileExW", "MultiByteToWideChar",
-                    "OpenThread", "QueryDosDeviceW", "QueryPerformanceCounter", "ReadFile",
-                    "ReleaseSRWLockExclusive", "SetEndOfFile", "SetFilePointerEx", "SetLastError",
-                    "Sleep", "SwitchToThread", "SystemTimeToFileTime",
-                    "SystemTimeToTzSpecificLocalTime", "TerminateProcess", "Thread32First",
-                    "Thread32Next", "TlsAlloc", "TlsFree", "TlsGetValue", "TlsSetValue",
-                    "TryAcquireSRWLockExclusive", "UnmapViewOfFile", "VirtualLock", "VirtualQuery",
-                    "WaitForSingleObject", "WideCharToMultiByte", "WriteFile"));
+                    "GetFileInformationByHandleEx", "GetFileSizeEx", "GetFinalPathNameByHandleW",
+                    "GetFullPathNameW", "GetLastError", "GetModuleFileNameW", "GetModuleHandleW",
+                    "GetProcAddress", "GetProcessHeap", "GetSystemTimeAsFileTime", "GetThreadTimes",
+                    "GetTickCount64", "HeapAlloc", "HeapFree", "InitializeCriticalSection",
+                    "IsDBCSLeadByteEx", "LeaveCriticalSection", "MapViewOfFile", "MoveFileExW",
+                    "MultiByteToWideChar", "OpenThread", "QueryDosDeviceW",
+                    "QueryPerformanceCounter", "ReadFile", "ReleaseSRWLockExclusive",
+                    "SetEndOfFile", "SetFilePointerEx", "SetLastError", "Sleep", "SwitchToThread",
+                    "SystemTimeToFileTime", "SystemTimeToTzSpecificLocalTime", "TerminateProcess",
+                    "Thread32First", "Thread32Next", "TlsAlloc", "TlsFree", "TlsGetValue",
+                    "TlsSetValue", "TryAcquireSRWLockExclusive", "UnmapViewOfFile", "VirtualLock",
+                    "VirtualQuery", "WaitForSingleObject", "WideCharToMultiByte", "WriteFile"));
     EXPECT_THAT(
         imports.at("msvcrt.dll"),
         ElementsAre("___lc_codepage_func", "___mb_cur_max_func", "_errno", "_vsnwprintf",
@@ -194,11 +194,11 @@ TEST(InHouseLibraries, ImportTheseFunctionsAndNoOthers) {
         ElementsAre("CloseHandle", "CompareStringOrdinal", "CreateDirectoryW", "CreateFileW",
                     "GetACP", "GetCurrentProcess", "GetCurrentProcessId", "GetCurrentThreadId",
                     "GetDriveTypeW", "GetFileAttributesW", "GetFileInformationByHandle",
-                    "GetFullPathNameW", "GetLastError", "GetModuleFileNameW", "GetModuleHandleW",
-                    "GetProcAddress", "GetProcessHeap", "GetSystemTimeAsFileTime", "HeapAlloc",
-                    "HeapFree", "MultiByteToWideChar", "QueryDosDeviceW", "QueryPerformanceCounter",
-                    "ReadFile", "SetLastError", "Sleep", "TerminateProcess",
-                    "WideCharToMultiByte"));
+                    "GetFinalPathNameByHandleW", "GetFullPathNameW", "GetLastError",
+                    "GetModuleFileNameW", "GetModuleHandleW", "GetProcAddress", "GetProcessHeap",
+                    "GetSystemTimeAsFileTime", "HeapAlloc", "HeapFree", "MultiByteToWideChar",
+                    "QueryDosDeviceW", "QueryPerformanceCounter", "ReadFile", "SetLastError",
+                    "Sleep", "TerminateProcess", "WideCharToMultiByte"));
     EXPECT_THAT(imports.at("msvcrt.dll"),
                 ElementsAre("_vsnwprintf", "wcscspn", "wcslen", "wcsncmp", "wcsrchr"));
     EXPECT_THAT(imports.at("vlevtlog.dll"), ElementsAre("#3"));

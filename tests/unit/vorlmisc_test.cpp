@@ -8,6 +8,7 @@
 #include <algorithm>
 #include <cwchar>
 #include <string>
+#include <string_view>
 
 #include "tests/support/text.h"
 #include "tests/unit/vorlmisc_test.h"
@@ -225,6 +226,47 @@ TEST_F(SupportLibrary, FolderOnASubstitutedDriveIsRefused) {
   EXPECT_THAT(m_journal.TakeTraces(), ElementsAre(OffDriveLine(L"S:\\agent")));
   m_machine.SetText(L"RootDir", m_installation.Path().wstring());
   EXPECT_EQ(RootDir(), m_installation.Path().wstring());
+}
+
+TEST_F(SupportLibrary, FolderFromWhichALinkLeadsToAServerIsRefused) {
+  m_library.ReplaceImport<DWORD WINAPI(HANDLE, wchar_t*, DWORD, DWORD)>(
+      "GetFinalPathNameByHandleW",
+      +[](HANDLE, wchar_t* path, DWORD capacity, DWORD flags) -> DWORD {
+        EXPECT_EQ(flags, DWORD{FILE_NAME_OPENED | VOLUME_NAME_DOS});
+        constexpr std::wstring_view target = L"\\\\?\\UNC\\server\\share";
+        EXPECT_LT(target.size(), capacity);
+        std::wmemcpy(path, target.data(), target.size() + 1);
+        return target.size();
+      });
+  const fs::path root = m_installation.Path();
+  const auto line = [](const ExpectedTrace& trace, const fs::path& folder) {
+    return trace.Error("A link leads to another computer: " + folder.string());
+  };
+  // The default folder for the configuration may be a link; so may one above a new folder.
+  EXPECT_EQ(ConfigDir(), L"refused");
+  EXPECT_THAT(m_journal.TakeTraces(), ElementsAre(line(kConfigDir, root / "conf")));
+  m_machine.SetText(L"ConfigDir", (root / "new" / "conf").wstring());
+  EXPECT_EQ(ConfigDir(), L"refused");
+  EXPECT_THAT(m_journal.TakeTraces(), ElementsAre(line(kConfigDir, root / "new" / "conf")));
+  m_machine.SetText(L"RootDir", root.wstring());
+  EXPECT_EQ(RootDir(), L"refused");
+  EXPECT_THAT(m_journal.TakeTraces(), ElementsAre(line(kRootDir, root)));
+}
+
+TEST_F(SupportLibrary, FolderThatCannotBeLookedAtLiesWhereItsPathSays) {
+  const std::wstring root = m_installation.Path().wstring();
+  m_machine.SetText(L"RootDir", root);
+  m_library.ReplaceImport<DWORD WINAPI(HANDLE, wchar_t*, DWORD, DWORD)>(
+      "GetFinalPathNameByHandleW", +[](HANDLE, wchar_t*, DWORD, DWORD) -> DWORD {
+        SetLastError(ERROR_ACCESS_DENIED);
+        return 0;
+      });
+  EXPECT_EQ(RootDir(), root);
+  // Longer than every path of a disk that the product accepts.
+  m_library.ReplaceImport<DWORD WINAPI(HANDLE, wchar_t*, DWORD, DWORD)>(
+      "GetFinalPathNameByHandleW",
+      +[](HANDLE, wchar_t*, DWORD capacity, DWORD) -> DWORD { return capacity; });
+  EXPECT_EQ(RootDir(), L"refused");
 }
 
 // A folder of more characters than any disk's name has.

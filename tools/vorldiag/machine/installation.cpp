@@ -47,6 +47,8 @@ std::string Text(const FolderFailure& failure) {
     case FolderProblem::kNotOnDrive:
       return "registry value " + Utf8(failure.valueName) +
              " is no folder on a drive of this computer: " + Utf8(failure.path);
+    case FolderProblem::kOnServer:
+      return "a link leads to another computer: " + Utf8(failure.path);
     case FolderProblem::kTooLong:
       return "a folder of " + std::to_string(failure.length) + " characters, at most " +
              std::to_string(kLongestFolder) + ": " + Utf8(failure.path);
