@@ -14,9 +14,6 @@ namespace {
 constexpr wchar_t kInstallationKey[] = L"SOFTWARE\\Client Agent\\" VORL_MAJOR_VERSION;
 constexpr wchar_t kConfigFolderName[] = L"\\conf";
 
-// Room to read a path that is too long to be used, for whoever says so.
-constexpr DWORD kReadSize = std::size(FolderFailure{}.path);
-
 enum class Registered { kNo, kYes, kUnusable };
 
 bool Fail(FolderFailure& failure, FolderProblem problem, DWORD error = ERROR_SUCCESS) noexcept {
@@ -26,8 +23,8 @@ bool Fail(FolderFailure& failure, FolderProblem problem, DWORD error = ERROR_SUC
 }
 
 bool FailAt(FolderFailure& failure, FolderProblem problem, const wchar_t* path) noexcept {
-  // Enough of it to be recognised.
-  static_cast<void>(StringCchCopyW(failure.path, kReadSize, path));
+  // A long one is cut: enough of it is left to be recognised.
+  static_cast<void>(StringCchCopyW(failure.path, kFolderReadSize, path));
   return Fail(failure, problem);
 }
 
@@ -40,7 +37,7 @@ bool IsFullPath(const wchar_t* path) noexcept {
   return hasDrive && path[1] == L':' && IsSeparator(path[2]);
 }
 
-// A server, or a path past the rules of Windows.
+// A server, or a path with a prefix that goes round Windows' rules for paths.
 bool IsOffDrives(const wchar_t* path) noexcept {
   return IsSeparator(path[0]) && (IsSeparator(path[1]) || path[1] == L'?');
 }
@@ -54,10 +51,10 @@ bool IsLocalDrive(const wchar_t* path) noexcept {
   }
   // A substituted drive stands for a folder, in the sessions of some accounts only.
   constexpr wchar_t substituted[] = L"\\??\\";
-  wchar_t device[kReadSize] = {};
-  if (QueryDosDeviceW(drive, device, kReadSize) == 0) {
-    // What no drive bears does not exist, which is another failure. No disk has a name that does
-    // not fit, but a folder can have one.
+  wchar_t device[kFolderReadSize] = {};
+  if (QueryDosDeviceW(drive, device, kFolderReadSize) == 0) {
+    // A letter that no drive has is another failure: the folder does not exist. A name that does
+    // not fit is no disk's, but can be a folder's.
     return GetLastError() == ERROR_FILE_NOT_FOUND;
   }
   return std::wcsncmp(device, substituted, std::size(substituted) - 1) != 0;
@@ -81,11 +78,12 @@ bool IsOnServer(Folder looked) noexcept {
     }
     *name = L'\0';
   }
-  wchar_t target[kReadSize] = {};
+  wchar_t target[kFolderReadSize] = {};
   const DWORD length =
-      folder ? GetFinalPathNameByHandleW(folder.Get(), target, kReadSize, FILE_NAME_OPENED) : 0;
+      folder ? GetFinalPathNameByHandleW(folder.Get(), target, kFolderReadSize, FILE_NAME_OPENED)
+             : 0;
   // What does not fit is not known to lie on a disk.
-  return length >= kReadSize ||
+  return length >= kFolderReadSize ||
          (length != 0 && std::wcsncmp(target, server, std::size(server) - 1) == 0);
 }
 
@@ -94,15 +92,15 @@ bool RefuseServer(const Folder& folder, FolderFailure& failure) noexcept {
 }
 
 // Brings a registered value into the form that Windows itself gives a path.
-FolderProblem Normalize(const wchar_t* value, wchar_t (&path)[kReadSize]) noexcept {
+FolderProblem Normalize(const wchar_t* value, wchar_t (&path)[kFolderReadSize]) noexcept {
   if (IsOffDrives(value)) {
     return FolderProblem::kNotOnDrive;
   }
   if (!IsFullPath(value)) {
     return FolderProblem::kNotFullPath;
   }
-  const DWORD length = GetFullPathNameW(value, kReadSize, path, nullptr);
-  if (length == 0 || length >= kReadSize) {
+  const DWORD length = GetFullPathNameW(value, kFolderReadSize, path, nullptr);
+  if (length == 0 || length >= kFolderReadSize) {
     return FolderProblem::kNotFullPath;
   }
   // A device, such as NUL, has a path of another form; the root of a drive has nothing after it.
@@ -129,7 +127,7 @@ bool Take(const wchar_t* path, Folder& folder, FolderFailure& failure) noexcept 
 Registered ReadRegistered(const wchar_t* valueName, Folder& folder,
                           FolderFailure& failure) noexcept {
   // A value of no bytes is a success that writes nothing.
-  wchar_t value[kReadSize] = {};
+  wchar_t value[kFolderReadSize] = {};
   DWORD size = sizeof(value);
   // RRF_RT_REG_SZ expands the environment variables of a REG_EXPAND_SZ.
   const LSTATUS status = RegGetValueW(HKEY_LOCAL_MACHINE, kInstallationKey, valueName,
@@ -143,7 +141,7 @@ Registered ReadRegistered(const wchar_t* valueName, Folder& folder,
     Fail(failure, FolderProblem::kCannotBeRead, static_cast<DWORD>(status));
     return Registered::kUnusable;
   }
-  wchar_t path[kReadSize];
+  wchar_t path[kFolderReadSize];
   const FolderProblem problem = Normalize(value, path);
   if (problem != FolderProblem::kNone) {
     FailAt(failure, problem, value);
@@ -158,9 +156,9 @@ bool FindOwnFolder(Folder& folder, FolderFailure& failure) noexcept {
   folder.path[0] = L'\0';
   // A module's handle is its address.
   const auto self = reinterpret_cast<HMODULE>(const_cast<IMAGE_DOS_HEADER*>(&__ImageBase));
-  wchar_t path[kReadSize] = {};
-  const DWORD length = GetModuleFileNameW(self, path, kReadSize);
-  if (length == 0 || length == kReadSize) {
+  wchar_t path[kFolderReadSize] = {};
+  const DWORD length = GetModuleFileNameW(self, path, kFolderReadSize);
+  if (length == 0 || length == kFolderReadSize) {
     return Fail(failure, FolderProblem::kNoLibraryPath, GetLastError());
   }
   wchar_t* const fileName = std::wcsrchr(path, L'\\');

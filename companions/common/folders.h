@@ -19,6 +19,9 @@
 constexpr DWORD kLongestFolder = MAX_PATH - 1 - 13;
 static_assert(kLongestFolder == 246);
 
+// Room to read a path, and to say it when it is too long to be used.
+constexpr DWORD kFolderReadSize = 1024;
+
 struct Folder {
   // Full path without trailing backslash, null-terminated; empty when it is not known.
   wchar_t path[kLongestFolder + 1];
@@ -43,7 +46,7 @@ struct FolderFailure {
   const wchar_t* valueName = L"";
   DWORD error = ERROR_SUCCESS;
   DWORD length = 0;
-  wchar_t path[1024] = {};  // of what is longer, the beginning
+  wchar_t path[kFolderReadSize] = {};  // of what is longer, the beginning
 };
 
 // The folder of the library into which this is linked. Asks the loader.

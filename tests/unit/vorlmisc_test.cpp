@@ -294,6 +294,19 @@ TEST_F(SupportLibrary, FolderOnADriveThatDoesNotExistIsMissing) {
               ElementsAre(kRootDir.Error("Installation folder does not exist: Q:\\agent")));
 }
 
+TEST_F(SupportLibrary, RegistryValueIsReadUpTo1023Characters) {
+  const std::string longest = "C:\\" + std::string(1020, 'x');
+  m_machine.SetText(L"RootDir", fs::path(longest).wstring());
+  EXPECT_EQ(RootDir(), L"refused");
+  EXPECT_THAT(m_journal.TakeTraces(),
+              ElementsAre(kRootDir.Error("Folder of 1023 characters is too long, at most 246: " +
+                                         longest)));
+  m_machine.SetText(L"RootDir", fs::path(longest + "x").wstring());
+  EXPECT_EQ(RootDir(), L"refused");
+  EXPECT_THAT(m_journal.TakeTraces(),
+              ElementsAre(kRootDir.Error("Registry value RootDir cannot be read (234)")));
+}
+
 TEST_F(SupportLibrary, RegistryValueBeyondAllBuffersIsRefused) {
   m_machine.SetText(L"RootDir", L"C:\\" + std::wstring(5000, L'x'));
   EXPECT_EQ(RootDir(), L"refused");
