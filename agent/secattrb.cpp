@@ -95,7 +95,8 @@ bool MakeAcl(const Functions& functions, DWORD accessMask, PSID sid, PACL* acl) 
   return true;
 }
 
-// On a failure `*sd` keeps the address of what was freed: the caller uses nothing of a failure.
+// After a failure `*sd` still holds the address of freed memory. The caller uses nothing that a
+// failed call has left.
 bool MakeDescriptor(const Functions& functions, PSID sid, PACL acl, PSECURITY_DESCRIPTOR* sd) {
   *sd = LocalAlloc(LPTR, SECURITY_DESCRIPTOR_MIN_LENGTH);
   if (*sd == nullptr) {

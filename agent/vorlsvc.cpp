@@ -76,8 +76,8 @@ BOOL CAcAsSvc::OnInit() {
 
 void CAcAsSvc::Run() {
   runTrace.Info("Entry");
-  // On every return ahead of the wait below this handle stays open and the thread is not waited
-  // for: both end with the process, which the service's end leads to.
+  // A return before the wait below leaves this handle open and the thread running. Both end with
+  // the process, which ends when the service does.
   const HANDLE watcher = StartWatcher();
   if (watcher == nullptr) {
     return;
@@ -98,7 +98,8 @@ void CAcAsSvc::Run() {
 
   Module core(LoadVorlcoreDll());
   if (!core) {
-    // Nobody waits for the watcher, and other programs have never seen the close event here.
+    // The close event is not signalled: nobody waits for the watcher, and other programs have never
+    // seen the event signalled for a core that could not be loaded.
     runTrace.Error("LoadAcresDll() failed.");
     return;
   }
@@ -130,11 +131,12 @@ HANDLE CAcAsSvc::StartWatcher() {
   return watcher;
 }
 
-// On false, with a trace line, the core module is on its way out: unloaded here or by its owner.
+// False, with a trace line, when the core does not run. It has been unloaded then, or its owner
+// unloads it next.
 bool CAcAsSvc::StartCore(Module& core, const CLIENT_AGENT_STARTUP_OPTIONS& options) {
   auto* const startUp = ProcAddress<ClientAgentCoreStartUpFn>(core.Get(), "ClientAgentCoreStartUp");
   if (startUp == nullptr) {
-    // As without a core: nobody waits for the watcher.
+    // The close event is not signalled, as for a core that could not be loaded.
     runTrace.Error("GetProcAddress() failed for ClientAgentCoreStartUp.");
     return false;
   }
@@ -178,8 +180,9 @@ bool CAcAsSvc::CleanUpCore(HMODULE core, const CLIENT_AGENT_STARTUP_OPTIONS& opt
   return true;
 }
 
-// When the exit event has ended the wait, a stop may still come or be under way: what it gives to
-// its event must not be freed. From here on it gives the default security.
+// When the exit event has ended the wait, a stop may still come or be under way, and it makes its
+// event with these attributes. They are taken away from it before they are freed: from here on its
+// event has the default security.
 void CAcAsSvc::TakeBackSecurityDescriptor() {
   // One store: the attributes are whole before and after it.
   std::atomic_ref(m_SecurityAttributes.lpSecurityDescriptor).store(nullptr);

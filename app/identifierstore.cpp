@@ -14,8 +14,8 @@ constexpr wchar_t kIdentifierKey[] = L"clientuniqueid";
 
 constexpr wchar_t kLockExtension[] = L".lck";
 
-// The file that is the lock of `path`, of a path as long: the longest folder leaves no more room.
-// False when it has no extension, or does not fit.
+// The lock file of `path`: the same path with another extension of the same length, since the
+// longest folder leaves no room for more. False when it has no extension, or does not fit.
 bool GetLockFile(const wchar_t* path, wchar_t (&lock)[kFolderBufferSize]) {
   const wchar_t* const extension = std::wcsrchr(path, L'.');
   return extension != nullptr &&
@@ -25,14 +25,14 @@ bool GetLockFile(const wchar_t* path, wchar_t (&lock)[kFolderBufferSize]) {
 }
 
 // Lets one start of the program at a time change the configuration file, in whatever session it
-// runs: each sees what the one before has stored. The profile functions also write the whole file
-// anew, and nobody promises that two processes which do so at the same moment lose none of its
-// other settings: under Wine they do.
+// runs: each sees what the one before has stored. The lock is for the other settings as well: the
+// profile functions write the whole file anew, and Windows does not say what becomes of it when two
+// processes do so at the same moment. Under Wine settings are lost.
 //
 // It is a file beside the configuration, held without sharing and gone with its handle, however the
-// process ends. A named object would be for anybody to make first and to keep; who can keep this
-// file can write the configuration itself. Where it cannot be had, the identifier is stored without
-// it.
+// process ends. A named object could be made first, and kept, by anybody; whoever can keep this
+// file can write the configuration itself. Where the lock cannot be had, the identifier is stored
+// without it.
 class ConfigurationLock {
  public:
   explicit ConfigurationLock(const wchar_t* path) noexcept {
@@ -47,7 +47,7 @@ class ConfigurationLock {
 
  private:
   bool Take(const wchar_t* lock) noexcept {
-    // Of a link only the link itself.
+    // A link is opened itself, not what it leads to.
     m_file.Reset(CreateFileW(lock, GENERIC_WRITE | DELETE, /*dwShareMode=*/0, nullptr, OPEN_ALWAYS,
                              FILE_FLAG_DELETE_ON_CLOSE | FILE_FLAG_OPEN_REPARSE_POINT, nullptr));
     return static_cast<bool>(m_file);

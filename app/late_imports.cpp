@@ -32,20 +32,22 @@ HMODULE LoadFromSystemFolder(const char* name) noexcept {
   return LoadLibraryExW(path, nullptr, LOAD_WITH_ALTERED_SEARCH_PATH);
 }
 
-// Never null: for null the loading would look for the library elsewhere, beside the program first.
-// The program itself stands for a library that is not there, since it exports nothing.
+// Never null: with null the delay-load code would look for the library itself, beside the program
+// first. In place of a library that is not there it gets the program, which exports nothing, so
+// that no function is found.
 HMODULE Load(const char* name) noexcept {
   const LastErrorKeeper keeper;
   HMODULE module = LoadFromSystemFolder(name);
-  // COM gives its texts in memory of the other library. Without that one, COM fails at its first
-  // call, which is prepared for it.
+  // COM gives its texts in memory of the automation library. Where that one is missing, COM counts
+  // as missing, too: then it fails at its first call, whose caller is prepared for it.
   if (module != nullptr && IsLibrary(name, kCom) && LoadFromSystemFolder(kAutomation) == nullptr) {
     module = nullptr;
   }
   return module != nullptr ? module : GetModuleHandleW(nullptr);
 }
 
-// What stands for functions that are not there. Where these have no result, it does no harm.
+// These stand in for functions that are not there. For a function without a result any of them will
+// do.
 constexpr ULONG kNotLoaded = ERROR_DELAY_LOAD_FAILED;  // NOLINT(cert-dcl16-c): Windows' suffix
 HRESULT WINAPI FailWithResult() noexcept { return HRESULT_FROM_WIN32(kNotLoaded); }
 ULONG WINAPI FailWithCode() noexcept { return kNotLoaded; }

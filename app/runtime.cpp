@@ -45,8 +45,9 @@ void __throw_out_of_range_fmt(const char* format, ...) {                     // 
 
 }  // namespace std
 
-// What printf ends in. The compiler's own brings its own conversion of numbers with a fraction; the
-// formats that are printed here have none, and Windows' printf prints them in the same way.
+// All that is printed ends in this function. The compiler's own would bring its own conversion of
+// numbers with a fraction. No format of this program has one, and Windows' printf prints the rest
+// in the same way.
 extern "C" int __mingw_vfprintf(FILE* file, const char* format, va_list arguments) {  // NOLINT
   return __ms_vfprintf(file, format, arguments);
 }

@@ -32,8 +32,8 @@ constexpr std::array<std::uint32_t, 256> MakeTable() {
   return table;
 }
 
-// Bytes that are taken in at once. Their table entries do not wait for each other, as the entry of
-// each single byte waits for that of the byte before it.
+// The number of bytes that are taken in at once. Their table entries can be read side by side; byte
+// by byte, each would have to wait for the one before.
 constexpr std::size_t kSliceSize = 16;
 
 // Table 0 is the table of the CRC; table n has in each place what the CRC of that byte is after n
@@ -58,10 +58,10 @@ std::uint32_t AddByte(std::uint32_t crc, unsigned char byte) noexcept {
   return kTables[0][(crc ^ byte) & 0xFF] ^ (crc >> 8);
 }
 
-// The words of a slice, which lie there as this processor holds them: low byte first.
+// The words of a slice. They lie in memory as this processor holds them: low byte first.
 static_assert(std::endian::native == std::endian::little);
 
-// One table for each byte, all of them settled when compiling.
+// One table for each byte. Which one is settled when compiling.
 template <std::size_t... kBytes>
 std::uint32_t LookUp(const std::uint32_t (&words)[kSliceSize / 4],
                      std::index_sequence<kBytes...> /*bytes*/) noexcept {

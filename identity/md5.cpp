@@ -55,7 +55,7 @@ struct CryptHashTraits {
 };
 using CryptHash = UniqueHandle<CryptHashTraits>;
 
-// The words of a block, which lie there as this processor holds them: low byte first.
+// The words of a block. They lie in memory as this processor holds them: low byte first.
 static_assert(std::endian::native == std::endian::little);
 
 void DecodeBlock(const unsigned char* block, std::uint32_t (&words)[kBlockWords]) noexcept {

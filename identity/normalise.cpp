@@ -85,7 +85,8 @@ bool PlaceMacAddresses(const std::list<std::string>& addresses, FingerprintField
     return true;
   }
   try {
-    // By address of the whole record, because the third and fourth place lie in the next fields.
+    // Counted from the beginning of the whole record, because the third and fourth place lie in the
+    // fields that follow.
     char* place = reinterpret_cast<char*>(&fields) + offsetof(FingerprintFields, MacAddress1);
     const char* const end = place + kMacPlaces * kMacAddressSize;
     for (auto entry = addresses.begin(); entry != addresses.end() && place != end;

@@ -6,7 +6,7 @@
 #include "support/windows_api.h"
 
 // Brings every address into the form with hyphens, letter case kept. False at the first one whose
-// form is unknown; those in front of it are done by then.
+// form is unknown; those before it have been changed by then.
 bool HyphenateMacAddresses(std::list<std::string>& addresses, FingerprintStatus& lastError);
 
 // Puts the addresses, without hyphens, into MacAddress1, MacAddress2 and the fields after them (at

@@ -13,13 +13,14 @@
 
 namespace {
 
-// "C:" and its terminator, with room to tell that the variable holds something longer.
+// Room for "C:" and its terminator, and for more, which tells that the variable holds something
+// longer.
 constexpr std::size_t kSystemDriveSize = 5;
 
 // What a media tag has in front of the disk's own name.
 constexpr std::wstring_view kDevicePrefix = L"\\\\.\\";
 
-// Below are the characters that every ANSI code page has in the same place.
+// Every ANSI code page has the characters below this one in the same place.
 constexpr wchar_t kAsciiEnd = 0x80;
 
 Bstr PartitionsQuery(const Bstr& mediaTag) {

@@ -19,7 +19,8 @@ class Variant {
   Variant& operator=(const Variant&) = delete;
 
   VARIANT* Receive() noexcept { return &m_value; }
-  // Whatever the type tag says: a value that is no text gives no sense, null gives null.
+  // Does not look at the type tag. A property that WMI leaves null gives null; one that is no text
+  // must not be asked for.
   BSTR Text() const noexcept { return m_value.bstrVal; }
 
  private:
@@ -32,7 +33,8 @@ Bstr::Bstr(std::wstring_view text)
     : m_text(Allocated(SysAllocStringLen(text.data(), static_cast<UINT>(text.size())))) {}
 
 Bstr::Bstr(const char* text) {
-  const int size = MultiByteToWideChar(CP_ACP, 0, text, -1, nullptr, 0);
+  const int size =
+      MultiByteToWideChar(CP_ACP, 0, text, -1, /*lpWideCharStr=*/nullptr, /*cchWideChar=*/0);
   const int length = size > 0 ? size - 1 : 0;
   m_text.Reset(Allocated(SysAllocStringLen(nullptr, static_cast<UINT>(length))));
   MultiByteToWideChar(CP_ACP, 0, text, length, m_text.Get(), length);
@@ -42,10 +44,12 @@ const char* Bstr::Narrow() {
   const std::wstring_view text = View();
   if (m_narrow.empty() && !text.empty()) {
     const int length = static_cast<int>(text.size());
-    const int size =
-        WideCharToMultiByte(CP_ACP, 0, text.data(), length, nullptr, 0, nullptr, nullptr);
+    const int size = WideCharToMultiByte(CP_ACP, 0, text.data(), length, /*lpMultiByteStr=*/nullptr,
+                                         /*cbMultiByte=*/0, /*lpDefaultChar=*/nullptr,
+                                         /*lpUsedDefaultChar=*/nullptr);
     m_narrow.resize(static_cast<std::size_t>(size));
-    WideCharToMultiByte(CP_ACP, 0, text.data(), length, m_narrow.data(), size, nullptr, nullptr);
+    WideCharToMultiByte(CP_ACP, 0, text.data(), length, m_narrow.data(), size,
+                        /*lpDefaultChar=*/nullptr, /*lpUsedDefaultChar=*/nullptr);
   }
   return m_narrow.c_str();
 }
@@ -99,7 +103,8 @@ WmiObject WmiConnection::Next(const WmiResult& result) {
 
 Bstr WmiConnection::Read(const WmiObject& object, const wchar_t* property) {
   Variant value;
-  const HRESULT result = object.Get()->Get(property, 0, value.Receive(), nullptr, nullptr);
+  const HRESULT result = object.Get()->Get(property, /*lFlags=*/0, value.Receive(),
+                                           /*pType=*/nullptr, /*plFlavor=*/nullptr);
   if (FAILED(result) || value.Text() == nullptr) {
     m_lastError.RecordFailure(result, kStageProperty);
     return {};

@@ -53,8 +53,8 @@ using WmiResult = UniqueHandle<ComTraits<IEnumWbemClassObject>>;
 using WmiObject = UniqueHandle<ComTraits<IWbemClassObject>>;
 
 // A connection to one namespace under the caller's own credentials, and the queries through it.
-// Every step that fails is offered to `lastError` with its stage. A result is to be dropped before
-// its connection, an object before the next one is fetched: scopes see to it.
+// Every step that fails is offered to `lastError` with its stage. A result must be gone before its
+// connection, and an object before the next one is fetched: the callers' scopes see to it.
 class WmiConnection {
  public:
   explicit WmiConnection(FingerprintStatus& lastError) noexcept : m_lastError(lastError) {}

@@ -261,8 +261,10 @@ bool CZTUUID::CollectThroughWmi(const Trace& trace, ForeignCom foreignCom) {
   // collection.
   const ComLeaver leaver;
 
-  result = CoInitializeSecurity(nullptr, -1, nullptr, nullptr, RPC_C_AUTHN_LEVEL_DEFAULT,
-                                RPC_C_IMP_LEVEL_IMPERSONATE, nullptr, EOAC_NONE, nullptr);
+  result = CoInitializeSecurity(/*pSecDesc=*/nullptr, /*cAuthSvc=*/-1, /*asAuthSvc=*/nullptr,
+                                /*pReserved1=*/nullptr, RPC_C_AUTHN_LEVEL_DEFAULT,
+                                RPC_C_IMP_LEVEL_IMPERSONATE, /*pAuthList=*/nullptr, EOAC_NONE,
+                                /*pReserved3=*/nullptr);
   if (FAILED(result)) {
     LastError.RecordFailure(result, kStageOther);
     trace.ErrorDirect("CoInitializeSecurity failed\tError code:(%X).", result);

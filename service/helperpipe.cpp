@@ -32,7 +32,7 @@ std::uint32_t Checksum(const std::uint8_t* body, std::uint32_t length) {
   return std::accumulate(body, body + length, std::uint32_t{0});
 }
 
-// Undone by the same exclusive or followed by the same exchange of halves.
+// To undo it: the same exclusive or first, then the same exchange of halves.
 void Scramble(std::uint8_t* body, std::uint32_t length, std::uint32_t checksum) {
   for (std::uint32_t i = 0; i < length; ++i) {
     const unsigned byte = body[i];

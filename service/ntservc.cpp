@@ -28,7 +28,8 @@ constexpr int kNarrowCommandPathSize = 4 * kCommandPathSize;  // no code page ne
 
 constinit ReportGate g_reportGate;
 
-// What a report of the status is made of. A copy serves when the object may be gone.
+// All that a report of the status needs. Where the object may be gone already, a copy of this is
+// reported.
 struct StatusReport {
   char szServiceName[kServiceNameSize];
   SERVICE_STATUS_HANDLE hServiceStatus;
@@ -175,8 +176,8 @@ void CNTService::CommandInstall() {
     static_cast<void>(StringCchPrintfA(szMessage, kConsoleMessageSize,
                                        "Unable to install %s. (Error %d)\n", m_szServiceName,
                                        error));
-    // The message is the format, so that a "%" in the service name is interpreted again, as the
-    // scripts that read this line have always seen it.
+    // The message itself is the format, so a "%" in the service name is interpreted a second time.
+    // Scripts that read this line know it so.
 #if defined(__GNUC__) || defined(__clang__)
 #pragma GCC diagnostic push
 #pragma GCC diagnostic ignored "-Wformat-nonliteral"
@@ -360,7 +361,7 @@ void WINAPI CNTService::Handler(DWORD control) {
     service->m_bNotifyServer = true;
   }
   service->DispatchControl(control);
-  // After STOPPED the service control manager would take it for the state that counts.
+  // After STOPPED this report would be the one that counts for the service control manager.
   if (g_reportGate.MayReport()) {
     SetServiceStatus(service->m_hServiceStatus, &service->m_ServiceStatus);
   }

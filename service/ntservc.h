@@ -39,8 +39,9 @@ class CNTService {
   CNTService& operator=(const CNTService&) = delete;
 
   // Performs the command in argv[1]. True when there was one; false when the process is to run as
-  // the service. Failures are never returned: those of an installation and a removal are printed,
-  // all are traced, except that a stop of a service that is not installed does nothing.
+  // the service. A failure does not show in the result: every one is traced, that of an
+  // installation or a removal is printed as well. A stop of a service that is not installed does
+  // nothing and is no failure.
   BOOL ParseStandardArgs(int argc, char** argv);
 
   // Connects the process to the service control manager and blocks until the service has stopped
@@ -81,7 +82,7 @@ class CNTService {
   static void WINAPI Handler(DWORD control);
 
   // Waits, 5 s at the most, until no control is being handled. What a derived class has taken out
-  // of its hooks' reach before may be freed afterwards. Not for the handler's own thread.
+  // of reach of its hooks beforehand may then be freed. Not for the handler's own thread.
   static void WaitForHandler() noexcept;
 
   BOOL Initialize();

@@ -8,7 +8,7 @@
 // The path of a program in its two quotes.
 constexpr unsigned kCommandPathSize = 260 + 2;
 
-// A service's name in wide characters, of which it has no more than bytes.
+// A service's name in wide characters. It has no more of them than it has bytes.
 constexpr unsigned kWideServiceNameSize = 260;
 
 // The service control manager of this computer with all rights; none, with the last error set, when

@@ -18,8 +18,8 @@ class ReportGate {
   void Open() noexcept;
 
   // From here on only STOPPED may be reported, except by a handler that had begun before. Returns
-  // when that has left, at the latest after 5 s: a handler that hangs must not keep the service
-  // from stopping, and may not report any more.
+  // when that handler has left, after 5 s at the latest: one that hangs must not keep the service
+  // from stopping. It may not report any more then.
   void Close() noexcept;
 
   // Returns when no handler is inside, at the latest after 5 s. Others may enter meanwhile.

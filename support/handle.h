@@ -9,6 +9,13 @@
 
 // Owns one handle. Traits say its Type, which value stands for "none" (Invalid) and how it is
 // closed (Close). Movable, not copyable.
+//
+//   const KernelHandle event(CreateEventA(...));
+//   if (!event) {
+//     trace.Error("CreateEvent Failed %u", GetLastError());
+//   }
+//   RegistryKey key;
+//   RegCreateKeyA(HKEY_LOCAL_MACHINE, szKeyPath, key.Receive());
 template <typename Traits>
 class UniqueHandle {
  public:

@@ -12,15 +12,15 @@
 // Windows' own code for a stack that was written over (STATUS_STACK_BUFFER_OVERRUN).
 constexpr UINT kStackOverrun = 0xC0000409;
 
-// What another process cannot know beforehand, as far as it is to be had without a library.
+// A value that another process cannot know beforehand, as good as it can be without a library.
 inline std::uintptr_t MakeStackGuard() noexcept {
   static const char own = 0;
   LARGE_INTEGER counter;
   QueryPerformanceCounter(&counter);
   FILETIME now;
   GetSystemTimeAsFileTime(&now);
-  // Each part is mixed by itself: both clocks often count the same hundred nanoseconds, and one
-  // would take away what the other gives.
+  // Each part is mixed by itself: both clocks often count the same units of 100 ns, and without the
+  // mixing one could cancel out the other.
   std::uint64_t guard = 0;
   for (const std::uint64_t part :
        {static_cast<std::uint64_t>(counter.QuadPart),

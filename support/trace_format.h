@@ -60,7 +60,8 @@ constexpr bool Matches(const Char* text) {
   return allTaken && *text == 0;
 }
 
-// Not consteval: calling it stops the compiler, which then names it.
+// Deliberately not consteval: where a check calls it while compiling, the compiler stops and prints
+// this name.
 inline void FormatDoesNotMatchItsArguments() {}
 
 }  // namespace trace_format

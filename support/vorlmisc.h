@@ -47,9 +47,9 @@ static_assert(offsetof(CLIENT_AGENT_STARTUP_OPTIONS, Dword5) == 1366);
 static_assert(offsetof(CLIENT_AGENT_STARTUP_OPTIONS, Byte1) == 1370);
 static_assert(offsetof(CLIENT_AGENT_STARTUP_OPTIONS, Dword6) == 1371);
 
-// What the program's callers of the two folder functions announce as the capacity, and the
-// characters that their buffers really hold: room for a file name of 13 characters to be appended
-// even to a folder that fills the whole capacity.
+// The capacity that this program states to the two folder functions, and the characters that its
+// buffers really hold: a file name of 13 characters can be appended even to a folder that fills the
+// whole capacity.
 constexpr DWORD kFolderCapacity = 520;
 constexpr DWORD kFolderBufferSize = kFolderCapacity + 16;
 
