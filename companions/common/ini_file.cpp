@@ -122,8 +122,8 @@ Span FindValue(Span text, const wchar_t* section, const wchar_t* key) noexcept {
 }  // namespace
 
 bool MeansBusy(DWORD error) noexcept {
-  // As a file is for a moment that is being replaced by a new one. In Windows' own errors it looks
-  // like one that may not be read.
+  // A file that is being replaced by a new one is in this state for a moment. Windows' error for it
+  // is the same as for a file that may not be read.
   return error == ERROR_SHARING_VIOLATION || error == ERROR_LOCK_VIOLATION ||
          (error == ERROR_ACCESS_DENIED && RtlGetLastNtStatus() == kDeletePending);
 }

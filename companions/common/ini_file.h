@@ -32,7 +32,7 @@ bool MeansBusy(DWORD error) noexcept;
 class IniFile {
  public:
   // Reads text in the ANSI code page, or in UTF-16 or UTF-8 with a byte order mark. One attempt.
-  // The object is without values unless this gives kDone.
+  // The object has values only when this gives kDone.
   IniRead Read(const wchar_t* path) noexcept;
 
   // The same, tried again for as long as it gives kBusy, until the patience is at its end.

@@ -7,11 +7,12 @@
 #include "companions/vlevtlog/trace_result.h"
 #include "support/windows_api.h"
 
-// One for the process's own identity, one for the user in whose name a thread acted last when it
-// failed: what is closed to one of them may be open to the other.
+// One for the process's own identity, one for the user in whose name the thread acted that failed
+// last: what is closed to one of them may be open to the other.
 class BackOff {
  public:
-  // What failed less than a tenth of a second ago for whom the calling thread acts.
+  // What failed less than a tenth of a second ago for the user in whose name the calling thread
+  // acts.
   TraceFileResult Pending() const noexcept {
     const ULONGLONG now = GetTickCount64();
     return now < m_own.until.load(std::memory_order_relaxed) ||

@@ -17,8 +17,9 @@ inline ExclusiveLock TryToTake(SRWLOCK& lock) noexcept {
   return ExclusiveLock(TryAcquireSRWLockExclusive(&lock) ? &lock : nullptr);
 }
 
-// Under such a lock a few files are opened, which takes its time on a busy machine: a line that
-// does not wait as long is a line in another place. At the end of the process the holder is gone.
+// How long a lock is waited for. Its holder opens a few files, which takes its time on a busy
+// machine, and a line that gives up sooner goes to another place than the others. At the end of the
+// process nothing is waited for: the holder is gone.
 inline ExclusiveLock TakeSoon(SRWLOCK& lock) noexcept {
   constexpr int kShortNaps = 100;
   constexpr int kNaps = 600;

@@ -12,7 +12,7 @@ namespace {
 constexpr std::size_t kNameLimit = 260;
 constexpr unsigned kMinutesPerHour = 60;
 
-// What the viewers know.
+// The types of line that the viewers know.
 constexpr unsigned long kCmTraceTypeInformation = 1;
 constexpr unsigned long kCmTraceTypeError = 3;
 
@@ -136,7 +136,7 @@ void EndCmTraceLine(LineText& line, const TraceCall& call) noexcept {
   ShortText when;
   when.Put("]LOG]!><time=\"");
   when.PutTimeOfDay(time);
-  // These viewers count from local time to UTC.
+  // These viewers want what must be added to local time to get UTC.
   when.Put(time.utcOffsetMinutes > 0 ? '-' : '+');
   when.PutDigits(static_cast<unsigned>(std::abs(time.utcOffsetMinutes)), 3);
   when.Put("\" date=\"");

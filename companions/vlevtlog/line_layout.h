@@ -1,4 +1,4 @@
-// What stands around the message in a line of the trace file.
+// The layout of a line of the trace file: what stands before and after the message.
 #pragma once
 
 #include "companions/vlevtlog/local_clock.h"

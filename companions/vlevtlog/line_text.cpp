@@ -25,7 +25,8 @@ constexpr PlainCharacters PlainExcept(std::string_view escaped) {
   return plain;
 }
 
-// In the order of Escaping. The last character of the mark that ends a text needs a closer look.
+// One set for each value of Escaping, in its order. Of the mark that ends a text the last character
+// is looked for; what stands before it is looked at then.
 constexpr std::array<PlainCharacters, kEscapings> kPlain = {PlainExcept(""), PlainExcept(" "),
                                                             PlainExcept(">"), PlainExcept("\"<>")};
 

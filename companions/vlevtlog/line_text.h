@@ -24,7 +24,7 @@ class LineText {
   // A message may take this many bytes; the rest is cut.
   static constexpr std::size_t kMessageLimit = std::size_t{256} * 1024;
 
-  // What is not yet text is not set: clearing it would cost more than filling it.
+  // The room is not cleared: that would cost more than filling it.
   // cppcheck-suppress uninitMemberVar
   LineText() noexcept = default;
   LineText(const LineText&) = delete;
@@ -55,7 +55,7 @@ class LineText {
   // There is always room for the line end.
   void EndLine() noexcept;
 
-  // What can be appended of a text that the caller of the trace handed in; see ReadableMemory.
+  // How much of a text that the caller of the trace handed in can be appended; see ReadableMemory.
   template <typename Char>
   std::size_t ReadableLength(const Char* text, std::size_t limit) noexcept {
     return m_memory.LengthOf(text, limit);

@@ -31,7 +31,7 @@ int ReadUtcOffsetMinutes(const FILETIME& now) noexcept {
       !SystemTimeToFileTime(&local, &shifted)) {
     return 0;
   }
-  // Both have lost what is less than a millisecond, `now` has not.
+  // Both times are cut to milliseconds, `now` is not.
   FILETIME whole;
   SystemTimeToFileTime(&utc, &whole);
   const auto difference = static_cast<std::int64_t>(Join(shifted) - Join(whole));

@@ -20,7 +20,7 @@ struct LocalTime {
 LocalTime ToLocalTime(std::uint64_t fileTime, int utcOffsetMinutes) noexcept;
 
 // For loading the library: looks for a clock that is finer than the ticks of the system, which
-// Windows has from version 8 on. Without this call time goes by ticks.
+// Windows has from version 8 on. Without this call the time is as coarse as the ticks.
 void FindFineClock() noexcept;
 
 // Reads the clock. Asking Windows for the time zone takes longer than writing a line, so the offset

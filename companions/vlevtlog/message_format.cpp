@@ -183,7 +183,7 @@ void AppendFloat(LineText& line, Conversion conversion, double value) noexcept {
   std::string_view digits(text, static_cast<std::size_t>(std::clamp(length, 0, 511)));
   conversion.precision = kNotGiven;
   conversion.hasZeros = conversion.hasZeros && std::isfinite(value);
-  // What stands in front of the zeros that fill a width.
+  // The sign or prefix, which stands in front of zeros that fill a width.
   char prefix[3];
   std::size_t prefixLength = 0;
   for (const char sign : SignOf(conversion, std::signbit(value))) {
@@ -293,7 +293,7 @@ void AppendAll(LineText& line, const Char* format, Arguments& arguments) noexcep
       continue;
     }
     if (!AppendArgument(line, reader.TakeConversion(arguments), sizeof(Char) > 1, arguments)) {
-      // What its argument would be is unknown, and so are those after it.
+      // It is unknown what argument it takes, and so it is for all that follow.
       AppendText(line, conversionText, left);
       return;
     }

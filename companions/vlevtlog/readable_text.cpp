@@ -81,8 +81,8 @@ std::size_t ReadableMemory::Length(const Char* text, std::size_t limit) noexcept
   return length;
 }
 
-// The end of the memory that can be read from this address on, or of a part of it; the address
-// itself when there is none.
+// Up to where memory can be read from this address on: its end, or some address before that. The
+// address itself when nothing can be read.
 std::uintptr_t ReadableMemory::EndFrom(std::uintptr_t address) noexcept {
   const NT_TIB& thread = OwnThread();
   const std::uintptr_t stackTop = AddressOf(thread.StackBase);

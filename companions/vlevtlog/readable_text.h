@@ -1,4 +1,4 @@
-// Texts that a caller handed in, read without being sure that they are texts.
+// Reads texts that a caller handed in, which may be no texts at all.
 #pragma once
 
 #include <cstddef>
@@ -7,8 +7,8 @@
 inline constexpr std::size_t kUnreadable = static_cast<std::size_t>(-1);
 
 // Knows which memory may be read, for the time of one call of the trace. A wrong pointer must cost
-// the caller one text and not the process; nor may the look at it touch a guard page, which is
-// there once only, for its owner: a thread whose stack's guard is gone ends the process later. So
+// the caller one text and not the process. Nor may the look at it touch a guard page: that works
+// once only, and belongs to a stack, whose thread would end the process later without it. So
 // Windows is asked before a page is touched, except for the thread's own stack and the program's
 // own image, where most texts lie.
 class ReadableMemory {

@@ -15,10 +15,10 @@ constexpr std::uint64_t kFree = 0;
 constexpr int kSpins = 100;
 constexpr int kYields = 500;
 constexpr int kSightingsOfTheDead = 2;
-// What lies between two looks counts for no more than this: while the computer slept, or nobody got
-// a processor, the holder could not move either.
+// Time between two looks counts up to this much only: while the computer slept, or no thread got a
+// processor, the holder could not move either.
 constexpr ULONGLONG kLongestLookMilliseconds = 100;
-// The list of all threads is long.
+// The time between two looks at the list of all threads, which is long.
 constexpr ULONGLONG kListMilliseconds = 50;
 
 // Distinguishes threads that had the same identifier one after the other; never zero.
@@ -99,7 +99,7 @@ bool TakeSoon(SharedLockState& lock, std::uint64_t ownName) noexcept {
   return false;
 }
 
-// While one that is late tries, nobody who came after it gets the lock.
+// For those who have waited long: while one of them tries, nobody who came later gets the lock.
 bool TakeLate(SharedLockState& lock, std::uint64_t ownName) noexcept {
   std::uint64_t expected = kFree;
   if (!lock.late.compare_exchange_strong(expected, ownName, std::memory_order_relaxed)) {
@@ -172,8 +172,8 @@ LockResult TakeLock(SharedLockState& lock, std::uint64_t ownName, std::uint32_t 
     } else if (holder != kFree) {
       stoodStill += std::min(now - lastLook, kLongestLookMilliseconds);
       Life life = LifeOf(holder);
-      // As to a thread that acts for another user. Unknown is not dead: two holders would do more
-      // harm than a line that goes elsewhere.
+      // Windows does not show every thread to one that acts for another user. Unknown is not dead:
+      // two holders would do more harm than a line that goes elsewhere.
       if (life == Life::kHidden && stoodStill >= nextList) {
         life = IsListed(static_cast<DWORD>(holder)) ? Life::kLives : Life::kGone;
         nextList = stoodStill + kListMilliseconds;
@@ -188,14 +188,14 @@ LockResult TakeLock(SharedLockState& lock, std::uint64_t ownName, std::uint32_t 
         return LockResult::kNotTaken;
       }
     } else if (late != kFree) {
-      // It would have taken the lock if it were able to.
+      // The lock is free, so whoever comes first would have taken it if it could: it is gone.
       lock.late.compare_exchange_strong(late, kFree, std::memory_order_relaxed);
     }
     lastLook = now;
     // The holder signals no object, which would cost it more than its line, so there is none to
     // wait for.
     Sleep(1);
-    // Whoever sleeps is overtaken, but only so often.
+    // Others overtake whoever sleeps, but not for ever: see TakeLate.
     if (TakeLate(lock, ownName)) {
       return LockResult::kTaken;
     }

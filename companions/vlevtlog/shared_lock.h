@@ -5,9 +5,9 @@
 #include <cstdint>
 
 // Lies in memory that several processes share; all zero is a free lock. One word names the thread
-// that holds it, so that whoever waits can see that the holder is gone: neither a process that is
-// ended in the middle of a line nor a thread that is leaves the others waiting. A kernel mutex
-// would say the same and costs more than the line itself.
+// that holds it, so that whoever waits can see when the holder is gone. A process or thread that is
+// ended in the middle of a line therefore leaves nobody waiting. A kernel mutex would do the same,
+// and cost more than the line itself.
 struct SharedLockState {
   std::atomic<std::uint64_t> holder;
   std::atomic<std::uint64_t> late;  // one that has waited and now comes first

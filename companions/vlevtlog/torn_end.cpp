@@ -6,7 +6,7 @@
 
 namespace {
 
-// A torn line is no longer than a line can be, with what surrounds its message.
+// The longest that a torn line can be: the longest message and what surrounds it.
 constexpr std::int64_t kTornLimit = std::int64_t{512} * 1024;
 
 bool MoveTo(HANDLE file, std::int64_t offset) noexcept {

@@ -22,8 +22,8 @@ bool AreDifferentFiles(HANDLE one, HANDLE other) noexcept {
 
 }  // namespace
 
-// Shared by all processes. Whatever stands in it after a power cut, it leads to a right file: the
-// lock's holder is gone, the size is measured at every opening, the rest is advice.
+// Shared by all processes. Whatever it holds after a power cut does no harm: the holder of the lock
+// is gone, the size is measured whenever the file is opened, and the rest is only advice.
 struct TraceFile::State {
   std::atomic<std::uint64_t> layout;
   std::atomic<std::uint64_t> options;
@@ -49,7 +49,7 @@ TraceFileResult TraceFile::Lock(std::uint64_t& ownName) noexcept {
       case LockResult::kTaken:
         break;
       case LockResult::kTakenFromTheDead:
-        // Somebody was ended in the middle of a line, or of a change of files.
+        // The holder was ended in the middle of a line, or while it changed to another file.
         ++state.generation;
         break;
       case LockResult::kNotTaken:
@@ -140,15 +140,17 @@ TraceFileResult TraceFile::Attach() noexcept {
 DWORD TraceFile::AttachTo(const Names& names) noexcept {
   static_assert((State::kLayout & 0xFFFF) == sizeof(State));
   const TracePath path(m_folder, names.state);
-  // Deleting it while somebody has it would part the processes from each other.
+  // To delete it while somebody has it open would give some processes another lock than the rest.
   FileHandle file = OpenTraceFolderFile(path.Get(), GENERIC_READ | GENERIC_WRITE,
                                         FILE_SHARE_READ | FILE_SHARE_WRITE, OPEN_ALWAYS);
   const bool wasThere = GetLastError() == ERROR_ALREADY_EXISTS;
   const KernelHandle mapping(
-      file ? CreateFileMappingW(file.Get(), nullptr, PAGE_READWRITE, 0, sizeof(State), nullptr)
+      file ? CreateFileMappingW(file.Get(), /*lpFileMappingAttributes=*/nullptr, PAGE_READWRITE,
+                                /*dwMaximumSizeHigh=*/0, sizeof(State), /*lpName=*/nullptr)
            : nullptr);
-  void* const view =
-      mapping ? MapViewOfFile(mapping.Get(), FILE_MAP_WRITE, 0, 0, sizeof(State)) : nullptr;
+  void* const view = mapping ? MapViewOfFile(mapping.Get(), FILE_MAP_WRITE, /*dwFileOffsetHigh=*/0,
+                                             /*dwFileOffsetLow=*/0, sizeof(State))
+                             : nullptr;
   if (view == nullptr) {
     return GetLastError();
   }
@@ -269,7 +271,7 @@ void TraceFile::CloseFile() noexcept {
   }
 }
 
-// What may not be looked at, as by a thread that acts for another user, is taken to be there.
+// What may not be looked at is taken to be there: the thread may be acting for another user.
 bool TraceFile::IsGone(HANDLE file, const wchar_t* name) const noexcept {
   FILE_STANDARD_INFO information;
   if (GetFileInformationByHandleEx(file, FileStandardInfo, &information, sizeof information) &&
@@ -288,7 +290,7 @@ bool TraceFile::IsGone(HANDLE file, const wchar_t* name) const noexcept {
 
 std::uint32_t TraceFile::NumberFile(const wchar_t* name) noexcept {
   State& state = *m_state.load(std::memory_order_relaxed);
-  // What stands there can be older than the folder, after a power cut for example.
+  // The number there can be older than the files in the folder, after a power cut for example.
   if (!m_knowsNumbers) {
     CountOn(m_folder, state.nextNumber);
     m_knowsNumbers = true;

@@ -20,7 +20,7 @@
 //   vorltrace.lock            what the processes share: lock, state, options in force
 //   vorltrace.second.*        first and lock of processes with another version of this library
 // Every write happens under the lock, is one call of WriteFile and is a whole number of lines.
-// Nobody keeps anything about the file between two writes that the next process could not find out.
+// Between two writes no process knows anything about the file that another could not find out.
 class TraceFile {
  public:
   constexpr TraceFile() noexcept = default;

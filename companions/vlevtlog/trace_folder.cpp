@@ -76,7 +76,7 @@ class Youngest {
  public:
   explicit Youngest(std::uint32_t count) noexcept : m_limit(std::min(count, kMostFiles)) {}
 
-  // Takes one more in and returns the age of the one that there is no room for, or kNone.
+  // Takes in one file's age. Returns the age for which there is no room then, or kNone.
   std::uint32_t Add(std::uint32_t age) noexcept {
     if (m_count < m_limit) {
       m_ages[m_count++] = age;
@@ -239,7 +239,7 @@ void CountOn(const wchar_t* folder, std::atomic<std::uint32_t>& next) noexcept {
   ForEachFile(folder, [&](const wchar_t* name) { highest = std::max(highest, NumberIn(name)); });
   const std::uint32_t first = InCircle(highest + 1);
   const std::uint32_t known = next.load(std::memory_order_relaxed);
-  // Further on means less than half of the circle away.
+  // A number is ahead of another one when it is less than half of the circle away.
   if (known == 0 || known > kHighestNumber || AgeOf(known, first) < kHighestNumber / 2) {
     next.store(first, std::memory_order_relaxed);
   }

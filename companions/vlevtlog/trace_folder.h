@@ -14,8 +14,8 @@ inline constexpr wchar_t kFullFileFormat[] = L"vorltrace.%06u.log";
 // After it stands which process made the file, and when.
 inline constexpr wchar_t kSpillFilePrefix[] = L"vorltrace.process";
 
-// The path of a file in a folder, or of the folder itself. As long as the product accepts folders,
-// and so past what Windows takes without its own prefix.
+// The path of a file in a folder, or of the folder itself. Has room for the longest folder that the
+// product accepts, and has the prefix without which Windows takes no path of that length.
 class TracePath {
  public:
   explicit TracePath(const wchar_t* folder, const wchar_t* name = L"") noexcept;
@@ -41,8 +41,8 @@ FileHandle OpenTraceFolderFile(const wchar_t* path, DWORD access, DWORD shareMod
 // folder. False where that cannot be found out.
 bool IsOpenToOthers(const wchar_t* path) noexcept;
 
-// Renames the file `name` to the next number that is free, counting from `next` on, and moves that
-// on. Numbers begin anew after the highest that there can be. Returns the number; 0 when it fails,
+// Renames the file `name` to the first free number from `next` on, and sets `next` to the one after
+// it. Numbers begin anew after the highest that there can be. Returns the number; 0 when it fails,
 // with the last error set.
 std::uint32_t GiveNumber(const wchar_t* folder, const wchar_t* name,
                          std::atomic<std::uint32_t>& next) noexcept;

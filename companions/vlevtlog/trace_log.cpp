@@ -200,7 +200,7 @@ void TraceLog::Put(const LineText& line) noexcept {
       put = writer.Write(line.View());
     }
     if (put) {
-      // What the line itself met; it is written all the same.
+      // The result is that of the line itself, which is written whatever becomes of the notices.
       static_cast<void>(PutNotices(writer));
     }
     return put;

@@ -23,7 +23,7 @@ class TraceLog {
   TraceLog& operator=(const TraceLog&) = delete;
 
   // Whether a line of this level is written. Looks at the configuration file every now and then.
-  // All that most lines of a level that is off cost; leaves the last error alone.
+  // For most lines of a level that is off this is all the work. Leaves the last error alone.
   bool IsOn(int level) noexcept {
     if (GetTickCount64() >= m_nextLook.load(std::memory_order_relaxed)) {
       LookAtConfiguration();

@@ -47,8 +47,9 @@ extern "C" BOOLEAN ApplyTraceOptions(const wchar_t* configurationFile) {
 
 extern "C" BOOL WINAPI DllMain(HINSTANCE module, DWORD reason, void* reserved);
 
-// On the way in only what later would mean asking the loader. On the way out only what a library
-// may do there, and only when it is unloaded: at the end of a process the system does it.
+// While the library is loaded, only that is done which would later mean asking the loader. While it
+// is unloaded, only what a library may do there; at the end of a process nothing, since the system
+// does it.
 extern "C" BOOL WINAPI DllMain(HINSTANCE, DWORD reason, void* reserved) {
   if (reason == DLL_PROCESS_ATTACH) {
     g_log.LearnOwnFolder();

@@ -4,8 +4,8 @@
 
 #include "companions/common/folders.h"
 
-// Each gives false, after one trace line in the name of `functionName`, when there is no usable
-// folder.
+// When there is no usable folder, each writes one trace line in the name of `functionName` and
+// gives false.
 bool FindRootFolder(const char* functionName, Folder& folder) noexcept;
 
 // Makes the folder, not its parents, when it is missing: for administrators and the system only.

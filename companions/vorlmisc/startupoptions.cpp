@@ -28,7 +28,8 @@ int DigitValue(wchar_t digit) noexcept {
   return std::numeric_limits<int>::max();
 }
 
-// The number that the whole of `text` states, or nothing when it states none from 0 to `largest`.
+// The number that `text` as a whole states; nothing when it is no number or not from 0 to
+// `largest`.
 std::optional<DWORD> ParseNumber(const wchar_t* text, DWORD largest) noexcept {
   int base = 10;
   if (text[0] == L'0' && (text[1] == L'x' || text[1] == L'X')) {
@@ -105,8 +106,9 @@ class OptionReader {
     } else if (size > fieldSize) {
       TraceError(m_functionName, L"Start-up option %s has more than %u characters", key,
                  static_cast<unsigned>(fieldSize - 1));
-    } else if (WideCharToMultiByte(CP_ACP, flags, value, -1, field, fieldSize, nullptr, nullptr) !=
-               size) {
+    } else if (WideCharToMultiByte(CP_ACP, flags, value, -1, field, fieldSize,
+                                   /*lpDefaultChar=*/nullptr,
+                                   /*lpUsedDefaultChar=*/nullptr) != size) {
       TraceError(m_functionName, L"Start-up option %s cannot be converted (%u)", key,
                  static_cast<unsigned>(GetLastError()));
       std::memset(field, 0, static_cast<std::size_t>(fieldSize));

@@ -4,10 +4,10 @@
 #include "support/vorlmisc.h"
 
 // Fills `options`, all zero so far, from the section [STARTUP_OPTIONS] of `configurationFile`: each
-// field from the key of its own name; numbers decimal or hexadecimal with 0x, from a ";" on a
-// comment. A field whose key is missing or empty stays zero, and so, after one trace line, does one
-// whose number is out of range or whose text does not fit or cannot be written in the system's ANSI
-// code page.
+// field from the key of its own name; numbers are decimal, or hexadecimal with 0x, and what follows
+// a ";" is a comment. A field whose key is missing or empty stays zero. So does one whose number is
+// out of range, or whose text does not fit or cannot be written in the system's ANSI code page, and
+// a trace line says so.
 //
 // All fields come from one state of the file. One that is in the hands of another program, or just
 // being rewritten, is waited for, a few seconds at most.
