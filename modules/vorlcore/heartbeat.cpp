@@ -7,13 +7,15 @@
 bool Heartbeat::Start(DWORD intervalMilliseconds) noexcept {
   constexpr Trace trace{"Heartbeat::Start"};
   m_dwInterval = intervalMilliseconds;
-  m_stopEvent.Reset(CreateEventW(nullptr, TRUE, FALSE, nullptr));
+  m_stopEvent.Reset(CreateEventW(/*lpEventAttributes=*/nullptr, /*bManualReset=*/TRUE,
+                                 /*bInitialState=*/FALSE, /*lpName=*/nullptr));
   if (!m_stopEvent) {
     trace.Error("CreateEvent Failed %u", GetLastError());
     return false;
   }
   m_thread.Reset(
-      reinterpret_cast<HANDLE>(_beginthreadex(nullptr, 0, ThreadMain, this, 0, nullptr)));
+      reinterpret_cast<HANDLE>(_beginthreadex(/*security=*/nullptr, /*stack_size=*/0, ThreadMain,
+                                              this, /*initflag=*/0, /*thrdaddr=*/nullptr)));
   if (!m_thread) {
     trace.Error("_beginthreadex Failed %u", GetLastError());
     m_stopEvent.Reset();

@@ -20,7 +20,7 @@ Heartbeat g_heartbeat;
   return true;
 }();
 
-// Of several callers at once only one gets true.
+// Of several callers at the same time only one gets true.
 bool Leave(State from) noexcept { return g_state.compare_exchange_strong(from, State::kChanging); }
 
 }  // namespace

@@ -7,8 +7,8 @@
 
 extern "C" {
 
-// FALSE when a text is missing, when the core is already started or when its thread cannot be; the
-// module can then be unloaded, unless it was started before.
+// FALSE when a text is missing, when the core is already started or when its thread cannot be
+// started. The module can then be unloaded, unless the core was started before.
 ClientAgentCoreStartUpFn ClientAgentCoreStartUp;
 
 // When it returns, no code of the module runs any more and it can be unloaded. FALSE when the core

@@ -14,7 +14,7 @@ struct Entry {
 };
 
 // Files on volumes with deduplication or compression have reparse points as well, which lead
-// nowhere else. A tag that is not told is taken for a link.
+// nowhere else. Where Windows does not give the tag, it is taken for that of a link.
 PathKind KindOf(const WIN32_FIND_DATAW& found) noexcept {
   if ((found.dwFileAttributes & FILE_ATTRIBUTE_REPARSE_POINT) != 0) {
     const DWORD tag = found.dwReserved0;
@@ -75,7 +75,7 @@ Listing ListFilesBelow(const std::wstring& folder, const std::wstring& prefix, u
   return Listing::kComplete;
 }
 
-// One of the two fits the link; neither touches what it leads to.
+// One of the two is right for the link. Neither touches what it leads to.
 bool RemoveLink(const std::wstring& link) noexcept {
   return RemoveDirectoryW(link.c_str()) || DeleteFileW(link.c_str());
 }
@@ -120,7 +120,7 @@ void RemoveEmptyFoldersAt(const std::wstring& folder, unsigned level) {
     if (entry.kind == PathKind::kFolder) {
       const std::wstring path = folder + L"\\" + entry.name;
       RemoveEmptyFoldersAt(path, level + 1);
-      // Fails where a file is left, which is as it should be.
+      // This fails where a file is left, as it should.
       RemoveDirectoryW(path.c_str());
     }
   }

@@ -27,7 +27,7 @@ PathKind KindOf(const std::wstring& path) noexcept;
 // (8.3) name; empty when nothing is there or it cannot be told.
 std::wstring NameOnDisk(const std::wstring& path);
 
-// Folders below a folder are looked into down to this level; what is nested deeper is left alone.
+// Folders are nested down to this level at most; what lies deeper is left alone.
 constexpr unsigned kDeepestLevel = 64;
 
 enum class Listing {

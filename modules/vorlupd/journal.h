@@ -1,5 +1,5 @@
-// The list of what an update is about to do. As long as it lies on the disk, the update is under
-// way and is to be undone by whoever finds it; deleting it is what completes an update.
+// The list of what an update is about to do. While it lies on the disk, the update is not complete,
+// and whoever finds it there undoes the update. An update is completed by deleting it.
 //
 // A file in UTF-16 with a byte order mark, one step on a line: a word, a blank, the path relative
 // to the installation.

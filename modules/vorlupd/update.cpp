@@ -80,7 +80,7 @@ bool Update::ApplyPending() const {
       trace.ErrorDirect(L"Not a folder of this installation: %s", m_pending.c_str());
       return false;
   }
-  // Also what an earlier update had to leave in use.
+  // With it goes what an earlier update had to leave because it was in use.
   const bool isWorkClear = ClearWork();
   if (files.empty()) {
     RemoveEmptyFolders(m_pending);
@@ -251,8 +251,8 @@ bool Update::UndoStep(const Step& step) const {
       RemoveDirectoryW(Target(step).c_str());
       return true;
     case Step::Kind::kReplace:
-      // The former file may have been moved aside and nothing put in its place yet. A backup that
-      // is gone has been given back.
+      // The former file may have been moved aside while nothing has its place yet. A backup that is
+      // gone has been put back.
       if (!wasPutInPlace && KindOf(Target(step)) != PathKind::kNothing) {
         return true;
       }
@@ -284,7 +284,7 @@ bool Update::IsInside(const Step& step) const {
   return true;
 }
 
-// False when something is left that could be mistaken for a part of another update.
+// False when something is left that another update could take for a part of its own.
 bool Update::ClearWork() const {
   if (KindOf(m_work) == PathKind::kNothing) {
     return true;

@@ -39,7 +39,8 @@ void WriteLine(DWORD stream, const std::wstring& text) {
   const int length = static_cast<int>(line.size());
   std::string bytes(line.size() * 3, '\0');
   const int size = WideCharToMultiByte(CP_UTF8, 0, line.data(), length, bytes.data(),
-                                       static_cast<int>(bytes.size()), nullptr, nullptr);
+                                       static_cast<int>(bytes.size()), /*lpDefaultChar=*/nullptr,
+                                       /*lpUsedDefaultChar=*/nullptr);
   WriteFile(output, bytes.data(), static_cast<DWORD>(size), &written, nullptr);
 }
 

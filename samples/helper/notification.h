@@ -1,4 +1,4 @@
-// What the service's commands tell the helper, read and checked.
+// Reads and checks what the service's commands tell the helper.
 #pragma once
 
 #include <array>
@@ -26,6 +26,6 @@ Refusal CheckHeader(const HelperPipeHeader& header) noexcept;
 // Unscrambles `body` in place and fills `notification`, which a refusal leaves as it was.
 Refusal Decode(const HelperPipeHeader& header, RequestBytes& body, Notification& notification);
 
-// The notification in one line of text, without line end. Control characters of the name, which a
-// client is free to choose, appear as question marks.
+// The notification in one line of text, without line end. The client chooses the name, so control
+// characters in it appear as question marks.
 std::wstring Describe(const Notification& notification);

@@ -34,14 +34,15 @@ bool PipeServer::Open(const char* pipeName) noexcept {
   const LocalMemory descriptor(received);
   SECURITY_ATTRIBUTES attributes{sizeof(attributes), descriptor.Get(), FALSE};
 
-  m_ioEvent.Reset(CreateEventW(nullptr, TRUE, FALSE, nullptr));
+  m_ioEvent.Reset(CreateEventW(/*lpEventAttributes=*/nullptr, /*bManualReset=*/TRUE,
+                               /*bInitialState=*/FALSE, /*lpName=*/nullptr));
   if (!m_ioEvent) {
     return false;
   }
   m_pipe.Reset(CreateNamedPipeA(
       pipeName, PIPE_ACCESS_DUPLEX | FILE_FLAG_OVERLAPPED | FILE_FLAG_FIRST_PIPE_INSTANCE,
-      PIPE_TYPE_BYTE | PIPE_READMODE_BYTE | PIPE_WAIT | PIPE_REJECT_REMOTE_CLIENTS, 1,
-      kPipeBufferSize, kPipeBufferSize, 0, &attributes));
+      PIPE_TYPE_BYTE | PIPE_READMODE_BYTE | PIPE_WAIT | PIPE_REJECT_REMOTE_CLIENTS,
+      /*nMaxInstances=*/1, kPipeBufferSize, kPipeBufferSize, /*nDefaultTimeOut=*/0, &attributes));
   return static_cast<bool>(m_pipe);
 }
 
@@ -64,7 +65,7 @@ PipeServer::Result PipeServer::ServeClient(HANDLE stop) {
     } else if (error != ERROR_PIPE_CONNECTED && error != ERROR_NO_DATA) {
       return {Outcome::kFailed, {}};
     }
-    // ERROR_NO_DATA: a client that is gone already; reading tells the same.
+    // ERROR_NO_DATA: the client is gone already. Reading will say so, too.
   }
   Result result = Converse(stop);
   DisconnectNamedPipe(m_pipe.Get());
@@ -100,8 +101,9 @@ PipeServer::Result PipeServer::Converse(HANDLE stop) {
 
   const std::uint32_t reply = result.refusal == nullptr ? kReplyAccepted : kReplyRefused;
   if (Write(stop, deadline, &reply, sizeof(reply)) == Transfer::kDone) {
-    // Disconnecting throws away what the client has not read yet: it hangs up when it has. Until
-    // then it may go on sending, such as the body after a header that was refused.
+    // Disconnecting throws away what the client has not read yet, so the client hangs up first,
+    // when it has read the reply. Until then it may still send, such as the body after a header
+    // that was refused.
     BYTE ignored[kPipeBufferSize];
     while (GetTickCount64() < deadline &&
            Read(stop, deadline, ignored, sizeof(ignored)) == Transfer::kDone) {

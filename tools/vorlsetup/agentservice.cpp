@@ -90,7 +90,9 @@ bool ConfigureService(const SetupLog& log) {
   // Where WMI is switched off the agent starts all the same, without an identifier.
   const wchar_t* const dependencies = CanStartAfterManagementService() ? L"Winmgmt\0" : L"\0";
   if (!ChangeServiceConfigW(service.Get(), SERVICE_NO_CHANGE, SERVICE_NO_CHANGE, SERVICE_NO_CHANGE,
-                            nullptr, nullptr, nullptr, dependencies, nullptr, nullptr, nullptr)) {
+                            /*lpBinaryPathName=*/nullptr, /*lpLoadOrderGroup=*/nullptr,
+                            /*lpdwTagId=*/nullptr, dependencies, /*lpServiceStartName=*/nullptr,
+                            /*lpPassword=*/nullptr, /*lpDisplayName=*/nullptr)) {
     log.Error(std::wstring(L"The start of service ") + kServiceName + L" cannot be ordered",
               GetLastError());
     return false;

@@ -21,10 +21,10 @@ ServiceState ReadServiceState();
 // quotes.
 bool IsServiceOf(const std::wstring& programFolder, const ServiceState& state);
 
-// Stops the service and waits for its process to end: by the program's command, and when that does
-// not come to an end (somebody may hold the pipe that it tells about the stop), by the control
-// itself. `isRemoved`: the administrator removes the product, which the server is told. True when
-// nothing runs any more.
+// Stops the service and waits for its process to end: by the program's command first. When that
+// does not end, because somebody holds the helper's pipe for example, by the control itself.
+// `isRemoved`: the administrator removes the product, which the server is told. True when nothing
+// runs any more.
 bool StopAgentService(const std::wstring& programFolder, bool isRemoved, const SetupLog& log);
 
 // Registers the service by the program's command unless it is registered for this folder already,

@@ -9,7 +9,8 @@
 
 namespace {
 
-// Lies in each folder that this installation made, until it is complete.
+// A file of this name lies in each folder that this installation has made, until the installation
+// is complete.
 constexpr wchar_t kMadeMark[] = L"\\setup.new";
 
 constexpr wchar_t kConfigurationFile[] = L"\\vorlconf.ini";
@@ -120,7 +121,7 @@ bool TakeFolder(const std::wstring& folder, const wchar_t* rights, bool isInstal
     log.Error(L"The rights of " + folder + L" cannot be set", error);
     return false;
   }
-  // What an installation left that was cut off: the folder is no longer one that this one made.
+  // Left by an installation that was cut off. This installation did not make the folder.
   DeleteFileW((folder + kMadeMark).c_str());
   // Only now can nobody add anything any more.
   if (!wasSafe && isInstalled) {

@@ -16,10 +16,9 @@ bool AreUsableFolders(const InstallationFolders& folders, const SetupLog& log);
 
 // Makes the program folder, the configuration folder, `logs` and `pending`, or takes those that are
 // there, and gives each its rights. False, with a message, when a folder cannot be made or somebody
-// else could have prepared it: one that ordinary users own or may change and that is not empty, one
-// that is a link, or one below a folder that they may move away. `isInstalled`: the product is
-// there, to be repaired or upgraded; then what lies in its folders is kept, whoever could change
-// it.
+// else could have prepared it: when it is not empty and ordinary users own or may change it, when
+// it is a link, or when they may move away a folder above it. `isInstalled`: the product is there,
+// to be repaired or upgraded; then what lies in its folders is kept, whoever could change it.
 bool MakeFolders(const InstallationFolders& folders, bool isInstalled, const SetupLog& log);
 
 // After MakeFolders, when the installation has failed: removes the folders that it made, with what

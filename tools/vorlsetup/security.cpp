@@ -73,7 +73,8 @@ DWORD SetNamedRights(const std::wstring& name, SE_OBJECT_TYPE type,
   }
   return SetNamedSecurityInfoW(const_cast<wchar_t*>(name.c_str()), type,
                                DACL_SECURITY_INFORMATION | PROTECTED_DACL_SECURITY_INFORMATION,
-                               nullptr, nullptr, dacl, nullptr);
+                               /*psidOwner=*/nullptr, /*psidGroup=*/nullptr, dacl,
+                               /*pSacl=*/nullptr);
 }
 
 }  // namespace
@@ -98,9 +99,9 @@ DWORD SetFolderRights(const std::wstring& folder, const wchar_t* rights) noexcep
         !GetSecurityDescriptorOwner(administrators.Get(), &owner, &isDefaulted)) {
       return GetLastError();
     }
-    const DWORD error =
-        SetNamedSecurityInfoW(const_cast<wchar_t*>(folder.c_str()), SE_FILE_OBJECT,
-                              OWNER_SECURITY_INFORMATION, owner, nullptr, nullptr, nullptr);
+    const DWORD error = SetNamedSecurityInfoW(
+        const_cast<wchar_t*>(folder.c_str()), SE_FILE_OBJECT, OWNER_SECURITY_INFORMATION, owner,
+        /*psidGroup=*/nullptr, /*pDacl=*/nullptr, /*pSacl=*/nullptr);
     if (error != ERROR_SUCCESS) {
       return error;
     }

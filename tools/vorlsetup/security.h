@@ -1,4 +1,4 @@
-// The rights that the package sets, and who could change a folder before.
+// The rights that the package sets, and the question who could change a folder until now.
 #pragma once
 
 #include <string>

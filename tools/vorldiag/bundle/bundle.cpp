@@ -12,7 +12,7 @@ namespace {
 
 constexpr std::uint64_t kMegabyte = 1024ULL * 1024;
 
-// The youngest files of the trace go in up to this, many times what a trace has by default.
+// So many bytes of the trace's youngest files go in: many times what a trace has by default.
 constexpr std::uint64_t kMostTrace = 1024 * kMegabyte;
 constexpr std::uint64_t kLargestConfiguration = kMegabyte;
 
@@ -82,7 +82,7 @@ void AddConfiguration(ZipWriter& zip, const Situation& situation, Mask* mask, Bu
           mask == nullptr ? bytes : "\xEF\xBB\xBF" + mask->Apply(DecodedText(bytes)));
 }
 
-// Whole lines at a time: what is to be masked may lie across two readings.
+// Whole lines at a time, because a value to be masked may begin in one reading and end in the next.
 void AddTraceFile(ZipWriter& zip, HANDLE file, Mask* mask) {
   constexpr std::size_t longestLine = 16 * kMegabyte;
   std::string buffer(kMegabyte, '\0');

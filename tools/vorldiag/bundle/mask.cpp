@@ -8,7 +8,8 @@
 
 namespace {
 
-// A shorter value is replaced only where it is a word, or little would be left of any text.
+// A shorter value is replaced only where it is a word of its own. Otherwise little would be left of
+// any text.
 constexpr std::size_t kShortestPart = 4;
 
 std::wstring Capitals(const std::wstring& text) {
@@ -31,7 +32,7 @@ bool IsHex(wchar_t character) {
   return (character >= L'0' && character <= L'9') || (character >= L'A' && character <= L'F');
 }
 
-// Without separators: what is equal but for them has one token.
+// Without separators, so that values which differ in these only get the same word.
 std::wstring Plain(std::wstring_view text) {
   std::wstring plain;
   std::copy_if(text.begin(), text.end(), std::back_inserter(plain),

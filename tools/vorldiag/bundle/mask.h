@@ -1,5 +1,5 @@
-// Replaces what tells one computer or person from another: equal stays equal, in every text that
-// goes through the same object.
+// Replaces what tells one computer or person from another. Equal values get equal words, in every
+// text that goes through the same object.
 #pragma once
 
 #include <map>

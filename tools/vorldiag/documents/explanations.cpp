@@ -76,7 +76,7 @@ std::string Plain(const std::string& cell) {
   return text;
 }
 
-// Words of the documents that stand for another one in the trace.
+// Words of the documents that stand for other words of the trace.
 bool StandsForAnything(const std::string& word) {
   return word == "N" || word == "X" || word == "E" || word == "PATH" || word == "NUMBER" ||
          word == "RootDir" || word == "Word1" || word == "Text1" || word == "Text3" ||

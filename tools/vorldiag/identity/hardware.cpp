@@ -59,9 +59,10 @@ class ComUser {
     m_result = CoInitializeEx(nullptr, COINIT_MULTITHREADED);
     m_hasEntered = SUCCEEDED(m_result);
     if (m_hasEntered) {
-      const HRESULT security =
-          CoInitializeSecurity(nullptr, -1, nullptr, nullptr, RPC_C_AUTHN_LEVEL_DEFAULT,
-                               RPC_C_IMP_LEVEL_IMPERSONATE, nullptr, EOAC_NONE, nullptr);
+      const HRESULT security = CoInitializeSecurity(
+          /*pSecDesc=*/nullptr, /*cAuthSvc=*/-1, /*asAuthSvc=*/nullptr, /*pReserved1=*/nullptr,
+          RPC_C_AUTHN_LEVEL_DEFAULT, RPC_C_IMP_LEVEL_IMPERSONATE, /*pAuthList=*/nullptr, EOAC_NONE,
+          /*pReserved3=*/nullptr);
       m_result = security == RPC_E_TOO_LATE ? S_OK : security;
     }
   }
@@ -189,7 +190,7 @@ Collection RunCollection(const char* name, bool (CZTUUID::*compute)(char*, unsig
   return collection;
 }
 
-// Work for a thread that may outlive the one who waits for it.
+// Work on a thread that may outlive the one that waits for it.
 template <typename Result>
 struct Task {
   std::function<Result()> work;
@@ -218,7 +219,8 @@ Outcome RunFor(unsigned seconds, std::function<Result()> work, Result& result) {
   const auto task = std::make_shared<Task<Result>>(Task<Result>{std::move(work), {}});
   auto argument = std::make_unique<std::shared_ptr<Task<Result>>>(task);
   const KernelHandle thread(reinterpret_cast<HANDLE>(
-      _beginthreadex(nullptr, 0, &RunTask<Result>, argument.get(), 0, nullptr)));
+      _beginthreadex(/*security=*/nullptr, /*stack_size=*/0, &RunTask<Result>, argument.get(),
+                     /*initflag=*/0, /*thrdaddr=*/nullptr)));
   if (!thread) {
     return Outcome::kFailed;
   }

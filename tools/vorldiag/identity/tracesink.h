@@ -1,5 +1,5 @@
-// The product's own units write trace lines. Here they do not reach the trace, into which this
-// program never writes: they are kept, for whoever wants to say why something failed.
+// Keeps the trace lines that the product's own units write in this program. They do not reach the
+// trace, into which this program never writes; they say why something failed.
 #pragma once
 
 #include <string>

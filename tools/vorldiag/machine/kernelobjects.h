@@ -1,5 +1,5 @@
-// Named objects that the service shares with others, looked at without changing them: nothing is
-// waited for, since a wait takes an event of the wrong kind away.
+// Looks at the named objects that the service shares with others, without changing them. Nothing is
+// waited for, because a wait would reset an event of the wrong kind.
 #pragma once
 
 #include <string>
@@ -24,8 +24,8 @@ EventFacts LookAtEvent(const std::string& name);
 
 // Whether somebody serves a pipe: ERROR_SUCCESS, ERROR_FILE_NOT_FOUND when nobody does,
 // ERROR_SEM_TIMEOUT when the server has been busy with somebody else for a second. Does not
-// connect: a server takes whoever connects for a client. Which process serves it, only a connection
-// tells.
+// connect, because a server takes whoever connects for a client; so the process that serves it
+// stays unknown.
 DWORD LookAtPipe(const wchar_t* name);
 
 // "name.exe (1234)" of every process that runs this program.

@@ -7,8 +7,8 @@
 
 #include "support/handle.h"
 
-// A file that a command is told to write. It is written beside its place and put there when it is
-// whole; until then, and when that fails, a file that is there already stays.
+// A file that a command is told to write. It is written beside its place and takes that when it is
+// whole. Until then, and when something fails, a file that was there before stays.
 class OutputFile {
  public:
   // Throws std::runtime_error, as all functions here, with the path and Windows' reason.

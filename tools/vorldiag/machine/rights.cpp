@@ -87,7 +87,7 @@ bool IsTrusted(PSID sid) {
   const bool isOfDomain = text.compare(0, 9, L"S-1-5-21-") == 0;
   return text == L"S-1-5-18" || text == L"S-1-5-32-544" ||
          text == L"S-1-5-80-956008885-3418522649-1831038044-1853292631-2271478464" ||
-         // What the owner may do is seen at the owner.
+         // The owner's rights are looked at with the owner.
          text == L"S-1-3-4" || (!own.empty() && text == own) ||
          (isOfDomain &&
           (EndsWith(text, L"-500") || EndsWith(text, L"-512") || EndsWith(text, L"-519")));

@@ -23,7 +23,7 @@ struct ObjectKind {
   std::vector<RightName> rights;
 };
 
-// Rights by which foreign code or settings can be put in place, or what is there be taken away.
+// Rights by which others can put code or settings in place, or take away what is there.
 ObjectKind FolderKind();
 ObjectKind FileKind();
 ObjectKind KeyKind();

@@ -1,4 +1,4 @@
-// What an Authenticode signature does to a program file, undone.
+// Undoes what an Authenticode signature does to a program file.
 #pragma once
 
 #include <string>

@@ -1,4 +1,4 @@
-// What a command has found out: plain data, which is then printed, written as JSON or drawn.
+// What a command has found out. Plain data, which is printed, written as JSON or drawn afterwards.
 #pragma once
 
 #include <string>

@@ -1,7 +1,7 @@
 // The calls of one process as its lines "Entry" and "Exit" show them.
 //
 // Operations that fail write their failure in place of "Exit", and some write nothing at their end:
-// such a call is over when one further out writes again, or when it never does itself.
+// such a call is over when a call further out writes again, or when it writes nothing more itself.
 #pragma once
 
 #include <cstdint>

@@ -7,7 +7,8 @@
 
 namespace {
 
-// What is looked at even if Windows says nothing: a file that is held open and grows.
+// The files are looked at after this time in any case: of one that is held open and grows Windows
+// says nothing.
 constexpr DWORD kLongestWaitMilliseconds = 250;
 
 bool IsDeleted(HANDLE file) {
@@ -70,7 +71,7 @@ void TraceFollower::Visit(const std::wstring& path, unsigned long number,
   auto file = std::find_if(m_files.begin(), m_files.end(),
                            [&](const OpenFile& open) { return open.id == id; });
   if (file == m_files.end()) {
-    // One that had the name before got its last line before this one was begun.
+    // The file that had the name before got its last line before this one was begun.
     for (OpenFile& open : m_files) {
       if (open.path == path) {
         ReadOn(open, lines);
@@ -107,7 +108,7 @@ bool FolderWatch::Wait(HANDLE stop) {
         m_folder.c_str(), /*bWatchSubtree=*/FALSE,
         FILE_NOTIFY_CHANGE_FILE_NAME | FILE_NOTIFY_CHANGE_SIZE | FILE_NOTIFY_CHANGE_LAST_WRITE));
     if (m_changes) {
-      // What happened before is to be looked at, too.
+      // What happened before the watch began is to be looked at, too.
       return WaitForSingleObject(stop, 0) != WAIT_OBJECT_0;
     }
   }

@@ -7,7 +7,7 @@
 
 #include "tools/vorldiag/trace/runs.h"
 
-// What lay between two lines.
+// The time between two lines.
 struct Stretch {
   std::int64_t begin = 0;  // milliseconds since the first line
   std::int64_t end = 0;

@@ -75,8 +75,8 @@ std::string Summary(const Episode& episode) {
 
 // Signalled by Ctrl+C and whatever else ends a console program.
 HANDLE StopEvent() {
-  static const KernelHandle stop(CreateEventW(nullptr, /*bManualReset=*/TRUE,
-                                              /*bInitialState=*/FALSE, nullptr));
+  static const KernelHandle stop(CreateEventW(/*lpEventAttributes=*/nullptr, /*bManualReset=*/TRUE,
+                                              /*bInitialState=*/FALSE, /*lpName=*/nullptr));
   return stop.Get();
 }
 
