@@ -58,6 +58,12 @@ bool IsSpillFile(const wchar_t* name) noexcept {
   return _wcsnicmp(name, kSpillFilePrefix, std::size(kSpillFilePrefix) - 1) == 0;
 }
 
+bool IsEmpty(const wchar_t* path) noexcept {
+  const FileHandle file = OpenTraceFolderFile(path, FILE_READ_ATTRIBUTES, kShareAll, OPEN_EXISTING);
+  LARGE_INTEGER size;
+  return file && GetFileSizeEx(file.Get(), &size) && size.QuadPart == 0;
+}
+
 // Calls `visit` with the name of each file beside the one being written, in no order.
 template <typename Visit>
 void ForEachFile(const wchar_t* folder, Visit visit) noexcept {
@@ -257,7 +263,12 @@ void Tidy(const wchar_t* folder, std::atomic<std::uint32_t>& next, std::uint32_t
         static_cast<void>(DeleteFileW(TracePath(folder, oldest).Get()));
       }
     } else if (IsSpillFile(name)) {
-      // Cannot be renamed while its process lives.
+      // Cannot be renamed or deleted while its process lives.
+      const TracePath path(folder, name);
+      if (IsEmpty(path.Get())) {
+        static_cast<void>(DeleteFileW(path.Get()));
+        return;
+      }
       const std::uint32_t given = GiveNumber(folder, name, next);
       if (given != 0) {
         CutTornEnd(TracePath(folder, given).Get());

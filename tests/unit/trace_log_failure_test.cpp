@@ -133,6 +133,25 @@ TEST_F(TraceLogTest, GivesNumbersToWhatEndedProcessesWroteForThemselves) {
                                    "vorltrace.process4712-1.log"));
 }
 
+// As on a full disk, where every program of the product would otherwise cost a full file later.
+TEST_F(TraceLogTest, DeletesWhatEndedProcessesLeftEmpty) {
+  Configure("FileSizeKB=4\nFiles=3\n");
+  const std::string filler(4000, 'x');
+  for (int i = 0; i < 4; ++i) {
+    Log(2, "%s", filler.c_str());
+  }
+  for (const char* name : {"vorltrace.process4711-1.log", "vorltrace.process4712-1.log",
+                           "vorltrace.process4713-1.log"}) {
+    std::ofstream(Logs() / name).flush();
+  }
+  const HANDLE living =
+      Hold(Logs() / "vorltrace.process4713-1.log", FILE_SHARE_READ | FILE_SHARE_WRITE);
+  Log(2, "%s", filler.c_str());
+  CloseHandle(living);
+  EXPECT_THAT(Files(), ElementsAre("vorltrace.000003.log", "vorltrace.000004.log", "vorltrace.log",
+                                   "vorltrace.process4713-1.log"));
+}
+
 // As after an update of the library while a program with the former one runs on.
 TEST_F(TraceLogTest, SharesNothingWithAnotherVersionThatIsInUse) {
   fs::create_directories(Logs());
