@@ -270,6 +270,8 @@ TEST_F(StoreIdentifierTest, NeverWritesAFileThatItCannotRead) {
   EXPECT_EQ(configuration.Read(), kOtherStored);
 }
 
+// A full disk is such a failure on Windows. Under Wine, the function says success all the same, and
+// a new file stays empty, so that the next start stores the identifier.
 TEST_F(StoreIdentifierTest, FailsWhereNoFileCanBe) {
   ASSERT_TRUE(CreateDirectoryW(configuration.File().c_str(), nullptr));
   EXPECT_EQ(Store(), StoreOutcome::kFailed);
