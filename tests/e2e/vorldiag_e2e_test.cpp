@@ -163,7 +163,8 @@ TEST_F(Diagnosis, FindsFoldersThatEveryoneMayWrite) {
     EXPECT_THAT(Value(planted.id), HasSubstr("Everyone may write"));
     EXPECT_THAT(Advice(planted.id),
                 AllOf(StartsWith("Whoever may do this decides what runs as LocalSystem."),
-                      HasSubstr("icacls \"" + planted.path.string() + "\"")));
+                      HasSubstr("icacls \"" + planted.path.string() + "\" /reset, then icacls \"" +
+                                planted.path.string() + "\" /inheritance:r /grant:r *S-1-5-18")));
     SetAccess(planted.path, L"D:P(A;OICI;FA;;;SY)(A;OICI;FA;;;BA)");
     Diagnose();
     EXPECT_EQ(Verdict(planted.id), "ok");
@@ -283,6 +284,8 @@ TEST_F(Diagnosis, NamesTheStepAtWhichTheLastStartEnded) {
               HasSubstr("step 13 of 14 is missing: \"After calling ClientAgentCoreStartUp\" of "
                         "CAcAsSvc::Run"));
   EXPECT_THAT(Advice("last-start"), StartsWith("The core refused to start"));
+  EXPECT_EQ(Verdict("last-stop"), "ok");
+  EXPECT_THAT(Value("last-stop"), HasSubstr(", its start failed, took "));
   EXPECT_EQ(Verdict("errors"), "warning");
   EXPECT_THAT(Value("errors"), HasSubstr("CAcAsSvc::Run: ClientAgentCoreStartUp Failed"));
   EXPECT_THAT(Advice("errors"),
@@ -426,6 +429,7 @@ TEST_F(Diagnosis, RefusesWhatItDoesNotKnow) {
     EXPECT_EQ(result.exitCode, kExitNotDone) << arguments;
     EXPECT_THAT(result.output, HasSubstr("--help")) << arguments;
   }
+  EXPECT_THAT(Run("nonsense --json").output, StartsWith("There is no command \"nonsense\""));
   EXPECT_EQ(Run("--help").exitCode, 0U);
   EXPECT_THAT(Run("--help").output, AllOf(HasSubstr("status"), HasSubstr("Exit codes: 0 ")));
 }

@@ -142,7 +142,8 @@ TEST_F(DiagnosisOfAState, FiveFaultsAtOnceAreFiveSentences) {
   EXPECT_THAT(Run("status").output,
               AllOf(HasSubstr("  ERROR    Configuration             registry value ConfigDir is no "
                               "folder on a drive of this computer: \\\\server\\share"),
-                    HasSubstr("-> Correct the registry value ConfigDir, or delete it to use conf"),
+                    HasSubstr("-> Correct the registry value ConfigDir below "
+                              "HKLM\\SOFTWARE\\Client Agent\\1, or delete it to use conf"),
                     HasSubstr("\r\n4 errors, ")));
 }
 

@@ -304,8 +304,17 @@ int Run(Output& output, Output& errors) {
                    "computer, domain and users; equal values have equal replacements");
   addWmiSeconds(bundle);
 
+  std::vector<std::string> arguments = ArgumentsBackwards();
+  // The parser itself would only say that a subcommand is missing.
+  const auto isMeant = [&](CLI::App* sub) { return sub->check_name(arguments.back()); };
+  if (!arguments.empty() && arguments.back().substr(0, 1) != "-" &&
+      app.get_subcommands(isMeant).empty()) {
+    errors.Write("There is no command \"" + arguments.back() +
+                 "\"\nRun with --help for more information.\n");
+    return kExitNotDone;
+  }
   try {
-    app.parse(ArgumentsBackwards());
+    app.parse(std::move(arguments));
   } catch (const CLI::ParseError& error) {
     std::ostringstream out;
     std::ostringstream problem;

@@ -60,6 +60,14 @@ TEST_F(ExplanationsTest, NumbersAndDotsStandForAnything) {
   EXPECT_EQ(found->advice, "shorten it");
 }
 
+TEST(TextOfAnExplanation, IsSentencesWithoutEmptyOnes) {
+  EXPECT_EQ(TextOf({"it fell", "wait"}), "It means: it fell. To do: wait.");
+  EXPECT_EQ(TextOf({"", "Write the path."}), "To do: Write the path.");
+  EXPECT_EQ(TextOf({"It fell.", "Wait. (5: no right.)"}),
+            "It means: It fell. To do: Wait. (5: no right.)");
+  EXPECT_EQ(TextOf({"it fell (5)", ""}), "It means: it fell (5).");
+}
+
 TEST(AllExplanations, AreCarriedAlong) {
   ASSERT_THAT(Document(L"TROUBLESHOOTING"), StartsWith("# Troubleshooting\n"));
   const auto find = [](const char* function, const char* text) {
@@ -76,6 +84,9 @@ TEST(AllExplanations, AreCarriedAlong) {
               StartsWith("the core refused to start"));
   EXPECT_THAT(find("GetClientAgentConfigDir", "Registry value ConfigDir is no full path: conf"),
               HasSubstr("Write the whole path"));
+  EXPECT_THAT(find("TraceLog::LookAtConfiguration",
+                   "[TRACE] Levels=DEBUG is not understood, the default is used"),
+              HasSubstr("Correct that setting"));
   EXPECT_THAT(find("", "12 lines lost: the file cannot be opened (error 5)"), HasSubstr("5:"));
 }
 

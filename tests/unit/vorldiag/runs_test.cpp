@@ -108,6 +108,36 @@ TEST_F(Runs, AManualStopAndOneThroughAnEvent) {
   EXPECT_EQ(StopOf(RunsOf(lines).back()).begin, nullptr);
 }
 
+TEST_F(Runs, AFailedStartIsNoStopByOthers) {
+  AddServiceBeginning();
+  Add("CAcAsSvc::Run", "GetClientAgentStartUpOptions Failed", 1);
+  Add("WaitForServiceClosure", "Close Event Signalled");
+  EXPECT_EQ(StopOf(RunsOf(lines).back()).end, nullptr);
+  Add("main", "Exit");
+  const std::vector<ProcessRun> runs = RunsOf(lines);
+  const StopFacts stop = StopOf(runs.back());
+  EXPECT_EQ(stop.reason, "its start failed");
+  ASSERT_NE(stop.end, nullptr);
+  EXPECT_EQ(stop.end->moment - stop.begin->moment, 2);
+}
+
+TEST_F(Runs, AProcessThatComesToItsEndHasNotBrokenOff) {
+  AddServiceBeginning();
+  Add("main", "Exit");
+  const std::vector<ProcessRun> runs = RunsOf(lines);
+  const StopFacts stop = StopOf(runs.back());
+  EXPECT_EQ(stop.reason, "it ended by itself");
+  ASSERT_NE(stop.end, nullptr);
+  EXPECT_EQ(stop.begin, stop.end);
+}
+
+TEST_F(Runs, AnErrorDuringAStopIsNoFailedStart) {
+  AddServiceBeginning();
+  Add("CAcAsSvc::OnStop", "Entry");
+  Add("CAcAsSvc::Run", "ClientAgentCoreCleanUp Failed", 1);
+  EXPECT_EQ(StopOf(RunsOf(lines).back()).reason, "stop control");
+}
+
 TEST_F(Runs, ErrorsThatAreUsualDoNotCount) {
   AddServiceBeginning();
   Add("main", "asServiceObj.ParseStandardArgs Failed", 1);

@@ -148,6 +148,16 @@ bool BeginsWith(const std::string& text, std::string_view beginning) {
   return text.compare(0, beginning.size(), beginning) == 0;
 }
 
+// Empty when there is no text. Some cells are sentences, others end without a full stop.
+std::string Sentence(const char* beginning, const std::string& text) {
+  if (text.empty()) {
+    return "";
+  }
+  const bool isClosed =
+      text.back() == '.' || (text.size() > 1 && text.substr(text.size() - 2) == ".)");
+  return beginning + text + (isClosed ? "" : ".");
+}
+
 bool IsTableOfLines(const std::vector<std::string>& header) {
   return !header.empty() && (header[0] == "Text" || BeginsWith(header[0], "Trace line of") ||
                              BeginsWith(header[0], "Line of"));
@@ -156,8 +166,9 @@ bool IsTableOfLines(const std::vector<std::string>& header) {
 }  // namespace
 
 std::string TextOf(const Explanation& explanation) {
-  return "It means: " + explanation.meaning + "." +
-         (explanation.advice.empty() ? "" : " To do: " + explanation.advice + ".");
+  const std::string meaning = Sentence("It means: ", explanation.meaning);
+  const std::string advice = Sentence("To do: ", explanation.advice);
+  return meaning + (meaning.empty() || advice.empty() ? "" : " ") + advice;
 }
 
 void Explanations::Add(const std::string& document) {

@@ -105,7 +105,8 @@ class ImageReader {
   std::vector<IMAGE_SECTION_HEADER> m_sections;
 };
 
-std::string FindVersion(const std::string& bytes) {
+// Where the fixed part of the version resource stands; npos when there is none.
+std::size_t VersionResource(const std::string& bytes) {
   constexpr std::wstring_view key = L"VS_VERSION_INFO";
   constexpr DWORD signature = 0xFEEF04BD;
   constexpr std::size_t longestGap = 8;
@@ -118,18 +119,53 @@ std::string FindVersion(const std::string& bytes) {
       VS_FIXEDFILEINFO info;
       const std::size_t offset = found + keyBytes.size() + gap;
       if (offset + sizeof(info) > bytes.size()) {
-        return "";
+        return std::string::npos;
       }
       std::memcpy(&info, bytes.data() + offset, sizeof(info));
       if (info.dwSignature == signature) {
-        return std::to_string(HIWORD(info.dwFileVersionMS)) + "." +
-               std::to_string(LOWORD(info.dwFileVersionMS)) + "." +
-               std::to_string(HIWORD(info.dwFileVersionLS)) + "." +
-               std::to_string(LOWORD(info.dwFileVersionLS));
+        return offset;
       }
     }
   }
-  return "";
+  return std::string::npos;
+}
+
+std::string FindVersion(const std::string& bytes) {
+  const std::size_t offset = VersionResource(bytes);
+  if (offset == std::string::npos) {
+    return "";
+  }
+  VS_FIXEDFILEINFO info;
+  std::memcpy(&info, bytes.data() + offset, sizeof(info));
+  return std::to_string(HIWORD(info.dwFileVersionMS)) + "." +
+         std::to_string(LOWORD(info.dwFileVersionMS)) + "." +
+         std::to_string(HIWORD(info.dwFileVersionLS)) + "." +
+         std::to_string(LOWORD(info.dwFileVersionLS));
+}
+
+// The text of this name in the version resource: it stands behind the name and at most two null
+// characters.
+std::wstring FindVersionText(const std::string& bytes, std::wstring_view name) {
+  constexpr std::size_t longest = MAX_PATH;
+  std::string key(reinterpret_cast<const char*>(name.data()), name.size() * sizeof(wchar_t));
+  key.append(sizeof(wchar_t), '\0');
+  const std::size_t resource = VersionResource(bytes);
+  const std::size_t found = bytes.find(key, resource);
+  std::wstring text;
+  if (resource == std::string::npos || found == std::string::npos) {
+    return text;
+  }
+  for (std::size_t at = found + key.size();
+       at + sizeof(wchar_t) <= bytes.size() && text.size() < longest; at += sizeof(wchar_t)) {
+    wchar_t letter;
+    std::memcpy(&letter, bytes.data() + at, sizeof(letter));
+    if (letter != L'\0') {
+      text += letter;
+    } else if (!text.empty()) {
+      break;
+    }
+  }
+  return text;
 }
 
 }  // namespace
@@ -172,6 +208,7 @@ BinaryFile ReadBinaryFile(const std::wstring& path) {
     file.unsignedSha256.push_back(Sha256(form));
   }
   file.version = FindVersion(bytes);
+  file.originalName = FindVersionText(bytes, L"OriginalFilename");
   ImageReader image(bytes);
   file.damage = image.ReadHeaders();
   if (file.damage.empty()) {

@@ -10,8 +10,9 @@
 struct BinaryFile {
   DWORD error = ERROR_SUCCESS;  // when it cannot be read
   std::uint64_t size = 0;
-  std::string version;  // "1.0.0.0", empty when it has none
-  std::string sha256;   // 64 lower-case digits
+  std::string version;        // "1.0.0.0", empty when it has none
+  std::wstring originalName;  // by its version resource, empty when that has none
+  std::string sha256;         // 64 lower-case digits
   // Those that it may have had before it was signed; empty when it is not.
   std::vector<std::string> unsignedSha256;
   std::string damage;  // why Windows would not load it; empty when nothing speaks against it

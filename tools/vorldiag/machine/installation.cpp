@@ -1,6 +1,7 @@
 #include "tools/vorldiag/machine/installation.h"
 
 #include "companions/common/folders.h"
+#include "support/folder.h"
 #include "support/handle.h"
 #include "support/procaddress.h"
 #include "support/vorlinfo.h"
@@ -74,7 +75,8 @@ using Find = bool (*)(Folder&, FolderFailure&, const Folder*) noexcept;
 FolderFact Ask(Find find, const wchar_t* valueName, const std::wstring& programFolder,
                const char* defaultOrigin) {
   FolderFact fact;
-  fact.origin = IsRegistered(valueName) ? "registry value " + Utf8(valueName) : defaultOrigin;
+  fact.isRegistered = IsRegistered(valueName);
+  fact.origin = fact.isRegistered ? "registry value " + Utf8(valueName) : defaultOrigin;
   Folder own{};
   Folder folder{};
   FolderFailure failure;
@@ -139,7 +141,21 @@ FolderFact InstallationFolder(const std::wstring& programFolder) {
 }
 
 FolderFact ConfigurationFolder(const std::wstring& programFolder) {
-  return Ask(&FindConfigFolder, L"ConfigDir", programFolder, "conf below the installation folder");
+  FolderFact fact =
+      Ask(&FindConfigFolder, L"ConfigDir", programFolder, "conf below the installation folder");
+  if (IsFolder(fact.path.c_str()) || fact.path.empty()) {
+    return fact;
+  }
+  const std::wstring parent = fact.path.substr(0, fact.path.find_last_of(L'\\'));
+  if (Exists(fact.path)) {
+    fact.problem = Utf8(fact.path) + " is no folder";
+  } else if (!IsFolder(parent.c_str())) {
+    fact.problem = Utf8(fact.path) + " does not exist, nor does the folder above it";
+  }
+  if (!fact.problem.empty()) {
+    fact.path.clear();
+  }
+  return fact;
 }
 
 bool Exists(const std::wstring& path) {

@@ -23,9 +23,10 @@ struct Names {
 Names FindNames(const std::wstring& folder);
 
 struct FolderFact {
-  std::wstring path;    // empty when there is none
-  std::string origin;   // where the path comes from
-  std::string problem;  // why there is none, as the trace says it
+  std::wstring path;          // empty when there is none
+  std::string origin;         // where the path comes from
+  bool isRegistered = false;  // else it is the default
+  std::string problem;        // why there is none, nor can be made
 };
 
 // The folders for a service whose program lies in `programFolder`.

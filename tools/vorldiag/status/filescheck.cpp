@@ -3,6 +3,7 @@
 #include <algorithm>
 
 #include "support/folder.h"
+#include "support/handle.h"
 #include "tools/vorldiag/machine/binaryfile.h"
 #include "tools/vorldiag/status/shippedfiles.h"
 #include "tools/vorldiag/text/utf8.h"
@@ -130,21 +131,37 @@ void CheckPart(const Part& part, const std::wstring& folder, Section& section) {
                             std::to_string(file.size) + " bytes, SHA-256 " + file.sha256 +
                             ShippedText(name, file, isOther);
   const std::string missing = MissingEntries(part, file);
-  if (!file.damage.empty()) {
+  // Modules may come from other makers under other names; the service's program cannot.
+  const bool isService = part.without == Without::kNoStart && part.ordinals.empty();
+  if (file.damage.empty() && isOther && isService &&
+      !EqualsIgnoringCase(file.originalName, part.name)) {
+    AddMissing(part, id, name,
+               "it is another program" +
+                   (file.originalName.empty() ? "" : " (" + Utf8(file.originalName) + ")") + ": " +
+                   value,
+               section);
+  } else if (!file.damage.empty()) {
     AddMissing(part, id, name, file.damage + ": " + value, section);
   } else if (!missing.empty()) {
     AddMissing(part, id, name, "lacks the entries " + missing + ": " + value, section);
   } else if (isOther) {
+    constexpr char ownVersion[] = VORL_VERSION ".0";
     section.Warn(id, name, value,
-                 "An update or somebody has replaced it: when nobody knows of that, install it "
-                 "again.");
+                 file.version == ownVersion || file.version.empty()
+                     ? "An update or somebody has replaced it: when nobody knows of that, install "
+                       "it again."
+                     : std::string("It is of another version than this tool (") + ownVersion +
+                           "). After an update of this file alone that is so; otherwise install "
+                           "the package again, so that all files fit each other.");
   } else {
     section.Ok(id, name, value);
   }
 }
 
-void CheckFolder(const char* id, const char* title, const FolderFact& folder, const char* advice,
-                 Section& section) {
+std::string InstallationKeyText() { return "HKLM\\" + Utf8(kInstallationKeyPath); }
+
+void CheckFolder(const char* id, const char* title, const FolderFact& folder,
+                 const std::string& advice, Section& section) {
   if (!folder.problem.empty()) {
     section.Fail(id, title, folder.problem + " (" + folder.origin + ")", advice);
   } else {
@@ -152,7 +169,124 @@ void CheckFolder(const char* id, const char* title, const FolderFact& folder, co
   }
 }
 
-std::wstring ParentOf(const std::wstring& path) { return path.substr(0, path.find_last_of(L'\\')); }
+void CheckConfiguration(const Situation& situation, Section& section) {
+  const FolderFact& configuration = situation.configuration;
+  std::string advice = "Correct the registry value ConfigDir below " + InstallationKeyText() +
+                       ", or delete it to use conf below the installation folder";
+  if (!configuration.problem.empty() && configuration.problem == situation.root.problem) {
+    advice = "Mend the installation folder above first";
+  } else if (!configuration.isRegistered) {
+    advice = "Remove what is in its place";
+  }
+  advice += ": without it there is no identifier, and the service stops at once.";
+  const bool isMissing = configuration.problem.empty() && !IsFolder(configuration.path.c_str());
+  if (isMissing) {
+    section.Warn("config-folder", "Configuration",
+                 Utf8(configuration.path) + " does not exist (" + configuration.origin + ")",
+                 "The next run of vorlsrvc.exe makes it, with a new identifier: when there was "
+                 "one, put it back before, or correct ConfigDir.");
+    return;
+  }
+  CheckFolder("config-folder", "Configuration", configuration, advice, section);
+  if (!configuration.problem.empty()) {
+    return;
+  }
+  const std::string file = Utf8(situation.ConfigurationFile());
+  if (IsFolder(situation.ConfigurationFile().c_str())) {
+    section.Fail("config-file", "Configuration file", file + " is a folder",
+                 "Remove it, and put the file back when there was one: the service has no settings "
+                 "and stops at once.");
+  } else if (Exists(situation.ConfigurationFile())) {
+    section.Ok("config-file", "Configuration file", file);
+  } else {
+    section.Warn("config-file", "Configuration file", file + " is missing",
+                 "All settings are defaults and the identifier will be made anew: when there "
+                 "was a file, put it back before the next start.");
+  }
+}
+
+void CheckLogs(const Situation& situation, Section& section) {
+  const std::string folder = Utf8(situation.Logs());
+  if (IsFolder(situation.Logs().c_str())) {
+    section.Ok("logs-folder", "Trace", folder + " (beside vlevtlog.dll)");
+  } else if (Exists(situation.Logs())) {
+    section.Fail("logs-folder", "Trace", folder + " is no folder",
+                 "Remove what is there: no trace can be written.");
+  } else {
+    section.Warn("logs-folder", "Trace", folder + " does not exist",
+                 "Nothing has been written yet; when the service has run, it is not allowed to "
+                 "make the folder.");
+  }
+}
+
+// Of the folders that are written into, the one with the least.
+void CheckSpace(const Situation& situation, Section& section) {
+  constexpr ULONGLONG kMegabyte = 1024 * 1024;
+  constexpr ULONGLONG kNeeded = 100 * kMegabyte;  // what an installation is said to need
+  ULONGLONG least = ~ULONGLONG{0};
+  std::wstring where;
+  for (const std::wstring& folder : {situation.Logs(), situation.programFolder, situation.root.path,
+                                     situation.configuration.path}) {
+    ULARGE_INTEGER available{};
+    if (!folder.empty() && GetDiskFreeSpaceExW(folder.c_str(), &available, nullptr, nullptr) &&
+        available.QuadPart < least) {
+      least = available.QuadPart;
+      where = folder;
+    }
+  }
+  if (where.empty()) {
+    section.Warn("free-space", "Free space", "unknown", "Run vorldiag from an elevated prompt.");
+    return;
+  }
+  const std::string value = std::to_string(least / kMegabyte) + " MB for " + Utf8(where);
+  if (least < kMegabyte) {
+    section.Fail("free-space", "Free space", value,
+                 "The disk is full: trace lines are lost, and neither an identifier nor an update "
+                 "can be kept. Make room.");
+  } else if (least < kNeeded) {
+    section.Warn("free-space", "Free space", value,
+                 "The trace and an update need up to 100 MB: make room before lines are lost.");
+  } else {
+    section.Ok("free-space", "Free space", value);
+  }
+}
+
+// Whether a folder has anything in it.
+bool HasEntries(const std::wstring& folder) {
+  WIN32_FIND_DATAW found{};
+  const FindHandle search(FindFirstFileW((folder + L"\\*").c_str(), &found));
+  while (search) {
+    const std::wstring_view name = found.cFileName;
+    if (name != L"." && name != L"..") {
+      return true;
+    }
+    if (!FindNextFileW(search.Get(), &found)) {
+      break;
+    }
+  }
+  return false;
+}
+
+void CheckUpdate(const Situation& situation, Section& section) {
+  if (situation.root.path.empty()) {
+    return;
+  }
+  const std::wstring work = situation.root.path + L"\\update.work";
+  const std::wstring pending = situation.root.path + L"\\pending";
+  if (Exists(work + L"\\journal")) {
+    section.Warn(
+        "update", "Update", "not complete: " + Utf8(work) + "\\journal is there",
+        "Leave update.work alone and start the service: it completes the update, or gives "
+        "the former files back. Only when the trace then says \"Journal cannot be read\" "
+        "compare update.work\\backup with the installation by hand and delete update.work.");
+  } else if (HasEntries(pending)) {
+    section.Warn("update", "Update", "files wait in " + Utf8(pending),
+                 "The next start of the service puts them in place. When they are still there "
+                 "afterwards, its error lines say why: vorldiag trace --level error");
+  } else {
+    section.Ok("update", "Update", "none waits");
+  }
+}
 
 }  // namespace
 
@@ -165,56 +299,18 @@ Section CheckPrograms(const Situation& situation) {
 }
 
 Section CheckFolders(const Situation& situation) {
-  constexpr char correctRoot[] =
-      "Correct the registry value RootDir, or delete it to use the folder of vorlmisc.dll: "
-      "without it neither update nor core module is loaded.";
-  constexpr char correctConfiguration[] =
-      "Correct the registry value ConfigDir, or delete it to use conf below the installation "
-      "folder: without it there is no identifier, and the service stops at once.";
   Section section{"folders", "Folders", {}};
   section.Ok("program-folder", "Program",
              Utf8(situation.programFolder) +
                  (situation.registration ? " (registered command)" : " (of this tool)"));
-  CheckFolder("root-folder", "Installation", situation.root, correctRoot, section);
-
-  const FolderFact& configuration = situation.configuration;
-  if (!configuration.problem.empty()) {
-    CheckFolder("config-folder", "Configuration", configuration, correctConfiguration, section);
-  } else if (IsFolder(configuration.path.c_str())) {
-    CheckFolder("config-folder", "Configuration", configuration, "", section);
-    if (Exists(situation.ConfigurationFile())) {
-      section.Ok("config-file", "Configuration file", Utf8(situation.ConfigurationFile()));
-    } else {
-      section.Warn("config-file", "Configuration file",
-                   Utf8(situation.ConfigurationFile()) + " is missing",
-                   "All settings are defaults and the identifier will be made anew: when there "
-                   "was a file, put it back before the next start.");
-    }
-  } else if (Exists(configuration.path)) {
-    section.Fail("config-folder", "Configuration",
-                 Utf8(configuration.path) + " is no folder (" + configuration.origin + ")",
-                 correctConfiguration);
-  } else if (!IsFolder(ParentOf(configuration.path).c_str())) {
-    section.Fail("config-folder", "Configuration",
-                 Utf8(configuration.path) + " does not exist, nor does the folder above it (" +
-                     configuration.origin + ")",
-                 correctConfiguration);
-  } else {
-    section.Warn("config-folder", "Configuration",
-                 Utf8(configuration.path) + " does not exist (" + configuration.origin + ")",
-                 "The next run of vorlsrvc.exe makes it, with a new identifier: when there was "
-                 "one, put it back before, or correct ConfigDir.");
-  }
-
-  if (IsFolder(situation.Logs().c_str())) {
-    section.Ok("logs-folder", "Trace", Utf8(situation.Logs()) + " (beside vlevtlog.dll)");
-  } else if (Exists(situation.Logs())) {
-    section.Fail("logs-folder", "Trace", Utf8(situation.Logs()) + " is no folder",
-                 "Remove what is there: no trace can be written.");
-  } else {
-    section.Warn("logs-folder", "Trace", Utf8(situation.Logs()) + " does not exist",
-                 "Nothing has been written yet; when the service has run, it is not allowed to "
-                 "make the folder.");
-  }
+  CheckFolder("root-folder", "Installation", situation.root,
+              "Correct the registry value RootDir below " + InstallationKeyText() +
+                  ", or delete it to use the folder of vorlmisc.dll: without it neither update nor "
+                  "core module is loaded.",
+              section);
+  CheckConfiguration(situation, section);
+  CheckLogs(situation, section);
+  CheckSpace(situation, section);
+  CheckUpdate(situation, section);
   return section;
 }

@@ -10,7 +10,8 @@ constexpr wchar_t kServicesKey[] = L"SYSTEM\\CurrentControlSet\\Services\\";
 // What another account can do with the right, and how it is taken away.
 constexpr char kFolderAdvice[] =
     "Whoever may do this decides what runs as LocalSystem. Leave it to administrators and the "
-    "system: icacls \"%s\" /inheritance:r /grant:r *S-1-5-18:(OI)(CI)F *S-1-5-32-544:(OI)(CI)F";
+    "system: icacls \"%s\" /reset, then icacls \"%s\" /inheritance:r /grant:r "
+    "*S-1-5-18:(OI)(CI)F *S-1-5-32-544:(OI)(CI)F";
 constexpr char kFileAdvice[] =
     "Whoever may do this decides what runs as LocalSystem. Take the right away: icacls \"%s\" "
     "/reset, after its folder is right";
@@ -20,8 +21,12 @@ constexpr char kKeyAdvice[] =
 
 std::string Filled(const char* advice, const std::wstring& object) {
   std::string text(advice);
-  const std::size_t place = text.find("%s");
-  return text.replace(place, 2, Utf8(object));
+  const std::string name = Utf8(object);
+  for (std::size_t place = text.find("%s"); place != std::string::npos;
+       place = text.find("%s", place + name.size())) {
+    text.replace(place, 2, name);
+  }
+  return text;
 }
 
 void AddAccess(const std::string& id, const std::string& title, const Access& access,
@@ -43,10 +48,15 @@ void AddAccess(const std::string& id, const std::string& title, const Access& ac
   }
 }
 
-void CheckFolderRights(const char* id, const char* title, const std::wstring& path,
+// Whether others than those who may write should be able to read.
+enum class Readers { kNone, kUsers };
+
+void CheckFolderRights(const char* id, const char* title, const std::wstring& path, Readers readers,
                        Section& section) {
   if (!path.empty()) {
-    AddAccess(id, title, FileAccess(path, FolderKind()), Utf8(path), Filled(kFolderAdvice, path),
+    AddAccess(id, title, FileAccess(path, FolderKind()), Utf8(path),
+              Filled(kFolderAdvice, path) +
+                  (readers == Readers::kUsers ? " *S-1-5-32-545:(OI)(CI)RX" : ""),
               section);
   }
 }
@@ -116,14 +126,17 @@ void CheckServiceRights(const Situation& situation, Section& section) {
 
 Section CheckRights(const Situation& situation) {
   Section section{"rights", "Rights", {}};
-  CheckFolderRights("rights-program", "Program folder", situation.programFolder, section);
+  CheckFolderRights("rights-program", "Program folder", situation.programFolder, Readers::kUsers,
+                    section);
   if (!EqualsIgnoringCase(situation.root.path, situation.programFolder)) {
-    CheckFolderRights("rights-root", "Installation folder", situation.root.path, section);
+    CheckFolderRights("rights-root", "Installation folder", situation.root.path, Readers::kUsers,
+                      section);
   }
-  CheckFolderRights("rights-config", "conf", situation.configuration.path, section);
-  CheckFolderRights("rights-logs", "logs", situation.Logs(), section);
+  CheckFolderRights("rights-config", "conf", situation.configuration.path, Readers::kNone, section);
+  CheckFolderRights("rights-logs", "logs", situation.Logs(), Readers::kNone, section);
   if (!situation.root.path.empty()) {
-    CheckFolderRights("rights-pending", "pending", situation.root.path + L"\\pending", section);
+    CheckFolderRights("rights-pending", "pending", situation.root.path + L"\\pending",
+                      Readers::kNone, section);
   }
   CheckFileRights(situation, section);
   AddAccess("rights-installation-key", "Installation key",

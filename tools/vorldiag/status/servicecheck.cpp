@@ -16,6 +16,16 @@ constexpr char kRegisterAnew[] =
     "Register it anew, from an elevated prompt in the right folder: vorlsrvc -uninstall, then "
     "vorlsrvc -install.";
 
+// Somebody has removed the service while somebody else had it open.
+bool IsMarkedForDeletion(const std::string& name) {
+  const std::wstring key = L"SYSTEM\\CurrentControlSet\\Services\\" + Wide(name);
+  DWORD isDeleted = 0;
+  DWORD size = sizeof(isDeleted);
+  return RegGetValueW(HKEY_LOCAL_MACHINE, key.c_str(), L"DeleteFlag", RRF_RT_REG_DWORD, nullptr,
+                      &isDeleted, &size) == ERROR_SUCCESS &&
+         isDeleted != 0;
+}
+
 std::string Hex(DWORD value) {
   char text[16];
   std::snprintf(text, sizeof(text), "0x%lX", value);
@@ -81,9 +91,11 @@ void CheckCommand(const Situation& situation, Section& section) {
         std::string("Windows may run another program with this beginning as LocalSystem. ") +
             kRegisterAnew);
   } else if (!EqualsIgnoringCase(program, expected)) {
-    section.Warn("command", "Command", value + " is not beside this tool",
-                 "Diagnose with the vorldiag.exe of the registered folder, or register this one: " +
-                     std::string(kRegisterAnew));
+    section.Warn(
+        "command", "Command", value + " is not beside this tool",
+        "Diagnose with the vorldiag.exe of the registered folder. When this folder is the right "
+        "one: vorlsrvc -uninstall, then vorlsrvc -install, in it and from an elevated "
+        "prompt.");
   } else if (command.size() != program.size() + (isQuoted ? 2U : 0U)) {
     section.Warn("command", "Command", value + " has arguments",
                  std::string("The service takes none. ") + kRegisterAnew);
@@ -273,7 +285,15 @@ Section CheckService(const Situation& situation) {
                  "Run vorldiag from an elevated prompt.");
     return section;
   }
-  section.Ok("registration", "Registration", name);
+  if (IsMarkedForDeletion(name)) {
+    section.Fail(
+        "registration", "Registration", name + " is marked for deletion",
+        "It goes when every program has let it go: close the Services console, Task Manager "
+        "and the like, or restart Windows. Then from an elevated prompt in the installation "
+        "folder: vorlsrvc -install");
+  } else {
+    section.Ok("registration", "Registration", name);
+  }
   CheckCommand(situation, section);
   CheckConfiguration(situation, section);
   CheckRecovery(situation, section);

@@ -6,6 +6,12 @@
 
 namespace {
 
+constexpr char kNoLines[] =
+    "The trace is switched off, moved, or cannot be written: look at [TRACE] in vorlconf.ini, at "
+    "the "
+    "free space and at the rights of logs. (When it has run for long, the file with its start may "
+    "be deleted by now.)";
+
 std::string RunText(const ProcessRun& run) {
   return run.lines.front()->time + ", process " + std::to_string(run.processId);
 }
@@ -88,7 +94,7 @@ void CheckStop(const ProcessRun& run, const Situation& situation, Section& secti
 Section CheckTrace(const Situation& situation, const TraceContent& trace) {
   Section section{"trace", "Last start and stop", {}};
   if (!trace.problem.empty()) {
-    section.Warn("trace-files", "Trace", trace.problem, "Run vorldiag from an elevated prompt.");
+    section.Warn("trace-files", "Trace", trace.problem, trace.advice);
   }
   const std::vector<ProcessRun> runs = RunsOf(trace.lines);
   const ProcessRun* last = nullptr;
@@ -104,9 +110,14 @@ Section CheckTrace(const Situation& situation, const TraceContent& trace) {
       section.Ok("last-start", "Last start", "none in the trace");
     } else {
       section.Warn("last-start", "Last start", "none in the trace although the service runs",
-                   "The trace is switched off, moved, or cannot be written: look at [TRACE] in "
-                   "vorlconf.ini and at the rights of logs.");
+                   kNoLines);
     }
+    return section;
+  }
+  if (!situation.IsStopped() && !IsAlive(*last, situation)) {
+    section.Warn("last-start", "Last start",
+                 "none in the trace of the process that runs; the one before: " + RunText(*last),
+                 kNoLines);
     return section;
   }
   CheckStart(*last, situation, section);

@@ -6,6 +6,7 @@
 namespace {
 
 constexpr char kProgram[] = "vorlsrvc.exe";
+constexpr int kErrorLevel = 1;
 
 bool StartsWith(const std::string& text, std::string_view beginning) {
   return text.compare(0, beginning.size(), beginning) == 0;
@@ -116,12 +117,18 @@ StopFacts StopOf(const ProcessRun& run) {
       facts.begin = line;
       facts.reason = line->text == "Exit Event Signalled" ? "exit event, from another program"
                                                           : "close event, from another program";
+    } else if (line->function == "CAcAsSvc::Run" && line->level == kErrorLevel &&
+               facts.begin == nullptr) {
+      // It then signals its own close event.
+      facts.begin = line;
+      facts.reason = "its start failed";
     } else if (line->function == "main" && line->text == "Exit") {
       facts.end = line;
     }
   }
-  if (facts.begin == nullptr) {
-    facts.end = nullptr;
+  if (facts.begin == nullptr && facts.end != nullptr) {
+    facts.begin = facts.end;
+    facts.reason = "it ended by itself";
   }
   return facts;
 }
@@ -140,7 +147,7 @@ bool IsNormalError(const TraceLine& line) {
 std::vector<const TraceLine*> ErrorsOf(const ProcessRun& run) {
   std::vector<const TraceLine*> errors;
   for (const TraceLine* line : run.lines) {
-    if (line->level == 1 && !IsNormalError(*line)) {
+    if (line->level == kErrorLevel && !IsNormalError(*line)) {
       errors.push_back(line);
     }
   }

@@ -5,6 +5,7 @@
 #include <iterator>
 #include <map>
 
+#include "support/folder.h"
 #include "tools/vorldiag/machine/sharedfile.h"
 #include "tools/vorldiag/text/utf8.h"
 
@@ -35,7 +36,12 @@ TraceContent Read(const std::wstring& folder, Enough isEnough) {
     const DWORD error = ReadSharedFile(*file, kLargestFile, bytes);
     // One that was deleted meanwhile was too old.
     if (error != ERROR_SUCCESS && error != ERROR_FILE_NOT_FOUND) {
-      whole.problem = Utf8(*file) + ": " + ErrorText(error);
+      const bool isFolder = IsFolder(file->c_str());
+      whole.problem = Utf8(*file) + (isFolder ? " is a folder" : ": " + ErrorText(error));
+      whole.advice = isFolder
+                         ? "Remove the folder: the trace is to be written into a file of this name."
+                         : "Run vorldiag from an elevated prompt; when that does not help, "
+                           "another program keeps the file for itself.";
     }
     TraceContent part;
     AddTraceLines(bytes, part.lines, &part.unreadable);

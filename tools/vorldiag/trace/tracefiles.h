@@ -21,6 +21,7 @@ struct TraceContent {
   std::vector<TraceLine> lines;       // oldest first
   unsigned long long unreadable = 0;  // lines that are none
   std::string problem;                // a file that could not be read; empty when all could
+  std::string advice;                 // what to do about it
   bool isComplete = true;             // false when older files were left out
 };
 
