@@ -8,7 +8,10 @@ import shutil
 import subprocess
 import sys
 import tempfile
+import time
 from pathlib import Path
+
+import jsonschema
 
 repository, binaries = Path(sys.argv[1]), Path(sys.argv[2])
 folder = Path(tempfile.mkdtemp(dir=binaries.parent))
@@ -23,6 +26,32 @@ def run(*arguments):
         stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, stderr=subprocess.STDOUT, check=False,
     )
     return result.returncode, result.stdout.decode("utf-8").replace("\r\n", "\n")
+
+
+def wait_for(path, text):
+    """Until a program that runs beside this one has written it; the limit only a defect reaches."""
+    for _ in range(1200):
+        if text in path.read_bytes().decode("utf-8", "replace"):
+            return True
+        time.sleep(0.05)
+    return False
+
+
+def follow(lines, last, *arguments):
+    """What `trace --follow --json` writes on its output while the lines are written; one document
+    a line."""
+    out, err = folder / "follow.out", folder / "follow.err"
+    with open(out, "wb") as output, open(err, "wb") as errors, subprocess.Popen(
+            [repository / "cmake/wine.sh", folder / "vorldiag.exe", "trace", "--follow", "--json",
+             *arguments], stdin=subprocess.DEVNULL, stdout=output, stderr=errors) as follower:
+        try:
+            expect("the follower begins", wait_for(err, "until Ctrl+C."))
+            with open(folder / "logs/vorltrace.log", "a", encoding="utf-8", newline="\r\n") as trace:
+                trace.write("".join(line + "\n" for line in lines))
+            expect("the last line is shown", wait_for(out, last + "\"}]}"))
+        finally:
+            follower.kill()
+    return out.read_bytes().decode("utf-8").splitlines()
 
 
 def expect(what, is_so):
@@ -98,6 +127,26 @@ try:
     (folder / "hwcdata.dat").write_bytes(data)
     code, text = run("cache", "check", "--folder", place)
     expect("a damaged file", code == 2 and "cannot be used" in text)
+
+    schema = json.loads((repository / "docs/vorldiag.schema.json").read_text(encoding="utf-8"))
+    validator = jsonschema.Draft7Validator(schema)
+    head = "2026-03-09 07:06:00.000 +01:00"
+    documents = [json.loads(line) for line in follow(
+        [f"{head} VERBOSE 47 11 vorlsrvc.exe A::~A x.cpp:1 \u00fc \"quoted\" \\ <b>",
+         "half of a line", "", f"{head} LEVEL4 47 11 C:\\x y.dll operator() x y.cpp:12 text",
+         f"{head} ERROR 4294967295 11 other.exe F x.cpp:1 last line"], "last line")]
+    for document in documents:
+        expect("a followed line fits the schema", validator.is_valid(document))
+        expect("one line in a document", len(document["lines"]) == 1)
+    texts = [document["lines"][0]["text"] for document in documents]
+    expect("what was there before is not shown", texts[0] == "\u00fc \"quoted\" \\ <b>")
+    expect("the schema can refuse one", not validator.is_valid(
+        {**documents[0], "lines": [{**documents[0]["lines"][0], "level": "LOUD"}]}))
+    filtered = [json.loads(line) for line in follow(
+        [f"{head} INFO 48 11 vorlsrvc.exe B x.cpp:1 other", f"{head} INFO 48 11 vorlsrvc.exe C "
+         "x.cpp:1 wanted"], "wanted", "--function", "c", "--process", "48")]
+    expect("with a filter, too", [document["lines"][0]["text"] for document in filtered] == ["wanted"]
+           and all(validator.is_valid(document) for document in filtered))
 finally:
     if failures:
         print(text)

@@ -38,7 +38,7 @@ class FreeSpace : public ::testing::Test {
     return Find(CheckFolders(situation), "free-space");
   }
 
-  static constexpr ULONGLONG kMegabyte = 1024 * 1024;
+  static constexpr ULONGLONG kMegabyte = 1024ULL * 1024;
   static constexpr ULONGLONG kPlenty = 50'000 * kMegabyte;
   Situation situation;
 };

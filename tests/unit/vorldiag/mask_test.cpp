@@ -21,11 +21,28 @@ TEST_F(MaskTest, ReplacesTheLongestFirst) {
   EXPECT_EQ(mask.Apply("WD-0M512345 0m512345"), "[serial-2] [serial-1]");
 }
 
-TEST_F(MaskTest, ReplacesShortValuesAndNamesAsWordsOnly) {
-  mask.AddValue("serial", "12");
+TEST_F(MaskTest, ReplacesNamesAsWordsOnly) {
   mask.AddName("computer", "PC");
-  EXPECT_EQ(mask.Apply("12 of 1234 on pc, not UPC, PC_1 nor pc1; \\\\PC\\x"),
-            "[serial-1] of 1234 on [computer-1], not UPC, PC_1 nor pc1; \\\\[computer-1]\\x");
+  EXPECT_EQ(mask.Apply("on pc, not UPC, PC_1 nor pc1; \\\\PC\\x"),
+            "on [computer-1], not UPC, PC_1 nor pc1; \\\\[computer-1]\\x");
+}
+
+TEST_F(MaskTest, LeavesValuesThatAreTooShortToTellAComputer) {
+  for (const char* value : {"", "0", "12", "A-7", "123", "      0      ", "1-2-3"}) {
+    mask.AddValue("serial", value);
+  }
+  EXPECT_EQ(mask.Apply("2026-12-00 07:12:00.123 error 0, step 12 of 123, A-7 1-2-3"),
+            "2026-12-00 07:12:00.123 error 0, step 12 of 123, A-7 1-2-3");
+  mask.AddValue("serial", "A-12");
+  EXPECT_EQ(mask.Apply("A-12 1234"), "A-12 1234");
+  mask.AddValue("serial", "1234");
+  EXPECT_EQ(mask.Apply("x1234y"), "x[serial-1]y");
+}
+
+TEST_F(MaskTest, ReplacesAValueThatWasPadded) {
+  mask.AddValue("serial", "     WD-0M51     ");
+  EXPECT_EQ(mask.Apply("<WD-0M51> wd0m51 [     WD-0M51     ]"),
+            "<[serial-1]> [serial-1] [     [serial-1]     ]");
 }
 
 TEST_F(MaskTest, ReplacesNamesBeyondAsciiEachByItsOwn) {

@@ -8,9 +8,15 @@
 
 namespace {
 
-// A shorter value is replaced only where it is a word of its own. Otherwise little would be left of
-// any text.
-constexpr std::size_t kShortestPart = 4;
+// Less tells no computer from others, and would be found in every time and number.
+constexpr std::size_t kShortestValue = 4;
+
+// Windows pads serial numbers.
+std::string_view WithoutBlanks(std::string_view text) {
+  const std::size_t begin = std::min(text.find_first_not_of(' '), text.size());
+  text.remove_prefix(begin);
+  return text.substr(0, text.find_last_not_of(' ') + 1);
+}
 
 std::wstring Capitals(const std::wstring& text) {
   std::wstring capitals(text.size(), L'\0');
@@ -89,9 +95,11 @@ std::size_t MatchUserFolder(std::wstring_view text, std::size_t at) {
 }  // namespace
 
 void Mask::AddValue(const std::string& kind, const std::string& value) {
-  const std::wstring text = Capitals(Wide(value));
-  Add(kind, text, text.size() < kShortestPart);
-  Add(kind, Plain(text), Plain(text).size() < kShortestPart);
+  const std::wstring text = Capitals(Wide(WithoutBlanks(value)));
+  if (Plain(text).size() >= kShortestValue) {
+    Add(kind, text, /*isName=*/false);
+    Add(kind, Plain(text), /*isName=*/false);
+  }
 }
 
 void Mask::AddName(const std::string& kind, const std::string& name) {

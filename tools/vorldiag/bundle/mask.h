@@ -10,7 +10,8 @@
 class Mask {
  public:
   // A value to be replaced wherever it stands, also within a longer word, with or without its
-  // hyphens and colons, in any letters. `kind` is the word that stands for it: "serial".
+  // hyphens and colons, in any letters. `kind` is the word that stands for it: "serial". Blanks
+  // around it do not count; one of fewer than four other characters is left as it is.
   void AddValue(const std::string& kind, const std::string& value);
 
   // A name to be replaced where it stands as a word.

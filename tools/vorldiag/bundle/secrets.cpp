@@ -2,6 +2,7 @@
 
 #include "support/handle.h"
 #include "support/windows_api.h"
+#include "tools/vorldiag/identity/placeholders.h"
 #include "tools/vorldiag/machine/rights.h"
 #include "tools/vorldiag/text/utf8.h"
 
@@ -46,7 +47,10 @@ void AddSecrets(const Hardware& hardware, Mask& mask) {
     mask.AddValue("uuid", uuid);
   }
   for (const std::string& serial : {hardware.diskSerial.value, hardware.optimumSerial}) {
-    mask.AddValue("serial", serial);
+    // One that many computers have tells none of them, and may be a word of every log.
+    if (PlaceholderSerial(serial).empty()) {
+      mask.AddValue("serial", serial);
+    }
   }
   for (const RawParameter& address : hardware.addresses) {
     mask.AddValue("address", address.value);

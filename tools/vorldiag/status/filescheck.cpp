@@ -221,7 +221,7 @@ void CheckLogs(const Situation& situation, Section& section) {
 
 // Of the folders that are written into, the one with the least.
 void CheckSpace(const Situation& situation, Section& section) {
-  constexpr ULONGLONG kMegabyte = 1024 * 1024;
+  constexpr ULONGLONG kMegabyte = 1024ULL * 1024;
   constexpr ULONGLONG kNeeded = 100 * kMegabyte;  // what an installation is said to need
   ULONGLONG least = ~ULONGLONG{0};
   std::wstring where;
