@@ -385,8 +385,11 @@ TEST_F(Diagnosis, FollowsTheTraceOverItsFiles) {
   ASSERT_TRUE(follower.WaitForOutput("until Ctrl+C."));
   ASSERT_NO_FATAL_FAILURE(InstallAndStart());
   ASSERT_TRUE(follower.WaitForOutput("CNTService::ServiceMain"));
+  const KernelHandle process(OpenProcess(SYNCHRONIZE, FALSE, service.Status().dwProcessId));
+  ASSERT_TRUE(process);
   installation.Run("-stop");
-  ASSERT_TRUE(service.WaitForState(SERVICE_STOPPED));
+  // It goes on writing after it has reported its stop.
+  ASSERT_EQ(WaitForSingleObject(process.Get(), INFINITE), WAIT_OBJECT_0);
   installation.Run("-uninstall");
 
   std::vector<std::string> expected = LinesOf(Run("trace").output);

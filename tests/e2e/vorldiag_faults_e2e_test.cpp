@@ -83,6 +83,7 @@ TEST_F(FaultOf, TheTraceIsThatItsFileIsAFolder) {
   EXPECT_EQ(Verdict("trace-files"), "warning");
   EXPECT_THAT(Value("trace-files"), HasSubstr("\\logs\\vorltrace.log is a folder"));
   EXPECT_THAT(Advice("trace-files"), StartsWith("Remove the folder"));
+  EXPECT_THAT(Run("trace").output, HasSubstr("Lines are missing: " + Value("trace-files")));
 }
 
 TEST_F(FaultOf, TheTraceIsThatTheProcessThatRunsIsNotInIt) {

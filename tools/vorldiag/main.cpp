@@ -178,6 +178,10 @@ int RunTrace(const Options& options, Output& output) {
                : kExitNotDone;
   }
   const TraceContent trace = ReadWholeTrace(FindSituation().Logs());
+  if (!trace.problem.empty()) {
+    Output(STD_ERROR_HANDLE)
+        .Write("Lines are missing: " + trace.problem + "\n" + trace.advice + "\n");
+  }
   if (!options.perfettoFile.empty()) {
     return WritePerfetto(trace.lines, options, output);
   }
