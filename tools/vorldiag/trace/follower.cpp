@@ -47,7 +47,7 @@ std::vector<TraceLine> TraceFollower::Poll() {
 TraceFollower::FileId TraceFollower::IdOf(HANDLE file) {
   BY_HANDLE_FILE_INFORMATION information{};
   GetFileInformationByHandle(file, &information);
-  return {information.dwVolumeSerialNumber, information.nFileIndexHigh, information.nFileIndexLow};
+  return {information.nFileIndexHigh, information.nFileIndexLow};
 }
 
 void TraceFollower::ReadOn(OpenFile& file, std::vector<TraceLine>& lines) {

@@ -18,14 +18,11 @@ class TraceFollower {
   std::vector<TraceLine> Poll();
 
  private:
-  // What Windows knows a file by, whatever its name is.
+  // What Windows knows a file by, whatever its name is. The volume is that of the folder.
   struct FileId {
-    unsigned long volume = 0;
     unsigned long high = 0;
     unsigned long low = 0;
-    bool operator==(const FileId& other) const {
-      return volume == other.volume && high == other.high && low == other.low;
-    }
+    bool operator==(const FileId& other) const { return high == other.high && low == other.low; }
   };
 
   // A file that may still grow. It is held open, so that nothing else gets its id.
