@@ -28,7 +28,7 @@ done
 $WINE_LAUNCHER "$WINE_LOADER" winedbg --gdb --no-start --port "$port" "$@" </dev/null &
 server=$!
 trap 'kill "$server" 2>/dev/null || true' EXIT
-# It tries again until the server listens.
+# It tries again until the server listens. Not every machine knows the name of the address.
 gdb -q -iex "set debuginfod enabled off" -iex "set tcp connect-timeout 120" \
-  -iex "set remotetimeout 120" -iex "directory $root" -ex "target remote localhost:$port" \
+  -iex "set remotetimeout 120" -iex "directory $root" -ex "target remote 127.0.0.1:$port" \
   "${mode[@]}" "$1"
