@@ -13,8 +13,8 @@
 
 namespace {
 
-// Room for "C:" and its terminator, and for more, which tells that the variable holds something
-// longer.
+// Room for "C:" and its terminator, and a little more. A longer value does not fit and counts as
+// a failure.
 constexpr std::size_t kSystemDriveSize = 5;
 
 // What a media tag has in front of the disk's own name.

@@ -1,7 +1,7 @@
 // The contract of the core module vorlcore.dll, which runs the agent's work and exports by name.
 // Results are byte-sized booleans: nonzero is success, and only the low byte counts. Texts are
-// null-terminated, in the ANSI code page, and live until the service's body ends; they and all
-// other arguments are the start-up options of the same names (support/vorlmisc.h).
+// null-terminated, in the ANSI code page, and live until the service has stopped its work; they and
+// the numbers are the start-up options of the same names (support/vorlmisc.h).
 #pragma once
 
 #include "support/windows_api.h"
