@@ -7,7 +7,8 @@
 # it is started once more, and a line in the file VORL_EMPTY_STARTS (build/wine.empty-starts) tells
 # of it.
 #
-# A program that loses Wine's server would hang for ever; it is ended, with status 97.
+# A program that loses Wine's server would hang for ever. It is ended with status 97, unless its output
+# goes straight into a file.
 . "$(dirname "$0")/wine-env.sh"
 [ -d "$WINEPREFIX/drive_c/windows" ] || "$(dirname "$0")/wine-server.sh" start
 

@@ -4,9 +4,10 @@
 //   staged\   copies of the pending files, which are moved into place
 //   backup\   copies of the files that are replaced
 //   aside\    former files that were in use; deleted at a later update
-// journal   what is done; there from the first change to the last (see journal.h) Every copy is on
-// the disk before the first change. A staged copy that is gone has been put in place: so the
-// journal and these folders tell at any moment how far the update has come.
+//   journal   what is done; there from the first change to the last (see journal.h)
+//
+// Every copy is on the disk before the first change. A staged copy that is gone has been put in
+// place: so the journal and these folders tell at any moment how far the update has come.
 #pragma once
 
 #include <string>

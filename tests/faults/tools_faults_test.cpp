@@ -4,6 +4,7 @@
 #include <cstdint>
 #include <cstring>
 #include <iterator>
+#include <memory>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -166,6 +167,8 @@ TEST(DiagnosisFaults, LookAtEvent) {
   const std::string name = "vorl_faults_event_" + std::to_string(GetCurrentProcessId());
   const KernelHandle event(CreateEventA(nullptr, TRUE, TRUE, name.c_str()));
   const StartedProcess other = StartProcess(L"tools_faults_test.exe", {.flags = CREATE_SUSPENDED});
+  const std::unique_ptr<void, BOOL (*)(HANDLE)> end(
+      other.process.Get(), [](HANDLE process) { return TerminateProcess(process, 0); });
   HANDLE held = nullptr;
   ASSERT_TRUE(DuplicateHandle(GetCurrentProcess(), event.Get(), other.process.Get(), &held, 0,
                               FALSE, DUPLICATE_SAME_ACCESS));
@@ -199,7 +202,6 @@ TEST(DiagnosisFaults, LookAtEvent) {
                 EXPECT_TRUE(holders == 1 || run.IsFaulted()) << holders;
               },
               {.left = {}, .memory = false, .mostCalls = 8});
-  EXPECT_TRUE(TerminateProcess(other.process.Get(), 0));
 }
 
 }  // namespace

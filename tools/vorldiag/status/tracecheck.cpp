@@ -8,9 +8,8 @@ namespace {
 
 constexpr char kNoLines[] =
     "The trace is switched off, moved, or cannot be written: look at [TRACE] in vorlconf.ini, at "
-    "the "
-    "free space and at the rights of logs. (When it has run for long, the file with its start may "
-    "be deleted by now.)";
+    "the free space and at the rights of logs. (When it has run for long, the file with its start "
+    "may be deleted by now.)";
 
 std::string RunText(const ProcessRun& run) {
   return run.lines.front()->time + ", process " + std::to_string(run.processId);
@@ -100,7 +99,9 @@ Section CheckTrace(const Situation& situation, const TraceContent& trace) {
   const ProcessRun* last = nullptr;
   const ProcessRun* beforeLast = nullptr;
   for (const ProcessRun& run : runs) {
-    if (run.isService) {
+    // A program that is started by hand while the service runs begins in the same way.
+    if (run.isService &&
+        (last == nullptr || !IsAlive(*last, situation) || IsAlive(run, situation))) {
       beforeLast = last;
       last = &run;
     }

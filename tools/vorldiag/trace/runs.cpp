@@ -119,7 +119,7 @@ StopFacts StopOf(const ProcessRun& run) {
                                                           : "close event, from another program";
     } else if (line->function == "CAcAsSvc::Run" && line->level == kErrorLevel &&
                facts.begin == nullptr) {
-      // It then signals its own close event.
+      // The service ends itself then; at some failures it signals its own close event.
       facts.begin = line;
       facts.reason = "its start failed";
     } else if (line->function == "main" && line->text == "Exit") {
