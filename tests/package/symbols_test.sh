@@ -23,7 +23,7 @@ for binary in "$bin"/*.exe "$bin"/*.dll; do
   [ "$(x86_64-w64-mingw32-objdump -h "$binary" | grep -c '\.debug')" -eq 0 ] ||
     fail "$name ships debug information"
 done
-[ "$(packaging/build-id.sh "$bin"/* | cut -d' ' -f1 | sort | uniq -d)" = "" ] ||
+[ "$(packaging/build-id.sh "$bin"/*.exe "$bin"/*.dll | cut -d' ' -f1 | sort | uniq -d)" = "" ] ||
   fail "two binaries have one identifier"
 ! grep -qaF "$PWD" "$symbols"/*.debug || fail "a debug file names the folder it was built in"
 
