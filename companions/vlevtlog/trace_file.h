@@ -36,8 +36,9 @@ class TraceFile {
     return TraceOptionWord(m_inForce.load()->load(std::memory_order_relaxed));
   }
 
-  // Puts a configuration into force that this process has read whole, as far as the file was at
-  // rest. A process that never had one begins no new file and deletes none.
+  // Puts a configuration into force that this process has read whole; of a file that was not at
+  // rest only as TraceOptionWord::Put says. A process that never had one begins no new file and
+  // deletes none.
   void Configure(const TraceOptions& options) noexcept {
     const std::uint64_t word = TraceOptionWord::Of(options);
     TraceOptionWord::Put(m_configured, word);

@@ -80,11 +80,26 @@ TEST(ConfigurationFolderOfTheStatus, SendsToWhatIsWrong) {
   situation.root.problem.clear();
   situation.configuration.problem = "C:\\x\\conf is no folder";
   EXPECT_THAT(Find(CheckFolders(situation), "config-folder").advice,
-              StartsWith("Remove what is in its place"));
+              AllOf(StartsWith("Remove what is in the place of the folder"),
+                    HasSubstr("register another one as ConfigDir")));
 
   situation.configuration.isRegistered = true;
   EXPECT_THAT(Find(CheckFolders(situation), "config-folder").advice,
               StartsWith("Correct the registry value ConfigDir below HKLM\\SOFTWARE\\"));
+}
+
+TEST(UpdateOfTheStatus, IsNotSaidToBeNoneWhereNobodyMayLook) {
+  Situation situation;
+  situation.root.path = L"C:\\program";
+  DWORD error = ERROR_ACCESS_DENIED;
+  const CallPatch<struct FindTag, HANDLE WINAPI(LPCWSTR, LPWIN32_FIND_DATAW)> patch(
+      "KERNEL32.dll", "FindFirstFileW", [&](LPCWSTR, LPWIN32_FIND_DATAW) {
+        SetLastError(error);
+        return INVALID_HANDLE_VALUE;
+      });
+  EXPECT_EQ(Find(CheckFolders(situation), "update").verdict, Verdict::kWarning);
+  error = ERROR_PATH_NOT_FOUND;
+  EXPECT_EQ(Find(CheckFolders(situation), "update").value, "none waits");
 }
 
 }  // namespace

@@ -176,7 +176,10 @@ void CheckConfiguration(const Situation& situation, Section& section) {
   if (!configuration.problem.empty() && configuration.problem == situation.root.problem) {
     advice = "Mend the installation folder above first";
   } else if (!configuration.isRegistered) {
-    advice = "Remove what is in its place";
+    advice =
+        "Remove what is in the place of the folder, or register another one as ConfigDir "
+        "below " +
+        InstallationKeyText();
   }
   advice += ": without it there is no identifier, and the service stops at once.";
   const bool isMissing = configuration.problem.empty() && !IsFolder(configuration.path.c_str());
@@ -251,10 +254,14 @@ void CheckSpace(const Situation& situation, Section& section) {
   }
 }
 
-// Whether a folder has anything in it.
-bool HasEntries(const std::wstring& folder) {
+// Whether a folder has anything in it. `error`: why that cannot be told, else ERROR_SUCCESS.
+bool HasEntries(const std::wstring& folder, DWORD& error) {
   WIN32_FIND_DATAW found{};
   const FindHandle search(FindFirstFileW((folder + L"\\*").c_str(), &found));
+  error = search ? ERROR_SUCCESS : GetLastError();
+  if (error == ERROR_FILE_NOT_FOUND || error == ERROR_PATH_NOT_FOUND) {
+    error = ERROR_SUCCESS;
+  }
   while (search) {
     const std::wstring_view name = found.cFileName;
     if (name != L"." && name != L"..") {
@@ -273,16 +280,20 @@ void CheckUpdate(const Situation& situation, Section& section) {
   }
   const std::wstring work = situation.root.path + L"\\update.work";
   const std::wstring pending = situation.root.path + L"\\pending";
+  DWORD error = ERROR_SUCCESS;
   if (Exists(work + L"\\journal")) {
     section.Warn(
         "update", "Update", "not complete: " + Utf8(work) + "\\journal is there",
         "Leave update.work alone and start the service: it completes the update, or gives "
         "the former files back. Only when the trace then says \"Journal cannot be read\" "
         "compare update.work\\backup with the installation by hand and delete update.work.");
-  } else if (HasEntries(pending)) {
+  } else if (HasEntries(pending, error)) {
     section.Warn("update", "Update", "files wait in " + Utf8(pending),
                  "The next start of the service puts them in place. When they are still there "
                  "afterwards, its error lines say why: vorldiag trace --level error");
+  } else if (error != ERROR_SUCCESS) {
+    section.Warn("update", "Update", Utf8(pending) + ": " + ErrorText(error),
+                 "Run vorldiag from an elevated prompt.");
   } else {
     section.Ok("update", "Update", "none waits");
   }
