@@ -1,6 +1,7 @@
 // Every call that fails in the helper process and in the diagnosis tool.
 #include <gmock/gmock.h>
 
+#include <atomic>
 #include <cstdint>
 #include <cstring>
 #include <iterator>
@@ -23,6 +24,9 @@
 #include "tools/vorldiag/machine/rights.h"
 #include "tools/vorldiag/machine/service.h"
 #include "tools/vorldiag/machine/sharedfile.h"
+
+// The helper's main, under the name that the tests' build gives it.
+int HelperMain(int argc, char** argv);
 
 namespace {
 
@@ -88,6 +92,56 @@ TEST(HelperFaults, ConsoleStop) {
     });
     EXPECT_EQ(isHeard, !(run.IsFaultIn({"CreateEventW"}) ||
                          (run.IsFaultIn({"SetConsoleCtrlHandler"}) && run.FaultNumber() == 1)));
+  });
+}
+
+// The whole program, from its arguments to its end after one notification. A client that is refused
+// comes again.
+TEST(HelperFaults, Main) {
+  const TempFolder folder;
+  const std::string file = folder.File("output");
+  const HANDLE former = GetStdHandle(STD_OUTPUT_HANDLE);
+  SweepFaults("vorlhelper", [&](FaultRun& run) {
+    const FileHandle output(CreateFileA(file.c_str(), GENERIC_WRITE, FILE_SHARE_READ, nullptr,
+                                        CREATE_ALWAYS, 0, nullptr));
+    SetStdHandle(STD_OUTPUT_HANDLE, output.Get());
+    std::string arguments[] = {"vorlhelper", "--pipe", PipeName(), "--count", "1"};
+    char* argv[] = {arguments[0].data(), arguments[1].data(), arguments[2].data(),
+                    arguments[3].data(), arguments[4].data(), nullptr};
+    std::atomic<bool> isOver = false;
+    const KernelHandle begun(CreateEventW(nullptr, TRUE, FALSE, nullptr));
+    std::thread client([&] {
+      const UnheardCalls unheard;
+      SetEvent(begun.Get());
+      while (!isOver) {
+        SendRequest();
+        std::this_thread::yield();
+      }
+    });
+    WaitForSingleObject(begun.Get(), INFINITE);
+    int status = -1;
+    run.Call([&] { status = HelperMain(5, argv); });
+    isOver = true;
+    client.join();
+    SetStdHandle(STD_OUTPUT_HANDLE, former);
+
+    const ByteVector bytes = ReadBytes(file);
+    const std::string text(bytes.begin(), bytes.end());
+    if (run.IsFaultIn({"ConvertStringSecurityDescriptorToSecurityDescriptorW", "CreateEventW",
+                       "CreateNamedPipeA"}) ||
+        (run.IsFaultIn({"SetConsoleCtrlHandler"}) && run.FaultNumber() == 1)) {
+      EXPECT_EQ(status, 1);
+      EXPECT_EQ(text, "");
+    } else if (run.IsFaultIn({"ConnectNamedPipe"})) {
+      EXPECT_EQ(text.find("waiting for notifications\r\n"), 0U) << text;
+    } else if (!run.IsFaultIn({"GetStdHandle", "WriteFile", "WideCharToMultiByte"})) {
+      EXPECT_EQ(status, 0);
+      EXPECT_EQ(text,
+                "waiting for notifications\r\n"
+                "\"\": unknown action (action 0, flag 0)\r\n");
+    } else {
+      EXPECT_EQ(status, 0);
+    }
   });
 }
 

@@ -282,6 +282,7 @@ constexpr CallFacts kFunctions[] = {
     Zero("GetConsoleMode"),
     Zero("SetConsoleCtrlHandler"),
     Zero("GetStdHandle"),
+    Zero("SetStdHandle"),
     Treated("Sleep", Treatment::kSleep),
     Treated("GetTickCount", Treatment::kClock),
     Treated("GetTickCount64", Treatment::kClock),
