@@ -11,7 +11,8 @@
 // null-terminated in its field.
 constexpr std::size_t kCachePayloadSize = 173;
 
-// `folder`: with a trailing backslash, or empty for the current folder.
+// `folder`: what stands in front of the file's name: a folder with a trailing backslash, or nothing
+// for the current one. The file is written in its place; a failure may leave a part of it.
 bool WriteCache(const std::string& folder, const RawParameters& parameters,
                 FingerprintStatus& lastError);
 

@@ -381,8 +381,8 @@ std::string Joined(const std::vector<std::string>& lines) {
   return text;
 }
 
-// Each command writes several files full; none of them is deleted. Where there is no console,
-// nobody can press Ctrl+C: the follower is ended with its object.
+// Each command writes several files full; none of them is deleted. The follower is ended with its
+// object.
 TEST_F(Diagnosis, FollowsTheTraceOverItsFiles) {
   WriteConfiguration("[TRACE]\r\nFileSizeKB=4\r\nFiles=1000\r\n");
   installation.Run("-stop");  // stores the identifier in the same file

@@ -5,8 +5,8 @@
 StartedProcess StartProcess(const std::wstring& commandLine, const StartOptions& options) {
   STARTUPINFOW startup{};
   startup.cb = sizeof(startup);
-  const bool hasOutput = options.output != nullptr || options.errors != nullptr;
-  if (hasOutput) {
+  const bool hasOwnOutput = options.output != nullptr || options.errors != nullptr;
+  if (hasOwnOutput || !options.hasOutput) {
     startup.dwFlags = STARTF_USESTDHANDLES;
     startup.hStdOutput = options.output;
     startup.hStdError = options.errors;
@@ -14,8 +14,8 @@ StartedProcess StartProcess(const std::wstring& commandLine, const StartOptions&
   // Is changed while the process is made.
   std::wstring buffer = commandLine;
   PROCESS_INFORMATION process{};
-  if (!CreateProcessW(nullptr, buffer.data(), nullptr, nullptr, hasOutput, options.flags, nullptr,
-                      nullptr, &startup, &process)) {
+  if (!CreateProcessW(nullptr, buffer.data(), nullptr, nullptr, hasOwnOutput, options.flags,
+                      nullptr, nullptr, &startup, &process)) {
     const DWORD error = GetLastError();
     ADD_FAILURE() << "error " << error << " at the start of "
                   << testing::PrintToString(commandLine);

@@ -16,6 +16,8 @@ struct StartOptions {
   // Inheritable handles; null: those of the test program.
   HANDLE output = nullptr;
   HANDLE errors = nullptr;
+  // false: it has no standard handles at all.
+  bool hasOutput = true;
 };
 
 // Starts a program. When that fails, so does the test, with the command line and the error.

@@ -323,9 +323,8 @@ int Run(Output& output, Output& errors) {
     std::ostringstream out;
     std::ostringstream problem;
     const int result = app.exit(error, out, problem);
-    output.Write(out.str());
     errors.Write(problem.str());
-    return result == 0 ? kExitOk : kExitNotDone;
+    return output.Write(out.str()) && result == 0 ? kExitOk : kExitNotDone;
   }
   options.filter.level = LevelOf(options.level);
   if (!options.level.empty() && options.filter.level == 0) {
@@ -346,6 +345,10 @@ int main() {
     exitCode = Run(output, errors);
   } catch (const std::exception& error) {
     errors.Write(std::string("vorldiag: ") + error.what() + "\n");
+  }
+  // Who has stopped reading knows it.
+  if (output.Error() != ERROR_SUCCESS && !output.IsAbandoned()) {
+    errors.Write("vorldiag: the output cannot be written: " + ErrorText(output.Error()) + "\n");
   }
   // At once: a thread may still be waiting for WMI.
   std::_Exit(exitCode);

@@ -1,5 +1,5 @@
-// Where the output goes: characters and colours to a console, bytes to anything else. Wine has no
-// console here, so that Windows' console functions are played.
+// Where the output goes: characters and colours to a console, bytes to anything else. Windows'
+// console functions are played, so that they can fail and show what they are given.
 #include "tools/vorldiag/text/output.h"
 
 #include <gmock/gmock.h>
@@ -141,12 +141,45 @@ TEST(OutputWithoutAConsole, IsUtf8WithoutColours) {
   EXPECT_EQ(std::string(bytes.begin(), bytes.end()), "J\xC3\xBCrgen\r\n");
 }
 
+TEST(OutputWithoutAConsole, SaysOnceWhyItCannotBeWritten) {
+  const FileHandle file(CreateFileW(L"NUL", GENERIC_WRITE, 0, nullptr, OPEN_EXISTING, 0, nullptr));
+  DWORD error = ERROR_DISK_FULL;
+  CallPatch<struct FullTag, HANDLE WINAPI(DWORD)> getHandle("kernel32.dll", "GetStdHandle",
+                                                            [&](DWORD) { return file.Get(); });
+  CallPatch<struct FailTag, BOOL WINAPI(HANDLE, const void*, DWORD, DWORD*, OVERLAPPED*)> write(
+      "kernel32.dll", "WriteFile", [&](HANDLE, const void*, DWORD, DWORD* written, OVERLAPPED*) {
+        *written = 0;
+        SetLastError(error);
+        return error == ERROR_SUCCESS;
+      });
+  Output full(STD_OUTPUT_HANDLE);
+  EXPECT_EQ(full.Error(), DWORD{ERROR_SUCCESS});
+  EXPECT_FALSE(full.Write("x"));
+  error = ERROR_NO_DATA;
+  EXPECT_FALSE(full.Write("x"));
+  EXPECT_EQ(full.Error(), DWORD{ERROR_DISK_FULL});
+  EXPECT_FALSE(full.IsAbandoned());
+  Output abandoned(STD_OUTPUT_HANDLE);
+  EXPECT_FALSE(abandoned.IsAbandoned());
+  EXPECT_FALSE(abandoned.Write("x"));
+  EXPECT_TRUE(abandoned.IsAbandoned());
+  error = ERROR_SUCCESS;
+  Output stuck(STD_OUTPUT_HANDLE);
+  EXPECT_FALSE(stuck.Write("x"));
+  EXPECT_EQ(stuck.Error(), DWORD{ERROR_WRITE_FAULT});
+}
+
 // As a service or a scheduled task may be started.
 TEST(OutputWithoutAConsole, MayBeNowhereAtAll) {
-  CallPatch<struct NoneTag, HANDLE WINAPI(DWORD)> getHandle(
-      "kernel32.dll", "GetStdHandle", [](DWORD) -> HANDLE { return nullptr; });
-  Output output(STD_OUTPUT_HANDLE);
-  EXPECT_TRUE(output.Write("x"));
+  const HANDLE closed = reinterpret_cast<HANDLE>(std::uintptr_t{0x7777778});
+  for (const HANDLE handle : {HANDLE{nullptr}, INVALID_HANDLE_VALUE, closed}) {
+    CallPatch<struct NoneTag, HANDLE WINAPI(DWORD)> getHandle("kernel32.dll", "GetStdHandle",
+                                                              [&](DWORD) { return handle; });
+    Output output(STD_OUTPUT_HANDLE);
+    EXPECT_TRUE(output.Write("x"));
+    EXPECT_EQ(output.Error(), DWORD{ERROR_SUCCESS});
+    EXPECT_FALSE(output.IsAbandoned());
+  }
 }
 
 }  // namespace

@@ -1,5 +1,6 @@
 #include "tools/vorldiag/identity/cachereport.h"
 
+#include <cerrno>
 #include <cstring>
 #include <iterator>
 
@@ -35,6 +36,42 @@ bool HasHardware(const Hardware& hardware, Section& section) {
   return false;
 }
 
+// What an error number of the C runtime says of a file.
+std::string ReasonOf(int error) {
+  switch (error) {
+    case ENOENT:
+      return "it is not there";
+    case EACCES:
+      return "no right to it, or another program holds it";
+    case ENOSPC:
+      return "the disk is full";
+    case EPERM:
+      return "it is damaged, or no such file";
+    default:
+      return "errno " + std::to_string(error);
+  }
+}
+
+// Puts the file in its place in the current folder when it is whole; until then, and when that
+// fails, one that is there stays. Empty, or why it could not be done.
+std::string WriteBeside(const Hardware& hardware) {
+  constexpr wchar_t part[] = L"new.hwcdata.dat";
+  FingerprintStatus failure{1, 1};
+  // Not written through: whatever has that name, a link perhaps, goes.
+  DeleteFileW(part);
+  std::string problem;
+  if (!WriteCache("new.", hardware.raw, failure)) {
+    problem = ReasonOf(failure.ErrorCode);
+  } else if (!MoveFileExW(part, L"hwcdata.dat",
+                          MOVEFILE_REPLACE_EXISTING | MOVEFILE_WRITE_THROUGH)) {
+    problem = ErrorText(GetLastError());
+  }
+  if (!problem.empty()) {
+    DeleteFileW(part);
+  }
+  return problem;
+}
+
 std::string FieldAt(const unsigned char* payload, std::size_t offset, std::size_t size) {
   const auto* const text = reinterpret_cast<const char*>(payload + offset);
   return Utf8FromAnsi({text, strnlen(text, size)});
@@ -58,14 +95,14 @@ Report WriteCacheReport(const Hardware& hardware, const std::wstring& folder) {
   Report report{"cache", {}};
   Section section{"cache", "Hardware cache file", {}};
   if (HasHardware(hardware, section) && Enter(folder, section)) {
-    FingerprintStatus failure{1, 1};
     const std::string path = Utf8(folder) + "\\hwcdata.dat";
-    if (WriteCache("", hardware.raw, failure)) {
+    const std::string problem = WriteBeside(hardware);
+    if (problem.empty()) {
       section.Ok("cache-file", "Cache file", path + " is written");
     } else {
-      section.Fail("cache-file", "Cache file",
-                   path + " cannot be written (errno " + std::to_string(failure.ErrorCode) + ")",
-                   "13: no right to, or another program holds it. 28: the disk is full.");
+      section.Fail("cache-file", "Cache file", path + " cannot be written: " + problem,
+                   "What was there before is unchanged. Mend that, or name another folder: "
+                   "--folder FOLDER");
     }
   }
   report.sections.push_back(std::move(section));
@@ -98,10 +135,12 @@ Report CheckCacheReport(const Hardware& hardware, const std::wstring& folder) {
       section.Fail("cache-file", "Cache file", path + " is not there",
                    "Write it while the hardware is as it should be: vorldiag cache write");
     } else {
-      section.Fail(
-          "cache-file", "Cache file",
-          path + " cannot be used (errno " + std::to_string(failure.ErrorCode) + ")",
-          "13: another program holds it. 1: it is damaged or no such file: write it anew.");
+      section.Fail("cache-file", "Cache file",
+                   path + " cannot be used: " + ReasonOf(failure.ErrorCode),
+                   failure.ErrorCode == EPERM
+                       ? "Write it anew: vorldiag cache write"
+                       : "Run vorldiag from an elevated prompt; when that does not help, another "
+                         "program keeps the file for itself.");
     }
   }
   report.sections.push_back(std::move(section));

@@ -11,12 +11,19 @@ enum class Colour { kPlain, kGreen, kYellow, kRed, kGrey };
 
 class Output {
  public:
-  // STD_OUTPUT_HANDLE or STD_ERROR_HANDLE. A program that has none may write all the same.
+  // STD_OUTPUT_HANDLE or STD_ERROR_HANDLE. A program that has none, or a closed one, may write all
+  // the same.
   explicit Output(DWORD standardHandle);
 
   // `text`: UTF-8, whole characters, lines ending with "\n". The colour shows on a console only.
   // False when it cannot be written: the disk is full, or nobody reads the pipe any more.
   bool Write(std::string_view text, Colour colour = Colour::kPlain);
+
+  // Whether it is known that nobody takes what is written: the reader of the pipe has gone.
+  bool IsAbandoned() const;
+
+  // Why text could not be written, the first time; ERROR_SUCCESS when all of it was.
+  DWORD Error() const { return m_error; }
 
   bool IsConsole() const { return m_isConsole; }
 
@@ -25,6 +32,7 @@ class Output {
   bool WriteCharacters(const std::string& text, Colour colour);
 
   HANDLE m_handle;
+  DWORD m_error = ERROR_SUCCESS;
   bool m_isConsole = false;
   WORD m_plain = 0;
 };

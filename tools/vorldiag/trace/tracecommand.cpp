@@ -133,7 +133,7 @@ bool FollowTrace(const std::wstring& folder, const TraceFilter& filter, bool isJ
     return true;
   };
   while (watch.Wait(StopEvent())) {
-    if (!writeNew()) {
+    if (!writeNew() || output.IsAbandoned()) {
       return false;
     }
   }

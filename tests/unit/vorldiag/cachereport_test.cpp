@@ -1,0 +1,101 @@
+#include "tools/vorldiag/identity/cachereport.h"
+
+#include <gmock/gmock.h>
+
+#include <cerrno>
+
+#include "tests/support/files.h"
+#include "tests/support/import_patch.h"
+
+namespace fs = std::filesystem;
+using ::testing::EndsWith;
+using ::testing::HasSubstr;
+
+namespace {
+
+class CacheReport : public ::testing::Test {
+ protected:
+  CacheReport() {
+    // What a path in the code page could not name.
+    fs::create_directory(place);
+    Set("A4:BB:6D:11:22:33");
+  }
+  // The folder could not be removed.
+  ~CacheReport() override { fs::current_path(before); }
+
+  void Set(const std::string& address) { hardware.raw.MacAddressList.assign(1, address); }
+  Finding Write() {
+    const Report report = WriteCacheReport(hardware, place.wstring());
+    EXPECT_EQ(report.sections[0].findings.size(), 1U);
+    return report.sections[0].findings[0];
+  }
+  Verdict Check() { return CheckCacheReport(hardware, place.wstring()).Worst(); }
+  std::vector<fs::path> Files() const {
+    std::vector<fs::path> files;
+    for (const auto& entry : fs::directory_iterator(place)) {
+      files.push_back(entry.path().filename());
+    }
+    return files;
+  }
+
+  const fs::path before = fs::current_path();
+  const TempFolder folder;
+  const fs::path place = folder.Path() / L"\u5BA2\u6236";
+  Hardware hardware;
+};
+
+TEST_F(CacheReport, SaysWhatDiffersFromTheFileThatWasWritten) {
+  EXPECT_EQ(Check(), Verdict::kError);
+  EXPECT_THAT(Write().value, EndsWith("\\hwcdata.dat is written"));
+  EXPECT_EQ(Check(), Verdict::kOk);
+  Set("A4:BB:6D:11:22:34");
+  EXPECT_EQ(Check(), Verdict::kWarning);
+  EXPECT_EQ(Write().verdict, Verdict::kOk);
+  EXPECT_EQ(Check(), Verdict::kOk);
+  EXPECT_EQ(Files(), std::vector<fs::path>{"hwcdata.dat"});
+}
+
+TEST_F(CacheReport, OnAFullDiskKeepsTheFileThatIsThere) {
+  EXPECT_EQ(Write().verdict, Verdict::kOk);
+  Set("A4:BB:6D:11:22:34");
+  for (int failAt : {1, 2, 3}) {
+    const CallPatch<struct WriteTag, int(int, const void*, unsigned)> write(
+        "msvcrt.dll", "_write", [&](int file, const void* data, unsigned size) {
+          if (--failAt != 0) {
+            return write.CallOriginal(file, data, size);
+          }
+          errno = ENOSPC;
+          return -1;
+        });
+    const Finding finding = Write();
+    EXPECT_EQ(finding.verdict, Verdict::kError);
+    EXPECT_THAT(finding.value, EndsWith("\\hwcdata.dat cannot be written: the disk is full"));
+    EXPECT_THAT(finding.advice, HasSubstr("--folder FOLDER"));
+    EXPECT_EQ(Files(), std::vector<fs::path>{"hwcdata.dat"});
+  }
+  EXPECT_EQ(Check(), Verdict::kWarning);
+  Set("A4:BB:6D:11:22:33");
+  EXPECT_EQ(Check(), Verdict::kOk);
+}
+
+TEST_F(CacheReport, InOtherHandsIsNeitherReplacedNorDamaged) {
+  EXPECT_EQ(Write().verdict, Verdict::kOk);
+  {
+    const FileHandle holder(CreateFileW((place / "hwcdata.dat").c_str(), GENERIC_READ, 0, nullptr,
+                                        OPEN_EXISTING, 0, nullptr));
+    EXPECT_THAT(Write().value, HasSubstr(" cannot be written: error "));
+    EXPECT_EQ(Check(), Verdict::kError);
+  }
+  EXPECT_EQ(Files(), std::vector<fs::path>{"hwcdata.dat"});
+  EXPECT_EQ(Check(), Verdict::kOk);
+}
+
+TEST_F(CacheReport, SaysThatAFileIsDamaged) {
+  EXPECT_EQ(Write().verdict, Verdict::kOk);
+  fs::resize_file(place / "hwcdata.dat", 100);
+  const Report report = CheckCacheReport(hardware, place.wstring());
+  EXPECT_THAT(report.sections[0].findings[0].value, EndsWith("it is damaged, or no such file"));
+  EXPECT_THAT(report.sections[0].findings[0].advice, HasSubstr("vorldiag cache write"));
+}
+
+}  // namespace
