@@ -20,8 +20,6 @@ struct ExcusedTest {
   const char* reason;
 };
 constexpr ExcusedTest kExcused[] = {
-    {"SupportLibrary.CharactersOutsideTheCodePageAreRefusedWithOneLine",
-     "where the system's code page is UTF-8, there is no such character"},
     {"Wine/OsVersionReported.RealFunctionsAnswerAccordingly/",
      "Windows reports its own version; the same table is run against functions that are replaced"},
 };

@@ -142,6 +142,37 @@ TEST_F(ConfigurationFile, ByteOrderMarkSaysTheEncoding) {
   EXPECT_EQ(Value(L"K"), L"\x4E2D");
 }
 
+// Without a mark it is the machine's code page: bytes that have no character there (1252),
+// characters whose second byte looks like a bracket (932), and what is no UTF-8 (65001).
+TEST_F(ConfigurationFile, WithoutAMarkIsReadInTheCodePage) {
+  UINT codePage = 0;
+  const CallPatch<struct CodePage, decltype(MultiByteToWideChar)> patch(
+      "KERNEL32.dll", "MultiByteToWideChar",
+      [&](UINT asked, DWORD flags, const char* narrow, int length, wchar_t* wide, int size) {
+        EXPECT_EQ(asked, UINT{CP_ACP});
+        return patch.CallOriginal(codePage, flags, narrow, length, wide, size);
+      });
+  struct Case {
+    UINT page;
+    const char* bytes;
+    const wchar_t* value;
+  };
+  const Case cases[] = {
+      {1252, "[S]\nK=\x80\xC4\x96\n", L"\x20AC\x00C4\x2013"},
+      {1252, "[S]\n\x81\x8D=no character\nK=value\n", L"value"},
+      {932, "[S]\n\x83\x5B=\x83\x5D\nK=\x83\x5B[\x83\x5D]\n", L"\x30BC[\x30BE]"},
+      {932, "[\x83\x5D]\nK=no\n[S]\nK=value\n", L"value"},
+      {CP_UTF8, "[S]\nK=\xC3\x84\xE4\xB8\xAD\n", L"\x00C4\x4E2D"},
+      {CP_UTF8, "[S]\n\xC4pfel=no UTF-8\nK=value\n", L"value"},
+  };
+  for (const Case& test : cases) {
+    codePage = test.page;
+    Write(test.bytes);
+    ASSERT_EQ(Read(), IniRead::kDone) << test.bytes;
+    EXPECT_EQ(Value(L"K"), test.value) << test.bytes;
+  }
+}
+
 TEST_F(ConfigurationFile, OddByteAtTheEndOfUtf16IsLeftOut) {
   Write(std::string("\xFF\xFE[\0S\0]\0\n\0K\0=\0v\0\n", 17));
   ASSERT_EQ(Read(), IniRead::kDone);
