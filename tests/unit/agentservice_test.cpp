@@ -45,11 +45,13 @@ class RegisteredService : public ::testing::Test {
     }
     *config = {};
     config->lpBinaryPathName = m_command.data();
-    config->dwStartType = service == Handle(3) ? m_managementStart : DWORD{SERVICE_AUTO_START};
+    config->dwStartType = service == Handle(3) ? m_managementStart : m_start;
     return TRUE;
   }
 
   std::wstring m_command = L"\"" + kFolder + L"\\vorlsrvc.exe\"";
+  DWORD m_start = SERVICE_AUTO_START;
+  DWORD m_state = SERVICE_STOPPED;
   bool m_hasManagementService = true;
   DWORD m_managementStart = SERVICE_AUTO_START;
   DWORD m_securityError = ERROR_SUCCESS;
@@ -74,8 +76,10 @@ class RegisteredService : public ::testing::Test {
       }};
   CallPatch<struct StatusTag, decltype(QueryServiceStatusEx)> m_status{
       "ADVAPI32.dll", "QueryServiceStatusEx",
-      [](SC_HANDLE, SC_STATUS_TYPE, LPBYTE status, DWORD, LPDWORD) {
-        reinterpret_cast<SERVICE_STATUS_PROCESS*>(status)->dwCurrentState = SERVICE_STOPPED;
+      [this](SC_HANDLE, SC_STATUS_TYPE, LPBYTE status, DWORD, LPDWORD) {
+        auto* const record = reinterpret_cast<SERVICE_STATUS_PROCESS*>(status);
+        record->dwCurrentState = m_state;
+        record->dwProcessId = 4712;
         return TRUE;
       }};
   CallPatch<struct EventKeyTag, decltype(RegOpenKeyExW)> m_eventKey{
@@ -109,6 +113,28 @@ class RegisteredService : public ::testing::Test {
         return TRUE;
       }};
 };
+
+TEST_F(RegisteredService, IsReadAsItIs) {
+  ServiceState state = ReadServiceState();
+  EXPECT_TRUE(state.isRegistered);
+  EXPECT_EQ(state.command, m_command);
+  EXPECT_FALSE(state.isDisabled);
+  EXPECT_FALSE(state.isRunning);
+  EXPECT_EQ(state.processId, 0U);
+  m_start = SERVICE_DISABLED;
+  m_state = SERVICE_STOP_PENDING;
+  state = ReadServiceState();
+  EXPECT_TRUE(state.isDisabled);
+  EXPECT_TRUE(state.isRunning);
+  EXPECT_EQ(state.processId, 4712U);
+}
+
+// There is no such program here, so a start would fail.
+TEST_F(RegisteredService, ThatIsDisabledIsLeftSo) {
+  EXPECT_FALSE(StartAgentService(kFolder, SetupLog(0)));
+  m_start = SERVICE_DISABLED;
+  EXPECT_TRUE(StartAgentService(kFolder, SetupLog(0)));
+}
 
 TEST_F(RegisteredService, TakesTheRightToSendUserControlsFromUsersAndServices) {
   EXPECT_TRUE(RegisterAgentService(kFolder, SetupLog(0)));
