@@ -12,7 +12,8 @@ cmake/wine-server.sh start </dev/null >/dev/null 2>&1
 
 tree=build/mingw-coverage
 cmake --preset mingw-coverage >/dev/null
-cmake --build --preset mingw-coverage | { grep -v '^\[' || true; }
+cmake --build --preset mingw-coverage --target installation unit_test_programs e2e_test_programs |
+  { grep -v '^\[' || true; }
 find "$tree" -name '*.gcda' -delete
 
 # What looks at binaries as they ship has nothing to see here.

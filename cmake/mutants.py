@@ -1,12 +1,13 @@
 #!/usr/bin/env python3
 """mutants.py [COUNT [SEED]]: changes the product in COUNT places (120), one at a time, and says which
-change no unit test notices.
+change no test notices.
 
-Works on a copy of the sources in build/mutants, with a Wine of its own. A change
-of one operator, constant, result or statement is drawn from every folder in turn; it is built, and
-the test programs that have come out otherwise are run. A change that leaves every program as it was,
-or that does not compile, is drawn again. What is known to change nothing visible stands in
-tests/equivalent_mutants.txt, with the reason.
+Works on a copy of the sources in build/mutants, with a Wine of its own. A change of one operator,
+constant, result or statement is drawn from every folder in turn. The unit's own tests (of a header
+without any: those of some users) are built and run, then the other unit tests whose programs have
+come out otherwise, then those that run the staged programs, until one fails. A change that leaves
+every program as it was, or that does not compile, is drawn again. What is known to change nothing
+visible stands in tests/equivalent_mutants.txt, with the reason.
 
 Ends with 0 when nothing else stays unnoticed. The results are in build/mutants/results.json.
 """
@@ -17,6 +18,7 @@ import pathlib
 import random
 import re
 import shutil
+import signal
 import subprocess
 import sys
 
@@ -24,10 +26,20 @@ ROOT = pathlib.Path(__file__).resolve().parent.parent
 WORK = ROOT / "build" / "mutants"
 COPY = WORK / "sources"
 TREE = COPY / "build" / "mingw-release"
+# The tree as it is without any change: what a change has made anew is taken from there again.
+CLEAN = WORK / "clean"
 FOLDERS = ("app", "service", "agent", "identity", "support", "companions", "modules", "tools", "samples")
 KNOWN = ROOT / "tests" / "equivalent_mutants.txt"
-# Seconds a test may take before its program's watchdog ends it.
-LIMIT = "60"
+# Seconds a test may take before its program's watchdog ends it, and an entry of CTest in all.
+LIMIT = "120"
+ENTRY_LIMIT = "600"
+CORES = str(len(os.sched_getaffinity(0)))
+TARGETS = ("installation", "unit_test_programs")
+# What else runs the staged modules, and the staged programs. The helper's own test runs it.
+MODULE_TESTS = ("library_load_test", "libraries_faults_test", "death_test")
+SERVICE_TESTS = ("service_e2e_test",)
+DIAGNOSIS_TESTS = ("vorldiag_trace", "vorldiag_schema", "vorldiag_report", "vorldiag_bundle",
+                   "vorldiag_e2e_test")
 
 # (name, what is looked for outside of texts and comments, what takes its place)
 OPERATORS = (
@@ -87,8 +99,27 @@ def run(command, **options):
                           stderr=subprocess.STDOUT, text=True, errors="replace", **options)
 
 
-def build():
-    return run(["cmake", "--build", TREE, "--target", "installation", "unit_test_programs"])
+def build(targets, **options):
+    return run(["cmake", "--build", TREE, "-j", CORES, "--target", *targets], **options)
+
+
+def files_of(tree):
+    """Relative path to time of every file of a build tree."""
+    found = {}
+    for folder, _, names in os.walk(tree):
+        for name in names:
+            file = os.path.join(folder, name)
+            found[os.path.relpath(file, tree)] = os.stat(file).st_mtime_ns
+    return found
+
+
+def copy_changed(source, target):
+    """Makes every file of one build tree in the other what it is here, its time included."""
+    there = files_of(target)
+    for name, time in files_of(source).items():
+        if there.get(name) != time and not name.startswith("Testing"):
+            (target / name).parent.mkdir(parents=True, exist_ok=True)
+            shutil.copy2(source / name, target / name)
 
 
 def wine(command):
@@ -99,51 +130,98 @@ def wine(command):
 
 def programs():
     """Name to checksum of every program and module that tests run."""
-    files = [*TREE.glob("tests/unit/*.exe"), *TREE.glob("tests/faults/*.exe"), *TREE.glob("bin/*.dll"),
-             *TREE.glob("bin/*.exe"), *TREE.glob("tests/unit/*/*.dll")]
+    files = [*TREE.glob("tests/unit/*.exe"), *TREE.glob("bin/*.dll"), *TREE.glob("bin/*.exe"),
+             *TREE.glob("tests/unit/*/*.dll")]
     return {str(file.relative_to(TREE)): hashlib.sha256(file.read_bytes()).hexdigest() for file in files}
 
 
-def tests_of(changed, entries):
-    """The entries of CTest that run what has changed."""
+def own_tests(path, entries):
+    """The unit tests that are named for a source file; for a header without any, those of its users."""
+    def named_for(stems):
+        return sorted(name for name, label in entries.items() if label == "unit" and
+                      any(f"_{stem}_" in f"_{name}_" for stem in stems))
+
+    named = named_for([path.stem])
+    if named or path.suffix != ".h":
+        return named
+    # All that includes it is built only when none of a few has noticed anything.
+    included = f'#include "{path.relative_to(COPY)}"'
+    users = [source.stem for folder in FOLDERS for source in sorted((COPY / folder).rglob("*.cpp"))
+             if included in source.read_text()]
+    return named_for(users)[:5]
+
+
+def other_tests(folders, changed, entries):
+    """The entries of CTest that run what has changed, as groups: who is asked first stands first."""
     names = set()
     for file in changed:
         stem = pathlib.Path(file).stem
-        names |= {entry for entry in entries if entry == stem or
-                  entry.startswith((stem + "_", stem.split("_victim")[0] + "_"))}
-    return sorted(names)
+        # The diagnosis tool knows the checksums of what is built with it, so it changes with everything.
+        if stem != "vorldiag":
+            names |= {entry for entry in entries if entry == stem or
+                      entry.startswith((stem + "_", stem.split("_victim")[0] + "_"))}
+        if file.startswith("bin/") and file.endswith(".dll"):
+            names |= set(MODULE_TESTS)
+    names = {name for name in names if entries.get(name) == "unit"}
+    staged = SERVICE_TESTS
+    if folders[0] in ("tools", "samples"):
+        staged = DIAGNOSIS_TESTS if "vorldiag" in folders else ()
+    return [sorted(names), [name for name in staged if name in entries]]
+
+
+def fails(tests):
+    """Whether one of these entries fails."""
+    environment = dict(os.environ, VORL_TEST_LIMIT_SECONDS=LIMIT)
+    result = run(["ctest", "--test-dir", TREE, "-j", CORES, "--stop-on-failure", "--timeout", ENTRY_LIMIT, "-R",
+                  "^(" + "|".join(tests) + ")$"], env=environment)
+    return result.returncode != 0, re.findall(r"^\s*\d+ - (\S+) \(", result.stdout, re.M)
 
 
 def judge(path, place, before, entries):
-    """What becomes of one change: "noticed", "unnoticed", or None where it is none."""
+    """What becomes of one change, and who notices it: "noticed", "unnoticed", or None where it is none."""
     number, _, new = place
     original = path.read_text()
+    time = path.stat().st_mtime_ns
     lines = original.split("\n")
     lines[number] = new
+    # What is built here is built once.
+    environment = dict(os.environ, CCACHE_READONLY="1")
     try:
         path.write_text("\n".join(lines))
-        if build().returncode != 0:
+        own = own_tests(path, entries)
+        if own:
+            if build(own, env=environment).returncode != 0:
+                return None, []
+            if programs() != before:
+                failed, names = fails(own)
+                if failed:
+                    return "noticed", names
+        if build(TARGETS, env=environment).returncode != 0:
             return None, []
         after = programs()
         changed = [file for file, checksum in after.items() if before.get(file) != checksum]
         if not changed:
             return None, []
-        tests = tests_of(changed, entries)
-        if not tests:
-            return "unnoticed", tests
-        environment = dict(os.environ, VORL_TEST_LIMIT_SECONDS=LIMIT)
-        result = run(["ctest", "--test-dir", TREE, "-j", str(os.cpu_count()), "--stop-on-failure", "-R",
-                      "^(" + "|".join(tests) + ")$"], env=environment)
-        return ("unnoticed" if result.returncode == 0 else "noticed"), tests
+        for tests in other_tests(path.relative_to(COPY).parts, changed, entries):
+            # Those have been run.
+            tests = [name for name in tests if name not in own]
+            failed, names = fails(tests) if tests else (False, [])
+            if failed:
+                return "noticed", names
+        return "unnoticed", []
     finally:
         path.write_text(original)
+        os.utime(path, ns=(time, time))
+        copy_changed(CLEAN, TREE)
 
 
 def main():
     count = int(sys.argv[1]) if len(sys.argv) > 1 else 120
     seed = int(sys.argv[2]) if len(sys.argv) > 2 else random.SystemRandom().randrange(100000)
     draw = random.Random(seed)
-    print(f"seed {seed}")
+    print(f"seed {seed}", flush=True)
+    # Whoever ends it finds the sources as they were, too.
+    signal.signal(signal.SIGTERM, lambda *_: sys.exit(1))
 
     known = {line.split(" # ")[0].strip() for line in KNOWN.read_text().splitlines()
              if line.strip() and not line.startswith("#")}
@@ -154,14 +232,20 @@ def main():
         if (ROOT / name).is_file() and (
                 not target.is_file() or target.read_bytes() != (ROOT / name).read_bytes()):
             target.parent.mkdir(parents=True, exist_ok=True)
-            shutil.copy2(ROOT / name, target)
+            # Written now, so that it is also built anew where a run has ended in the middle.
+            shutil.copyfile(ROOT / name, target)
+            shutil.copymode(ROOT / name, target)
     run(["cmake", "--preset", "mingw-release"], check=True)
-    built = build()
+    built = build([*TARGETS, "e2e_test_programs"])
     if built.returncode != 0:
         sys.exit(built.stdout[-3000:])
     before = programs()
+    copy_changed(TREE, CLEAN)
     wine("start")
-    entries = re.findall(r"Test +#\d+: (\S+)", run(["ctest", "--test-dir", TREE, "-N", "-L", "unit"]).stdout)
+    entries = {}
+    for label in ("e2e", "unit"):
+        listed = run(["ctest", "--test-dir", TREE, "-N", "-L", label]).stdout
+        entries |= dict.fromkeys(re.findall(r"Test +#\d+: (\S+)", listed), label)
 
     rooms = {}
     for folder in FOLDERS:
@@ -180,14 +264,20 @@ def main():
             outcome, tests = judge(path, place, before, entries)
             if outcome is None:
                 continue
+            if any(entries[name] != "unit" for name in tests):
+                # No process and no service that this change has left behind is there for the next one.
+                wine("stop")
+                wine("start")
             change = f"{name}: {place[1]}: {place[2].strip()}"
             if outcome == "unnoticed" and change in known:
                 outcome = "equivalent"
             results.append({"file": name, "line": place[0] + 1, "operator": place[1], "new": place[2].strip(),
                             "outcome": outcome, "tests": tests})
-            if outcome != "noticed":
-                print(f"{outcome} {name}:{place[0] + 1}: {place[1]}: {place[2].strip()}", flush=True)
-    build()
+            print(f"{len(results)} {outcome} {name}:{place[0] + 1}: {place[1]}: {place[2].strip()} {' '.join(tests)}",
+                  flush=True)
+    # Who fails without any change has noticed nothing.
+    noticed_by = sorted({name for result in results for name in result["tests"]})
+    failed, names = fails(noticed_by) if noticed_by else (False, [])
     wine("stop")
 
     (WORK / "results.json").write_text(json.dumps({"seed": seed, "results": results}, indent=1))
@@ -195,7 +285,9 @@ def main():
              for outcome in ("noticed", "equivalent", "unnoticed")}
     print(f"mutants {len(results)}, noticed {total['noticed']}, equivalent {total['equivalent']}, "
           f"unnoticed {total['unnoticed']}")
-    return 1 if total["unnoticed"] else 0
+    if failed:
+        print("without any change fails: " + " ".join(names))
+    return 1 if total["unnoticed"] or failed else 0
 
 
 if __name__ == "__main__":
