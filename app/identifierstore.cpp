@@ -9,7 +9,6 @@
 namespace {
 
 constexpr wchar_t kConfigurationFile[] = L"\\vorlconf.ini";
-constexpr wchar_t kSection[] = L"ADMIN_CONSOLE_CLIENT_AGENT_SECTION";
 constexpr wchar_t kIdentifierKey[] = L"clientuniqueid";
 
 constexpr wchar_t kLockExtension[] = L".lck";
@@ -56,21 +55,48 @@ class ConfigurationLock {
   FileHandle m_file;
 };
 
-// Reads the file in one piece. Unlike the profile functions, which answer with "no value" to every
-// failure, this tells a key that is missing from a file that cannot be read.
-StoredIdentifier ReadWholeFile(const wchar_t* path) {
+bool HasIdentifier(const IniFile& file) noexcept {
+  wchar_t beginning[2];
+  return file.Value(kIdentifierSection, kIdentifierKey, beginning, 2) != 0;
+}
+
+StoredIdentifier Unreadable(DWORD error) noexcept {
   StoredIdentifier found;
-  IniFile file;
-  const IniRead outcome = file.ReadPatiently(path);
+  found.state = StoredIdentifierState::kUnreadable;
+  found.error = error;
+  return found;
+}
+
+// What a file that was read with `outcome` holds.
+StoredIdentifier IdentifierIn(const IniFile& file, IniRead outcome, const wchar_t* path) {
+  StoredIdentifier found;
   if (outcome == IniRead::kDone) {
-    if (file.Value(kSection, kIdentifierKey, found.text, kStoredIdentifierSize) != 0) {
+    if (file.Value(kIdentifierSection, kIdentifierKey, found.text, kStoredIdentifierSize) != 0) {
       found.state = StoredIdentifierState::kPresent;
     }
   } else if (outcome != IniRead::kMissing && !IsFolder(path)) {
-    found.state = StoredIdentifierState::kUnreadable;
-    found.error = file.Error();
+    return Unreadable(file.Error());
   }
   return found;
+}
+
+// Reads the file in one piece. Unlike the profile functions, which answer with "no value" to every
+// failure, this tells a key that is missing from a file that cannot be read.
+StoredIdentifier ReadWholeFile(const wchar_t* path) {
+  IniFile file;
+  return IdentifierIn(file, file.ReadPatiently(path), path);
+}
+
+// The same, and the identifier is missing only when its place will stay empty: not in the first
+// half of a file whose second half is yet to come.
+StoredIdentifier ReadFileAtRest(const wchar_t* path, DWORD pausesWhileMissing) {
+  IniFile file;
+  const IniRead outcome = file.ReadPatiently(path, pausesWhileMissing, &HasIdentifier);
+  const StoredIdentifier found = IdentifierIn(file, outcome, path);
+  return outcome == IniRead::kDone && found.state == StoredIdentifierState::kMissing &&
+                 file.WasJustWritten(kIniRestMilliseconds)
+             ? Unreadable(ERROR_SHARING_VIOLATION)
+             : found;
 }
 
 }  // namespace
@@ -83,8 +109,8 @@ bool GetConfigurationFile(wchar_t (&path)[kFolderBufferSize]) {
 
 StoredIdentifier ReadIdentifier(const wchar_t* path) {
   StoredIdentifier found;
-  if (GetPrivateProfileStringW(kSection, kIdentifierKey, /*lpDefault=*/nullptr, found.text,
-                               kStoredIdentifierSize, path) != 0) {
+  if (GetPrivateProfileStringW(kIdentifierSection, kIdentifierKey, /*lpDefault=*/nullptr,
+                               found.text, kStoredIdentifierSize, path) != 0) {
     found.state = StoredIdentifierState::kPresent;
     return found;
   }
@@ -93,9 +119,11 @@ StoredIdentifier ReadIdentifier(const wchar_t* path) {
 
 StoreOutcome StoreIdentifier(const wchar_t* identifier, const wchar_t* path,
                              StoredIdentifier& found) {
+  // Asked ahead of the lock, whose file changes the folder, too.
+  const DWORD pausesWhileMissing = HasFolderJustChanged(path) ? kIniRestPauses : 0;
   const ConfigurationLock lock(path);
-  // Another program may have stored one since it was found missing.
-  found = ReadWholeFile(path);
+  // Another program may have stored one since it was found missing, or be about to.
+  found = ReadFileAtRest(path, pausesWhileMissing);
   switch (found.state) {
     case StoredIdentifierState::kPresent:
       return std::wcscmp(found.text, identifier) == 0 ? StoreOutcome::kStored : StoreOutcome::kKept;
@@ -104,7 +132,7 @@ StoreOutcome StoreIdentifier(const wchar_t* identifier, const wchar_t* path,
     case StoredIdentifierState::kMissing:
       break;
   }
-  return WritePrivateProfileStringW(kSection, kIdentifierKey, identifier, path)
+  return WritePrivateProfileStringW(kIdentifierSection, kIdentifierKey, identifier, path)
              ? StoreOutcome::kStored
              : StoreOutcome::kFailed;
 }

@@ -35,8 +35,9 @@ bool GetConfigurationFile(wchar_t (&path)[kFolderBufferSize]);
 StoredIdentifier ReadIdentifier(const wchar_t* path);
 
 // Stores `identifier` where none stands; `found` is what was there immediately before. The file is
-// created when it is missing, its folder is not. Waits as ReadIdentifier does, and as long at the
-// most for another start of the program that is storing its own; vorlconf.lck lies beside the file
-// meanwhile.
+// created when it is missing, its folder is not. Waits as ReadIdentifier does, also until a file
+// without an identifier has been left alone for kIniRestMilliseconds, since its writer may save it
+// in several openings; and as long at the most for another start of the program that is storing its
+// own. vorlconf.lck lies beside the file meanwhile.
 StoreOutcome StoreIdentifier(const wchar_t* identifier, const wchar_t* path,
                              StoredIdentifier& found);

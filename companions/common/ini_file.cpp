@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cstring>
 #include <cwchar>
+#include <optional>
 
 #include "support/handle.h"
 
@@ -10,9 +11,12 @@ extern "C" __declspec(dllimport) LONG NTAPI RtlGetLastNtStatus();
 
 namespace {
 
-// An editor may empty a file, close it, and only then write it anew: what has been empty for less
-// than this is taken for such a file.
-constexpr DWORD kEmptyForGood = 2000;  // milliseconds
+// Of a FILETIME.
+constexpr ULONGLONG kTicksPerMillisecond = 10'000;
+constexpr ULONGLONG kNewFolderTicks = 60'000 * kTicksPerMillisecond;
+
+// Room for the longest folder that any library gives out.
+constexpr std::size_t kIniPathSize = 1024;
 
 // STATUS_DELETE_PENDING: the file was deleted, and somebody has it open still.
 constexpr LONG kDeletePending = static_cast<LONG>(0xC0000056);
@@ -34,6 +38,13 @@ bool TakeMark(const unsigned char*& bytes, DWORD& count, const unsigned char (&m
 
 ULONGLONG ToNumber(const FILETIME& time) noexcept {
   return (static_cast<ULONGLONG>(time.dwHighDateTime) << 32) | time.dwLowDateTime;
+}
+
+bool IsLessAgo(const FILETIME& time, DWORD milliseconds) noexcept {
+  FILETIME now{};
+  GetSystemTimeAsFileTime(&now);
+  // A time to come wraps round to long ago.
+  return ToNumber(now) - ToNumber(time) < milliseconds * kTicksPerMillisecond;
 }
 
 bool IsMissing(DWORD error) noexcept {
@@ -93,6 +104,15 @@ Span TakeLine(Span& text) noexcept {
   return line;
 }
 
+// The name of the section that a line begins, blanks taken off; nothing when it begins none.
+std::optional<Span> SectionName(Span line) noexcept {
+  if (line.begin == line.end || *line.begin != L'[') {
+    return std::nullopt;
+  }
+  const wchar_t* const close = std::find(line.begin, line.end, L']');
+  return close == line.end ? std::nullopt : std::optional(Trimmed({line.begin + 1, close}));
+}
+
 // The value of the first key of that name in `text`; an empty one when there is none.
 Span FindValue(Span text, const wchar_t* section, const wchar_t* key) noexcept {
   bool isInside = false;
@@ -101,15 +121,12 @@ Span FindValue(Span text, const wchar_t* section, const wchar_t* key) noexcept {
     if (line.begin == line.end || *line.begin == L';') {
       continue;
     }
-    if (*line.begin == L'[') {
-      const wchar_t* const close = std::find(line.begin, line.end, L']');
-      if (close != line.end) {
-        if (isInside) {
-          break;
-        }
-        isInside = Is(Trimmed({line.begin + 1, close}), section);
-        continue;
+    if (const std::optional<Span> name = SectionName(line)) {
+      if (isInside) {
+        break;
       }
+      isInside = Is(*name, section);
+      continue;
     }
     const wchar_t* const equals = std::find(line.begin, line.end, L'=');
     if (isInside && equals != line.end && Is(Trimmed({line.begin, equals}), key)) {
@@ -126,6 +143,18 @@ bool MeansBusy(DWORD error) noexcept {
   // is the same as for a file that may not be read.
   return error == ERROR_SHARING_VIOLATION || error == ERROR_LOCK_VIOLATION ||
          (error == ERROR_ACCESS_DENIED && RtlGetLastNtStatus() == kDeletePending);
+}
+
+bool HasFolderJustChanged(const wchar_t* path) noexcept {
+  wchar_t folder[kIniPathSize];
+  const wchar_t* const name = std::wcsrchr(path, L'\\');
+  WIN32_FILE_ATTRIBUTE_DATA data{};
+  return name != nullptr &&
+         SUCCEEDED(
+             StringCchCopyNW(folder, kIniPathSize, path, static_cast<std::size_t>(name - path))) &&
+         GetFileAttributesExW(folder, GetFileExInfoStandard, &data) &&
+         ToNumber(data.ftLastWriteTime) > ToNumber(data.ftCreationTime) + kNewFolderTicks &&
+         IsLessAgo(data.ftLastWriteTime, kIniRestMilliseconds);
 }
 
 IniRead IniFile::Read(const wchar_t* path) noexcept {
@@ -164,27 +193,14 @@ IniRead IniFile::Read(const wchar_t* path) noexcept {
   }
   m_written = after.ftLastWriteTime;
   const IniRead outcome = Decode(bytes.get(), count);
-  if (outcome == IniRead::kDone && m_length == 0 && WasJustWritten(kEmptyForGood)) {
+  if (outcome == IniRead::kDone && m_length == 0 && WasJustWritten(kIniRestMilliseconds)) {
     return Fail(IniRead::kBusy, ERROR_SHARING_VIOLATION);
   }
   return outcome;
 }
 
-IniRead IniFile::ReadPatiently(const wchar_t* path) noexcept {
-  IniRead outcome = Read(path);
-  for (DWORD pause = 0; outcome == IniRead::kBusy && pause < kIniPauses; ++pause) {
-    Sleep(kIniPauseMilliseconds);
-    outcome = Read(path);
-  }
-  return outcome;
-}
-
 bool IniFile::WasJustWritten(DWORD milliseconds) const noexcept {
-  constexpr ULONGLONG ticksPerMillisecond = 10'000;
-  FILETIME now{};
-  GetSystemTimeAsFileTime(&now);
-  // A time to come wraps round to long ago.
-  return ToNumber(now) - ToNumber(m_written) < milliseconds * ticksPerMillisecond;
+  return IsLessAgo(m_written, milliseconds);
 }
 
 DWORD IniFile::Value(const wchar_t* section, const wchar_t* key, wchar_t* value,
@@ -195,6 +211,21 @@ DWORD IniFile::Value(const wchar_t* section, const wchar_t* key, wchar_t* value,
   std::copy_n(found.begin, length, value);
   value[length] = L'\0';
   return length;
+}
+
+SectionPlace IniFile::PlaceOf(const wchar_t* section) const noexcept {
+  Span text{m_text.get(), m_text.get() + m_length};
+  SectionPlace place = SectionPlace::kNowhere;
+  while (text.begin != text.end && place != SectionPlace::kFollowed) {
+    if (const std::optional<Span> name = SectionName(Trimmed(TakeLine(text)))) {
+      if (place == SectionPlace::kLast) {
+        place = SectionPlace::kFollowed;
+      } else if (Is(*name, section)) {
+        place = SectionPlace::kLast;
+      }
+    }
+  }
+  return place;
 }
 
 // Without values.

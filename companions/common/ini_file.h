@@ -16,6 +16,18 @@ constexpr DWORD kIniPatienceMilliseconds = 5000;
 constexpr DWORD kIniPauseMilliseconds = 50;
 constexpr DWORD kIniPauses = kIniPatienceMilliseconds / kIniPauseMilliseconds;
 
+// Some programs save a file in several openings, and it is empty or half there in between. What has
+// been left alone for this long is taken for whole.
+constexpr DWORD kIniRestMilliseconds = 2000;
+constexpr DWORD kIniRestPauses = kIniRestMilliseconds / kIniPauseMilliseconds;
+
+// The section of the agent's configuration file in which the program keeps the identifier of the
+// machine. The program adds it behind all others.
+constexpr wchar_t kIdentifierSection[] = L"ADMIN_CONSOLE_CLIENT_AGENT_SECTION";
+
+// Where a section stands in a file.
+enum class SectionPlace { kNowhere, kLast, kFollowed };
+
 enum class IniRead {
   kDone,
   kMissing,   // no such file, no such folder, or a name that none can have
@@ -29,6 +41,11 @@ enum class IniRead {
 // Asked right after the call that failed with `error`.
 bool MeansBusy(DWORD error) noexcept;
 
+// Whether names in the folder of `path` have changed less than kIniRestMilliseconds ago, and not in
+// the folder's first minute, as by an installation: a file that is missing there may be about to be
+// saved anew.
+bool HasFolderJustChanged(const wchar_t* path) noexcept;
+
 class IniFile {
  public:
   // Reads text in the ANSI code page, or in UTF-16 or UTF-8 with a byte order mark. One attempt.
@@ -36,7 +53,27 @@ class IniFile {
   IniRead Read(const wchar_t* path) noexcept;
 
   // The same, tried again for as long as it gives kBusy, until the patience is at its end.
-  IniRead ReadPatiently(const wchar_t* path) noexcept;
+  IniRead ReadPatiently(const wchar_t* path) noexcept {
+    return ReadPatiently(path, /*pausesWhileMissing=*/0, [](const IniFile&) { return true; });
+  }
+
+  // The same, tried again, too, while there is no file, for so many pauses at the most, and while
+  // `isWhole` of what was just written is false. What is not whole then is kDone all the same:
+  // see WasJustWritten.
+  template <typename IsWhole>
+  IniRead ReadPatiently(const wchar_t* path, DWORD pausesWhileMissing, IsWhole isWhole) noexcept {
+    for (DWORD pause = 0;; ++pause) {
+      const IniRead outcome = Read(path);
+      const bool mayBeBetterSoon =
+          outcome == IniRead::kBusy ||
+          (outcome == IniRead::kMissing && pause < pausesWhileMissing) ||
+          (outcome == IniRead::kDone && WasJustWritten(kIniRestMilliseconds) && !isWhole(*this));
+      if (!mayBeBetterSoon || pause == kIniPauses) {
+        return outcome;
+      }
+      Sleep(kIniPauseMilliseconds);
+    }
+  }
 
   // Whether what was read had been written less than this before: its writer may not be done, for
   // some write a file in several openings. A time to come counts as long ago.
@@ -51,6 +88,9 @@ class IniFile {
   // least 1); a longer value is cut. The length copied, 0 when there is no value.
   DWORD Value(const wchar_t* section, const wchar_t* key, wchar_t* value,
               DWORD capacity) const noexcept;
+
+  // Of the first section of that name.
+  SectionPlace PlaceOf(const wchar_t* section) const noexcept;
 
  private:
   struct HeapFreer {

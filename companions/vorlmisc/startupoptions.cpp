@@ -119,15 +119,24 @@ class OptionReader {
   const IniFile& m_file;
 };
 
-// A program that saves by renaming leaves no file for a moment: one that is missing is looked for
-// once more.
-IniRead ReadExpected(IniFile& file, const wchar_t* path) noexcept {
-  const IniRead outcome = file.ReadPatiently(path);
-  if (outcome != IniRead::kMissing) {
-    return outcome;
+// Whether nothing of the section can be missing although the file was just written. A start of the
+// program has stored an identifier by now, so that a file without one is being written anew.
+bool IsWhole(const IniFile& file) noexcept {
+  switch (file.PlaceOf(kSection)) {
+    case SectionPlace::kNowhere:
+      return file.PlaceOf(kIdentifierSection) != SectionPlace::kNowhere;
+    case SectionPlace::kLast:
+      return false;
+    case SectionPlace::kFollowed:
+      return true;
   }
-  Sleep(kIniPauseMilliseconds);
-  return file.ReadPatiently(path);
+  return true;
+}
+
+// A program that saves by renaming leaves no file for a moment: one that is missing is looked for
+// once more, and for longer where the moment may not be over.
+IniRead ReadExpected(IniFile& file, const wchar_t* path) noexcept {
+  return file.ReadPatiently(path, HasFolderJustChanged(path) ? kIniRestPauses : 1, &IsWhole);
 }
 
 }  // namespace
@@ -137,6 +146,12 @@ bool ReadStartUpOptions(const char* functionName, const wchar_t* configurationFi
   IniFile file;
   switch (ReadExpected(file, configurationFile)) {
     case IniRead::kDone:
+      if (file.WasJustWritten(kIniRestMilliseconds) && !IsWhole(file)) {
+        TraceError(functionName,
+                   L"Configuration file is still being written after %u s, its start-up options "
+                   L"may not be complete: %s",
+                   static_cast<unsigned>(kIniPatienceMilliseconds / 1000), configurationFile);
+      }
       break;
     case IniRead::kMissing:
       return true;

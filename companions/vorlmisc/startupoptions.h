@@ -10,7 +10,9 @@
 // a trace line says so.
 //
 // All fields come from one state of the file. One that is in the hands of another program, or just
-// being rewritten, is waited for, a few seconds at most.
+// being rewritten, is waited for, a few seconds at most: also one that was just written and ends
+// before or within the section, since its writer may save it in several openings. When that goes
+// on, what is there is taken, and a trace line says so.
 //
 // No file, not after a short pause either: all zero, which is a success. A file that cannot be
 // read: false, after one trace line.

@@ -10,6 +10,7 @@
 
 #include "support/handle.h"
 #include "tests/e2e/service_fixture.h"
+#include "tests/support/files.h"
 
 namespace fs = std::filesystem;
 using ::testing::Contains;
@@ -37,9 +38,12 @@ class Identity : public ServiceTest {
   }
   std::string CommandOutput() const { return name + " is not installed\r\n"; }
 
+  // Long ago: a start that finds no identifier in it waits for nobody.
   void WriteConfiguration(const std::string& text) const {
-    fs::create_directories(installation.ConfigurationFile().parent_path());
-    std::ofstream(installation.ConfigurationFile(), std::ios::binary) << text;
+    const fs::path file = installation.ConfigurationFile();
+    fs::create_directories(file.parent_path());
+    std::ofstream(file, std::ios::binary) << text;
+    LetRest(file);
   }
 
   // The whole configuration file; empty when there is none.

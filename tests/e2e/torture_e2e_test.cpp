@@ -17,6 +17,7 @@
 #include "support/handle.h"
 #include "tests/e2e/service_fixture.h"
 #include "tests/e2e/wait_until.h"
+#include "tests/support/files.h"
 #include "tests/support/long_run.h"
 
 namespace fs = std::filesystem;
@@ -38,6 +39,7 @@ class Torture : public ServiceTest {
     fs::create_directories(installation.Folder() / "conf");
     std::ofstream(installation.ConfigurationFile(), std::ios::binary)
         << "[TRACE]\r\nFileSizeKB=1048576\r\n";
+    LetRest(installation.ConfigurationFile());
     installation.Replace("quick_core.dll", "vorlcore.dll");
     fs::remove(installation.Folder() / "vorlupd.dll");
   }

@@ -150,8 +150,9 @@ class SupportFaults : public testing::Test {
       const EmptyMachineKey machine;
       const Installation installation({"vorlmisc.dll"});
       if (hasConfiguration) {
-        WriteText(installation / "conf" / "vorlconf.ini",
-                  "[STARTUP_OPTIONS]\r\nText1=a\r\nText2=\xC4\r\nWord1=7\r\nDword1=8\r\n");
+        const auto file = installation / "conf" / "vorlconf.ini";
+        WriteText(file, "[STARTUP_OPTIONS]\r\nText1=a\r\nText2=\xC4\r\nWord1=7\r\nDword1=8\r\n");
+        LetRest(file);
       }
       const Library library(installation / "vorlmisc.dll");
       run.LeaveProgramAlone();

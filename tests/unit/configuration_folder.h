@@ -8,6 +8,7 @@
 
 #include "support/handle.h"
 #include "tests/fakes/vorlmisc_fake.h"
+#include "tests/support/files.h"
 #include "tests/support/import_patch.h"
 #include "tests/support/text.h"
 
@@ -39,13 +40,20 @@ class ConfigurationFolder {
 
   std::wstring File() const { return m_folder + L"\\vorlconf.ini"; }
 
-  void Write(const std::string& text) const { WriteTo(File(), text); }
-  static void WriteTo(const std::wstring& path, const std::string& text) {
-    const FileHandle file(
-        CreateFileW(path.c_str(), GENERIC_WRITE, 0, nullptr, CREATE_ALWAYS, 0, nullptr));
-    DWORD written = 0;
-    EXPECT_TRUE(
-        WriteFile(file.Get(), text.data(), static_cast<DWORD>(text.size()), &written, nullptr));
+  // Long ago.
+  void Write(const std::string& text) const {
+    WriteNow(text);
+    MakeOld();
+  }
+  // Its writer may not be done.
+  void WriteNow(const std::string& text) const { Add(text, CREATE_ALWAYS); }
+  // In another opening, as a program does that saves piece by piece.
+  void AppendNow(const std::string& text) const { Add(text, OPEN_ALWAYS); }
+
+  // Each file has a time of its own, by which Wine knows whether it has read it already.
+  void MakeOld() const {
+    static ULONGLONG times = 0x01D0000000000000;
+    SetWriteTime(File(), times += 10'000'000);
   }
 
   // The file in the hands of another program.
@@ -71,6 +79,14 @@ class ConfigurationFolder {
   }
 
  private:
+  void Add(const std::string& text, DWORD disposition) const {
+    const FileHandle file(
+        CreateFileW(File().c_str(), FILE_APPEND_DATA, 0, nullptr, disposition, 0, nullptr));
+    DWORD written = 0;
+    EXPECT_TRUE(
+        WriteFile(file.Get(), text.data(), static_cast<DWORD>(text.size()), &written, nullptr));
+  }
+
   std::wstring m_folder;
 };
 

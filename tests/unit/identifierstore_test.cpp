@@ -4,6 +4,9 @@
 #include <gmock/gmock.h>
 
 #include <string>
+#include <utility>
+
+#include "tests/support/files.h"
 
 namespace {
 
@@ -87,10 +90,10 @@ TEST_F(ReadIdentifierTest, WaitsUntilALockedRangeIsFree) {
 }
 
 TEST_F(ReadIdentifierTest, WaitsForAnEditorThatHasEmptiedTheFile) {
-  configuration.Write("");
+  configuration.WriteNow("");
   const Pauses pauses([&](unsigned pause) {
     if (pause == 2) {
-      configuration.Write(kOtherStored);
+      configuration.WriteNow(kOtherStored);
     }
   });
   ExpectPresent(Find(), kOther);
@@ -290,6 +293,131 @@ TEST_F(StoreIdentifierTest, KeepsTheOneInAFileThatWasAwayWhenItWasLookedFor) {
   ASSERT_TRUE(MoveFileW(aside.c_str(), configuration.File().c_str()));
   EXPECT_EQ(Store(), StoreOutcome::kKept);
   EXPECT_EQ(configuration.Read(), kOtherStored);
+}
+
+// A program that saves the file in several openings.
+
+TEST_F(StoreIdentifierTest, WaitsForTheOtherHalfOfAFileThatWasJustWritten) {
+  for (const auto& [half, rest] :
+       {std::pair<std::string, std::string>{"; by hand\r\n[TRACE]\r\nLev",
+                                            "els=ALL\r\n" + FileWith("x")},
+        {"", FileWith("x")},
+        {kWithoutIdentifier, "clientuniqueid=x\r\n"},
+        {"[ADMIN_CONSOLE_CLIENT_AGENT_SECTION]\r\nclientuniqueid=", "x\r\n"}}) {
+    SCOPED_TRACE(half);
+    configuration.WriteNow(half);
+    const Pauses pauses([&](unsigned pause) {
+      if (pause == 7) {
+        configuration.AppendNow(rest);
+      }
+    });
+    EXPECT_EQ(Store(), StoreOutcome::kKept);
+    ExpectPresent(found, L"x");
+    EXPECT_EQ(pauses.count, 7U);
+    EXPECT_EQ(configuration.Read(), half + rest);
+  }
+  EXPECT_EQ(writes, 0U);
+}
+
+TEST_F(StoreIdentifierTest, WritesIntoAFileThatHasRested) {
+  configuration.WriteNow(kWithoutIdentifier);
+  const Pauses pauses([&](unsigned pause) {
+    if (pause == 3) {
+      configuration.MakeOld();
+    }
+  });
+  EXPECT_EQ(Store(), StoreOutcome::kStored);
+  EXPECT_EQ(pauses.count, 3U);
+  EXPECT_EQ(configuration.Read(), std::string(kWithoutIdentifier) +
+                                      "clientuniqueid=0123456789ABCDEF0123456789ABCDEF\r\n");
+}
+
+TEST_F(StoreIdentifierTest, NeverWritesAFileThatIsBeingWrittenForAll5Seconds) {
+  configuration.WriteNow(kWithoutIdentifier);
+  const Pauses pauses([&](unsigned) { configuration.AppendNow("key=1\r\n"); });
+  EXPECT_EQ(Store(), StoreOutcome::kUnreadable);
+  ExpectUnreadable(found, ERROR_SHARING_VIOLATION);
+  EXPECT_EQ(pauses.milliseconds, 5000U);
+  EXPECT_EQ(writes, 0U);
+}
+
+TEST_F(StoreIdentifierTest, OrdinaryCasesNeedNoPause) {
+  const Pauses pauses;
+  configuration.WriteNow(kOtherStored);
+  EXPECT_EQ(Store(), StoreOutcome::kKept);
+  configuration.Write(kWithoutIdentifier);
+  EXPECT_EQ(Store(), StoreOutcome::kStored);
+  EXPECT_TRUE(DeleteFileW(configuration.File().c_str()));
+  EXPECT_EQ(Store(), StoreOutcome::kStored);
+  EXPECT_EQ(pauses.count, 0U);
+}
+
+// The times of the configuration folder. Wine keeps no time at which a folder was made: it says the
+// one of the last change instead.
+class StoreIdentifierInFolder : public IdentifierStore {
+ protected:
+  // So many seconds ago, and made so many seconds before that.
+  void SayChanged(unsigned seconds, unsigned age) {
+    constexpr ULONGLONG second = 10'000'000;
+    const ULONGLONG changed = SystemTime() - seconds * second;
+    m_times.ftLastWriteTime = Time(changed);
+    m_times.ftCreationTime = Time(changed - age * second);
+  }
+
+  bool isKnown = true;
+
+ private:
+  static FILETIME Time(ULONGLONG ticks) {
+    return {static_cast<DWORD>(ticks), static_cast<DWORD>(ticks >> 32)};
+  }
+
+  WIN32_FILE_ATTRIBUTE_DATA m_times{};
+  CallPatch<struct FolderTimesTag, decltype(GetFileAttributesExW)> m_patch{
+      "KERNEL32.dll", "GetFileAttributesExW",
+      [this](LPCWSTR path, GET_FILEEX_INFO_LEVELS level, void* data) {
+        EXPECT_EQ(path + std::wstring(L"\\vorlconf.ini"), configuration.File());
+        EXPECT_EQ(level, GetFileExInfoStandard);
+        // The lock's file would change the folder.
+        const std::wstring lock = path + std::wstring(L"\\vorlconf.lck");
+        EXPECT_EQ(GetFileAttributesW(lock.c_str()), INVALID_FILE_ATTRIBUTES);
+        *static_cast<WIN32_FILE_ATTRIBUTE_DATA*>(data) = m_times;
+        return isKnown ? TRUE : FALSE;
+      }};
+};
+
+TEST_F(StoreIdentifierInFolder, WaitsForAFileWhereOneHasJustGone) {
+  SayChanged(0, /*age=*/61);
+  {
+    const Pauses pauses([&](unsigned pause) {
+      if (pause == 39) {
+        configuration.WriteNow("[TRACE]\r\n");
+      } else if (pause == 41) {
+        configuration.AppendNow(kOtherStored);
+      }
+    });
+    EXPECT_EQ(Store(), StoreOutcome::kKept);
+    EXPECT_EQ(pauses.count, 41U);
+  }
+  EXPECT_EQ(configuration.Read(), "[TRACE]\r\n" + std::string(kOtherStored));
+  EXPECT_TRUE(DeleteFileW(configuration.File().c_str()));
+  const Pauses pauses;
+  EXPECT_EQ(Store(), StoreOutcome::kStored);
+  EXPECT_EQ(pauses.milliseconds, 2000U);
+  EXPECT_EQ(configuration.Read(), kStored);
+}
+
+TEST_F(StoreIdentifierInFolder, DoesNotWaitWhereNoneHasBeen) {
+  const Pauses pauses;
+  SayChanged(0, /*age=*/60);
+  EXPECT_EQ(Store(), StoreOutcome::kStored);
+  EXPECT_TRUE(DeleteFileW(configuration.File().c_str()));
+  SayChanged(60, /*age=*/61);
+  EXPECT_EQ(Store(), StoreOutcome::kStored);
+  EXPECT_TRUE(DeleteFileW(configuration.File().c_str()));
+  SayChanged(0, /*age=*/61);
+  isKnown = false;
+  EXPECT_EQ(Store(), StoreOutcome::kStored);
+  EXPECT_EQ(pauses.count, 0U);
 }
 
 }  // namespace

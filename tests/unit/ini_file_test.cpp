@@ -304,6 +304,21 @@ TEST_F(ConfigurationFile, TellsWhetherWhatWasReadHadJustBeenWritten) {
   }
 }
 
+TEST_F(ConfigurationFile, TellsWhetherAnotherSectionStandsBehindOne) {
+  using enum SectionPlace;
+  for (const auto& [text, place] : {std::pair{"", kNowhere},
+                                    {"K=[S]\r\n;[S]\r\n[S\r\n[SS]\r\n", kNowhere},
+                                    {"[S]", kLast},
+                                    {"[T]\r\n [ s ]\r\nK=1\r\n;[T]\r\nK=[T]\r\n[T", kLast},
+                                    {"[S]\r\nK=1\r\n[T]", kFollowed},
+                                    {"[S]\n[S]\n", kFollowed},
+                                    {"[S]\r\n[T]\r\n[S]\r\n", kFollowed}}) {
+    Write(text);
+    ASSERT_EQ(Read(), IniRead::kDone);
+    EXPECT_EQ(m_file.PlaceOf(L"S"), place) << text;
+  }
+}
+
 TEST_F(ConfigurationFile, BeyondTheLargestSizeIsRefused) {
   const std::string text = "[S]\r\nK=value\r\n";
   Write(text + std::string(kLargestIniFile - text.size(), ' '));

@@ -4,6 +4,7 @@
 #include <cstring>
 #include <fstream>
 #include <string>
+#include <utility>
 
 #include "tests/unit/vorlmisc_test.h"
 
@@ -189,8 +190,7 @@ TEST_F(SupportLibrary, CharactersOutsideTheCodePageAreRefusedWithOneLineAndNever
     codePage.Set(test.page);
     const std::wstring file =
         L"\xFEFF[STARTUP_OPTIONS]\r\nText1=" + test.text + L"\r\nText2=plain\r\n";
-    WriteText(
-        m_installation / "conf" / "vorlconf.ini",
+    WriteConfiguration(
         std::string(reinterpret_cast<const char*>(file.data()), file.size() * sizeof(wchar_t)));
     EXPECT_TRUE(ReadOptions());
     EXPECT_STREQ(m_options.Text1, test.bytes == nullptr ? "" : test.bytes);
@@ -231,7 +231,7 @@ TEST_F(SupportLibrary, TextWhoseConversionFailsIsRefusedWithOneLine) {
 TEST_F(SupportLibrary, MissingFileSectionOrKeyMeansZero) {
   EXPECT_TRUE(ReadOptions());
   EXPECT_TRUE(AllOptionsAreZero());
-  WriteText(m_installation / "conf" / "vorlconf.ini", "[OTHER]\r\nWord1=1\r\n");
+  WriteConfiguration("[OTHER]\r\nWord1=1\r\n");
   EXPECT_TRUE(ReadOptions());
   EXPECT_TRUE(AllOptionsAreZero());
   EXPECT_THAT(m_journal.TakeTraces(), IsEmpty());
@@ -245,11 +245,11 @@ TEST_F(SupportLibrary, FileThatNobodyHoldsIsReadWithoutAPause) {
 }
 
 TEST_F(SupportLibrary, FileThatIsGivenBackIsReadWithoutALine) {
-  WriteText(m_installation / "conf" / "vorlconf.ini", "[STARTUP_OPTIONS]\r\nWord1=1\r\n");
+  WriteConfiguration("[STARTUP_OPTIONS]\r\nWord1=1\r\n");
   // The first pause and the last.
   for (const unsigned given : {1U, 100U}) {
-    FileHandle held(CreateFileW((m_installation / "conf" / "vorlconf.ini").c_str(), GENERIC_READ, 0,
-                                nullptr, OPEN_EXISTING, 0, nullptr));
+    FileHandle held(
+        CreateFileW(m_configuration.c_str(), GENERIC_READ, 0, nullptr, OPEN_EXISTING, 0, nullptr));
     ASSERT_TRUE(held);
     Pauses::Watch(m_library, [&](unsigned pause) {
       if (pause == given) {
@@ -264,18 +264,17 @@ TEST_F(SupportLibrary, FileThatIsGivenBackIsReadWithoutALine) {
 }
 
 TEST_F(SupportLibrary, FileThatIsEmptiedToBeWrittenAnewIsWaitedFor) {
-  WriteText(m_installation / "conf" / "vorlconf.ini", "");
+  WriteText(m_configuration, "");
   // However slow this computer is, the file was emptied just now.
   static FILETIME emptied;
   WIN32_FILE_ATTRIBUTE_DATA data{};
-  ASSERT_TRUE(GetFileAttributesExW((m_installation / "conf" / "vorlconf.ini").c_str(),
-                                   GetFileExInfoStandard, &data));
+  ASSERT_TRUE(GetFileAttributesExW(m_configuration.c_str(), GetFileExInfoStandard, &data));
   emptied = data.ftLastWriteTime;
   m_library.ReplaceImport<void WINAPI(FILETIME*)>(
       "GetSystemTimeAsFileTime", +[](FILETIME* now) { *now = emptied; });
   Pauses::Watch(m_library, [&](unsigned pause) {
     if (pause == 2) {
-      WriteText(m_installation / "conf" / "vorlconf.ini", "[STARTUP_OPTIONS]\r\nWord1=1\r\n");
+      WriteConfiguration("[STARTUP_OPTIONS]\r\nWord1=1\r\n");
     }
   });
   EXPECT_TRUE(ReadOptions());
@@ -286,19 +285,104 @@ TEST_F(SupportLibrary, FileThatIsEmptiedToBeWrittenAnewIsWaitedFor) {
 
 // A program that saves by renaming leaves none for a moment.
 TEST_F(SupportLibrary, FileThatIsMissingIsLookedForOnceMore) {
-  Pauses::Watch(m_library, [&](unsigned) {
-    WriteText(m_installation / "conf" / "vorlconf.ini", "[STARTUP_OPTIONS]\r\nWord1=1\r\n");
-  });
+  Pauses::Watch(m_library,
+                [&](unsigned) { WriteConfiguration("[STARTUP_OPTIONS]\r\nWord1=1\r\n"); });
   EXPECT_TRUE(ReadOptions());
   EXPECT_EQ(m_options.Word1, 1);
   EXPECT_EQ(Pauses::s_milliseconds, 50U);
   EXPECT_THAT(m_journal.TakeTraces(), IsEmpty());
 }
 
+// Every start stores an identifier before it asks for the options, so that a file without one is
+// being saved anew.
+TEST_F(SupportLibrary, OtherHalfOfAFileThatWasJustWrittenIsWaitedFor) {
+  const std::string identifier = "[ADMIN_CONSOLE_CLIENT_AGENT_SECTION]\r\nclientuniqueid=1\r\n";
+  for (const auto& [half, rest] :
+       {std::pair<std::string, std::string>{"[TRACE]\r\n", "[STARTUP_OPTIONS]\r\nWord1=12\r\n"},
+        {"[TRACE]\r\n[STARTUP_OPTIONS]\r\n", "Word1=12\r\n"},
+        {"[STARTUP_OPTIONS]\r\nWord1=1", "2\r\n"},
+        {identifier + "[STARTUP_OPTIONS]\r\n", "Word1=12\r\n"}}) {
+    SCOPED_TRACE(half);
+    for (const bool isFollowed : {false, true}) {
+      WriteText(m_configuration, half);
+      Pauses::Watch(m_library, [&, this](unsigned pause) {
+        if (pause == 7) {
+          WriteText(m_configuration, half + rest + (isFollowed ? identifier : ""));
+          if (!isFollowed) {
+            LetRest(m_configuration);
+          }
+        }
+      });
+      EXPECT_TRUE(ReadOptions());
+      EXPECT_EQ(m_options.Word1, 12);
+      EXPECT_EQ(Pauses::s_count, 7U);
+    }
+  }
+  EXPECT_THAT(m_journal.TakeTraces(), IsEmpty());
+}
+
+TEST_F(SupportLibrary, WholeFileThatWasJustWrittenIsReadWithoutAPause) {
+  Pauses::Watch(m_library, [](unsigned) {});
+  const std::string identifier = "[Admin_Console_Client_Agent_Section]\r\nclientuniqueid=1\r\n";
+  WriteText(m_configuration, identifier);
+  EXPECT_TRUE(ReadOptions());
+  WriteText(m_configuration, "[STARTUP_OPTIONS]\r\nWord1=1\r\n" + identifier);
+  EXPECT_TRUE(ReadOptions());
+  EXPECT_EQ(m_options.Word1, 1);
+  WriteText(m_configuration, identifier + "[startup_options]\r\nWord1=2\r\n[TRACE]\r\n");
+  EXPECT_TRUE(ReadOptions());
+  EXPECT_EQ(m_options.Word1, 2);
+  EXPECT_EQ(Pauses::s_count, 0U);
+  EXPECT_THAT(m_journal.TakeTraces(), IsEmpty());
+}
+
+TEST_F(SupportLibrary, FileThatIsBeingWrittenForAll5SecondsIsReadAsItIsWithOneLine) {
+  WriteText(m_configuration, "[STARTUP_OPTIONS]\r\n");
+  Pauses::Watch(m_library, [&](unsigned pause) {
+    WriteText(m_configuration, "[STARTUP_OPTIONS]\r\nWord1=" + std::to_string(pause) + "\r\n");
+  });
+  EXPECT_TRUE(ReadOptions());
+  EXPECT_EQ(m_options.Word1, 100);
+  EXPECT_EQ(Pauses::s_milliseconds, 5000U);
+  EXPECT_THAT(m_journal.TakeTraces(),
+              ElementsAre(kStartUpOptions.Error(
+                  "Configuration file is still being written after 5 s, its start-up options may "
+                  "not be complete: " +
+                  m_configuration.string())));
+}
+
+// Wine gives the time of a folder's last change for the one at which it was made.
+TEST_F(SupportLibrary, FileThatHasJustGoneIsWaitedFor) {
+  fs::create_directory(m_configuration.parent_path());
+  static bool isMade;
+  m_library.ReplaceImport<BOOL WINAPI(LPCWSTR, GET_FILEEX_INFO_LEVELS, void*)>(
+      "GetFileAttributesExW", +[](LPCWSTR, GET_FILEEX_INFO_LEVELS, void* data) -> BOOL {
+        WIN32_FILE_ATTRIBUTE_DATA times{};
+        GetSystemTimeAsFileTime(&times.ftLastWriteTime);
+        times.ftCreationTime = isMade ? times.ftLastWriteTime : FILETIME{};
+        *static_cast<WIN32_FILE_ATTRIBUTE_DATA*>(data) = times;
+        return TRUE;
+      });
+  for (const auto& [isNew, pauses] : {std::pair{true, 1U}, {false, 40U}}) {
+    isMade = isNew;
+    Pauses::Watch(m_library, [](unsigned) {});
+    EXPECT_TRUE(ReadOptions());
+    EXPECT_EQ(Pauses::s_count, pauses);
+  }
+  Pauses::Watch(m_library, [&](unsigned pause) {
+    if (pause == 40) {
+      WriteConfiguration("[STARTUP_OPTIONS]\r\nWord1=1\r\n");
+    }
+  });
+  EXPECT_TRUE(ReadOptions());
+  EXPECT_EQ(m_options.Word1, 1);
+  EXPECT_THAT(m_journal.TakeTraces(), IsEmpty());
+}
+
 TEST_F(SupportLibrary, FileThatIsNotGivenBackFailsWithOneLineAndAllZero) {
-  WriteText(m_installation / "conf" / "vorlconf.ini", "[STARTUP_OPTIONS]\r\nWord1=1\r\n");
-  const FileHandle held(CreateFileW((m_installation / "conf" / "vorlconf.ini").c_str(),
-                                    GENERIC_READ, 0, nullptr, OPEN_EXISTING, 0, nullptr));
+  WriteConfiguration("[STARTUP_OPTIONS]\r\nWord1=1\r\n");
+  const FileHandle held(
+      CreateFileW(m_configuration.c_str(), GENERIC_READ, 0, nullptr, OPEN_EXISTING, 0, nullptr));
   ASSERT_TRUE(held);
   Pauses::Watch(m_library, [](unsigned) {});
   EXPECT_FALSE(ReadOptions());
@@ -307,11 +391,11 @@ TEST_F(SupportLibrary, FileThatIsNotGivenBackFailsWithOneLineAndAllZero) {
   EXPECT_THAT(
       m_journal.TakeTraces(),
       ElementsAre(kStartUpOptions.Error("Configuration file is still in use after 5 s (32): " +
-                                        (m_installation / "conf" / "vorlconf.ini").string())));
+                                        m_configuration.string())));
 }
 
 TEST_F(SupportLibrary, FileThatIsNoTextOrTooLargeFailsWithOneLineAndAllZero) {
-  const fs::path file = m_installation / "conf" / "vorlconf.ini";
+  const fs::path file = m_configuration;
   Pauses::Watch(m_library, [](unsigned) {});
   const std::string option = "[STARTUP_OPTIONS]\r\nWord1=1\r\n";
   WriteText(file, option + std::string(4096, '\0'));
@@ -326,25 +410,24 @@ TEST_F(SupportLibrary, FileThatIsNoTextOrTooLargeFailsWithOneLineAndAllZero) {
   EXPECT_THAT(m_journal.TakeTraces(),
               ElementsAre(kStartUpOptions.Error("Configuration file has more than 1048576 bytes: " +
                                                 file.string())));
-  WriteText(file, option + std::string(1048576 - option.size(), ' '));
+  WriteConfiguration(option + std::string(1048576 - option.size(), ' '));
   EXPECT_TRUE(ReadOptions());
   EXPECT_EQ(m_options.Word1, 1);
   EXPECT_EQ(Pauses::s_count, 0U);
 }
 
 TEST_F(SupportLibrary, FolderOfTheFilesNameFailsWithOneLine) {
-  fs::create_directories(m_installation / "conf" / "vorlconf.ini");
+  fs::create_directories(m_configuration);
   EXPECT_FALSE(ReadOptions());
   EXPECT_TRUE(AllOptionsAreZero());
-  EXPECT_THAT(
-      m_journal.TakeTraces(),
-      ElementsAre(kStartUpOptions.Error("Configuration file cannot be read (5): " +
-                                        (m_installation / "conf" / "vorlconf.ini").string())));
+  EXPECT_THAT(m_journal.TakeTraces(),
+              ElementsAre(kStartUpOptions.Error("Configuration file cannot be read (5): " +
+                                                m_configuration.string())));
 }
 
 TEST_F(SupportLibrary, ReadOnlyFileIsRead) {
-  WriteText(m_installation / "conf" / "vorlconf.ini", "[STARTUP_OPTIONS]\r\nWord1=1\r\n");
-  const std::wstring file = (m_installation / "conf" / "vorlconf.ini").wstring();
+  WriteConfiguration("[STARTUP_OPTIONS]\r\nWord1=1\r\n");
+  const std::wstring file = m_configuration.wstring();
   ASSERT_TRUE(SetFileAttributesW(file.c_str(), FILE_ATTRIBUTE_READONLY));
   EXPECT_TRUE(ReadOptions());
   EXPECT_EQ(m_options.Word1, 1);
@@ -356,8 +439,9 @@ TEST_F(SupportLibrary, EveryRoundReadsTheFoldersAndTheFileAnew) {
     const TempFolder other;
     m_machine.SetText(L"RootDir", other.Path().wstring());
     EXPECT_EQ(RootDir(), other.Path().wstring());
-    WriteText(other.Path() / "conf" / "vorlconf.ini",
-              "[STARTUP_OPTIONS]\r\nWord1=" + std::to_string(round + 1) + "\r\n");
+    const fs::path file = other.Path() / "conf" / "vorlconf.ini";
+    WriteText(file, "[STARTUP_OPTIONS]\r\nWord1=" + std::to_string(round + 1) + "\r\n");
+    LetRest(file);
     EXPECT_TRUE(ReadOptions());
     EXPECT_EQ(m_options.Word1, round + 1);
   }
@@ -369,8 +453,9 @@ TEST_F(SupportLibrary, SampleConfigurationStatesTheDefaults) {
   const fs::path sample =
       StagedFolder().parent_path() / "tests" / "unit" / "sample" / "vorlconf.ini";
   fs::create_directory(m_installation / "conf");
-  const fs::path file = m_installation / "conf" / "vorlconf.ini";
+  const fs::path file = m_configuration;
   fs::copy_file(sample, file);
+  LetRest(file);
   EXPECT_TRUE(ReadOptions());
   EXPECT_TRUE(AllOptionsAreZero());
 
@@ -384,7 +469,7 @@ TEST_F(SupportLibrary, SampleConfigurationStatesTheDefaults) {
   }
   EXPECT_EQ(settings, 19U);
   fs::remove_all(m_installation / "conf");
-  WriteText(file, text);
+  WriteConfiguration(text);
   EXPECT_TRUE(ReadOptions());
   EXPECT_TRUE(AllOptionsAreZero());
   EXPECT_THAT(m_journal.TakeTraces(), IsEmpty());

@@ -61,9 +61,15 @@ class SupportLibrary : public ::testing::Test {
     return Ask(m_library.Ordinal<FolderFunction>(2), capacity);
   }
 
+  // Long ago.
+  void WriteConfiguration(const std::string& text) const {
+    WriteText(m_configuration, text);
+    LetRest(m_configuration);
+  }
+
   // Writes vorlconf.ini and reads the options from it.
   bool ReadOptions(const std::string& section) {
-    WriteText(m_installation / "conf" / "vorlconf.ini", "[STARTUP_OPTIONS]\r\n" + section);
+    WriteConfiguration("[STARTUP_OPTIONS]\r\n" + section);
     return ReadOptions();
   }
   bool ReadOptions() {
@@ -86,6 +92,7 @@ class SupportLibrary : public ::testing::Test {
 
   const EmptyMachineKey m_machine;
   const Installation m_installation{{"vorlmisc.dll"}};
+  const fs::path m_configuration = m_installation / "conf" / "vorlconf.ini";
   const Library m_library{m_installation / "vorlmisc.dll"};
   CLIENT_AGENT_STARTUP_OPTIONS m_options;
 };

@@ -5,7 +5,6 @@
 
 namespace {
 
-constexpr wchar_t kSection[] = L"ADMIN_CONSOLE_CLIENT_AGENT_SECTION";
 constexpr wchar_t kKey[] = L"clientuniqueid";
 
 }  // namespace
@@ -15,7 +14,7 @@ IdentifierOnDisk ReadStoredIdentifier(const std::wstring& configurationFile) {
   IdentifierOnDisk stored;
   stored.problem = ReadConfiguration(configurationFile, file);
   wchar_t value[260] = {};
-  file.Value(kSection, kKey, value, static_cast<DWORD>(std::size(value)));
+  file.Value(kIdentifierSection, kKey, value, static_cast<DWORD>(std::size(value)));
   stored.value = Utf8(value);
   return stored;
 }
