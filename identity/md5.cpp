@@ -21,7 +21,7 @@ namespace {
 constexpr std::uint32_t kBlockWords = 16;
 
 // Files are hashed in chunks of this size.
-constexpr std::uint32_t kChunkSize = 1024;
+constexpr std::uint32_t kFileChunkSize = 1024;
 
 // A block is padded up to here; the bit count takes the rest.
 constexpr std::uint32_t kPaddedSize = 56;
@@ -128,7 +128,7 @@ int HashChunks(IMd5& md5, Read read, unsigned char* digest) {
   if (md5.MD5Init(&context) == 0) {
     return 0;
   }
-  unsigned char chunk[kChunkSize];
+  unsigned char chunk[kFileChunkSize];
   int length;
   while ((length = read(chunk)) > 0) {
     if (md5.MD5Update(&context, chunk, static_cast<std::uint32_t>(length)) == 0) {
@@ -143,15 +143,17 @@ int HashChunks(IMd5& md5, Read read, unsigned char* digest) {
 }
 
 int HashDescriptor(IMd5& md5, const FileDescriptor& file, unsigned char* digest) {
-  const auto read = [&file](unsigned char* chunk) { return _read(file.Get(), chunk, kChunkSize); };
+  const auto read = [&file](unsigned char* chunk) {
+    return _read(file.Get(), chunk, kFileChunkSize);
+  };
   return file ? HashChunks(md5, read, digest) : 0;
 }
 
 // As _read: the number of bytes, 0 at the end, -1 on failure.
 int ReadChunk(HANDLE file, unsigned char* chunk) noexcept {
   DWORD length = 0;
-  return ReadFile(file, chunk, kChunkSize, &length, nullptr) != FALSE ? static_cast<int>(length)
-                                                                      : -1;
+  return ReadFile(file, chunk, kFileChunkSize, &length, nullptr) != FALSE ? static_cast<int>(length)
+                                                                          : -1;
 }
 
 std::uint32_t DigestsMatch(const unsigned char* left, const unsigned char* right) noexcept {
@@ -312,7 +314,7 @@ int CMd5::CryptFileMD5W(const wchar_t* path, unsigned char* digest) {
   if (!file) {
     return 0;
   }
-  unsigned char chunk[kChunkSize];
+  unsigned char chunk[kFileChunkSize];
   int length;
   while ((length = ReadChunk(file.Get(), chunk)) > 0) {
     if (!CryptHashData(hash.Get(), chunk, static_cast<DWORD>(length), 0)) {

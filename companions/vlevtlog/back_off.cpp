@@ -4,7 +4,7 @@
 
 namespace {
 
-constexpr ULONGLONG kRetryMilliseconds = 100;
+constexpr ULONGLONG kClosedMilliseconds = 100;
 constexpr std::uint64_t kOwn = 0;
 constexpr std::uint64_t kUnknown = static_cast<std::uint64_t>(-1);
 
@@ -42,6 +42,6 @@ void BackOff::Begin(const TraceFileResult& why) noexcept {
   const std::uint64_t identity = CurrentIdentity();
   Door& door = identity == kOwn ? m_own : m_borrowed;
   door.why.store(why, std::memory_order_relaxed);
-  door.until.store(GetTickCount64() + kRetryMilliseconds, std::memory_order_relaxed);
+  door.until.store(GetTickCount64() + kClosedMilliseconds, std::memory_order_relaxed);
   door.identity.store(identity, std::memory_order_release);
 }

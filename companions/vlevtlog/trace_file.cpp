@@ -8,7 +8,7 @@
 
 namespace {
 
-constexpr ULONGLONG kRetryMilliseconds = 1000;
+constexpr ULONGLONG kRotationRetryMilliseconds = 1000;
 constexpr int kMostDetaches = 3;
 
 bool AreDifferentFiles(HANDLE one, HANDLE other) noexcept {
@@ -217,7 +217,7 @@ TraceFileResult TraceFile::PrepareFile(std::uint64_t length) noexcept {
   }
   DWORD error = m_file == nullptr ? Open() : DWORD{ERROR_SUCCESS};
   if (error == ERROR_SUCCESS && state.size > 0 && state.size + length > FullSize() &&
-      GetTickCount64() - state.retryFrom >= kRetryMilliseconds) {
+      GetTickCount64() - state.retryFrom >= kRotationRetryMilliseconds) {
     Rotate();
     error = m_file == nullptr ? Open() : DWORD{ERROR_SUCCESS};
   }

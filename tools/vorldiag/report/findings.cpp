@@ -29,6 +29,20 @@ Verdict Report::Worst() const {
   return worst;
 }
 
+std::string Report::Sum() const {
+  std::size_t errors = 0;
+  std::size_t warnings = 0;
+  for (const Section& section : sections) {
+    for (const Finding& finding : section.findings) {
+      errors += finding.verdict == Verdict::kError ? 1U : 0U;
+      warnings += finding.verdict == Verdict::kWarning ? 1U : 0U;
+    }
+  }
+  return errors + warnings == 0
+             ? "Everything is as it should be."
+             : Counted(errors, "error") + ", " + Counted(warnings, "warning") + ".";
+}
+
 const char* VerdictWord(Verdict verdict) {
   switch (verdict) {
     case Verdict::kOk:
@@ -39,4 +53,8 @@ const char* VerdictWord(Verdict verdict) {
       return "error";
   }
   return "";
+}
+
+std::string Counted(std::size_t number, const std::string& noun) {
+  return std::to_string(number) + " " + noun + (number == 1 ? "" : "s");
 }

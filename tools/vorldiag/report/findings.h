@@ -31,7 +31,12 @@ struct Report {
 
   // The worst of all findings.
   Verdict Worst() const;
+  // One sentence: how many errors and warnings, or that there are none.
+  std::string Sum() const;
 };
 
 // "ok", "warning" or "error".
 const char* VerdictWord(Verdict verdict);
+
+// "1 error", "2 errors".
+std::string Counted(std::size_t number, const std::string& noun);

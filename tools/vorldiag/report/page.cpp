@@ -56,25 +56,11 @@ std::string AttentionHtml(const Report& report) {
   return html.empty() ? HtmlTag("p", "", "Nothing.") : html;
 }
 
-std::string Count(std::size_t number, const std::string& noun) {
-  return std::to_string(number) + " " + noun + (number == 1 ? "" : "s");
-}
-
 std::string Heading(const Snapshot& snapshot) {
-  std::size_t errors = 0;
-  std::size_t warnings = 0;
-  for (const Section& section : snapshot.status.sections) {
-    for (const Finding& finding : section.findings) {
-      errors += finding.verdict == Verdict::kError ? 1U : 0U;
-      warnings += finding.verdict == Verdict::kWarning ? 1U : 0U;
-    }
-  }
-  const std::string sum = errors + warnings == 0
-                              ? "Everything is as it should be."
-                              : Count(errors, "error") + ", " + Count(warnings, "warning") + ".";
   return HtmlTag("h1", "", "Client Agent on " + HtmlText(snapshot.computer)) +
          HtmlTag("p", "note", HtmlText(snapshot.moment) + ", vorldiag " + HtmlText(VORL_VERSION)) +
-         HtmlTag("p", std::string("sum ") + VerdictWord(snapshot.status.Worst()), HtmlText(sum));
+         HtmlTag("p", std::string("sum ") + VerdictWord(snapshot.status.Worst()),
+                 HtmlText(snapshot.status.Sum()));
 }
 
 // A bar whose whole width is `scale` milliseconds.
@@ -235,15 +221,16 @@ std::string ErrorsHtml(const std::vector<TraceLine>& lines) {
   for (std::size_t i = 0; i < std::min(kinds.size(), kErrorKinds); ++i) {
     const TraceLine& line = *kinds[i].latest;
     const Explanation* const found = AllExplanations().Find(line);
-    html += Row(Badge("error", Count(kinds[i].count, "time")), line.function,
+    html += Row(Badge("error", Counted(kinds[i].count, "time")), line.function,
                 line.text + " (" + line.module + ", " + line.time + ")",
                 found == nullptr
                     ? "Not among the lines that the documents explain."
                     : found->meaning + (found->advice.empty() ? "" : ". To do: ") + found->advice);
   }
   if (kinds.size() > kErrorKinds) {
-    html += HtmlTag("p", "note",
-                    Count(kinds.size() - kErrorKinds, "older kind") + " of error lines left out.");
+    html +=
+        HtmlTag("p", "note",
+                Counted(kinds.size() - kErrorKinds, "older kind") + " of error lines left out.");
   }
   return html.empty() ? HtmlTag("p", "", "None that are not usual.") : html;
 }

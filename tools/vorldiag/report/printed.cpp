@@ -25,10 +25,6 @@ Colour ColourOf(Verdict verdict) {
   return Colour::kPlain;
 }
 
-std::string Count(std::size_t number, const std::string& noun) {
-  return std::to_string(number) + " " + noun + (number == 1 ? "" : "s");
-}
-
 // Errors are to be found without colour as well.
 std::string Word(Verdict verdict) {
   return verdict == Verdict::kError ? "ERROR" : VerdictWord(verdict);
@@ -37,14 +33,10 @@ std::string Word(Verdict verdict) {
 }  // namespace
 
 bool PrintReport(const Report& report, Output& output) {
-  std::size_t warnings = 0;
-  std::size_t errors = 0;
   bool isWritten = true;
   for (const Section& section : report.sections) {
     isWritten = output.Write(section.title + "\n") && isWritten;
     for (const Finding& finding : section.findings) {
-      warnings += finding.verdict == Verdict::kWarning ? 1U : 0U;
-      errors += finding.verdict == Verdict::kError ? 1U : 0U;
       isWritten =
           output.Write("  ") &&
           output.Write(Padded(Word(finding.verdict), kVerdictWidth), ColourOf(finding.verdict)) &&
@@ -57,8 +49,5 @@ bool PrintReport(const Report& report, Output& output) {
     }
     isWritten = output.Write("\n") && isWritten;
   }
-  const std::string verdict =
-      errors + warnings == 0 ? "Everything is as it should be.\n"
-                             : Count(errors, "error") + ", " + Count(warnings, "warning") + ".\n";
-  return output.Write(verdict, ColourOf(report.Worst())) && isWritten;
+  return output.Write(report.Sum() + "\n", ColourOf(report.Worst())) && isWritten;
 }

@@ -169,7 +169,7 @@ void CheckFolder(const char* id, const char* title, const FolderFact& folder,
   }
 }
 
-void CheckConfiguration(const Situation& situation, Section& section) {
+void CheckConfigurationFolder(const Situation& situation, Section& section) {
   const FolderFact& configuration = situation.configuration;
   std::string advice = "Correct the registry value ConfigDir below " + InstallationKeyText() +
                        ", or delete it to use conf below the installation folder";
@@ -319,7 +319,7 @@ Section CheckFolders(const Situation& situation) {
                   ", or delete it to use the folder of vorlmisc.dll: without it neither update nor "
                   "core module is loaded.",
               section);
-  CheckConfiguration(situation, section);
+  CheckConfigurationFolder(situation, section);
   CheckLogs(situation, section);
   CheckSpace(situation, section);
   CheckUpdate(situation, section);

@@ -104,7 +104,7 @@ void CheckCommand(const Situation& situation, Section& section) {
   }
 }
 
-void CheckConfiguration(const Situation& situation, Section& section) {
+void CheckRegistration(const Situation& situation, Section& section) {
   const Registration& registration = *situation.registration;
   const std::string account = Utf8(registration.account);
   if (EqualsIgnoringCase(registration.account, L"LocalSystem")) {
@@ -295,7 +295,7 @@ Section CheckService(const Situation& situation) {
     section.Ok("registration", "Registration", name);
   }
   CheckCommand(situation, section);
-  CheckConfiguration(situation, section);
+  CheckRegistration(situation, section);
   CheckRecovery(situation, section);
   CheckEventSource(situation, section);
   CheckState(situation, section);
