@@ -1,5 +1,6 @@
 #include "companions/common/folders.h"
 
+#include <cstddef>
 #include <cwchar>
 #include <iterator>
 
@@ -13,6 +14,7 @@ namespace {
 
 constexpr wchar_t kInstallationKey[] = L"SOFTWARE\\Client Agent\\" VORL_MAJOR_VERSION;
 constexpr wchar_t kConfigFolderName[] = L"\\conf";
+constexpr wchar_t kConfigurationFileName[] = L"vorlconf.ini";
 
 enum class Registered { kNo, kYes, kUnusable };
 
@@ -60,35 +62,58 @@ bool IsLocalDrive(const wchar_t* path) noexcept {
   return std::wcsncmp(device, substituted, std::size(substituted) - 1) != 0;
 }
 
-// Whether a link on the way to a folder leads to another computer. Of a folder that is yet to be
-// made, the one above it is looked at. What cannot be looked at is taken to lie where its path
-// says.
-bool IsOnServer(Folder looked) noexcept {
-  constexpr wchar_t server[] = L"\\\\?\\UNC\\";
-  FileHandle folder;
-  for (;;) {
-    folder.Reset(CreateFileW(looked.path, FILE_READ_ATTRIBUTES,
-                             FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, nullptr,
-                             OPEN_EXISTING, FILE_FLAG_BACKUP_SEMANTICS, nullptr));
-    const DWORD error = GetLastError();
-    wchar_t* const name = std::wcsrchr(looked.path, L'\\');
-    if (folder || name == nullptr ||
-        (error != ERROR_FILE_NOT_FOUND && error != ERROR_PATH_NOT_FOUND)) {
-      break;
-    }
-    *name = L'\0';
+bool IsLink(const wchar_t* path) noexcept {
+  const DWORD attributes = GetFileAttributesW(path);
+  return attributes != INVALID_FILE_ATTRIBUTES && (attributes & FILE_ATTRIBUTE_REPARSE_POINT) != 0;
+}
+
+// Cuts the last name off; false when only a name in the root of a drive is left.
+bool GoUp(wchar_t* path) noexcept {
+  constexpr std::ptrdiff_t rootLength = 3;
+  wchar_t* const name = std::wcsrchr(path, L'\\');
+  if (name == nullptr || name - path < rootLength) {
+    return false;
   }
+  *name = L'\0';
+  return true;
+}
+
+bool IsOnServer(HANDLE file) noexcept {
+  constexpr wchar_t server[] = L"\\\\?\\UNC\\";
   wchar_t target[kFolderReadSize] = {};
-  const DWORD length =
-      folder ? GetFinalPathNameByHandleW(folder.Get(), target, kFolderReadSize, FILE_NAME_OPENED)
-             : 0;
+  const DWORD length = GetFinalPathNameByHandleW(file, target, kFolderReadSize, FILE_NAME_OPENED);
   // What does not fit is not known to lie on a disk.
   return length >= kFolderReadSize ||
          (length != 0 && std::wcsncmp(target, server, std::size(server) - 1) == 0);
 }
 
+// Refuses a path from which a link, also one above it, leads to another computer, or to where
+// nothing can be found now, for that may be a server that does not answer. Of what is yet to be
+// made, the folder above it is looked at. What is no link lies where its path says.
+bool RefuseServer(const wchar_t* path, FolderFailure& failure) noexcept {
+  wchar_t looked[MAX_PATH];
+  if (FAILED(StringCchCopyW(looked, MAX_PATH, path))) {
+    return FailAt(failure, FolderProblem::kOnServer, path);
+  }
+  do {
+    const FileHandle file(CreateFileW(looked, FILE_READ_ATTRIBUTES,
+                                      FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE,
+                                      nullptr, OPEN_EXISTING, FILE_FLAG_BACKUP_SEMANTICS, nullptr));
+    if (file) {
+      return !IsOnServer(file.Get()) || FailAt(failure, FolderProblem::kOnServer, path);
+    }
+    const DWORD error = GetLastError();
+    if (IsLink(looked)) {
+      static_cast<void>(FailAt(failure, FolderProblem::kLinkUnknown, path));
+      failure.error = error;
+      return false;
+    }
+  } while (GoUp(looked));
+  return true;
+}
+
 bool RefuseServer(const Folder& folder, FolderFailure& failure) noexcept {
-  return !IsOnServer(folder) || FailAt(failure, FolderProblem::kOnServer, folder.path);
+  return RefuseServer(folder.path, failure);
 }
 
 // Brings a registered value into the form that Windows itself gives a path.
@@ -169,6 +194,14 @@ bool FindOwnFolder(Folder& folder, FolderFailure& failure) noexcept {
   return Take(path, folder, failure);
 }
 
+bool RefuseLinkToServer(const Folder& folder, const wchar_t* name,
+                        FolderFailure& failure) noexcept {
+  wchar_t path[MAX_PATH];
+  // It fits: see kLongestFolder.
+  return FAILED(StringCchPrintfW(path, MAX_PATH, L"%ls\\%ls", folder.path, name)) ||
+         !IsLink(path) || RefuseServer(path, failure);
+}
+
 bool FindRootFolder(Folder& folder, FolderFailure& failure, const Folder* own) noexcept {
   switch (ReadRegistered(L"RootDir", folder, failure)) {
     case Registered::kNo:
@@ -191,10 +224,12 @@ bool FindConfigFolder(Folder& folder, FolderFailure& failure, const Folder* own)
       return FindRootFolder(root, failure, own) &&
              SUCCEEDED(StringCchPrintfW(path, std::size(path), L"%ls%ls", root.path,
                                         kConfigFolderName)) &&
-             Take(path, folder, failure) && RefuseServer(folder, failure);
+             Take(path, folder, failure) && RefuseServer(folder, failure) &&
+             RefuseLinkToServer(folder, kConfigurationFileName, failure);
     }
     case Registered::kYes:
-      return RefuseServer(folder, failure);
+      return RefuseServer(folder, failure) &&
+             RefuseLinkToServer(folder, kConfigurationFileName, failure);
     case Registered::kUnusable:
       break;
   }

@@ -34,6 +34,7 @@ enum class FolderProblem {
   kNotOnDrive,     // registry value `valueName` is `path`: a server, a device, the root of a drive,
                    // or on a drive that leads elsewhere
   kOnServer,       // a link leads from `path` to another computer
+  kLinkUnknown,    // a link leads from `path` to what cannot be opened: `error`
   kTooLong,        // `path` has `length` characters without trailing backslashes
   kDoesNotExist,   // `path`, the registered installation folder
   kNoLibraryPath,  // the library's own path is unknown: `error`
@@ -55,5 +56,10 @@ bool FindOwnFolder(Folder& folder, FolderFailure& failure) noexcept;
 // `own`: the library's own folder for a caller that knows it and must not ask the loader.
 bool FindRootFolder(Folder& folder, FolderFailure& failure, const Folder* own = nullptr) noexcept;
 
-// The folder need not exist.
+// Refuses a file of the folder that is itself a link to another computer, or to what cannot be
+// opened; not one that is missing. `name`: at most 12 characters.
+bool RefuseLinkToServer(const Folder& folder, const wchar_t* name, FolderFailure& failure) noexcept;
+
+// The folder need not exist. A configuration file in it that is a link to another computer is
+// refused as the folder would be.
 bool FindConfigFolder(Folder& folder, FolderFailure& failure, const Folder* own = nullptr) noexcept;

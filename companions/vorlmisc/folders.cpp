@@ -25,6 +25,10 @@ void TraceFailure(const char* functionName, const FolderFailure& failure) noexce
     case FolderProblem::kOnServer:
       TraceError(functionName, L"A link leads to another computer: %s", failure.path);
       break;
+    case FolderProblem::kLinkUnknown:
+      TraceError(functionName, L"The end of a link cannot be looked at (%u): %s",
+                 static_cast<unsigned>(failure.error), failure.path);
+      break;
     case FolderProblem::kTooLong:
       TraceError(functionName, L"Folder of %u characters is too long, at most %u: %s",
                  static_cast<unsigned>(failure.length), static_cast<unsigned>(kLongestFolder),
@@ -47,7 +51,9 @@ void TraceFailure(const char* functionName, const FolderFailure& failure) noexce
 
 bool FindRootFolder(const char* functionName, Folder& folder) noexcept {
   FolderFailure failure;
-  const bool isFound = FindRootFolder(folder, failure);
+  const bool isFound = FindRootFolder(folder, failure) &&
+                       RefuseLinkToServer(folder, L"vorlcore.dll", failure) &&
+                       RefuseLinkToServer(folder, L"vorlupd.dll", failure);
   TraceFailure(functionName, failure);
   return isFound;
 }

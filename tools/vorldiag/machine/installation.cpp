@@ -50,6 +50,9 @@ std::string Text(const FolderFailure& failure) {
              " is no folder on a drive of this computer: " + Utf8(failure.path);
     case FolderProblem::kOnServer:
       return "a link leads to another computer: " + Utf8(failure.path);
+    case FolderProblem::kLinkUnknown:
+      return "the end of a link cannot be looked at: " + Utf8(failure.path) + ": " +
+             ErrorText(failure.error);
     case FolderProblem::kTooLong:
       return "a folder of " + std::to_string(failure.length) + " characters, at most " +
              std::to_string(kLongestFolder) + ": " + Utf8(failure.path);
