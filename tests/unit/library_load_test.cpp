@@ -193,12 +193,12 @@ TEST(InHouseLibraries, ImportTheseFunctionsAndNoOthers) {
         imports.at("kernel32.dll"),
         ElementsAre("CloseHandle", "CompareStringOrdinal", "CreateDirectoryW", "CreateFileW",
                     "GetACP", "GetCurrentProcess", "GetCurrentProcessId", "GetCurrentThreadId",
-                    "GetDriveTypeW", "GetFileAttributesW", "GetFileInformationByHandle",
-                    "GetFinalPathNameByHandleW", "GetFullPathNameW", "GetLastError",
-                    "GetModuleFileNameW", "GetModuleHandleW", "GetProcAddress", "GetProcessHeap",
-                    "GetSystemTimeAsFileTime", "HeapAlloc", "HeapFree", "MultiByteToWideChar",
-                    "QueryDosDeviceW", "QueryPerformanceCounter", "ReadFile", "SetLastError",
-                    "Sleep", "TerminateProcess", "WideCharToMultiByte"));
+                    "GetDriveTypeW", "GetFileAttributesExW", "GetFileAttributesW",
+                    "GetFileInformationByHandle", "GetFinalPathNameByHandleW", "GetFullPathNameW",
+                    "GetLastError", "GetModuleFileNameW", "GetModuleHandleW", "GetProcAddress",
+                    "GetProcessHeap", "GetSystemTimeAsFileTime", "HeapAlloc", "HeapFree",
+                    "MultiByteToWideChar", "QueryDosDeviceW", "QueryPerformanceCounter", "ReadFile",
+                    "SetLastError", "Sleep", "TerminateProcess", "WideCharToMultiByte"));
     EXPECT_THAT(imports.at("msvcrt.dll"),
                 ElementsAre("_vsnwprintf", "wcscspn", "wcslen", "wcsncmp", "wcsrchr"));
     EXPECT_THAT(imports.at("vlevtlog.dll"), ElementsAre("#3"));
