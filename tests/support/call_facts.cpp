@@ -420,8 +420,8 @@ constexpr const char* kCannotFail[] = {
     "strftime",
 };
 
-// Called by the compiler's runtime only, which ends the process when one fails, or, where every line
-// is counted, writes no counts.
+// Called by the compiler's runtime only, which ends the process when one fails, or, where every
+// line is counted, writes no counts.
 constexpr const char* kRuntime[] = {
     "AddVectoredExceptionHandler",
     "CreateSemaphoreA",

@@ -7,6 +7,8 @@
 #include <cstring>
 #include <string>
 
+#include "modules/vorlupd/filesystem.h"
+#include "tests/support/import_patch.h"
 #include "tests/unit/vorlupd_test.h"
 
 using ::testing::Contains;
@@ -406,6 +408,22 @@ TEST_F(UpdateModule, EndlesslyNestedFoldersAreLeftAlone) {
     module.ReplaceImport("FindNextFileW", &FindNoMore);
     EXPECT_TRUE(module.Name<decltype(UpdateBeforeClientService)>("UpdateBeforeClientService")());
   }
+}
+
+// Links, as which all that the folder holds is shown here: Wine shows none to files.
+TEST(RemoveTree, RemovesLinksToFilesAndToFolders) {
+  const TempFolder folder;
+  const fs::path tree = folder.Path() / "tree";
+  fs::create_directories(tree / "link to a folder");
+  WriteText(tree / "link to a file", "");
+  const CallPatch<struct NextTag, decltype(FindNextFileW)> next(
+      "KERNEL32.dll", "FindNextFileW", [&](HANDLE search, WIN32_FIND_DATAW* found) {
+        const BOOL isFound = next.CallOriginal(search, found);
+        found->dwFileAttributes |= FILE_ATTRIBUTE_REPARSE_POINT;
+        return isFound;
+      });
+  EXPECT_TRUE(RemoveTree(tree.wstring()));
+  EXPECT_FALSE(fs::exists(tree));
 }
 
 }  // namespace
