@@ -1,6 +1,7 @@
 // Another version of Windows.
 #pragma once
 
+#include <cstdint>
 #include <cstring>
 
 #include "support/windows_api.h"
@@ -20,7 +21,9 @@ class ReportedVersion {
  private:
   ReportedVersion()
       : m_patch("KERNEL32.dll", "GetProcAddress", [this](HMODULE module, LPCSTR name) -> FARPROC {
-          if (std::strcmp(name, "RtlVerifyVersionInfo") != 0) {
+          constexpr std::uintptr_t kLastOrdinal = 0xFFFF;
+          if (reinterpret_cast<std::uintptr_t>(name) <= kLastOrdinal ||
+              std::strcmp(name, "RtlVerifyVersionInfo") != 0) {
             return m_patch.CallOriginal(module, name);
           }
           return s_isAvailable() ? reinterpret_cast<FARPROC>(reinterpret_cast<void*>(&Verify))

@@ -3,9 +3,12 @@
 
 #include <gmock/gmock.h>
 
+#include <map>
+
 #include "identity/md5.h"
 #include "support/handle.h"
 #include "tests/support/fake_machine.h"
+#include "tools/vorldiag/identity/identityreport.h"
 
 using ::testing::Contains;
 using ::testing::IsEmpty;
@@ -82,6 +85,32 @@ TEST_F(HardwareTest, SaysWhatWmiSaidWhereAPartIsMissing) {
   EXPECT_NE(hardware.diskSerial.value, "");
   EXPECT_EQ(hardware.diskSerial.error, "");
   EXPECT_EQ(hardware.identifier, Md5Of(hardware.combined));
+  // That there is none is an answer.
+  EXPECT_FALSE(hardware.biosUuid.hasFailed);
+  EXPECT_EQ(hardware.FailedParts(), "network addresses");
+}
+
+// A stored identifier must not be thrown away because WMI has no answer at the moment.
+TEST_F(HardwareTest, IsNotComparedWhileWmiCannotAnswer) {
+  machine.SetEverything();
+  const std::string own = CollectHardware(kPatience).identifier;
+  machine.server.connectResults[L"ROOT\\StandardCIMV2"] = static_cast<HRESULT>(0x8004100E);
+  const Hardware hardware = CollectHardware(kPatience);
+  ASSERT_NE(hardware.identifier, own);
+  const Report report = IdentityReport(hardware, {own, ""}, {});
+  EXPECT_EQ(report.Worst(), Verdict::kWarning);
+  std::map<std::string, Finding> findings;
+  for (const Section& section : report.sections) {
+    for (const Finding& finding : section.findings) {
+      findings[finding.id] = finding;
+    }
+  }
+  EXPECT_EQ(findings["stored"].value,
+            own + ", not compared: WMI could not answer for network addresses");
+  EXPECT_THAT(findings["stored"].advice, StartsWith("Repair WMI"));
+  EXPECT_EQ(findings["identifier"].value, hardware.identifier + " without network addresses");
+  EXPECT_EQ(findings["network-address-1"].verdict, Verdict::kWarning);
+  EXPECT_EQ(findings["bios-uuid"].verdict, Verdict::kOk);
 }
 
 TEST_F(HardwareTest, SaysThatComCannotBeUsed) {

@@ -39,6 +39,8 @@ bool HasHardware(const Hardware& hardware, Section& section) {
 // What an error number of the C runtime says of a file.
 std::string ReasonOf(int error) {
   switch (error) {
+    case 0:
+      return "not all of it could be written";
     case ENOENT:
       return "it is not there";
     case EACCES:
@@ -60,6 +62,8 @@ std::string WriteBeside(const Hardware& hardware) {
   // Not written through: whatever has that name, a link perhaps, goes.
   DeleteFileW(part);
   std::string problem;
+  // A call that writes a part only leaves it as it is.
+  errno = 0;
   if (!WriteCache("new.", hardware.raw, failure)) {
     problem = ReasonOf(failure.ErrorCode);
   } else if (!MoveFileExW(part, L"hwcdata.dat",
@@ -78,9 +82,13 @@ std::string FieldAt(const unsigned char* payload, std::size_t offset, std::size_
 }
 
 void Compare(const std::string& id, const std::string& title, const std::string& kept,
-             const std::string& now, Section& section) {
+             const std::string& now, bool hasFailed, Section& section) {
   const auto orNone = [](const std::string& text) { return text.empty() ? "(none)" : text; };
-  if (EqualsIgnoringCase(Wide(kept), Wide(now))) {
+  if (hasFailed) {
+    section.Warn(id, title, "unknown, was " + orNone(kept),
+                 "WMI could not answer: repair it (winmgmt /verifyrepository) or restart the "
+                 "service Winmgmt, and look again.");
+  } else if (EqualsIgnoringCase(Wide(kept), Wide(now))) {
     section.Ok(id, title, orNone(now));
   } else {
     section.Warn(id, title, orNone(now) + ", was " + orNone(kept),
@@ -97,7 +105,11 @@ Report WriteCacheReport(const Hardware& hardware, const std::wstring& folder) {
   if (HasHardware(hardware, section) && Enter(folder, section)) {
     const std::string path = Utf8(folder) + "\\hwcdata.dat";
     const std::string problem = WriteBeside(hardware);
-    if (problem.empty()) {
+    const std::string failed = hardware.FailedParts();
+    if (problem.empty() && !failed.empty()) {
+      section.Warn("cache-file", "Cache file", path + " is written without " + failed,
+                   "WMI could not answer. Write the file again when vorldiag identity shows it.");
+    } else if (problem.empty()) {
       section.Ok("cache-file", "Cache file", path + " is written");
     } else {
       section.Fail("cache-file", "Cache file", path + " cannot be written: " + problem,
@@ -119,16 +131,16 @@ Report CheckCacheReport(const Hardware& hardware, const std::wstring& folder) {
     if (ReadCache("", payload, failure)) {
       section.Ok("cache-file", "Cache file", path);
       Compare("bios-uuid", "BIOS UUID", FieldAt(payload, kBiosUuidOffset, kBiosUuidSize),
-              Utf8FromAnsi(hardware.raw.BiosUuid), section);
+              Utf8FromAnsi(hardware.raw.BiosUuid), hardware.biosUuid.hasFailed, section);
       Compare("disk-serial", "Disk serial", FieldAt(payload, kSerialOffset, kPrimaryHddSerialSize),
-              Utf8FromAnsi(hardware.raw.PrimaryHddSerial), section);
+              Utf8FromAnsi(hardware.raw.PrimaryHddSerial), hardware.diskSerial.hasFailed, section);
       auto address = hardware.raw.MacAddressList.begin();
       for (std::size_t i = 0; i < std::size(kAddressOffsets); ++i) {
         const bool isThere = address != hardware.raw.MacAddressList.end();
         Compare("network-address-" + std::to_string(i + 1),
                 "Network address " + std::to_string(i + 1),
                 FieldAt(payload, kAddressOffsets[i], kMacAddressSize),
-                isThere ? Utf8FromAnsi(*address) : "", section);
+                isThere ? Utf8FromAnsi(*address) : "", hardware.haveAddressesFailed, section);
         address = isThere ? std::next(address) : address;
       }
     } else if (failure.ErrorCode == ENOENT) {

@@ -53,6 +53,11 @@ std::string FailureText(const FingerprintStatus& status) {
   return text;
 }
 
+// That there is none is no failure.
+bool HasFailed(const FingerprintStatus& status) {
+  return status.ErrorStage != kNoFailureYet.ErrorStage && FAILED(status.ErrorCode);
+}
+
 class ComUser {
  public:
   ComUser() {
@@ -90,6 +95,7 @@ void CollectBiosUuid(CZTUUID& record, Hardware& hardware) {
   hardware.biosUuid.value = Utf8FromAnsi(record.BiosUuid);
   if (record.BiosUuid[0] == '\0') {
     hardware.biosUuid.error = FailureText(record.LastError);
+    hardware.biosUuid.hasFailed = HasFailed(record.LastError);
   }
 }
 
@@ -99,6 +105,7 @@ void CollectDiskSerial(CZTUUID& record, Hardware& hardware) {
   if (!record.GetPrimaryHDDSrNo()) {
     record.PrimaryHddSerial[0] = '\0';
     hardware.diskSerial.error = FailureText(record.LastError);
+    hardware.diskSerial.hasFailed = HasFailed(record.LastError);
   }
   hardware.diskSerial.value = Utf8FromAnsi(record.PrimaryHddSerial);
 }
@@ -120,6 +127,7 @@ void CollectAddresses(CZTUUID& record, Hardware& hardware) {
   }
   if (!isDone || adapters.empty()) {
     hardware.addressError = FailureText(failure);
+    hardware.haveAddressesFailed = HasFailed(failure);
     return;
   }
   auto before = current.begin();
@@ -236,6 +244,19 @@ Outcome RunFor(unsigned seconds, std::function<Result()> work, Result& result) {
 }
 
 }  // namespace
+
+std::string Hardware::FailedParts() const {
+  std::string parts;
+  const auto add = [&](bool hasFailed, const char* name) {
+    if (hasFailed) {
+      parts += (parts.empty() ? "" : ", ") + std::string(name);
+    }
+  };
+  add(biosUuid.hasFailed, "BIOS UUID");
+  add(diskSerial.hasFailed, "disk serial");
+  add(haveAddressesFailed, "network addresses");
+  return parts;
+}
 
 Hardware CollectHardware(unsigned seconds) {
   Hardware hardware;

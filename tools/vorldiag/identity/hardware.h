@@ -7,9 +7,10 @@
 #include "identity/parameters.h"
 
 struct RawParameter {
-  std::string value;   // as its source gave it; empty when there is none
-  std::string origin;  // class and property
-  std::string error;   // what WMI said when there is none: "80041010 (query)"; else empty
+  std::string value;       // as its source gave it; empty when there is none
+  std::string origin;      // class and property
+  std::string error;       // what WMI said when there is none: "80041010 (query)"; else empty
+  bool hasFailed = false;  // WMI could not answer; otherwise it said that there is none
 };
 
 struct Hardware {
@@ -20,6 +21,7 @@ struct Hardware {
   RawParameter diskSerial;
   std::vector<RawParameter> addresses;  // in WMI's order
   std::string addressError;             // what WMI said when there are none
+  bool haveAddressesFailed = false;     // as above
 
   // What normalisation made of them.
   std::string processedBiosId;
@@ -34,6 +36,10 @@ struct Hardware {
 
   // Lines that the product's own units wrote meanwhile.
   std::vector<std::string> lines;
+
+  // What is missing because WMI could not answer: "BIOS UUID, disk serial"; empty when nothing is.
+  // The identifier is then not the computer's.
+  std::string FailedParts() const;
 };
 
 // Asks WMI on a thread of its own. A WMI that does not answer within `seconds` is given up; the

@@ -8,12 +8,20 @@ constexpr char kSharedAdvice[] =
     "Other computers may make the same identifier: compare them, and ask the maker for a value of "
     "its own where two are equal.";
 
+constexpr char kFailedAdvice[] =
+    "WMI could not answer, so that nobody knows what the computer's is: repair WMI (winmgmt "
+    "/verifyrepository) or restart the service Winmgmt, and look again.";
+
 void AddRaw(Section& section, const std::string& id, const std::string& title,
             const RawParameter& parameter, const std::string& reason) {
   if (parameter.value.empty()) {
-    section.Ok(id, title,
-               "(none) " + parameter.origin +
-                   (parameter.error.empty() ? "" : ", WMI: " + parameter.error));
+    const std::string none =
+        "(none) " + parameter.origin + (parameter.error.empty() ? "" : ", WMI: " + parameter.error);
+    if (parameter.hasFailed) {
+      section.Warn(id, title, none, kFailedAdvice);
+    } else {
+      section.Ok(id, title, none);
+    }
     return;
   }
   const std::string value = parameter.value + "  (" + parameter.origin + ")";
@@ -37,8 +45,11 @@ Section Collected(const Hardware& hardware) {
            PlaceholderAddress(address.value));
   }
   if (hardware.addresses.empty()) {
-    section.Ok("network-address-1", "Network addresses",
-               "(none)" + (hardware.addressError.empty() ? "" : ", WMI: " + hardware.addressError));
+    RawParameter addresses;
+    addresses.origin = "Win32_NetworkAdapter.MACAddress";
+    addresses.error = hardware.addressError;
+    addresses.hasFailed = hardware.haveAddressesFailed;
+    AddRaw(section, "network-address-1", "Network addresses", addresses, "");
   }
   return section;
 }
@@ -79,6 +90,12 @@ void CompareIdentifiers(const Hardware& hardware, const IdentifierOnDisk& stored
     section.Warn("stored", "Stored identifier", stored.value + ", not compared",
                  "The hardware gives no identifier now, so nothing can be said; the stored one "
                  "stays in force.");
+  } else if (!hardware.FailedParts().empty() && stored.value != hardware.identifier) {
+    section.Warn(
+        "stored", "Stored identifier",
+        stored.value + ", not compared: WMI could not answer for " + hardware.FailedParts(),
+        "Repair WMI (winmgmt /verifyrepository) or restart the service Winmgmt, and look "
+        "again; the stored one stays in force.");
   } else if (stored.value != hardware.identifier) {
     section.Warn("stored", "Stored identifier",
                  stored.value + " differs from the hardware's " + hardware.identifier,
@@ -103,6 +120,9 @@ Report IdentityReport(const Hardware& hardware, const IdentifierOnDisk& stored,
     if (hardware.identifier.empty()) {
       identifier.Fail("identifier", "Identifier", "(none)",
                       "No part of it could be had: repair WMI (winmgmt /verifyrepository).");
+    } else if (!hardware.FailedParts().empty()) {
+      identifier.Warn("identifier", "Identifier",
+                      hardware.identifier + " without " + hardware.FailedParts(), kFailedAdvice);
     } else {
       identifier.Ok("identifier", "Identifier", hardware.identifier);
     }

@@ -1,5 +1,8 @@
 #include "tools/vorldiag/machine/installation.h"
 
+#include <algorithm>
+#include <iterator>
+
 #include "companions/common/folders.h"
 #include "support/folder.h"
 #include "support/handle.h"
@@ -150,9 +153,9 @@ FolderFact ConfigurationFolder(const std::wstring& programFolder) {
     return fact;
   }
   const std::wstring parent = fact.path.substr(0, fact.path.find_last_of(L'\\'));
-  if (Exists(fact.path)) {
+  if (IsNoFolder(fact.path)) {
     fact.problem = Utf8(fact.path) + " is no folder";
-  } else if (!IsFolder(parent.c_str())) {
+  } else if (!Exists(fact.path) && !IsFolder(parent.c_str())) {
     fact.problem = Utf8(fact.path) + " does not exist, nor does the folder above it";
   }
   if (!fact.problem.empty()) {
@@ -162,5 +165,18 @@ FolderFact ConfigurationFolder(const std::wstring& programFolder) {
 }
 
 bool Exists(const std::wstring& path) {
-  return GetFileAttributesW(path.c_str()) != INVALID_FILE_ATTRIBUTES;
+  if (GetFileAttributesW(path.c_str()) != INVALID_FILE_ATTRIBUTES) {
+    return true;
+  }
+  const DWORD error = GetLastError();
+  constexpr DWORD absent[] = {
+      ERROR_FILE_NOT_FOUND, ERROR_PATH_NOT_FOUND, ERROR_INVALID_NAME,
+      ERROR_BAD_PATHNAME,   ERROR_INVALID_DRIVE,  ERROR_NOT_READY,
+      ERROR_BAD_NETPATH,    ERROR_BAD_NET_NAME,   ERROR_FILENAME_EXCED_RANGE};
+  return std::find(std::begin(absent), std::end(absent), error) == std::end(absent);
+}
+
+bool IsNoFolder(const std::wstring& path) {
+  const DWORD attributes = GetFileAttributesW(path.c_str());
+  return attributes != INVALID_FILE_ATTRIBUTES && (attributes & FILE_ATTRIBUTE_DIRECTORY) == 0;
 }

@@ -36,4 +36,8 @@ FolderFact ConfigurationFolder(const std::wstring& programFolder);
 // The key that the installer writes, below HKEY_LOCAL_MACHINE.
 extern const wchar_t kInstallationKeyPath[];
 
+// What may not be looked at is there.
 bool Exists(const std::wstring& path);
+
+// Whether something else than a folder is there.
+bool IsNoFolder(const std::wstring& path);

@@ -182,7 +182,7 @@ void CheckConfigurationFolder(const Situation& situation, Section& section) {
         InstallationKeyText();
   }
   advice += ": without it there is no identifier, and the service stops at once.";
-  const bool isMissing = configuration.problem.empty() && !IsFolder(configuration.path.c_str());
+  const bool isMissing = configuration.problem.empty() && !Exists(configuration.path);
   if (isMissing) {
     section.Warn("config-folder", "Configuration",
                  Utf8(configuration.path) + " does not exist (" + configuration.origin + ")",
@@ -212,9 +212,12 @@ void CheckLogs(const Situation& situation, Section& section) {
   const std::string folder = Utf8(situation.Logs());
   if (IsFolder(situation.Logs().c_str())) {
     section.Ok("logs-folder", "Trace", folder + " (beside vlevtlog.dll)");
-  } else if (Exists(situation.Logs())) {
+  } else if (IsNoFolder(situation.Logs())) {
     section.Fail("logs-folder", "Trace", folder + " is no folder",
                  "Remove what is there: no trace can be written.");
+  } else if (Exists(situation.Logs())) {
+    section.Warn("logs-folder", "Trace", folder + " cannot be looked at",
+                 "Run vorldiag from an elevated prompt.");
   } else {
     section.Warn("logs-folder", "Trace", folder + " does not exist",
                  "Nothing has been written yet; when the service has run, it is not allowed to "

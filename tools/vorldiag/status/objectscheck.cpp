@@ -56,7 +56,11 @@ void CheckEvent(const char* id, const char* title, const std::string& name,
                              : event.isSignalled ? ", signalled"
                                                  : ", not signalled") +
                             HoldersText(event);
-  if (!event.isManualReset) {
+  if (!event.isStateKnown) {
+    section.Warn(id, title, value,
+                 "Windows does not tell. Run vorldiag from an elevated prompt; when that does not "
+                 "help and the service stops at once after each start, restart Windows.");
+  } else if (!event.isManualReset) {
     section.Fail(id, title, value + ", of the wrong kind (it resets itself)",
                  "Another program has made it before the service could. " + EndThem(event));
   } else if (event.isSignalled && situation.IsStopped()) {

@@ -197,7 +197,11 @@ void CheckEventSource(const Situation& situation, Section& section) {
   const LSTATUS result =
       RegGetValueW(HKEY_LOCAL_MACHINE, key.c_str(), L"EventMessageFile",
                    RRF_RT_REG_EXPAND_SZ | RRF_RT_REG_SZ | RRF_NOEXPAND, nullptr, file, &size);
-  if (result != ERROR_SUCCESS) {
+  if (result != ERROR_SUCCESS && result != ERROR_FILE_NOT_FOUND) {
+    section.Warn("event-source", "Event source",
+                 "cannot be read: " + ErrorText(static_cast<DWORD>(result)),
+                 "Run vorldiag from an elevated prompt.");
+  } else if (result != ERROR_SUCCESS) {
     section.Warn("event-source", "Event source", "not registered",
                  "Events of this source show without their text. " + std::string(kRegisterAnew));
   } else if (!EqualsIgnoringCase(ProgramOf(file), ProgramOf(situation.registration->command))) {
@@ -281,7 +285,9 @@ Section CheckService(const Situation& situation) {
   }
   if (situation.openError != ERROR_SUCCESS || !situation.registration) {
     section.Fail("registration", "Registration",
-                 name + " cannot be read: " + ErrorText(situation.openError),
+                 name + " cannot be read: " +
+                     ErrorText(situation.openError != ERROR_SUCCESS ? situation.openError
+                                                                    : situation.readError),
                  "Run vorldiag from an elevated prompt.");
     return section;
   }

@@ -9,7 +9,8 @@ Situation FindSituation() {
   situation.openError = situation.service.Open(situation.names.service);
   if (situation.openError == ERROR_SUCCESS) {
     Registration registration;
-    if (situation.service.Read(registration) == ERROR_SUCCESS) {
+    situation.readError = situation.service.Read(registration);
+    if (situation.readError == ERROR_SUCCESS) {
       const std::wstring program = ProgramOf(registration.command);
       if (Exists(program) && program.find(L'\\') != std::wstring::npos) {
         situation.programFolder = program.substr(0, program.find_last_of(L'\\'));

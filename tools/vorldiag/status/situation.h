@@ -12,7 +12,8 @@ struct Situation {
   Names names;
 
   ServiceReader service;
-  DWORD openError = ERROR_SUCCESS;  // why the service cannot be read
+  DWORD openError = ERROR_SUCCESS;  // why the service cannot be opened
+  DWORD readError = ERROR_SUCCESS;  // why its registration cannot be read
   std::optional<Registration> registration;
   std::optional<SERVICE_STATUS_PROCESS> state;
 

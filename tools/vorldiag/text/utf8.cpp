@@ -9,7 +9,11 @@ std::wstring ToWide(UINT codePage, std::string_view text) {
   std::wstring wide(
       static_cast<std::size_t>(MultiByteToWideChar(codePage, 0, text.data(), length, nullptr, 0)),
       L'\0');
-  MultiByteToWideChar(codePage, 0, text.data(), length, wide.data(), static_cast<int>(wide.size()));
+  if (wide.empty()) {
+    return wide;  // with no room the function would give the size again
+  }
+  wide.resize(static_cast<std::size_t>(MultiByteToWideChar(
+      codePage, 0, text.data(), length, wide.data(), static_cast<int>(wide.size()))));
   return wide;
 }
 
@@ -20,8 +24,12 @@ std::string Utf8(std::wstring_view wide) {
   std::string utf8(static_cast<std::size_t>(WideCharToMultiByte(CP_UTF8, 0, wide.data(), length,
                                                                 nullptr, 0, nullptr, nullptr)),
                    '\0');
-  WideCharToMultiByte(CP_UTF8, 0, wide.data(), length, utf8.data(), static_cast<int>(utf8.size()),
-                      nullptr, nullptr);
+  if (utf8.empty()) {
+    return utf8;
+  }
+  utf8.resize(static_cast<std::size_t>(
+      WideCharToMultiByte(CP_UTF8, 0, wide.data(), length, utf8.data(),
+                          static_cast<int>(utf8.size()), nullptr, nullptr)));
   return utf8;
 }
 

@@ -6,6 +6,7 @@
 #include <map>
 
 #include "support/folder.h"
+#include "tools/vorldiag/machine/installation.h"
 #include "tools/vorldiag/machine/sharedfile.h"
 #include "tools/vorldiag/text/utf8.h"
 
@@ -28,7 +29,12 @@ bool HasServiceStart(const std::vector<TraceLine>& lines) {
 template <typename Enough>
 TraceContent Read(const std::wstring& folder, Enough isEnough) {
   TraceContent whole;
-  const std::vector<std::wstring> files = TraceFiles(folder);
+  DWORD searchError = ERROR_SUCCESS;
+  const std::vector<std::wstring> files = TraceFiles(folder, &searchError);
+  if (searchError != ERROR_SUCCESS) {
+    whole.problem = Utf8(folder) + ": " + ErrorText(searchError);
+    whole.advice = "Run vorldiag from an elevated prompt.";
+  }
   std::uint64_t bytesRead = 0;
   std::vector<std::vector<TraceLine>> parts;
   for (auto file = files.rbegin(); file != files.rend(); ++file) {
@@ -102,10 +108,15 @@ std::size_t AddTraceLines(std::string_view bytes, std::vector<TraceLine>& lines,
   return begin;
 }
 
-std::vector<std::wstring> TraceFiles(const std::wstring& folder) {
+std::vector<std::wstring> TraceFiles(const std::wstring& folder, DWORD* error) {
   std::map<unsigned long, std::wstring> numbered;
   WIN32_FIND_DATAW found{};
   const FindHandle search(FindFirstFileW((folder + L"\\vorltrace.*.log").c_str(), &found));
+  const DWORD searchError = search ? ERROR_SUCCESS : GetLastError();
+  if (error != nullptr && searchError != ERROR_FILE_NOT_FOUND &&
+      searchError != ERROR_PATH_NOT_FOUND) {
+    *error = searchError;
+  }
   while (search) {
     if (const unsigned long number = TraceFileNumber(found.cFileName); number != 0) {
       numbered[number] = folder + L"\\" + found.cFileName;
@@ -120,7 +131,7 @@ std::vector<std::wstring> TraceFiles(const std::wstring& folder) {
     files.push_back(path);
   }
   for (const wchar_t* name : {L"\\vorltrace.log", L"\\vorltrace.second.log"}) {
-    if (GetFileAttributesW((folder + name).c_str()) != INVALID_FILE_ATTRIBUTES) {
+    if (Exists(folder + name)) {
       files.push_back(folder + name);
     }
   }

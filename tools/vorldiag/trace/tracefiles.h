@@ -4,10 +4,12 @@
 #include <string>
 #include <vector>
 
+#include "support/windows_api.h"
 #include "tools/vorldiag/trace/traceline.h"
 
-// Paths of all trace files of a folder, oldest first.
-std::vector<std::wstring> TraceFiles(const std::wstring& folder);
+// Paths of all trace files of a folder, oldest first. `error`: why the folder could not be
+// searched, or as it was when it could.
+std::vector<std::wstring> TraceFiles(const std::wstring& folder, DWORD* error = nullptr);
 
 // "vorltrace.000123.log": 123; 0 for a file that is still written, and for any other name.
 unsigned long TraceFileNumber(const std::wstring& path);
