@@ -86,6 +86,35 @@ TEST_F(FaultOf, TheTraceIsThatItsFileIsAFolder) {
   EXPECT_THAT(Run("trace").output, HasSubstr("Lines are missing: " + Value("trace-files")));
 }
 
+TEST_F(FaultOf, TheTraceIsThatItsFolderIsAFile) {
+  fs::remove_all(installation.Folder() / "logs");
+  std::ofstream(installation.Folder() / "logs") << "x";
+  Diagnose();
+  EXPECT_THAT(IdsWith("error"), ElementsAre("logs-folder"));
+  EXPECT_THAT(Advice("logs-folder"), StartsWith("Remove what is there"));
+  EXPECT_EQ(findings.count("trace-files"), 0U);
+}
+
+TEST_F(FaultOf, TheTraceIsThatNoLineOfItCanBeRead) {
+  for (const std::string& content : {std::string(2000, '\0'), std::string("a\r\nb\r\n")}) {
+    std::ofstream(installation.Folder() / "logs" / "vorltrace.log", std::ios::binary) << content;
+    Diagnose();
+    EXPECT_EQ(Value("trace-files"),
+              (installation.Folder() / "logs").string() + ": no line in it can be read");
+    EXPECT_THAT(Advice("trace-files"), HasSubstr("move them away"));
+  }
+}
+
+TEST_F(FaultOf, TheIdentifierIsThatItIsNone) {
+  for (const std::string& value :
+       {std::string("xyz"), std::string(32, 'g'), std::string(31, '0')}) {
+    WriteConfiguration("[ADMIN_CONSOLE_CLIENT_AGENT_SECTION]\r\nclientuniqueid=" + value + "\r\n");
+    Diagnose();
+    EXPECT_EQ(Value("stored"), value + " is no identifier, which has 32 hexadecimal digits");
+    EXPECT_THAT(Advice("stored"), HasSubstr("delete the key clientuniqueid"));
+  }
+}
+
 TEST_F(FaultOf, TheTraceIsThatTheProcessThatRunsIsNotInIt) {
   ASSERT_EQ(service.Start(), 0U);
   ASSERT_TRUE(installation.WaitForText("CAcAsSvc::Run", "Before Calling WaitForSingleObject"));

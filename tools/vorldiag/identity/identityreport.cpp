@@ -1,5 +1,6 @@
 #include "tools/vorldiag/identity/identityreport.h"
 
+#include "identity/ztuuid.h"
 #include "tools/vorldiag/identity/placeholders.h"
 
 namespace {
@@ -30,6 +31,11 @@ void AddRaw(Section& section, const std::string& id, const std::string& title,
   } else {
     section.Warn(id, title, value + ": " + reason, kSharedAdvice);
   }
+}
+
+bool IsIdentifier(const std::string& text) {
+  return text.size() == kIdentifierSize - 1 &&
+         text.find_first_not_of("0123456789ABCDEFabcdef") == std::string::npos;
 }
 
 Section Collected(const Hardware& hardware) {
@@ -86,6 +92,12 @@ void CompareIdentifiers(const Hardware& hardware, const IdentifierOnDisk& stored
     section.Warn("stored", "Stored identifier", "(none)",
                  "The next run of vorlsrvc.exe makes and stores it; when it stays away, look for "
                  "error lines with: vorldiag trace --level error");
+  } else if (!IsIdentifier(stored.value)) {
+    section.Warn(
+        "stored", "Stored identifier",
+        stored.value + " is no identifier, which has 32 hexadecimal digits",
+        "Somebody has written it by hand, and the service keeps it. To have the computer's "
+        "own made, delete the key clientuniqueid and start the service.");
   } else if (hardware.identifier.empty()) {
     section.Warn("stored", "Stored identifier", stored.value + ", not compared",
                  "The hardware gives no identifier now, so nothing can be said; the stored one "

@@ -22,7 +22,7 @@ p{margin:.3rem 0}
 .row>*{min-width:0}
 .what{flex:0 0 13rem;font-weight:600}
 .how{flex:1 1 0}
-.advice{color:#444}
+.advice{color:#444}.advice::before{content:"\2192\00a0"}
 .badge{flex:0 0 4.6rem;align-self:flex-start;text-align:center;border-radius:3px;font-size:.8rem;
  padding:.1rem .3rem;color:#fff}
 .badge.ok{background:#1a7f37}

@@ -94,6 +94,10 @@ Section CheckTrace(const Situation& situation, const TraceContent& trace) {
   Section section{"trace", "Last start and stop", {}};
   if (!trace.problem.empty()) {
     section.Warn("trace-files", "Trace", trace.problem, trace.advice);
+  } else if (trace.lines.empty() && trace.unreadable != 0) {
+    section.Warn("trace-files", "Trace", Utf8(situation.Logs()) + ": no line in it can be read",
+                 "Its files are damaged, or something else has written them: move them away, so "
+                 "that the service begins new ones.");
   }
   const std::vector<ProcessRun> runs = RunsOf(trace.lines);
   const ProcessRun* last = nullptr;

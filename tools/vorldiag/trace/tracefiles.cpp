@@ -31,7 +31,7 @@ TraceContent Read(const std::wstring& folder, Enough isEnough) {
   TraceContent whole;
   DWORD searchError = ERROR_SUCCESS;
   const std::vector<std::wstring> files = TraceFiles(folder, &searchError);
-  if (searchError != ERROR_SUCCESS) {
+  if (searchError != ERROR_SUCCESS && !IsNoFolder(folder)) {
     whole.problem = Utf8(folder) + ": " + ErrorText(searchError);
     whole.advice = "Run vorldiag from an elevated prompt.";
   }
@@ -50,7 +50,9 @@ TraceContent Read(const std::wstring& folder, Enough isEnough) {
                            "another program keeps the file for itself.";
     }
     TraceContent part;
-    AddTraceLines(bytes, part.lines, &part.unreadable);
+    const std::size_t taken = AddTraceLines(bytes, part.lines, &part.unreadable);
+    // What is no whole line is one that is being written, unless there is nothing else.
+    part.unreadable += part.lines.empty() && taken < bytes.size() ? 1U : 0U;
     whole.unreadable += part.unreadable;
     bytesRead += bytes.size();
     parts.push_back(std::move(part.lines));
