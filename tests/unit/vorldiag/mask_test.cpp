@@ -19,6 +19,11 @@ TEST_F(MaskTest, ReplacesTheLongestFirst) {
   mask.AddValue("serial", "0M512345");
   mask.AddValue("serial", "WD-0M512345");
   EXPECT_EQ(mask.Apply("WD-0M512345 0m512345"), "[serial-2] [serial-1]");
+  // Also of two that begin alike, in either order.
+  mask.AddValue("serial", "ABCD1");
+  mask.AddValue("serial", "ABCD12345");
+  mask.AddValue("serial", "ABCD");
+  EXPECT_EQ(mask.Apply("ABCD12345 ABCD1 ABCD"), "[serial-4] [serial-3] [serial-5]");
 }
 
 TEST_F(MaskTest, ReplacesNamesAsWordsOnly) {
