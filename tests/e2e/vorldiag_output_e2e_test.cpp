@@ -198,7 +198,7 @@ TEST_F(DiagnosisOutput, GoesIntoFilesWithLongAndForeignNames) {
   fs::create_directories(anyLength.parent_path());
   for (const std::wstring command : {L"report", L"bundle", L"trace --perfetto"}) {
     EXPECT_EQ(EndOf(StartProcess(CommandLine("") + command + L" \"" + path + L"\"",
-                                 {.hasOutput = false})),
+                                 {.flags = DETACHED_PROCESS, .hasOutput = false})),
               0U);
     EXPECT_GT(fs::file_size(anyLength), 100U);
     fs::remove(anyLength);
