@@ -345,12 +345,13 @@ TEST_F(ConfigurationFile, ThatIsReadOnlyOrAFolderIsToldApart) {
   EXPECT_EQ(ReadId().state, StoredIdentifierState::kMissing);
 }
 
-// Rewritten all the time: the values are all of one version, or the file is refused.
+// Rewritten all the time: the values are all of one version, or the file is refused. A section
+// behind that of the options says that these are whole, and no read waits for more.
 TEST_F(ConfigurationFile, ThatIsRewrittenAllTheTimeGivesOneOfItsVersions) {
   const auto version = [](unsigned number) {
     const std::string text = std::to_string(number);
     return "[STARTUP_OPTIONS]\r\nWord1=" + text + "\r\n;" + std::string(3000, '-') +
-           "\r\nWord2=" + text + "\r\n";
+           "\r\nWord2=" + text + "\r\n[REST]\r\n";
   };
   WriteFileBytes(m_file, version(1));
   std::atomic<bool> isOver = false;
