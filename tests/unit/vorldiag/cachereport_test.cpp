@@ -94,7 +94,8 @@ TEST_F(CacheReport, SaysThatAFileIsDamaged) {
   EXPECT_EQ(Write().verdict, Verdict::kOk);
   fs::resize_file(place / "hwcdata.dat", 100);
   const Report report = CheckCacheReport(hardware, place.wstring());
-  EXPECT_THAT(report.sections[0].findings[0].value, EndsWith("it is damaged, or no such file"));
+  EXPECT_THAT(report.sections[0].findings[0].value,
+              EndsWith("it is damaged, or no hardware cache file"));
   EXPECT_THAT(report.sections[0].findings[0].advice, HasSubstr("vorldiag cache write"));
 }
 

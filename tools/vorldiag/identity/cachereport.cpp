@@ -48,7 +48,7 @@ std::string ReasonOf(int error) {
     case ENOSPC:
       return "the disk is full";
     case EPERM:
-      return "it is damaged, or no such file";
+      return "it is damaged, or no hardware cache file";
     default:
       return "errno " + std::to_string(error);
   }
