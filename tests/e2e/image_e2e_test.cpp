@@ -6,8 +6,10 @@
 #include <filesystem>
 #include <map>
 #include <set>
+#include <span>
 #include <stdexcept>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "support/handle.h"
@@ -18,6 +20,7 @@ namespace fs = std::filesystem;
 using ::testing::Each;
 using ::testing::ElementsAre;
 using ::testing::HasSubstr;
+using ::testing::IsEmpty;
 using ::testing::Not;
 using ::testing::StartsWith;
 
@@ -61,7 +64,7 @@ class Image {
     return At<IMAGE_NT_HEADERS64>(static_cast<DWORD>(At<IMAGE_DOS_HEADER>(0).e_lfanew));
   }
 
-  // The imports by library (in lower case), the delayed ones too: names, or "#n" for ordinals.
+  // The imports by library (in lower case): names, or "#n" for ordinals.
   std::map<std::string, std::set<std::string>> Imports() const {
     std::map<std::string, std::set<std::string>> imports;
     if (const DWORD directory = Directory(IMAGE_DIRECTORY_ENTRY_IMPORT); directory != 0) {
@@ -70,16 +73,67 @@ class Image {
         imports[LibraryName(library->Name)].merge(Functions(library->OriginalFirstThunk));
       }
     }
-    if (const DWORD directory = Directory(IMAGE_DIRECTORY_ENTRY_DELAY_IMPORT); directory != 0) {
-      for (const auto* library = &At<IMAGE_DELAYLOAD_DESCRIPTOR>(directory);
-           library->DllNameRVA != 0; ++library) {
-        imports[LibraryName(library->DllNameRVA)].merge(Functions(library->ImportNameTableRVA));
-      }
-    }
     return imports;
   }
 
+  // What is imported at the first call of one of its functions. Not every linker fills in the
+  // directory of these, so that they are found by what they look like.
+  std::map<std::string, IMAGE_DELAYLOAD_DESCRIPTOR> LateLibraries() const {
+    std::map<std::string, IMAGE_DELAYLOAD_DESCRIPTOR> libraries;
+    for (const IMAGE_SECTION_HEADER& section : Sections()) {
+      const DWORD end = section.VirtualAddress + section.Misc.VirtualSize;
+      for (DWORD offset = section.VirtualAddress;
+           offset + sizeof(IMAGE_DELAYLOAD_DESCRIPTOR) <= end; offset += sizeof(DWORD)) {
+        const auto& library = At<IMAGE_DELAYLOAD_DESCRIPTOR>(offset);
+        if (library.Attributes.AllAttributes == 1 && IsNameOfLibrary(library.DllNameRVA) &&
+            SectionOf(library.ImportAddressTableRVA) != nullptr &&
+            SectionOf(library.ImportNameTableRVA) != nullptr) {
+          libraries[LibraryName(library.DllNameRVA)] = library;
+        }
+      }
+    }
+    return libraries;
+  }
+
+  std::set<std::string> Functions(const IMAGE_DELAYLOAD_DESCRIPTOR& library) const {
+    return Functions(library.ImportNameTableRVA);
+  }
+
+  // Whether the program may write there; false for what is in no section.
+  bool IsWritable(DWORD offset) const {
+    const IMAGE_SECTION_HEADER* section = SectionOf(offset);
+    return section != nullptr && (section->Characteristics & IMAGE_SCN_MEM_WRITE) != 0;
+  }
+
  private:
+  std::span<const IMAGE_SECTION_HEADER> Sections() const {
+    const IMAGE_FILE_HEADER& header = Headers().FileHeader;
+    const BYTE* const optional = reinterpret_cast<const BYTE*>(&Headers().OptionalHeader);
+    return {reinterpret_cast<const IMAGE_SECTION_HEADER*>(optional + header.SizeOfOptionalHeader),
+            header.NumberOfSections};
+  }
+
+  // Null for what is in none.
+  const IMAGE_SECTION_HEADER* SectionOf(DWORD offset) const {
+    for (const IMAGE_SECTION_HEADER& section : Sections()) {
+      if (offset >= section.VirtualAddress &&
+          offset < section.VirtualAddress + section.Misc.VirtualSize) {
+        return &section;
+      }
+    }
+    return nullptr;
+  }
+
+  bool IsNameOfLibrary(DWORD offset) const {
+    const IMAGE_SECTION_HEADER* section = SectionOf(offset);
+    if (section == nullptr) {
+      return false;
+    }
+    const std::string_view rest(&At<char>(offset),
+                                section->VirtualAddress + section->Misc.VirtualSize - offset);
+    return rest.substr(0, rest.find('\0')).ends_with(".dll");
+  }
+
   // Where that directory begins; 0 when there is none.
   DWORD Directory(int entry) const {
     return Headers().OptionalHeader.DataDirectory[entry].VirtualAddress;
@@ -135,7 +189,12 @@ TEST_P(StagedBinary, MayBePlacedAnywhereAndRunsNoData) {
 
 // The libraries that come with the program are imported by ordinal, everything else from Windows.
 TEST_P(StagedBinary, ImportsOnlyWhatWindows7Has) {
-  for (const auto& [library, functions] : Image(path).Imports()) {
+  const Image image(path);
+  auto imports = image.Imports();
+  for (const auto& [library, descriptor] : image.LateLibraries()) {
+    imports[library].merge(image.Functions(descriptor));
+  }
+  for (const auto& [library, functions] : imports) {
     if (library == "vlevtlog.dll" || library == "vorlinfo.dll" || library == "vorlmisc.dll") {
       EXPECT_THAT(functions, Each(StartsWith("#"))) << library;
       continue;
@@ -150,6 +209,16 @@ TEST_P(StagedBinary, ImportsOnlyWhatWindows7Has) {
           << library << " of Windows 7 is not known to have " << function
           << ": tests/e2e/windows7_functions.h says what to do";
     }
+  }
+}
+
+// A library's handle and the addresses of its functions are written when it is loaded. The linker
+// of newer tool chains makes a section of imports one that is only read.
+TEST_P(StagedBinary, CanWriteWhatItImportsLate) {
+  const Image image(path);
+  for (const auto& [library, descriptor] : image.LateLibraries()) {
+    EXPECT_TRUE(image.IsWritable(descriptor.ModuleHandleRVA)) << library;
+    EXPECT_TRUE(image.IsWritable(descriptor.ImportAddressTableRVA)) << library;
   }
 }
 
@@ -200,9 +269,13 @@ TEST(Program, ImportsTheThreeLibrariesByTheirOrdinals) {
 
 // Every start of the program would wait for them.
 TEST(Program, WaitsForNoLibraryThatOnlyAFirstStartNeeds) {
-  const auto imports = Image(StagedFolder() / "vorlsrvc.exe").Imports();
+  const Image image(StagedFolder() / "vorlsrvc.exe");
+  const auto imports = image.Imports();
+  const auto late = image.LateLibraries();
   for (const char* library : {"iphlpapi.dll", "ole32.dll", "oleaut32.dll", "user32.dll"}) {
     EXPECT_FALSE(imports.contains(library)) << library;
+    ASSERT_TRUE(late.contains(library)) << library;
+    EXPECT_THAT(image.Functions(late.at(library)), Not(IsEmpty())) << library;
   }
 }
 
