@@ -23,6 +23,7 @@ done
 : "${WINEPREFIX:=$(cd "$(dirname "$0")/.." && pwd)/build/wine}"
 WINEARCH=win64
 WINEDEBUG=${WINEDEBUG:--all}
-# Without winedbg.exe switched off, most crashed programs end with status 0.
-WINEDLLOVERRIDES=${WINEDLLOVERRIDES-mscoree,mshtml,winedbg.exe=}
+# Without winedbg.exe switched off, most crashed programs end with status 0. Where there is no display,
+# newer Wines' winewayland.drv says so among the output of whichever program is the first to run.
+WINEDLLOVERRIDES=${WINEDLLOVERRIDES-mscoree,mshtml,winedbg.exe,winewayland.drv=}
 export WINEPREFIX WINEARCH WINEDEBUG WINEDLLOVERRIDES

@@ -203,7 +203,9 @@ TEST_F(DiagnosisOutput, GoesIntoFilesWithLongAndForeignNames) {
     EXPECT_GT(fs::file_size(anyLength), 100U);
     fs::remove(anyLength);
   }
-  fs::remove_all(L"\\\\?\\" + temp.Path().wstring());
+  // The compiler's own removal of whole trees does not go that deep.
+  fs::remove(anyLength.parent_path());
+  fs::remove(anyLength.parent_path().parent_path());
 
   const CommandResult result = Run("report " + std::string(300, 'x'));
   EXPECT_EQ(result.exitCode, kExitNotDone);
