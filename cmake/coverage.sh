@@ -24,10 +24,13 @@ ctest --preset mingw-coverage -j "$(nproc)" -L 'unit|e2e' \
 
 rm -rf build/coverage
 mkdir -p build/coverage
-# Branches that only an exception takes, and lines that the compiler makes itself, are not counted.
+# Lines that the compiler makes itself are not counted, and of the branches only the decisions.
 gcovr --root . --object-directory "$tree" --gcov-executable x86_64-w64-mingw32-gcov-posix \
-  --exclude-throw-branches --exclude-unreachable-branches --sort-uncovered \
+  --exclude-unreachable-branches \
   --filter '(app|service|agent|identity|support|companions|modules|tools|samples)/' \
+  --json build/coverage/counted.json "$tree"
+cmake/decisions.py build/coverage/counted.json build/coverage/decisions.json
+gcovr --root . --add-tracefile build/coverage/decisions.json --sort-uncovered \
   --html-details build/coverage/index.html --json-summary build/coverage/summary.json \
-  --txt build/coverage/summary.txt "$tree"
+  --txt build/coverage/summary.txt
 cat build/coverage/summary.txt

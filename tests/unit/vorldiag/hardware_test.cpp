@@ -151,4 +151,50 @@ TEST_F(HardwareTest, GivesUpAWmiThatDoesNotAnswer) {
   WaitForSingleObject(left.Get(), INFINITE);
 }
 
+// The words for what WMI was doing are those of the steps that a record has.
+TEST_F(HardwareTest, SaysAtWhichStepWmiFailed) {
+  machine.SetEverything();
+  machine.server.connectResults[L"ROOT\\CIMV2"] = static_cast<HRESULT>(0x80041003);
+  Hardware hardware = CollectHardware(kPatience);
+  EXPECT_EQ(hardware.biosUuid.error, "80041003 (connecting to WMI's namespace)");
+  EXPECT_EQ(hardware.diskSerial.error, "80041003 (connecting to WMI's namespace)");
+  EXPECT_EQ(hardware.FailedParts(), "BIOS UUID, disk serial, network addresses");
+  EXPECT_EQ(hardware.identifier, "");
+  EXPECT_EQ(hardware.combined, "");
+  EXPECT_EQ(RunBothCollections(kPatience).at(0).identifier, "");
+}
+
+TEST_F(HardwareTest, WithoutAThreadSaysThatMemoryIsOut) {
+  const CallPatch<struct ThreadTag,
+                  std::uintptr_t __cdecl(void*, unsigned, unsigned __stdcall (*)(void*), void*,
+                                         unsigned, unsigned*)>
+      thread("msvcrt.dll", "_beginthreadex",
+             [](void*, unsigned, unsigned __stdcall (*)(void*), void*, unsigned, unsigned*) {
+               return std::uintptr_t{0};
+             });
+  EXPECT_EQ(CollectHardware(kPatience).problem, "out of memory");
+  const std::vector<Collection> collections = RunBothCollections(kPatience);
+  ASSERT_THAT(collections, SizeIs(1));
+  EXPECT_EQ(collections[0].identifier, "");
+  EXPECT_THAT(collections[0].lines, Contains("it did not end in time"));
+}
+
+TEST_F(HardwareTest, WithoutMemoryOnItsThreadSaysSo) {
+  machine.SetEverything();
+  // The texts of the first parameter are longer than what a text has room for without memory.
+  const DWORD own = GetCurrentThreadId();
+  const CallPatch<struct MemoryTag, void* __cdecl(std::size_t)> memory(
+      "msvcrt.dll", "malloc", [&](std::size_t size) -> void* {
+        return GetCurrentThreadId() != own && size == sizeof("Win32_ComputerSystemProduct.UUID")
+                   ? nullptr
+                   : memory.CallOriginal(size);
+      });
+  EXPECT_EQ(CollectHardware(kPatience).problem, "out of memory");
+}
+
+TEST_F(HardwareTest, WithoutComSaysSo) {
+  machine.com.initializeResult = RPC_E_CHANGED_MODE;
+  EXPECT_EQ(CollectHardware(kPatience).problem, "COM cannot be used (80010106)");
+}
+
 }  // namespace

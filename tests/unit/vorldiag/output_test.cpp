@@ -126,6 +126,69 @@ TEST_F(OutputOnAConsole, ThatIsClosedIsSaid) {
   EXPECT_EQ(attributes, kPlain);
 }
 
+TEST_F(OutputOnAConsole, ThatBreaksInTheMiddleOfAReportIsSaid) {
+  Report report{"status", {{"service", "Service", {}}}};
+  report.sections[0].Fail("c", "C", "wrong", "mend");
+  // Title, indent, verdict, value, advice, blank line, sum.
+  constexpr std::size_t writes = 7;
+  for (std::size_t last = 0; last <= writes; ++last) {
+    pieces.clear();
+    const CallPatch<struct BreakTag, BOOL WINAPI(HANDLE, const void*, DWORD, DWORD*, void*)> breaks(
+        "kernel32.dll", "WriteConsoleW",
+        [&](HANDLE, const void*, DWORD count, DWORD* written, void*) {
+          pieces.push_back({});
+          *written = count;
+          return pieces.size() != last + 1;
+        });
+    Output output(STD_OUTPUT_HANDLE);
+    EXPECT_EQ(PrintReport(report, output), last == writes) << last;
+  }
+}
+
+TEST_F(OutputOnAConsole, ShowsStartsAndStopsAsTrees) {
+  std::vector<TraceLine> lines;
+  const auto add = [&](const char* function, const char* text, int level) {
+    TraceLine line;
+    line.moment = static_cast<std::int64_t>(lines.size()) * 5;
+    line.time = "now";
+    line.level = level;
+    line.processId = 47;
+    line.threadId = 11;
+    line.module = "vorlsrvc.exe";
+    line.function = function;
+    line.text = text;
+    lines.push_back(line);
+  };
+  Output output(STD_OUTPUT_HANDLE);
+  EXPECT_TRUE(PrintEpisode(LastStart({}), output));
+  EXPECT_TRUE(PrintEpisode(LastStop({}), output));
+  EXPECT_EQ(TextIn(kPlain),
+            L"The trace shows no start of the service.\r\n"
+            L"The trace shows no stop of the service.\r\n");
+  add("main", "Entry", 2);
+  add("CNTService::ParseStandardArgs", "No Arguments hence returning", 2);
+  EXPECT_TRUE(PrintEpisode(LastStop(RunsOf(lines)), output));
+  pieces.clear();
+  EXPECT_TRUE(PrintEpisode(LastStart(RunsOf(lines)), output));
+  EXPECT_THAT(TextIn(kPlain), HasSubstr(L"now, process 47: step 2 of 14 is missing: \"After"));
+  EXPECT_THAT(TextIn(kPlain), HasSubstr(L"\r\nThread 11\r\n      +0  main  5 ms, without Exit\r\n"
+                                        L"      +5    No Arguments hence returning\r\n"));
+  add("CAcAsSvc::OnStop", "Entry", 2);
+  add("CAcAsSvc::OnStop", "it failed", 1);
+  add("CAcAsSvc::OnStop", "Exit", 2);
+  pieces.clear();
+  EXPECT_TRUE(PrintEpisode(LastStop(RunsOf(lines)), output));
+  EXPECT_THAT(TextIn(kPlain), HasSubstr(L"now, process 47: stop control, not over\r\n"));
+  EXPECT_THAT(TextIn(kPlain), HasSubstr(L"      +0  CAcAsSvc::OnStop  10 ms\r\n"));
+  EXPECT_THAT(TextIn(kRed), HasSubstr(L"      +5    it failed\r\n"));
+  add("main", "Exit", 2);
+  pieces.clear();
+  EXPECT_TRUE(PrintEpisode(LastStop(RunsOf(lines)), output));
+  EXPECT_THAT(TextIn(kPlain), HasSubstr(L"now, process 47: stop control, took 15 ms\r\n"));
+  isBroken = true;
+  EXPECT_FALSE(PrintEpisode(LastStop(RunsOf(lines)), output));
+}
+
 TEST(OutputWithoutAConsole, IsUtf8WithoutColours) {
   const TempFolder folder;
   {

@@ -4,36 +4,10 @@
 #include <gmock/gmock.h>
 
 #include <algorithm>
-#include <fstream>
-#include <iterator>
 
-#include "support/windows_api.h"
+#include "tests/unit/vorldiag/program_bytes.h"
 
 namespace {
-
-IMAGE_NT_HEADERS64& HeadersOf(std::string& bytes) {
-  auto* const dos = reinterpret_cast<IMAGE_DOS_HEADER*>(bytes.data());
-  return *reinterpret_cast<IMAGE_NT_HEADERS64*>(bytes.data() + dos->e_lfanew);
-}
-
-// With the checksum that the linker wrote.
-std::string OwnProgram() {
-  wchar_t path[MAX_PATH];
-  GetModuleFileNameW(nullptr, path, MAX_PATH);
-  std::ifstream file(std::string(path, path + wcslen(path)), std::ios::binary);
-  return {std::istreambuf_iterator<char>(file), {}};
-}
-
-std::string Signed(std::string bytes) {
-  constexpr std::size_t alignment = 8;
-  bytes.resize((bytes.size() + alignment - 1) / alignment * alignment);
-  IMAGE_NT_HEADERS64& headers = HeadersOf(bytes);
-  const std::string certificates(1000, 'c');
-  headers.OptionalHeader.DataDirectory[IMAGE_DIRECTORY_ENTRY_SECURITY] = {
-      static_cast<DWORD>(bytes.size()), static_cast<DWORD>(certificates.size())};
-  headers.OptionalHeader.CheckSum = 0x12345;
-  return bytes + certificates;
-}
 
 // Without the bytes in the message of a failure.
 bool Has(const std::vector<std::string>& forms, const std::string& program) {

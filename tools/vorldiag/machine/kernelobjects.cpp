@@ -52,20 +52,22 @@ Function* FromNtdll(const char* name) {
 
 std::vector<BYTE> AllHandles() {
   constexpr NTSTATUS tooSmall = static_cast<NTSTATUS>(0xC0000004);
-  constexpr std::size_t most = 256ULL * 1024 * 1024;
+  constexpr std::size_t least = 1024ULL * 1024;
+  constexpr std::size_t most = 256 * least;
   auto* const query = FromNtdll<NtQueryFunction>("NtQuerySystemInformation");
-  std::vector<BYTE> buffer(std::size_t{1024} * 1024);
-  NTSTATUS status = tooSmall;
-  while (query != nullptr && buffer.size() <= most) {
-    ULONG size = 0;
-    status = query(kSystemExtendedHandleInformation, buffer.data(),
-                   static_cast<ULONG>(buffer.size()), &size);
+  for (std::size_t size = least; query != nullptr && size <= most; size *= 2) {
+    std::vector<BYTE> buffer(size);
+    ULONG given = 0;
+    const NTSTATUS status = query(kSystemExtendedHandleInformation, buffer.data(),
+                                  static_cast<ULONG>(buffer.size()), &given);
+    if (status == 0) {
+      return buffer;
+    }
     if (status != tooSmall) {
       break;
     }
-    buffer.resize(buffer.size() * 2);
   }
-  return status == 0 ? buffer : std::vector<BYTE>(sizeof(SystemHandles));
+  return std::vector<BYTE>(sizeof(SystemHandles));
 }
 
 std::wstring NameOf(HANDLE object) {

@@ -85,7 +85,7 @@ void CheckCommand(const Situation& situation, Section& section) {
   const std::string value = Utf8(command);
   if (!Exists(program)) {
     section.Fail("command", "Command", value + " is not there", kRegisterAnew);
-  } else if (!isQuoted && command.find(L' ') != std::wstring::npos) {
+  } else if (!isQuoted && program.find(L' ') != std::wstring::npos) {
     section.Fail(
         "command", "Command", value + " has blanks and no quotes",
         std::string("Windows may run another program with this beginning as LocalSystem. ") +
