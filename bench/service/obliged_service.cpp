@@ -1,6 +1,7 @@
 // A service with the same obligations as the product's, in the fewest lines that meet them: the
-// same three libraries, the same settings read, as many trace lines, the same events, waits and
-// modules. What the product needs beyond this, it needs for being careful.
+// same three libraries, the same settings read, as many trace lines, the same reports, messages for
+// debuggers, events, waits and modules. What the product needs beyond this, it needs for being
+// careful.
 #include <process.h>
 
 #include "support/vlevtlog.h"
@@ -16,6 +17,8 @@ char g_name[100];
 SERVICE_STATUS_HANDLE g_service;
 SERVICE_STATUS g_status = {
     SERVICE_WIN32_OWN_PROCESS, SERVICE_START_PENDING, SERVICE_ACCEPT_STOP, 0, 0, 0, 0};
+
+const HANDLE g_handlerLeft = CreateEventA(nullptr, TRUE, TRUE, nullptr);
 
 // What the product writes from its start to the dispatcher, from there to the core module, and from
 // the stop to its end.
@@ -36,18 +39,27 @@ HANDLE OpenEventOf(const char* base) {
   return CreateEventA(nullptr, TRUE, FALSE, name);
 }
 
+// Every report is preceded by a message for debuggers.
 void Report(DWORD state) {
+  char message[sizeof(g_name) + 50];
+  StringCchPrintfA(message, sizeof(message), "[%s](%lu): SetStatus(%lu)\n", g_name,
+                   GetCurrentThreadId(), state);
+  OutputDebugStringA(message);
   g_status.dwCurrentState = state;
   SetServiceStatus(g_service, &g_status);
 }
 
+// Every control is answered by a report, which must not come after the last one.
 void WINAPI Handler(DWORD control) {
+  ResetEvent(g_handlerLeft);
   if (control == SERVICE_CONTROL_STOP) {
     Report(SERVICE_STOP_PENDING);
     const HANDLE close = OpenEventOf("ServiceBenchClose");
     SetEvent(close);
     CloseHandle(close);
   }
+  SetServiceStatus(g_service, &g_status);
+  SetEvent(g_handlerLeft);
 }
 
 unsigned WINAPI Watch(void*) {
@@ -89,6 +101,7 @@ void WINAPI ServiceMain(DWORD, char**) {
       o.Text1, o.Text2, o.Text3, o.Text4, o.Word1, o.Dword1, o.Dword2, o.Dword3, o.Dword6, 1);
   FreeLibrary(core);
   Lines(kLinesToEnd);
+  WaitForSingleObject(g_handlerLeft, INFINITE);
   Report(SERVICE_STOPPED);
 }
 
