@@ -420,6 +420,13 @@ bool IsLoaded(HMODULE module) {
           found == module);
 }
 
+// Whether it is the compiler's own call: a library whose lines are counted writes the counts into a
+// file when it is unloaded.
+bool WritesCounts(HMODULE module, const std::string& name, const CallFacts* facts) {
+  return COUNTS_LINES != 0 && module != nullptr &&
+         (facts == nullptr || facts->treatment == Treatment::kTestOnly || name == "_open");
+}
+
 }  // namespace
 
 CallHooks::CallHooks(CallListener& listener, const std::vector<HMODULE>& modules) {
@@ -445,6 +452,9 @@ CallHooks::~CallHooks() {
 void CallHooks::Hook(HMODULE module, CallListener& listener) {
   ForEachImport(module, [&](const std::string& name, void** slot) {
     const CallFacts* const facts = FindCallFacts(name.c_str());
+    if (WritesCounts(module, name, facts)) {
+      return;
+    }
     if (facts == nullptr) {
       listener.OnUnexpected(name.c_str());
       return;

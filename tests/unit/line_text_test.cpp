@@ -144,4 +144,28 @@ TEST(LineText, EndsTheLineWithoutMemory) {
   EXPECT_EQ(line.View(), fits + " [cut]\r\n");
 }
 
+TEST(LineText, CutsAMessageWhereTextCannotBeConverted) {
+  const std::string text = "before \xE4 behind";
+  {
+    const CallPatch<struct ConvertTag, int WINAPI(UINT, DWORD, const char*, int, wchar_t*, int)>
+        patch("KERNEL32.dll", "MultiByteToWideChar",
+              [](UINT, DWORD, const char*, int, wchar_t*, int) { return 0; });
+    LineText line;
+    line.BeginMessage();
+    line.AppendNarrow(text);
+    line.EndMessage();
+    EXPECT_EQ(line.View(), "before  [cut]");
+  }
+  const std::string longer = "before " + std::string(300, '\xE4');
+  const CallPatch<struct MallocTag, void* __cdecl(std::size_t)> patch(
+      "msvcrt.dll", "malloc", [&](std::size_t size) -> void* {
+        return size == 300 * sizeof(wchar_t) ? nullptr : patch.CallOriginal(size);
+      });
+  LineText line;
+  line.BeginMessage();
+  line.AppendNarrow(longer);
+  line.EndMessage();
+  EXPECT_EQ(line.View(), "before  [cut]");
+}
+
 }  // namespace

@@ -71,7 +71,13 @@ TEST(AppendFormatted, TakesSizes) {
                       18446744073709551615ULL, 7U, std::size_t{8}),
             "44 1 -5 -6000000000 18446744073709551615 7 8");
   EXPECT_EQ(Formatted("%lld", -9223372036854775807LL - 1), "-9223372036854775808");
+  EXPECT_EQ(Formatted("%hhu %hu", 300U, 65537U), "44 1");
   EXPECT_EQ(Formatted("%p", NarrowAt(0x1234ABCD)), "000000001234ABCD");
+}
+
+TEST(AppendFormatted, MarksTheBaseOfAllButNothing) {
+  EXPECT_EQ(Formatted("%#o %#x %#X", 8U, 255U, 255U), "010 0xff 0XFF");
+  EXPECT_EQ(Formatted("%#o %#x %#X", 0U, 0U, 0U), "0 0 0");
 }
 
 TEST(AppendFormatted, TakesWidthAndPrecision) {

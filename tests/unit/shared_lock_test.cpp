@@ -7,6 +7,9 @@
 #include <vector>
 
 #include "support/windows_api.h"
+// Reads the types of windows.h.
+#include <tlhelp32.h>
+
 #include "tests/support/import_patch.h"
 
 namespace {
@@ -239,6 +242,69 @@ TEST_F(SharedLockTest, LetsOneThreadInAtATime) {
     thread.join();
   }
   EXPECT_EQ(counter, kThreads * kRounds);
+}
+
+// Two first lines at the same time.
+TEST_F(SharedLockTest, NamesThreadsInOneSlotWhenTwoOfThemAskForTheFirst) {
+  DWORD taken = TLS_OUT_OF_INDEXES;
+  std::vector<DWORD> freed;
+  {
+    CallPatch<struct AllocTag, DWORD WINAPI()> alloc("KERNEL32.dll", "TlsAlloc", [&] {
+      if (taken == TLS_OUT_OF_INDEXES) {
+        taken = 0;
+        std::thread([&] { m_names.OwnName(); }).join();
+        taken = alloc.CallOriginal();
+        return taken;
+      }
+      return alloc.CallOriginal();
+    });
+    CallPatch<struct FreeTag, BOOL WINAPI(DWORD)> release("KERNEL32.dll", "TlsFree",
+                                                          [&](DWORD slot) {
+                                                            freed.push_back(slot);
+                                                            return release.CallOriginal(slot);
+                                                          });
+    EXPECT_EQ(static_cast<DWORD>(m_names.OwnName()), GetCurrentThreadId());
+    EXPECT_EQ(freed, std::vector<DWORD>{taken});
+  }
+  EXPECT_EQ(Take(), LockResult::kTaken);
+  Release();
+}
+
+// A thread whose birth cannot be told is known by its identifier alone.
+TEST_F(SharedLockTest, IsNotTakenFromALivingHolderWhoseBirthIsNotKnown) {
+  const std::uint64_t living = GetCurrentThreadId();
+  for (const bool canBeTold : {true, false}) {
+    m_lock.holder.store(canBeTold ? living : m_names.OwnName());
+    LockResult result = LockResult::kTaken;
+    std::thread([&] {
+      const std::uint64_t name = m_names.OwnName();
+      const CallPatch<struct TimesTag,
+                      BOOL WINAPI(HANDLE, FILETIME*, FILETIME*, FILETIME*, FILETIME*)>
+          patch("KERNEL32.dll", "GetThreadTimes",
+                [&](HANDLE thread, FILETIME* created, FILETIME* exited, FILETIME* kernel,
+                    FILETIME* user) -> BOOL {
+                  return canBeTold && patch.CallOriginal(thread, created, exited, kernel, user);
+                });
+      result = TakeLock(m_lock, name, kLittlePatience);
+    }).join();
+    EXPECT_EQ(result, LockResult::kNotTaken) << canBeTold;
+  }
+}
+
+// A list that cannot be read is no proof of an end.
+TEST_F(SharedLockTest, IsNotTakenFromAHolderWhenTheListOfThreadsCannotBeRead) {
+  m_lock.holder.store(0xFEDCBA9876543211);
+  const CallPatch<struct OpenTag, HANDLE WINAPI(DWORD, BOOL, DWORD)> open(
+      "KERNEL32.dll", "OpenThread", [](DWORD, BOOL, DWORD) -> HANDLE {
+        SetLastError(ERROR_ACCESS_DENIED);
+        return nullptr;
+      });
+  const CallPatch<struct FirstTag, BOOL WINAPI(HANDLE, THREADENTRY32*)> first(
+      "KERNEL32.dll", "Thread32First", [](HANDLE, THREADENTRY32*) -> BOOL {
+        SetLastError(ERROR_NO_MORE_FILES);
+        return FALSE;
+      });
+  EXPECT_EQ(Take(kListedPatience), LockResult::kNotTaken);
 }
 
 }  // namespace

@@ -480,4 +480,103 @@ TEST_F(TraceLogTest, LetsViewersReadAndDeleteWhileItWrites) {
   EXPECT_THAT(Messages(), ElementsAre("one", "two"));
 }
 
+// Which takes no right that the shared page would need: it can be used all the same.
+TEST_F(TraceLogTest, GoesOnWhereThePageCannotBeKeptInMemoryForWantOfQuota) {
+  const CallPatch<struct LockTag, BOOL WINAPI(void*, SIZE_T)> patch(
+      "KERNEL32.dll", "VirtualLock", [](void*, SIZE_T) -> BOOL {
+        SetLastError(ERROR_WORKING_SET_QUOTA);
+        return FALSE;
+      });
+  Log(2, "one");
+  EXPECT_THAT(Messages(), ElementsAre("one"));
+  EXPECT_THAT(Files(), ElementsAre("vorltrace.log"));
+}
+
+using WriteCall = BOOL WINAPI(HANDLE, const void*, DWORD, DWORD*, OVERLAPPED*);
+
+TEST_F(TraceLogTest, LeavesNoHalfLineInAFileOfItsOwnOnAFullDisk) {
+  fs::create_directories(First());
+  Log(2, "one");
+  for (const bool isToldOf : {true, false}) {
+    const CallPatch<struct FullTag, WriteCall> patch(
+        "KERNEL32.dll", "WriteFile",
+        [&](HANDLE file, const void* bytes, DWORD count, DWORD* written,
+            OVERLAPPED* overlapped) -> BOOL {
+          patch.CallOriginal(file, bytes, count / 2, written, overlapped);
+          SetLastError(ERROR_DISK_FULL);
+          return isToldOf ? FALSE : TRUE;
+        });
+    Log(2, "lost");
+  }
+  Log(2, "two");
+  EXPECT_THAT(SpilledMessages(), ElementsAre("one", "two"));
+  fs::remove(First());
+  m_tick += kSecond / 10;
+  Log(2, "after");
+  EXPECT_THAT(
+      Messages(),
+      ElementsAre(MatchesRegex(R"(2 lines lost: the file cannot be opened \(error \d+\))"),
+                  MatchesRegex(R"(2 lines are in vorltrace\.000001\.log: the file cannot be )"
+                               R"(opened \(error \d+\))"),
+                  "after"));
+}
+
+TEST_F(TraceLogTest, LeavesAFileOfItsOwnToTheThreadThatWritesIntoIt) {
+  fs::create_directories(First());
+  Log(2, "one");
+  std::atomic<bool> isInside{false};
+  const HANDLE goOn = CreateEventW(nullptr, TRUE, FALSE, nullptr);
+  CallPatch<struct StandTag, WriteCall> patch(
+      "KERNEL32.dll", "WriteFile",
+      [&](HANDLE file, const void* bytes, DWORD count, DWORD* written, OVERLAPPED* overlapped) {
+        if (!isInside.exchange(true)) {
+          WaitForSingleObject(goOn, INFINITE);
+        }
+        return patch.CallOriginal(file, bytes, count, written, overlapped);
+      });
+  std::thread slow([&] { Log(2, "slow"); });
+  while (!isInside) {
+    SwitchToThread();
+  }
+  fs::remove(First());
+  m_tick += kSecond / 10;
+  Log(2, "shared");
+  EXPECT_THAT(Messages(), ElementsAre("shared"));
+  SetEvent(goOn);
+  slow.join();
+  CloseHandle(goOn);
+  Log(2, "after");
+  EXPECT_THAT(
+      Messages(),
+      ElementsAre("shared", MatchesRegex(R"(2 lines are in vorltrace\.000001\.log: .*)"), "after"));
+  EXPECT_THAT(Messages("vorltrace.000001.log"), ElementsAre("one", "slow"));
+}
+
+TEST_F(TraceLogTest, TakesNoOptionsWhileAnotherThreadDoesNotEndTakingThem) {
+  Configure("Levels=ALL\n");
+  std::atomic<bool> isInside{false};
+  const HANDLE goOn = CreateEventW(nullptr, TRUE, FALSE, nullptr);
+  const CallPatch<struct AttributesTag, BOOL WINAPI(const wchar_t*, GET_FILEEX_INFO_LEVELS, void*)>
+      patch("KERNEL32.dll", "GetFileAttributesExW",
+            [&](const wchar_t* path, GET_FILEEX_INFO_LEVELS level, void* data) {
+              if (!isInside.exchange(true)) {
+                WaitForSingleObject(goOn, INFINITE);
+              }
+              return patch.CallOriginal(path, level, data);
+            });
+  std::thread slow([&] { EXPECT_TRUE(m_log.SetConfigurationFile(Configuration().c_str())); });
+  while (!isInside) {
+    SwitchToThread();
+  }
+  {
+    const CallPatch<struct SleepTag, void WINAPI(DWORD)> sleep("KERNEL32.dll", "Sleep",
+                                                               [](DWORD) {});
+    EXPECT_FALSE(m_log.SetConfigurationFile(Configuration().c_str()));
+  }
+  SetEvent(goOn);
+  slow.join();
+  CloseHandle(goOn);
+  EXPECT_TRUE(m_log.SetConfigurationFile(Configuration().c_str()));
+}
+
 }  // namespace

@@ -87,6 +87,7 @@ TEST_F(VlevtlogTest, KeepsTheLastErrorWhenTheLevelIsOff) {
 TEST_F(VlevtlogTest, ReadsItsOptionsByItself) {
   WriteText(m_installation / "conf" / "vorlconf.ini", "[TRACE]\r\nLevels=ERROR\r\n");
   m_logTrace(2, "module", "f", "s.cpp", 1, "off");
+  m_logTraceW(2, "module", "f", "s.cpp", 1, L"off");
   m_logTrace(1, "module", "f", "s.cpp", 1, "on");
   EXPECT_THAT(Ends(), ElementsAre(" module f s.cpp:1 on\r"));
 }
