@@ -73,7 +73,9 @@ TEST_F(UpdateFiles, FileInUseGivesWayAndComesBackWhenNothingCanTakeItsPlace) {
             SetLastError(ERROR_DISK_FULL);
             return FALSE;
           }
-          return move.CallOriginal(from, to, flags);
+          const BOOL isMoved = move.CallOriginal(from, to, flags);
+          SetLastError(ERROR_SUCCESS);
+          return isMoved;
         });
     EXPECT_FALSE(PutInPlace(At("new"), At("target"), At("aside")));
     EXPECT_EQ(GetLastError(), DWORD{ERROR_DISK_FULL});
