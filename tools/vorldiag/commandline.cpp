@@ -45,9 +45,9 @@ int ExitCodeOf(Verdict verdict) {
     case Verdict::kWarning:
       return kExitWarning;
     case Verdict::kError:
-      return kExitError;
+      break;
   }
-  return kExitNotDone;
+  return kExitError;
 }
 
 struct Options {

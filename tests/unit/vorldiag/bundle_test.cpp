@@ -161,6 +161,19 @@ TEST_F(Bundle, TakesTheYoungestOfATraceThatIsTooLarge) {
                                       "trace that a bundle takes"));
 }
 
+// Bytes that cannot be packed take more room than what is packed at once.
+TEST_F(Bundle, TakesWhatCannotBePacked) {
+  std::string noise;
+  std::uint32_t state = 4711;
+  while (noise.size() < 300'000) {
+    state = state * 1664525 + 1013904223;
+    noise += static_cast<char>(state >> 24);
+  }
+  Put("logs/vorltrace.log", noise);
+  EXPECT_EQ(Write(/*isMasked=*/false)["logs/vorltrace.log"], noise);
+  EXPECT_GT(facts.size, noise.size());
+}
+
 // A value may begin in one reading and end in the next.
 TEST_F(Bundle, MasksAcrossTheReadingsOfAFile) {
   std::string text;

@@ -60,12 +60,46 @@ TEST_F(ExplanationsTest, NumbersAndDotsStandForAnything) {
   EXPECT_EQ(found->advice, "shorten it");
 }
 
+TEST_F(ExplanationsTest, OfTwoRowsTheMoreExactOneHolds) {
+  Explanations more;
+  more.Add(
+      "| Text | Meaning |\n|---|---|\n"
+      "| `Open X ... failed` | any |\n| `Open X file failed` | the file |\n"
+      "| `Open X ...` | whatever |\n");
+  const auto meaning = [&](const char* text) {
+    TraceLine line;
+    line.text = text;
+    const Explanation* const found = more.Find(line);
+    return found == nullptr ? "" : found->meaning;
+  };
+  EXPECT_EQ(meaning("Open 7 file failed"), "the file");
+  EXPECT_EQ(meaning("Open 7 folder failed"), "any");
+  // Dots stand for nothing, too.
+  EXPECT_EQ(meaning("Open 7 "), "whatever");
+  EXPECT_EQ(meaning("Open"), "");
+}
+
+TEST_F(ExplanationsTest, WordsOfTheDocumentsStandForOthers) {
+  Explanations words;
+  words.Add(
+      "| Text | Meaning |\n|---|---|\n"
+      "| `Word1 of Text1 and Text3 in RootDir` | words |\n| `[x` | [open |\n");
+  TraceLine line;
+  line.text = "a of b and c in d";
+  ASSERT_NE(words.Find(line), nullptr);
+  EXPECT_EQ(words.Find(line)->meaning, "words");
+  line.text = "[x";
+  ASSERT_NE(words.Find(line), nullptr);
+  EXPECT_EQ(words.Find(line)->meaning, "[open");
+}
+
 TEST(TextOfAnExplanation, IsSentencesWithoutEmptyOnes) {
   EXPECT_EQ(TextOf({"it fell", "wait"}), "It means: it fell. To do: wait.");
   EXPECT_EQ(TextOf({"", "Write the path."}), "To do: Write the path.");
   EXPECT_EQ(TextOf({"It fell.", "Wait. (5: no right.)"}),
             "It means: It fell. To do: Wait. (5: no right.)");
   EXPECT_EQ(TextOf({"it fell (5)", ""}), "It means: it fell (5).");
+  EXPECT_EQ(TextOf({")", "."}), "It means: ). To do: .");
 }
 
 TEST(AllExplanations, AreCarriedAlong) {

@@ -190,6 +190,44 @@ TEST_F(FolderWatchTest, GetsOverAFolderThatComesAndGoes) {
   EXPECT_FALSE(watch.Wait(stop.Get()));
 }
 
+TEST_F(TraceFollowerTest, WaitsForAFileThatSomebodyKeepsForHimself) {
+  TraceFollower follower(folder.Path());
+  AddLine("vorltrace.log", "a");
+  {
+    const FileHandle holder(CreateFileW((folder.Path() / "vorltrace.log").c_str(), GENERIC_READ, 0,
+                                        nullptr, OPEN_EXISTING, 0, nullptr));
+    EXPECT_THAT(Texts(follower), IsEmpty());
+  }
+  EXPECT_THAT(Texts(follower), ElementsAre("a"));
+}
+
+TEST_F(FolderWatchTest, BeginsAnewWhenWindowsTellsNoMore) {
+  FolderWatch watch(folder.Path());
+  EXPECT_TRUE(watch.Wait(stop.Get()));
+  int begun = 0;
+  {
+    bool isAsked = false;
+    const CallPatch<struct NextTag, BOOL WINAPI(HANDLE)> next(
+        "kernel32.dll", "FindNextChangeNotification", [&](HANDLE) {
+          isAsked = true;
+          return FALSE;
+        });
+    // Windows may tell late.
+    while (!isAsked) {
+      AddLine("vorltrace.log", "a");
+      EXPECT_TRUE(watch.Wait(stop.Get()));
+    }
+  }
+  const CallPatch<struct FirstTag, HANDLE WINAPI(const wchar_t*, BOOL, DWORD)> first(
+      "kernel32.dll", "FindFirstChangeNotificationW",
+      [&](const wchar_t* path, BOOL isTree, DWORD filter) {
+        ++begun;
+        return first.CallOriginal(path, isTree, filter);
+      });
+  EXPECT_TRUE(watch.Wait(stop.Get()));
+  EXPECT_EQ(begun, 1);
+}
+
 TEST_F(TraceFollowerTest, IsEndedByTheConsole) {
   CallPatch<struct ControlTag, BOOL WINAPI(PHANDLER_ROUTINE, BOOL)> patch(
       "kernel32.dll", "SetConsoleCtrlHandler", [](PHANDLER_ROUTINE handler, BOOL isAdded) {

@@ -197,4 +197,11 @@ TEST_F(HardwareTest, WithoutComSaysSo) {
   EXPECT_EQ(CollectHardware(kPatience).problem, "COM cannot be used (80010106)");
 }
 
+// Somebody else has set COM's security up in this process: what it allows is used.
+TEST_F(HardwareTest, UsesComAsSomebodyElseHasSetItUp) {
+  machine.SetEverything();
+  machine.com.securityResult = RPC_E_TOO_LATE;
+  EXPECT_EQ(CollectHardware(kPatience).problem, "");
+}
+
 }  // namespace

@@ -83,4 +83,19 @@ TEST_F(MaskTest, LeavesOtherTexts) {
   }
 }
 
+TEST_F(MaskTest, LeavesWhatOnlyLooksLikeAnAccount) {
+  EXPECT_EQ(mask.Apply("xS-1-5-21-1-2 C:\\Users\\Default\\x \\Users\\"),
+            "xS-1-5-21-1-2 C:\\Users\\Default\\x \\Users\\");
+  EXPECT_EQ(mask.Apply("C:\\Users\\jane"), "C:\\Users\\[user-1]");
+  EXPECT_EQ(mask.Apply("S-1-12-1-7-8"), "[user-2]");
+}
+
+// Two kinds of the same value are one.
+TEST_F(MaskTest, ReplacesAValueThatIsAddedTwiceByItsFirstWord) {
+  mask.AddValue("serial", "WD-0M51");
+  mask.AddValue("uuid", "wd0m51");
+  mask.AddName("user", "");
+  EXPECT_EQ(mask.Apply("WD0M51 WD-0M51"), "[serial-1] [serial-1]");
+}
+
 }  // namespace

@@ -2,7 +2,6 @@
 #include "tools/vorldiag/status/objectscheck.h"
 
 #include <gmock/gmock.h>
-#include <winternl.h>
 
 #include <cstring>
 #include <optional>
@@ -43,6 +42,7 @@ struct Ntdll {
   LONG state = 0;
   std::vector<Handle> handles;
   int tooSmall = 0;  // so often
+  bool hasQueryObject = true;
   HANDLE opened = nullptr;
 };
 Ntdll g_ntdll;
@@ -88,13 +88,14 @@ class SharedObjects : public ::testing::Test {
   Situation situation;
   DWORD eventError = ERROR_SUCCESS;
   DWORD pipeError = ERROR_FILE_NOT_FOUND;
+  const wchar_t* eventName = nullptr;
 
   CallPatch<struct OpenTag, HANDLE WINAPI(DWORD, BOOL, const char*)> open{
       "KERNEL32.dll", "OpenEventA", [this](DWORD, BOOL, const char*) -> HANDLE {
         SetLastError(eventError);
         g_ntdll.opened = eventError == ERROR_SUCCESS
                              ? CreateEventW(nullptr, /*bManualReset=*/TRUE,
-                                            /*bInitialState=*/FALSE, /*lpName=*/nullptr)
+                                            /*bInitialState=*/FALSE, eventName)
                              : nullptr;
         return g_ntdll.opened;
       }};
@@ -104,10 +105,13 @@ class SharedObjects : public ::testing::Test {
         return pipeError == ERROR_SUCCESS;
       }};
   CallPatch<struct FunctionTag, FARPROC WINAPI(HMODULE, const char*)> function{
-      "KERNEL32.dll", "GetProcAddress", [this](HMODULE module, const char* name) {
+      "KERNEL32.dll", "GetProcAddress", [this](HMODULE module, const char* name) -> FARPROC {
         const std::string_view wanted = reinterpret_cast<std::uintptr_t>(name) > 0xFFFF ? name : "";
         if (wanted == "NtQueryEvent") {
           return g_ntdll.hasQueryEvent ? AsFunction(&QueryEvent) : nullptr;
+        }
+        if (wanted == "NtQueryObject" && !g_ntdll.hasQueryObject) {
+          return nullptr;
         }
         return wanted == "NtQuerySystemInformation" ? AsFunction(&QuerySystem)
                                                     : function.CallOriginal(module, name);
@@ -203,6 +207,38 @@ TEST_F(SharedObjects, HoldersAreTheOtherProcessesWithAHandleOfTheObject) {
   // One that is not in the list itself: nothing is known.
   g_ntdll.handles.erase(g_ntdll.handles.begin());
   g_ntdll.handles[0].processId = 0xFFFF0004;
+  EXPECT_THAT(Look().value, ::testing::Not(HasSubstr("held by")));
+}
+
+// As Wine has it: nobody tells which object a handle stands for, but objects have names.
+TEST_F(SharedObjects, HoldersAreThoseWithAHandleOfTheNameWhereObjectsAreUnknown) {
+  const std::wstring name = L"vorltest_holders_" + std::to_wstring(GetCurrentProcessId());
+  eventName = name.c_str();
+  const KernelHandle same(CreateEventW(nullptr, TRUE, FALSE, eventName));
+  const KernelHandle other(CreateEventW(nullptr, TRUE, FALSE, nullptr));
+  const auto number = [](const KernelHandle& handle) {
+    return reinterpret_cast<ULONG_PTR>(handle.Get());
+  };
+  int known = 0;
+  g_ntdll.handles = {{nullptr, GetCurrentProcessId(), 0, 0, 0, 1, 0, 0},
+                     {nullptr, 0xFFFF0001, number(other), 0, 0, 1, 0, 0},
+                     {nullptr, 0xFFFF0001, number(same), 0, 0, 1, 0, 0},
+                     {&known, 0xFFFF0002, number(other), 0, 0, 1, 0, 0},
+                     {nullptr, 0xFFFF0003, 0xFFFF0000, 0, 0, 1, 0, 0}};
+  bool isOpened = true;
+  // Every process is this one.
+  const CallPatch<struct ProcessTag, HANDLE WINAPI(DWORD, BOOL, DWORD)> process(
+      "KERNEL32.dll", "OpenProcess", [&](DWORD access, BOOL isInherited, DWORD id) -> HANDLE {
+        return isOpened || id == GetCurrentProcessId()
+                   ? process.CallOriginal(access, isInherited, GetCurrentProcessId())
+                   : nullptr;
+      });
+  EXPECT_THAT(Look().value, EndsWith("_test.exe (4294901761)"));
+  EXPECT_THAT(Look().value, HasSubstr(", held by vorldiag_"));
+  isOpened = false;
+  EXPECT_THAT(Look().value, ::testing::Not(HasSubstr("held by")));
+  isOpened = true;
+  g_ntdll.hasQueryObject = false;
   EXPECT_THAT(Look().value, ::testing::Not(HasSubstr("held by")));
 }
 

@@ -139,4 +139,48 @@ TEST_F(OutputFileTest, OfANameThatNoFileCanHaveIsRefusedAtOnce) {
   EXPECT_THAT(Write(name, "x"), StartsWith(name + " cannot be written: error 206"));
 }
 
+TEST_F(OutputFileTest, OnAServerIsAskedForInTheFormThatWindowsTakes) {
+  std::wstring asked;
+  CallPatch<struct OpenTag,
+            HANDLE WINAPI(const wchar_t*, DWORD, DWORD, SECURITY_ATTRIBUTES*, DWORD, DWORD, HANDLE)>
+      open("kernel32.dll", "CreateFileW",
+           [&](const wchar_t* name, DWORD, DWORD, SECURITY_ATTRIBUTES*, DWORD, DWORD, HANDLE) {
+             asked = name;
+             SetLastError(ERROR_BAD_NETPATH);
+             return INVALID_HANDLE_VALUE;
+           });
+  const std::string deep = std::string(100, 'd') + "\\" + std::string(200, 'e') + "\\f";
+  EXPECT_THAT(Write("\\\\server\\share\\" + deep, "x"), HasSubstr("error 53"));
+  EXPECT_EQ(asked, L"\\\\?\\UNC\\server\\share\\" + Wide(deep).substr(0, 302) + L"f.part");
+  // What is in this form already stays as it is.
+  Write("\\\\?\\C:\\" + deep, "x");
+  EXPECT_EQ(asked, L"\\\\?\\C:\\" + Wide(deep) + L".part");
+  Write("\\\\.\\C:\\" + deep, "x");
+  EXPECT_EQ(asked, L"\\\\.\\C:\\" + Wide(deep) + L".part");
+}
+
+// The folder that a path without one is in may be as long as it likes.
+TEST_F(OutputFileTest, InALongFolderIsFoundByItsNameAlone) {
+  std::wstring asked;
+  const std::wstring whole = L"C:\\" + std::wstring(2000, L'x') + L"\\out";
+  CallPatch<struct WholeTag, DWORD WINAPI(const wchar_t*, DWORD, wchar_t*, wchar_t**)> path2(
+      "kernel32.dll", "GetFullPathNameW",
+      [&](const wchar_t*, DWORD size, wchar_t* buffer, wchar_t**) -> DWORD {
+        if (size <= whole.size()) {
+          return static_cast<DWORD>(whole.size() + 1);
+        }
+        buffer[whole.copy(buffer, whole.size())] = L'\0';
+        return static_cast<DWORD>(whole.size());
+      });
+  CallPatch<struct OpenTag2,
+            HANDLE WINAPI(const wchar_t*, DWORD, DWORD, SECURITY_ATTRIBUTES*, DWORD, DWORD, HANDLE)>
+      open("kernel32.dll", "CreateFileW",
+           [&](const wchar_t* name, DWORD, DWORD, SECURITY_ATTRIBUTES*, DWORD, DWORD, HANDLE) {
+             asked = name;
+             return INVALID_HANDLE_VALUE;
+           });
+  Write("out", "x");
+  EXPECT_EQ(asked, L"\\\\?\\" + whole + L".part");
+}
+
 }  // namespace

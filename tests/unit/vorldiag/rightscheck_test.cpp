@@ -232,4 +232,66 @@ TEST_F(Rights, OfTheKeysAreThoseToWrite) {
   EXPECT_THAT(Look("rights-installation-key").value, EndsWith(" does not exist"));
 }
 
+// Entries of a kind that gives nothing, and of one that gives it under a condition.
+TEST_F(Rights, OfConditionalEntriesCountAndThoseOfOtherKindsDoNot) {
+  BYTE type = ACCESS_ALLOWED_CALLBACK_ACE_TYPE;
+  const CallPatch<struct AceTag, BOOL WINAPI(PACL, DWORD, void**)> read(
+      "ADVAPI32.dll", "GetAce", [&](PACL list, DWORD index, void** entry) {
+        const BOOL isRead = read.CallOriginal(list, index, entry);
+        static_cast<ACE_HEADER*>(*entry)->AceType = type;
+        return isRead;
+      });
+  EXPECT_THAT(Foreign(L"(A;;SD;;;WD)"), ElementsAre(EndsWith(" may delete")));
+  type = SYSTEM_AUDIT_ACE_TYPE;
+  EXPECT_THAT(Foreign(L"(A;;SD;;;WD)"), IsEmpty());
+}
+
+TEST_F(Rights, OfAnEntryThatCannotBeReadAreLeftOut) {
+  const CallPatch<struct AceTag, BOOL WINAPI(PACL, DWORD, void**)> read(
+      "ADVAPI32.dll", "GetAce", [&](PACL list, DWORD index, void** entry) {
+        return index != 0 && read.CallOriginal(list, index, entry);
+      });
+  EXPECT_THAT(Foreign(L"(A;;GA;;;WD)(A;;SD;;;BU)"), ElementsAre(EndsWith(" may delete")));
+}
+
+TEST_F(Rights, WithoutAListAndOfAForeignOwnerAreBothNamed) {
+  EXPECT_THAT(FolderWith(L"O:S-1-5-21-1-2-3-1001G:BA").value,
+              EndsWith(": everyone may do everything; S-1-5-21-1-2-3-1001 is the owner and may "
+                       "change the rights"));
+}
+
+// A size that says nothing must not be asked for again and again.
+TEST_F(Rights, OfAServiceWhoseListHasNoSizeAreUnknown) {
+  service.error = ERROR_INSUFFICIENT_BUFFER;
+  EXPECT_THAT(Look("rights-service").value, HasSubstr(": rights cannot be read, error 122"));
+}
+
+TEST_F(Rights, AreThoseOfTheAccountsThatWindowsNames) {
+  std::wstring domain = L"FIRST";
+  std::wstring name = L"jane";
+  const CallPatch<struct AccountTag, BOOL WINAPI(const wchar_t*, void*, wchar_t*, DWORD*, wchar_t*,
+                                                 DWORD*, SID_NAME_USE*)>
+      lookup("ADVAPI32.dll", "LookupAccountSidW",
+             [&](const wchar_t*, void*, wchar_t* account, DWORD*, wchar_t* place, DWORD*,
+                 SID_NAME_USE*) {
+               account[name.copy(account, name.size())] = L'\0';
+               place[domain.copy(place, domain.size())] = L'\0';
+               return TRUE;
+             });
+  const wchar_t entries[] = L"(A;;SD;;;S-1-5-21-1-2-3-1001)";
+  const std::size_t before = NotedAccounts().size();
+  EXPECT_THAT(Foreign(entries), ElementsAre("FIRST\\jane may delete"));
+  EXPECT_THAT(Foreign(entries), ElementsAre("FIRST\\jane may delete"));
+  domain = L"SECOND";
+  EXPECT_THAT(Foreign(entries), ElementsAre("SECOND\\jane may delete"));
+  domain = L"";
+  EXPECT_THAT(Foreign(entries), ElementsAre("jane may delete"));
+  // Each once, and only those that are not the same on every computer.
+  EXPECT_THAT(Foreign(L"(A;;SD;;;WD)"), ElementsAre("jane may delete"));
+  EXPECT_EQ(NotedAccounts().size(), before + 3);
+  name = L"";
+  EXPECT_THAT(Foreign(entries), ElementsAre("S-1-5-21-1-2-3-1001 may delete"));
+  EXPECT_EQ(NotedAccounts().size(), before + 3);
+}
+
 }  // namespace

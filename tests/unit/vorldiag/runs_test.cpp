@@ -149,4 +149,11 @@ TEST_F(Runs, ErrorsThatAreUsualDoNotCount) {
   EXPECT_THAT(ErrorsOf(runs.back()), SizeIs(1));
 }
 
+TEST_F(Runs, AStopThroughTheCloseEventIsByAnotherProgram) {
+  AddServiceBeginning();
+  Add("WaitForServiceClosure", "Entry");
+  Add("WaitForServiceClosure", "Close Event Signalled");
+  EXPECT_EQ(StopOf(RunsOf(lines).back()).reason, "close event, from another program");
+}
+
 }  // namespace

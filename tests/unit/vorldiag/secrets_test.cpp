@@ -3,7 +3,11 @@
 
 #include <gmock/gmock.h>
 
+#include <string_view>
+#include <utility>
+
 #include "support/windows_api.h"
+#include "tests/support/empty_machine_key.h"
 
 namespace {
 
@@ -59,6 +63,34 @@ TEST_F(Secrets, AreTheComputersNames) {
   const std::string computer(wide.begin(), wide.end());
   EXPECT_EQ(Masked("on " + computer + ", not not" + computer),
             "on [computer-1], not not" + computer);
+}
+
+// Of people who have ever logged on, also when Windows does not know them any more.
+TEST_F(Secrets, AreTheFoldersOfUsers) {
+  const EmptyMachineKey registry;
+  const std::wstring list = L"SOFTWARE\\Microsoft\\Windows NT\\CurrentVersion\\ProfileList\\";
+  EXPECT_EQ(Masked("janes-profile"), "janes-profile");
+  const std::pair<const wchar_t*, const wchar_t*> profiles[] = {
+      {L"S-1-5-18", L"C:\\Windows\\systemsprofile"},
+      {L"S-1-5-21-1-2-3-4711", L"D:\\Homes\\janes-profile"},
+      {L"S-1-12-1-5-6", L"D:\\Homes\\joes-profile"},
+      {L"S-1-5-21-no", L"D:\\Homes\\nobodys-profile"}};
+  const auto make = [&](const std::wstring& sid) {
+    RegistryKey key;
+    RegCreateKeyExW(HKEY_LOCAL_MACHINE, (list + sid).c_str(), 0, nullptr, REG_OPTION_VOLATILE,
+                    KEY_ALL_ACCESS, nullptr, key.Receive(), nullptr);
+    return key;
+  };
+  for (const auto& [sid, path] : profiles) {
+    EXPECT_EQ(
+        RegSetValueExW(make(sid).Get(), L"ProfileImagePath", 0, REG_SZ,
+                       reinterpret_cast<const BYTE*>(path),
+                       static_cast<DWORD>((std::wstring_view(path).size() + 1) * sizeof(wchar_t))),
+        ERROR_SUCCESS);
+  }
+  make(L"S-1-5-21-1-2-3-4712");  // without a path
+  EXPECT_THAT(Masked("janes-profile joes-profile systemsprofile nobodys-profile"),
+              ::testing::MatchesRegex("\\[user-.\\] \\[user-.\\] systemsprofile nobodys-profile"));
 }
 
 }  // namespace

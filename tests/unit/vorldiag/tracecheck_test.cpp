@@ -184,4 +184,14 @@ TEST_F(LastStartAndStop, OfAServiceThatRunsIsTheStopOfTheRunBefore) {
   EXPECT_EQ(Look("last-stop").value, "now, stop control, took 1 ms");
 }
 
+// Windows gives numbers out again.
+TEST_F(LastStartAndStop, OfTheSameNumberTwiceAreThoseOfTheYoungerProcess) {
+  Start();
+  Start();
+  SetState(SERVICE_RUNNING);
+  EXPECT_THAT(Look("last-start").value, EndsWith("up after 14 ms"));
+  EXPECT_EQ(Look("last-stop").verdict, Verdict::kError);
+  EXPECT_THAT(Look("last-stop").value, EndsWith(" broke off without a stop"));
+}
+
 }  // namespace

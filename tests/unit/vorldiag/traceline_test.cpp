@@ -87,4 +87,11 @@ TEST(LevelOf, ReadsWordsAndNumbers) {
   EXPECT_EQ(LevelOf("loud"), 0);
 }
 
+TEST(LevelWord, IsItsNumberWhereItHasNoName) {
+  EXPECT_EQ(LevelWord(1), "ERROR");
+  EXPECT_EQ(LevelWord(2), "INFO");
+  EXPECT_EQ(LevelWord(8), "VERBOSE");
+  EXPECT_EQ(LevelWord(4), "LEVEL4");
+}
+
 }  // namespace

@@ -40,8 +40,6 @@ std::string AskName(decltype(GetEventNameByVersion)* ask, const char* baseName, 
 
 std::string Text(const FolderFailure& failure) {
   switch (failure.problem) {
-    case FolderProblem::kNone:
-      break;
     case FolderProblem::kCannotBeRead:
       return "registry value " + Utf8(failure.valueName) +
              " cannot be read: " + ErrorText(failure.error);
@@ -60,12 +58,13 @@ std::string Text(const FolderFailure& failure) {
       return "a folder of " + std::to_string(failure.length) + " characters, at most " +
              std::to_string(kLongestFolder) + ": " + Utf8(failure.path);
     case FolderProblem::kDoesNotExist:
-      return "it does not exist: " + Utf8(failure.path);
+    // Not of a folder that is not found when the library's own is given.
+    case FolderProblem::kNone:
     case FolderProblem::kNoLibraryPath:
     case FolderProblem::kNoFolder:
-      return "the library's own folder is unknown";
+      break;
   }
-  return "";
+  return "it does not exist: " + Utf8(failure.path);
 }
 
 // Whether the installer's key has a text of this name that is not empty.

@@ -50,9 +50,9 @@ const char* VerdictWord(Verdict verdict) {
     case Verdict::kWarning:
       return "warning";
     case Verdict::kError:
-      return "error";
+      break;
   }
-  return "";
+  return "error";
 }
 
 std::string Counted(std::size_t number, const std::string& noun) {

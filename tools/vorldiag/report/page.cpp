@@ -73,9 +73,10 @@ std::string Drawing(const Timeline& timeline, std::int64_t scale, const std::str
     if (stretch.Milliseconds() == 0) {
       continue;
     }
+    // From here on there is a slowest one, and the scale is no less.
     isOdd = !isOdd;
-    const bool isSlowest = !slowest.empty() && slowest[0].begin == stretch.begin;
-    const double place = width / static_cast<double>(std::max<std::int64_t>(scale, 1));
+    const bool isSlowest = slowest[0].begin == stretch.begin;
+    const double place = width / static_cast<double>(scale);
     char bar[200];
     std::snprintf(bar, sizeof(bar),
                   "<rect x=\"%.2f\" y=\"0\" width=\"%.2f\" height=\"26\" fill=\"%s\">",

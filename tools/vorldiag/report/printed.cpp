@@ -20,9 +20,9 @@ Colour ColourOf(Verdict verdict) {
     case Verdict::kWarning:
       return Colour::kYellow;
     case Verdict::kError:
-      return Colour::kRed;
+      break;
   }
-  return Colour::kPlain;
+  return Colour::kRed;
 }
 
 // Errors are to be found without colour as well.

@@ -57,9 +57,6 @@ void CheckErrors(const ProcessRun& run, Section& section) {
 void CheckStop(const ProcessRun& run, const Situation& situation, Section& section) {
   const StopFacts stop = StopOf(run);
   if (stop.begin == nullptr) {
-    if (IsAlive(run, situation)) {
-      return;
-    }
     section.Fail("last-stop", "Last stop", RunText(run) + " broke off without a stop",
                  "It crashed or was ended: look into the Application log, event 1000, and the "
                  "System log, events 7031 and 7034.");

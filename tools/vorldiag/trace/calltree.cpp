@@ -82,9 +82,8 @@ class Builder {
         return IsWord(*m_lines[i], "Entry");
       }
     }
-    const auto last = m_last.find(entry.function);
     constexpr std::string_view calling = "efore ";  // "Before", "before"
-    return last == m_last.end() || last->second->text.find(calling) == std::string::npos;
+    return m_last.at(entry.function)->text.find(calling) == std::string::npos;
   }
 
   const std::vector<const TraceLine*>& m_lines;
