@@ -420,4 +420,24 @@ TEST_F(StoreIdentifierInFolder, DoesNotWaitWhereNoneHasBeen) {
   EXPECT_EQ(pauses.count, 0U);
 }
 
+// No lock has the name of a file without extension, and the identifier matters more.
+TEST_F(StoreIdentifierTest, NeedsNoLockForAFileWithoutExtension) {
+  const TempFolder folder;
+  const std::wstring file = (folder.Path() / "vorlconf").wstring();
+  ASSERT_EQ(file.find(L'.'), std::wstring::npos);
+  unsigned locks = 0;
+  {
+    const CallPatch<struct LocksTag, decltype(CreateFileW)> open(
+        "KERNEL32.dll", "CreateFileW",
+        [&](LPCWSTR path, DWORD access, DWORD share, SECURITY_ATTRIBUTES* security,
+            DWORD disposition, DWORD flags, HANDLE like) {
+          locks += (flags & FILE_FLAG_DELETE_ON_CLOSE) != 0 ? 1 : 0;
+          return open.CallOriginal(path, access, share, security, disposition, flags, like);
+        });
+    EXPECT_EQ(StoreIdentifier(kOwn, file.c_str(), found), StoreOutcome::kStored);
+  }
+  EXPECT_EQ(locks, 0U);
+  ExpectPresent(ReadIdentifier(file.c_str()), kOwn);
+}
+
 }  // namespace

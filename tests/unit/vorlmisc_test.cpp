@@ -523,4 +523,16 @@ TEST_F(SupportLibrary, LogOptionsThatTheTraceLibraryRefusesFailWithOneLine) {
                           kLogOptions.Error("Trace options cannot be applied: " + file.string())));
 }
 
+TEST_F(SupportLibrary, LibraryWhosePathNamesNoFolderIsRefused) {
+  m_library.ReplaceImport<DWORD WINAPI(HMODULE, wchar_t*, DWORD)>(
+      "GetModuleFileNameW", [](HMODULE, wchar_t* path, DWORD) -> DWORD {
+        constexpr std::wstring_view name = L"vorlmisc.dll";
+        path[name.copy(path, name.size())] = L'\0';
+        return static_cast<DWORD>(name.size());
+      });
+  EXPECT_EQ(RootDir(), L"refused");
+  EXPECT_THAT(m_journal.TakeTraces(),
+              ElementsAre(kRootDir.Error("Library has no folder: vorlmisc.dll")));
+}
+
 }  // namespace
