@@ -61,6 +61,12 @@ def keep(text, prefix=""):
 
 # --- Services ---
 
+def remove_services():
+    """What an interrupted run has left would run by itself, and be found running."""
+    for name in SERVICE_NAMES.values():
+        wine(SERVICE_BENCH, "remove", name, check=False)
+
+
 def stage():
     probe = BENCH / "service" / "probe_module.dll"
     for name, files, modules in (
@@ -99,8 +105,6 @@ class Services:
         self.removals = []
 
     def __enter__(self):
-        for name in SERVICE_NAMES.values():  # what an interrupted run has left
-            wine(SERVICE_BENCH, "remove", name, check=False)
         ours = WORK / "ours" / "vorlsrvc.exe"
         wine(ours, "-install")
         self._add("ours", ours, (ours, "-uninstall"))
@@ -398,6 +402,7 @@ def main():
         sys.exit(f"what is {' '.join(unknown)}? See the beginning of ./measure")
     quick = "quick" in sys.argv
     rounds, idle_seconds = (5, 10) if quick else (25, 600)
+    remove_services()
     shutil.rmtree(WORK, ignore_errors=True)
     WORK.mkdir(parents=True)
     stage()

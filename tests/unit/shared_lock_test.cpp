@@ -294,17 +294,22 @@ TEST_F(SharedLockTest, IsNotTakenFromALivingHolderWhoseBirthIsNotKnown) {
 // A list that cannot be read is no proof of an end.
 TEST_F(SharedLockTest, IsNotTakenFromAHolderWhenTheListOfThreadsCannotBeRead) {
   m_lock.holder.store(0xFEDCBA9876543211);
-  const CallPatch<struct OpenTag, HANDLE WINAPI(DWORD, BOOL, DWORD)> open(
-      "KERNEL32.dll", "OpenThread", [](DWORD, BOOL, DWORD) -> HANDLE {
-        SetLastError(ERROR_ACCESS_DENIED);
-        return nullptr;
-      });
-  const CallPatch<struct FirstTag, BOOL WINAPI(HANDLE, THREADENTRY32*)> first(
-      "KERNEL32.dll", "Thread32First", [](HANDLE, THREADENTRY32*) -> BOOL {
-        SetLastError(ERROR_NO_MORE_FILES);
-        return FALSE;
-      });
-  EXPECT_EQ(Take(kListedPatience), LockResult::kNotTaken);
+  // The report of a failure opens the thread as well.
+  LockResult result{};
+  {
+    const CallPatch<struct OpenTag, HANDLE WINAPI(DWORD, BOOL, DWORD)> open(
+        "KERNEL32.dll", "OpenThread", [](DWORD, BOOL, DWORD) -> HANDLE {
+          SetLastError(ERROR_ACCESS_DENIED);
+          return nullptr;
+        });
+    const CallPatch<struct FirstTag, BOOL WINAPI(HANDLE, THREADENTRY32*)> first(
+        "KERNEL32.dll", "Thread32First", [](HANDLE, THREADENTRY32*) -> BOOL {
+          SetLastError(ERROR_NO_MORE_FILES);
+          return FALSE;
+        });
+    result = Take(kListedPatience);
+  }
+  EXPECT_EQ(result, LockResult::kNotTaken);
 }
 
 }  // namespace
