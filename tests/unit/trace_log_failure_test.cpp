@@ -2,7 +2,6 @@
 #include <gmock/gmock.h>
 
 #include <atomic>
-#include <cstring>
 #include <fstream>
 #include <map>
 #include <string>

@@ -13,6 +13,9 @@
 #include "tests/support/import_patch.h"
 #include "tests/unit/vorldiag/finding_of.h"
 
+// Needs the types of windows.h.
+#include <tlhelp32.h>
+
 using ::testing::EndsWith;
 using ::testing::HasSubstr;
 using ::testing::StartsWith;
@@ -278,6 +281,40 @@ TEST_F(SharedObjects, ThePipeOfTheInstallationsHelperIsRight) {
   const Finding finding = Look("helper-pipe");
   EXPECT_EQ(finding.verdict, Verdict::kOk);
   EXPECT_THAT(finding.value, HasSubstr(" is there, the helper runs: VorlHelper.exe ("));
+}
+
+TEST_F(SharedObjects, ThePipesServerIsUnknownWhereProcessesAreNotShown) {
+  pipeError = ERROR_SUCCESS;
+  situation.programFolder = L"C:\\Agent";
+  const auto expectUnknown = [&] {
+    EXPECT_EQ(Look("helper-pipe").verdict, Verdict::kWarning);
+    EXPECT_THAT(Look("helper-pipe").value, EndsWith("whether the helper serves it is unknown"));
+    EXPECT_EQ(Look("helper-pipe").advice, "Run vorldiag from an elevated prompt.");
+  };
+  {
+    const CallPatch<struct ListTag, HANDLE WINAPI(DWORD, DWORD)> list(
+        "KERNEL32.dll", "CreateToolhelp32Snapshot", [](DWORD, DWORD) {
+          SetLastError(ERROR_BAD_LENGTH);
+          return INVALID_HANDLE_VALUE;
+        });
+    expectUnknown();
+  }
+  bool isLast = false;
+  const CallPatch<struct NextTag, BOOL WINAPI(HANDLE, PROCESSENTRY32W*)> next(
+      "KERNEL32.dll", "Process32NextW", [&](HANDLE, PROCESSENTRY32W* entry) -> BOOL {
+        isLast = !isLast;
+        entry->th32ProcessID = 0xFFFFFFFC;
+        std::wstring_view(L"VORLHELPER.EXE\0", 15).copy(entry->szExeFile, 15);
+        SetLastError(ERROR_NO_MORE_FILES);
+        return isLast;
+      });
+  expectUnknown();
+  const CallPatch<struct BrokenTag, BOOL WINAPI(HANDLE, PROCESSENTRY32W*)> broken(
+      "KERNEL32.dll", "Process32NextW", [](HANDLE, PROCESSENTRY32W*) -> BOOL {
+        SetLastError(ERROR_PARTIAL_COPY);
+        return FALSE;
+      });
+  expectUnknown();
 }
 
 TEST_F(SharedObjects, TheTracesLockIsNamedWithWhetherItIsThere) {

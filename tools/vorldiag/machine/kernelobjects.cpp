@@ -175,18 +175,23 @@ DWORD LookAtPipe(const wchar_t* name) {
   return WaitNamedPipeW(name, patienceMilliseconds) ? ERROR_SUCCESS : GetLastError();
 }
 
-std::vector<std::string> ProcessesOf(const std::wstring& program) {
+std::optional<std::vector<std::string>> ProcessesOf(const std::wstring& program) {
+  const std::wstring name = program.substr(program.find_last_of(L'\\') + 1);
   std::vector<std::string> processes;
+  bool isOneHidden = false;
   const FileHandle snapshot(CreateToolhelp32Snapshot(TH32CS_SNAPPROCESS, 0));
   PROCESSENTRY32W entry{};
   entry.dwSize = sizeof(entry);
   for (BOOL isThere = snapshot && Process32FirstW(snapshot.Get(), &entry); isThere;
        isThere = Process32NextW(snapshot.Get(), &entry)) {
-    if (EqualsIgnoringCase(ImageOf(entry.th32ProcessID), program)) {
+    const std::wstring image = ImageOf(entry.th32ProcessID);
+    if (EqualsIgnoringCase(image, program)) {
       processes.push_back(ProcessText(entry.th32ProcessID));
     }
+    isOneHidden |= image.empty() && EqualsIgnoringCase(entry.szExeFile, name);
   }
-  return processes;
+  const bool isWhole = GetLastError() == ERROR_NO_MORE_FILES && !isOneHidden;
+  return isWhole || !processes.empty() ? std::optional(processes) : std::nullopt;
 }
 
 std::string ProcessText(DWORD processId) {

@@ -2,6 +2,7 @@
 // waited for, because a wait would reset an event of the wrong kind.
 #pragma once
 
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -28,8 +29,9 @@ EventFacts LookAtEvent(const std::string& name);
 // stays unknown.
 DWORD LookAtPipe(const wchar_t* name);
 
-// "name.exe (1234)" of every process that runs this program.
-std::vector<std::string> ProcessesOf(const std::wstring& program);
+// "name.exe (1234)" of every process that runs this program. Nothing when that is unknown: the list
+// of processes could not be had, or one of the same file name does not show its path.
+std::optional<std::vector<std::string>> ProcessesOf(const std::wstring& program);
 
 // "name.exe (1234)", or "process 1234".
 std::string ProcessText(DWORD processId);

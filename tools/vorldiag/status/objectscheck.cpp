@@ -102,13 +102,16 @@ void CheckPipe(const Situation& situation, Section& section) {
                  "Run vorldiag from an elevated prompt.");
     return;
   }
-  const std::string helpers = Joined(ProcessesOf(situation.programFolder + L"\\vorlhelper.exe"));
-  if (helpers.empty()) {
+  const auto helpers = ProcessesOf(situation.programFolder + L"\\vorlhelper.exe");
+  if (!helpers) {
+    section.Warn(id, title, name + " is there; whether the helper serves it is unknown",
+                 "Run vorldiag from an elevated prompt.");
+  } else if (helpers->empty()) {
     section.Warn(id, title, name + " is there, but no vorlhelper.exe of this installation runs",
                  "Another program serves it and hears of every stop and removal: unless it is a "
                  "helper of your own, find it with a handle viewer and end it.");
   } else {
-    section.Ok(id, title, name + " is there, the helper runs: " + helpers);
+    section.Ok(id, title, name + " is there, the helper runs: " + Joined(*helpers));
   }
 }
 
