@@ -1,5 +1,7 @@
 #include "tools/vorldiag/machine/service.h"
 
+#include <cstring>
+
 #include "tools/vorldiag/text/utf8.h"
 
 namespace {
@@ -54,7 +56,13 @@ DWORD ServiceReader::Read(Recovery& recovery) const {
     return GetLastError();
   }
   const auto* const actions = reinterpret_cast<const SERVICE_FAILURE_ACTIONSW*>(buffer.data());
-  recovery.actions.assign(actions->lpsaActions, actions->lpsaActions + actions->cActions);
+  recovery.actions.clear();
+  for (DWORD i = 0; i < actions->cActions; ++i) {
+    const SC_ACTION_TYPE& type = actions->lpsaActions[i].Type;
+    int& action = recovery.actions.emplace_back();
+    static_assert(sizeof(action) == sizeof(type));
+    std::memcpy(&action, &type, sizeof(action));
+  }
   recovery.command = OrEmpty(actions->lpCommand);
   recovery.resetSeconds = actions->dwResetPeriod;
   return ERROR_SUCCESS;

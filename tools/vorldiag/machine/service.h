@@ -19,7 +19,7 @@ struct Registration {
 };
 
 struct Recovery {
-  std::vector<SC_ACTION> actions;
+  std::vector<int> actions;  // SC_ACTION_TYPE, or what only newer Windows have
   std::wstring command;
   DWORD resetSeconds = 0;
 };

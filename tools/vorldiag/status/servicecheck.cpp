@@ -62,7 +62,7 @@ const char* StateWord(DWORD state) {
   }
 }
 
-const char* ActionWord(SC_ACTION_TYPE action) {
+const char* ActionWord(int action) {
   switch (action) {
     case SC_ACTION_NONE:
       return "nothing";
@@ -163,14 +163,13 @@ void CheckRecovery(const Situation& situation, Section& section) {
     return;
   }
   std::string value;
-  for (const SC_ACTION& action : recovery.actions) {
-    value += (value.empty() ? "" : ", ") + std::string(ActionWord(action.Type));
+  for (const int action : recovery.actions) {
+    value += (value.empty() ? "" : ", ") + std::string(ActionWord(action));
   }
   value += "; failures reset after " + std::to_string(recovery.resetSeconds) + " s";
   const auto& actions = recovery.actions;
-  const bool isExpected = actions.size() == 3 && actions[0].Type == SC_ACTION_RUN_COMMAND &&
-                          actions[1].Type == SC_ACTION_RUN_COMMAND &&
-                          actions[2].Type == SC_ACTION_NONE &&
+  const bool isExpected = actions.size() == 3 && actions[0] == SC_ACTION_RUN_COMMAND &&
+                          actions[1] == SC_ACTION_RUN_COMMAND && actions[2] == SC_ACTION_NONE &&
                           recovery.resetSeconds == kExpectedResetSeconds;
   if (isExpected) {
     section.Ok("recovery", "Recovery", value);
