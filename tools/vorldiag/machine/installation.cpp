@@ -58,13 +58,14 @@ std::string Text(const FolderFailure& failure) {
       return "a folder of " + std::to_string(failure.length) + " characters, at most " +
              std::to_string(kLongestFolder) + ": " + Utf8(failure.path);
     case FolderProblem::kDoesNotExist:
-    // Not of a folder that is not found when the library's own is given.
+      return "it does not exist: " + Utf8(failure.path);
+    // Not where the library's own folder is given, as it is here.
     case FolderProblem::kNone:
     case FolderProblem::kNoLibraryPath:
     case FolderProblem::kNoFolder:
       break;
   }
-  return "it does not exist: " + Utf8(failure.path);
+  return "the library's own folder is unknown";
 }
 
 // Whether the installer's key has a text of this name that is not empty.
