@@ -386,6 +386,19 @@ void Add(const std::string& name, const std::string& command) {
   }
 }
 
+// Ended first: a service that still runs stays registered until it has ended, and would be started
+// again with the machine.
+void Remove(const std::string& name) {
+  const ServiceHandle service = Open(name);
+  const KernelHandle process(
+      OpenProcess(PROCESS_TERMINATE | SYNCHRONIZE, FALSE, Status(service).dwProcessId));
+  if (process) {
+    TerminateProcess(process.Get(), 1);
+    WaitForSingleObject(process.Get(), kPatienceMilliseconds);
+  }
+  DeleteService(service.Get());
+}
+
 int Execute(const std::vector<std::string>& arguments) {
   const std::string what = arguments.size() > 1 ? arguments[0] : "";
   const std::vector<std::string> rest(arguments.begin() + 2, arguments.end());
@@ -404,7 +417,7 @@ int Execute(const std::vector<std::string>& arguments) {
   } else if (what == "add") {
     Add(arguments[1], rest.at(0));
   } else if (what == "remove") {
-    DeleteService(Open(arguments[1]).Get());
+    Remove(arguments[1]);
   } else {
     throw std::runtime_error("cycles, idle, run, add or remove");
   }
