@@ -1,15 +1,19 @@
 #!/usr/bin/env bash
-# lint.sh [FILE...]: the directions of all includes; the headers' first lines; clang-format,
-# cppcheck, clang and clang-tidy over the product's sources (or FILEs), for the target that the
-# product is built for.
+# lint.sh [FILE...]: the directions of all includes, and that none is there twice; the headers' first
+# lines; clang-format, cppcheck, clang and clang-tidy over the product's sources (or FILEs), for the target
+# that the product is built for.
 set -eu
 cd "$(dirname "$0")/.."
 . cmake/environment.sh
 
+product=(app service agent identity support companions modules samples tools)
+
 echo "-- includes"
 cmake/check-includes.sh
-
-product=(app service agent identity support companions modules samples tools)
+find "${product[@]}" tests bench -name '*.cpp' -o -name '*.h' | xargs awk '
+  FNR == 1 { split("", seen) }
+  /^#include/ && seen[$0]++ { print FILENAME ":" FNR ": error: " $0 " for the second time"; found = 1 }
+  END { exit found }' >&2
 
 echo "-- first lines of the headers"
 find "${product[@]}" tests -name '*.h' | sort | while read -r header; do
@@ -61,30 +65,37 @@ done
 clang_options=(--target=x86_64-w64-windows-gnu -nostdinc -nostdinc++ "${system[@]}"
   "${target_options[@]}")
 
-# check [OPTION...]: clang-tidy on each file that standard input names, with the compiler's `warnings`.
-# Its count of what it left out, on standard error, is not kept.
-check() {
-  xargs -P "$(nproc)" -I{} clang-tidy --quiet "$@" {} -- "${clang_options[@]}" "${warnings[@]}" 2>/dev/null
-}
-
-# Most checks visit every declaration of the system's headers: they see the sources of a folder as one,
-# those with the most first.
-echo "-- clang-tidy: checks"
+# Each folder goes through clang-tidy as one file: most of the time is that for the system's headers, and
+# the analyser sees only what stands in the file that it is given. Where a source begins is written to
+# build/lint/places.
 rm -rf build/lint
 mkdir -p build/lint
-for source in "${sources[@]}"; do
-  folder=$(dirname "$source")
-  echo "#include \"$source\"  // NOLINT(bugprone-suspicious-include)" >>"build/lint/${folder//\//.}.cpp"
+for folder in $(dirname "${sources[@]}" | sort -u); do
+  file=build/lint/${folder//\//.}.cpp
+  printf '%s\n' "${sources[@]}" | grep "^$folder/[^/]*$" | xargs awk -v file="$file" '
+    FNR == 1 { print file, NR, FILENAME >>"build/lint/places" }
+    { print }' >"$file"
 done
-warnings=()
-wc -l build/lint/*.cpp | sort -rn | awk '$2 != "total" { print $2 }' | check --checks='-clang-analyzer-*'
 
-# The analyser leaves out what is not in the file that it was given, so each source goes through it
-# alone; with a second compiler's warnings, with Visual C++'s extensions.
-echo "-- clang-tidy: analyser and clang's warnings"
-warnings=(-fms-extensions -Wall -Wextra -Wconversion -Wunreachable-code)
-printf '%s\n' "${sources[@]}" |
-  check --checks='-*,clang-analyzer-*,clang-diagnostic-*,misc-unused-using-decls'
+# The messages on standard input, with the places in the sources themselves.
+name_sources() {
+  awk 'NR == FNR { begins[$1, ++count[$1]] = $2; source[$1, count[$1]] = $3; next }
+    match($0, /^[^ :]*build\/lint\/[^:]*:[0-9]+/) {
+      split(substr($0, 1, RLENGTH), place, ":")
+      file = substr(place[1], index(place[1], "build/lint/"))
+      for (i = count[file]; i > 1 && begins[file, i] > place[2]; --i) {}
+      $0 = source[file, i] ":" place[2] - begins[file, i] + 1 substr($0, RLENGTH + 1)
+    }
+    { print }' build/lint/places -
+}
+
+# With a second compiler's warnings, with Visual C++'s extensions. clang-tidy's count of what it left
+# out, on standard error, is not kept.
+echo "-- clang-tidy"
+set -o pipefail
+wc -l build/lint/*.cpp | sort -rn | awk '$2 != "total" { print $2 }' |
+  xargs -P "$(nproc)" -I{} clang-tidy --quiet --checks='clang-diagnostic-*' {} -- "${clang_options[@]}" \
+    -fms-extensions -Wall -Wextra -Wconversion -Wunreachable-code 2>/dev/null | name_sources
 
 # clang-cl needs headers of the Windows SDK; the one header that can be read without goes through it.
 echo "-- clang-cl"
