@@ -16,11 +16,16 @@ cmake --build --preset mingw-coverage --target installation unit_test_programs e
   { grep -v '^\[' || true; }
 find "$tree" -name '*.gcda' -delete
 
-# What looks at binaries as they ship has nothing to see here.
-GTEST_FILTER='-VersionFaults.*' \
-  ctest --preset mingw-coverage -j "$(nproc)" -L 'unit|e2e' \
-  -E '^(library_load_test|image_e2e_test|test_names|wine_start|script\..*)$' |
-  { grep -v '^ *Start ' || true; }
+# What looks at binaries as they ship has nothing to see here. Programs that end at once cannot all write
+# their counts and say so among their output, which the end-to-end tests compare.
+run_tests() { # LABEL JOBS
+  GTEST_FILTER='-VersionFaults.*:IdentityOfStartsInStep.*' \
+    ctest --preset mingw-coverage -j "$2" -L "$1" \
+    -E '^(library_load_test|image_e2e_test|test_names|wine_start|script\..*)$' |
+    { grep -v '^ *Start ' || true; }
+}
+run_tests unit "$(nproc)"
+run_tests e2e 1
 
 rm -rf build/coverage
 mkdir -p build/coverage
