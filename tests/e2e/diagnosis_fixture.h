@@ -85,11 +85,6 @@ class Diagnosis : public ServiceTest {
     LocalFree(descriptor);
   }
 
-  void WriteConfiguration(const std::string& text) const {
-    std::filesystem::create_directories(installation.ConfigurationFile().parent_path());
-    std::ofstream(installation.ConfigurationFile(), std::ios::binary) << text;
-  }
-
   DWORD exitCode = 0;
   std::map<std::string, nlohmann::json> findings;
 

@@ -40,10 +40,8 @@ class Identity : public ServiceTest {
 
   // Long ago: a start that finds no identifier in it waits for nobody.
   void WriteConfiguration(const std::string& text) const {
-    const fs::path file = installation.ConfigurationFile();
-    fs::create_directories(file.parent_path());
-    std::ofstream(file, std::ios::binary) << text;
-    LetRest(file);
+    installation.WriteConfiguration(text);
+    LetRest(installation.ConfigurationFile());
   }
 
   // The whole configuration file; empty when there is none.

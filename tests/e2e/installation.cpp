@@ -61,6 +61,20 @@ void Installation::Replace(const std::string& source, const std::string& target)
   fs::copy_file(TestFolder() / source, m_folder / target);
 }
 
+void Installation::WriteConfiguration(const std::string& text) const {
+  fs::create_directories(ConfigurationFile().parent_path());
+  // Who reads the file whole keeps writers out meanwhile.
+  const bool isWritten = WaitUntil([&] {
+    std::ofstream file(ConfigurationFile(), std::ios::binary);
+    file << text;
+    file.close();
+    return file.good();
+  });
+  if (!isWritten) {
+    throw std::runtime_error("vorlconf.ini cannot be written");
+  }
+}
+
 CommandResult Installation::Run(const std::string& arguments) const {
   return BackgroundProgram(Program(), arguments).Finish();
 }

@@ -37,6 +37,9 @@ class Installation {
   // Puts the file `source`, from beside the tests, into the installation as `target`.
   void Replace(const std::string& source, const std::string& target) const;
 
+  // Writes vorlconf.ini anew, as soon as nobody reads it.
+  void WriteConfiguration(const std::string& text) const;
+
   // Runs the program with `arguments` to its end.
   CommandResult Run(const std::string& arguments) const;
 

@@ -36,9 +36,7 @@ class Torture : public ServiceTest {
  protected:
   Torture() {
     // Everything stays in one file, which is looked at in the end.
-    fs::create_directories(installation.Folder() / "conf");
-    std::ofstream(installation.ConfigurationFile(), std::ios::binary)
-        << "[TRACE]\r\nFileSizeKB=1048576\r\n";
+    installation.WriteConfiguration("[TRACE]\r\nFileSizeKB=1048576\r\n");
     LetRest(installation.ConfigurationFile());
     installation.Replace("quick_core.dll", "vorlcore.dll");
     fs::remove(installation.Folder() / "vorlupd.dll");

@@ -250,7 +250,8 @@ TEST_F(Diagnosis, SaysThatAnotherProgramServesTheHelpersPipe) {
 TEST_F(Diagnosis, FindsAnIdentifierThatDiffersFromTheHardware) {
   ASSERT_EQ(installation.Run("-install").output, InstalledText());
   const std::string other = "0123456789ABCDEF0123456789ABCDEF";
-  WriteConfiguration("[ADMIN_CONSOLE_CLIENT_AGENT_SECTION]\r\nclientuniqueid=" + other + "\r\n");
+  installation.WriteConfiguration(
+      "[ADMIN_CONSOLE_CLIENT_AGENT_SECTION]\r\nclientuniqueid=" + other + "\r\n");
   Diagnose();
   EXPECT_EQ(Verdict("stored"), "warning");
   EXPECT_THAT(Value("stored"), StartsWith(other + " differs from the hardware's "));
@@ -258,7 +259,7 @@ TEST_F(Diagnosis, FindsAnIdentifierThatDiffersFromTheHardware) {
 }
 
 TEST_F(Diagnosis, TellsAConfigurationThatCannotBeReadFromAMissingIdentifier) {
-  WriteConfiguration("[ADMIN_CONSOLE_CLIENT_AGENT_SECTION]\r\nclientuniqueid=1\r\n");
+  installation.WriteConfiguration("[ADMIN_CONSOLE_CLIENT_AGENT_SECTION]\r\nclientuniqueid=1\r\n");
   {
     const FileHandle holder(CreateFileW(installation.ConfigurationFile().c_str(), GENERIC_READ, 0,
                                         nullptr, OPEN_EXISTING, 0, nullptr));
@@ -266,7 +267,7 @@ TEST_F(Diagnosis, TellsAConfigurationThatCannotBeReadFromAMissingIdentifier) {
     EXPECT_EQ(Verdict("stored"), "error");
     EXPECT_THAT(Value("stored"), StartsWith("(unknown) the file is in use"));
   }
-  WriteConfiguration("[ADMIN_CONSOLE_CLIENT_AGENT_SECTION]\r\n");
+  installation.WriteConfiguration("[ADMIN_CONSOLE_CLIENT_AGENT_SECTION]\r\n");
   Diagnose();
   EXPECT_EQ(Value("stored"), "(none)");
 }
@@ -384,7 +385,7 @@ std::string Joined(const std::vector<std::string>& lines) {
 // Each command writes several files full; none of them is deleted. The follower is ended with its
 // object.
 TEST_F(Diagnosis, FollowsTheTraceOverItsFiles) {
-  WriteConfiguration("[TRACE]\r\nFileSizeKB=4\r\nFiles=1000\r\n");
+  installation.WriteConfiguration("[TRACE]\r\nFileSizeKB=4\r\nFiles=1000\r\n");
   installation.Run("-stop");  // stores the identifier in the same file
   LetRest(installation.ConfigurationFile());
   const std::size_t before = LinesOf(Run("trace").output).size();

@@ -108,7 +108,8 @@ TEST_F(FaultOf, TheTraceIsThatNoLineOfItCanBeRead) {
 TEST_F(FaultOf, TheIdentifierIsThatItIsNone) {
   for (const std::string& value :
        {std::string("xyz"), std::string(32, 'g'), std::string(31, '0')}) {
-    WriteConfiguration("[ADMIN_CONSOLE_CLIENT_AGENT_SECTION]\r\nclientuniqueid=" + value + "\r\n");
+    installation.WriteConfiguration(
+        "[ADMIN_CONSOLE_CLIENT_AGENT_SECTION]\r\nclientuniqueid=" + value + "\r\n");
     Diagnose();
     EXPECT_EQ(Value("stored"), value + " is no identifier, which has 32 hexadecimal digits");
     EXPECT_THAT(Advice("stored"), HasSubstr("delete the key clientuniqueid"));
@@ -121,7 +122,7 @@ TEST_F(FaultOf, TheTraceIsThatTheProcessThatRunsIsNotInIt) {
   installation.Run("-stop");
   ASSERT_TRUE(service.WaitForState(SERVICE_STOPPED));
   ASSERT_TRUE(installation.WaitForText("main", "Exit"));
-  WriteConfiguration("[TRACE]\r\nLevels=NONE\r\n");
+  installation.WriteConfiguration("[TRACE]\r\nLevels=NONE\r\n");
   ASSERT_EQ(service.Start(), 0U);
   Diagnose();
   EXPECT_EQ(Verdict("last-start"), "warning");

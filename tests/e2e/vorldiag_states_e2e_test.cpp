@@ -85,8 +85,8 @@ TEST_F(DiagnosisOfAState, Tampered) {
   ASSERT_NO_FATAL_FAILURE(InstallAndStart());
   SetAccess(installation.Folder() / "conf", kEveryoneMayWrite);
   SetAccess(installation.Folder() / "vorlcore.dll", L"D:P(A;;FA;;;SY)(A;;FA;;;BA)(A;;FA;;;WD)");
-  WriteConfiguration("[ADMIN_CONSOLE_CLIENT_AGENT_SECTION]\r\nclientuniqueid=" +
-                     std::string(kOtherIdentifier) + "\r\n");
+  installation.WriteConfiguration("[ADMIN_CONSOLE_CLIENT_AGENT_SECTION]\r\nclientuniqueid=" +
+                                  std::string(kOtherIdentifier) + "\r\n");
   ASSERT_NO_FATAL_FAILURE(RunEveryCommand());
   EXPECT_EQ(exitCode, kExitError);
   EXPECT_THAT(IdsWith("error"), IsSupersetOf({"rights-config", "rights-vorlcore"}));
@@ -96,7 +96,7 @@ TEST_F(DiagnosisOfAState, Tampered) {
 TEST_F(DiagnosisOfAState, Damaged) {
   ASSERT_EQ(installation.Run("-install").output, InstalledText());
   fs::resize_file(installation.Folder() / "vorlcore.dll", 5000);
-  WriteConfiguration(std::string(4096, '\0'));
+  installation.WriteConfiguration(std::string(4096, '\0'));
   const std::size_t whole = installation.Trace().size();
   std::ofstream(installation.Folder() / "logs" / "vorltrace.log", std::ios::app | std::ios::binary)
       << std::string(2000, '\0') << "\r\n\xFF\xFE half of a line";
