@@ -5,6 +5,8 @@
 #include <string>
 #include <vector>
 
+#include "tests/unit/vorldiag/trace_lines.h"
+
 using ::testing::ElementsAre;
 
 namespace {
@@ -12,12 +14,8 @@ namespace {
 class CallTree : public ::testing::Test {
  protected:
   void Add(const char* function, const char* text, unsigned long thread = 1) {
-    TraceLine line;
-    line.moment = static_cast<std::int64_t>(lines.size());
-    line.threadId = thread;
-    line.function = function;
-    line.text = text;
-    lines.push_back(line);
+    lines.push_back(ServiceLine(static_cast<std::int64_t>(lines.size()), function, text));
+    lines.back().threadId = thread;
   }
   // "function 0-2" for a call that has said its end, "function 0-2?" for another, the text of a
   // line; two blanks for each call around it.

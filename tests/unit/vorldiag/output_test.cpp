@@ -4,9 +4,12 @@
 
 #include <gmock/gmock.h>
 
+#include <utility>
+
 #include "support/handle.h"
 #include "tests/support/files.h"
 #include "tests/support/import_patch.h"
+#include "tests/unit/vorldiag/trace_lines.h"
 #include "tools/vorldiag/report/printed.h"
 #include "tools/vorldiag/trace/tracecommand.h"
 
@@ -42,7 +45,7 @@ class OutputOnAConsole : public ::testing::Test {
 
   std::vector<Piece> pieces;
   WORD attributes = kPlain;
-  bool isBroken = false;
+  std::size_t brokenPiece = SIZE_MAX;  // the one that the console does not take
 
   CallPatch<struct HandleTag, HANDLE WINAPI(DWORD)> getHandle{"kernel32.dll", "GetStdHandle",
                                                               [](DWORD) { return kConsole; }};
@@ -63,7 +66,7 @@ class OutputOnAConsole : public ::testing::Test {
       [&](HANDLE, const void* text, DWORD count, DWORD* written, void*) {
         pieces.push_back({attributes, {static_cast<const wchar_t*>(text), count}});
         *written = count;
-        return !isBroken;
+        return pieces.size() != brokenPiece + 1;
       }};
 };
 
@@ -83,16 +86,9 @@ TEST_F(OutputOnAConsole, HasColoursOnTheConsolesOwnBackground) {
 
 TEST_F(OutputOnAConsole, ShowsErrorsOfTheTraceInRedUnlessTheyAreUsual) {
   Output output(STD_OUTPUT_HANDLE);
-  TraceLine line;
-  line.level = 1;
-  line.module = "vorlsrvc.exe";
-  line.text = "LoadAcresDll() failed.";
-  PrintLine(line, output);
-  line.text = "asServiceObj.ParseStandardArgs Failed";
-  PrintLine(line, output);
-  line.level = 8;
-  line.text = "wszFilePath: x";
-  PrintLine(line, output);
+  PrintLine(ServiceLine(0, "f", "LoadAcresDll() failed.", /*level=*/1), output);
+  PrintLine(ServiceLine(0, "f", "asServiceObj.ParseStandardArgs Failed", /*level=*/1), output);
+  PrintLine(ServiceLine(0, "f", "wszFilePath: x", /*level=*/8), output);
   EXPECT_THAT(TextIn(kRed), HasSubstr(L"LoadAcresDll"));
   EXPECT_THAT(TextIn(kRed), Not(HasSubstr(L"ParseStandardArgs")));
   EXPECT_THAT(TextIn(kPlain), HasSubstr(L"ParseStandardArgs"));
@@ -121,7 +117,7 @@ TEST_F(OutputOnAConsole, GetsLongTextsInPieces) {
 
 TEST_F(OutputOnAConsole, ThatIsClosedIsSaid) {
   Output output(STD_OUTPUT_HANDLE);
-  isBroken = true;
+  brokenPiece = 0;
   EXPECT_FALSE(output.Write("x", Colour::kRed));
   EXPECT_EQ(attributes, kPlain);
 }
@@ -131,33 +127,19 @@ TEST_F(OutputOnAConsole, ThatBreaksInTheMiddleOfAReportIsSaid) {
   report.sections[0].Fail("c", "C", "wrong", "mend");
   // Title, indent, verdict, value, advice, blank line, sum.
   constexpr std::size_t writes = 7;
-  for (std::size_t last = 0; last <= writes; ++last) {
+  for (std::size_t broken = 0; broken <= writes; ++broken) {
     pieces.clear();
-    const CallPatch<struct BreakTag, BOOL WINAPI(HANDLE, const void*, DWORD, DWORD*, void*)> breaks(
-        "kernel32.dll", "WriteConsoleW",
-        [&](HANDLE, const void*, DWORD count, DWORD* written, void*) {
-          pieces.push_back({});
-          *written = count;
-          return pieces.size() != last + 1;
-        });
+    brokenPiece = broken;
     Output output(STD_OUTPUT_HANDLE);
-    EXPECT_EQ(PrintReport(report, output), last == writes) << last;
+    EXPECT_EQ(PrintReport(report, output), broken == writes) << broken;
   }
 }
 
 TEST_F(OutputOnAConsole, ShowsStartsAndStopsAsTrees) {
   std::vector<TraceLine> lines;
   const auto add = [&](const char* function, const char* text, int level) {
-    TraceLine line;
-    line.moment = static_cast<std::int64_t>(lines.size()) * 5;
-    line.time = "now";
-    line.level = level;
-    line.processId = 47;
-    line.threadId = 11;
-    line.module = "vorlsrvc.exe";
-    line.function = function;
-    line.text = text;
-    lines.push_back(line);
+    lines.push_back(
+        ServiceLine(static_cast<std::int64_t>(lines.size()) * 5, function, text, level));
   };
   Output output(STD_OUTPUT_HANDLE);
   EXPECT_TRUE(PrintEpisode(LastStart({}), output));
@@ -185,8 +167,13 @@ TEST_F(OutputOnAConsole, ShowsStartsAndStopsAsTrees) {
   pieces.clear();
   EXPECT_TRUE(PrintEpisode(LastStop(RunsOf(lines)), output));
   EXPECT_THAT(TextIn(kPlain), HasSubstr(L"now, process 47: stop control, took 15 ms\r\n"));
-  isBroken = true;
-  EXPECT_FALSE(PrintEpisode(LastStop(RunsOf(lines)), output));
+  // Whichever piece it does not take, what follows changes nothing of it.
+  const std::size_t count = std::exchange(pieces, {}).size();
+  for (std::size_t broken = 0; broken <= count; ++broken) {
+    pieces.clear();
+    brokenPiece = broken;
+    EXPECT_EQ(PrintEpisode(LastStop(RunsOf(lines)), output), broken == count) << broken;
+  }
 }
 
 TEST(OutputWithoutAConsole, IsUtf8WithoutColours) {

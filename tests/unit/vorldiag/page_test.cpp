@@ -5,6 +5,7 @@
 
 #include <string>
 
+#include "tests/unit/vorldiag/trace_lines.h"
 #include "tools/vorldiag/trace/runs.h"
 
 using ::testing::HasSubstr;
@@ -16,16 +17,9 @@ class PageTest : public ::testing::Test {
  protected:
   void Add(const std::string& function, const std::string& text, int level = 2,
            std::int64_t milliseconds = 1) {
-    TraceLine line;
     moment += milliseconds;
-    line.moment = moment;
-    line.time = "moment " + std::to_string(moment);
-    line.level = level;
-    line.processId = 4711;
-    line.module = "vorlsrvc.exe";
-    line.function = function;
-    line.text = text;
-    snapshot.trace.lines.push_back(line);
+    snapshot.trace.lines.push_back(ServiceLine(moment, function, text, level, 4711));
+    snapshot.trace.lines.back().time = "moment " + std::to_string(moment);
   }
   void Begin() {
     Add("main", "Entry");

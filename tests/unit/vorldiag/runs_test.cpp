@@ -2,6 +2,8 @@
 
 #include <gmock/gmock.h>
 
+#include "tests/unit/vorldiag/trace_lines.h"
+
 using ::testing::IsEmpty;
 using ::testing::SizeIs;
 
@@ -11,14 +13,8 @@ namespace {
 class Runs : public ::testing::Test {
  protected:
   void Add(const char* function, const char* text, int level = 2) {
-    TraceLine line;
-    line.moment = static_cast<std::int64_t>(lines.size());
-    line.level = level;
-    line.processId = processId;
-    line.module = "vorlsrvc.exe";
-    line.function = function;
-    line.text = text;
-    lines.push_back(line);
+    lines.push_back(
+        ServiceLine(static_cast<std::int64_t>(lines.size()), function, text, level, processId));
   }
   void AddServiceBeginning() {
     Add("main", "Entry");

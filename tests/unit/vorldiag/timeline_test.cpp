@@ -2,6 +2,8 @@
 
 #include <gmock/gmock.h>
 
+#include "tests/unit/vorldiag/trace_lines.h"
+
 using ::testing::IsEmpty;
 using ::testing::SizeIs;
 
@@ -10,13 +12,7 @@ namespace {
 class Timelines : public ::testing::Test {
  protected:
   void Add(const char* function, const char* text, std::int64_t moment) {
-    TraceLine line;
-    line.moment = moment;
-    line.processId = 1;
-    line.module = "vorlsrvc.exe";
-    line.function = function;
-    line.text = text;
-    lines.push_back(line);
+    lines.push_back(ServiceLine(moment, function, text));
   }
   std::vector<TraceLine> lines;
 };

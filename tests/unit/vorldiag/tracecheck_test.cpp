@@ -3,6 +3,7 @@
 #include <gmock/gmock.h>
 
 #include "tests/unit/vorldiag/finding_of.h"
+#include "tests/unit/vorldiag/trace_lines.h"
 #include "tools/vorldiag/trace/runs.h"
 
 using ::testing::EndsWith;
@@ -14,15 +15,10 @@ namespace {
 // A trace in which the process of this number has begun as the service does.
 void AddStart(TraceContent& trace, unsigned long processId) {
   for (const char* const text : {"Entry", "No Arguments hence returning"}) {
-    TraceLine line;
-    line.moment = static_cast<std::int64_t>(trace.lines.size());
-    line.time = "now";
-    line.level = 2;
-    line.processId = processId;
-    line.module = "vorlsrvc.exe";
-    line.function = trace.lines.size() % 2 == 0 ? "main" : "CNTService::ParseStandardArgs";
-    line.text = text;
-    trace.lines.push_back(line);
+    const bool isFirst = trace.lines.size() % 2 == 0;
+    trace.lines.push_back(ServiceLine(static_cast<std::int64_t>(trace.lines.size()),
+                                      isFirst ? "main" : "CNTService::ParseStandardArgs", text,
+                                      /*level=*/2, processId));
   }
 }
 
@@ -51,15 +47,8 @@ class LastStartAndStop : public ::testing::Test {
   static constexpr unsigned long kProcess = 4711;
 
   void Add(const char* function, const char* text, int level = 2) {
-    TraceLine line;
-    line.moment = static_cast<std::int64_t>(trace.lines.size());
-    line.time = "now";
-    line.level = level;
-    line.processId = processId;
-    line.module = "vorlsrvc.exe";
-    line.function = function;
-    line.text = text;
-    trace.lines.push_back(line);
+    trace.lines.push_back(ServiceLine(static_cast<std::int64_t>(trace.lines.size()), function, text,
+                                      level, processId));
   }
   void Begin() {
     Add("main", "Entry");

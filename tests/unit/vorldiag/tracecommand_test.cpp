@@ -6,6 +6,7 @@
 
 #include "tests/support/files.h"
 #include "tests/support/import_patch.h"
+#include "tests/unit/vorldiag/trace_lines.h"
 
 using ::testing::HasSubstr;
 using ::testing::SizeIs;
@@ -13,15 +14,8 @@ using ::testing::SizeIs;
 namespace {
 
 TraceLine LineOf(const std::string& function, const std::string& text, int level = 2) {
-  TraceLine line;
+  TraceLine line = ServiceLine(0, function, text, level);
   line.time = "2026-03-09 07:05:02.041 +01:00";
-  line.level = level;
-  line.processId = 47;
-  line.threadId = 11;
-  line.module = "vorlsrvc.exe";
-  line.function = function;
-  line.source = "x.cpp:1";
-  line.text = text;
   return line;
 }
 
