@@ -217,7 +217,7 @@ class RunTest : public ::testing::Test {
   }
 
   HANDLE m_gate = CreateEventW(nullptr, TRUE, /*bInitialState=*/TRUE, nullptr);
-  HANDLE m_thread = nullptr;
+  std::atomic<HANDLE> m_thread = nullptr;
   std::function<void()> m_work;
 
   struct BeginTag;
@@ -235,7 +235,7 @@ class RunTest : public ::testing::Test {
               }};
   CallPatch<WaitTag, DWORD(HANDLE, DWORD)> m_wait{
       "KERNEL32.dll", "WaitForSingleObject", [this](HANDLE handle, DWORD milliseconds) {
-        if (handle == m_thread && handle != nullptr) {
+        if (handle != nullptr && handle == m_thread) {
           EXPECT_EQ(milliseconds, INFINITE);
           journal.Call("WaitForSingleObject watcher thread");
           ++waitsForWatcher;
@@ -247,6 +247,9 @@ class RunTest : public ::testing::Test {
             ADD_FAILURE() << "the watcher has missed its signal";
             EndWatcher();
           }
+          // It is closed next. A handle that gets its number may be an event that a wait resets:
+          // waited for twice, it would never come.
+          m_thread = nullptr;
         }
         return m_wait.CallOriginal(handle, milliseconds);
       }};

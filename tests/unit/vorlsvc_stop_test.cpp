@@ -116,7 +116,6 @@ TEST_F(LateStop, FindsNoDescriptorThatIsBeingFreed) {
 TEST_F(LateStop, ThatIsAboutToUseTheDescriptorIsWaitedFor) {
   const KernelHandle isInside(CreateEventW(nullptr, TRUE, FALSE, nullptr));
   const KernelHandle mayLeave(CreateEventW(nullptr, TRUE, FALSE, nullptr));
-  std::atomic<bool> isWatched = false;
   std::atomic<std::thread::id> handlerId;
   std::thread handler;
   handles.BeforeCreation([&](const std::string& label) {
@@ -136,9 +135,6 @@ TEST_F(LateStop, ThatIsAboutToUseTheDescriptorIsWaitedFor) {
         return WaitForSingleObject(handlerLeft, INFINITE);
       });
   atWait = [&] {
-    if (isWatched.exchange(true)) {
-      return;  // the number of the watcher's handle, which is closed by now, used again
-    }
     AwaitWatcher();
     handler = std::thread([&] {
       handlerId = std::this_thread::get_id();
