@@ -19,7 +19,10 @@ case "${1:-}" in
     fi
     # Returns 2 when one runs already. Nothing that it inherits may be somebody's pipe.
     "$WINE_SERVER" -p </dev/null >/dev/null 2>&1 9>&- || true
-    $WINE_LAUNCHER "$WINE_LOADER" cmd /c exit </dev/null >/dev/null 2>&1 9>&-
+    $WINE_LAUNCHER "$WINE_LOADER" cmd /c exit </dev/null >/dev/null 2>&1 9>&- || {
+      echo "The first program in the Wine prefix $WINEPREFIX ended with status $?" >&2
+      exit 1
+    }
     ;;
   stop)
     "$WINE_SERVER" -k || true
