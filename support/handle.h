@@ -25,9 +25,7 @@ class UniqueHandle {
   explicit UniqueHandle(Type handle) noexcept : m_handle(handle) {}
   UniqueHandle(UniqueHandle&& other) noexcept : m_handle(other.Release()) {}
   UniqueHandle& operator=(UniqueHandle&& other) noexcept {
-    if (this != &other) {
-      Reset(other.Release());
-    }
+    Reset(other.Release());
     return *this;
   }
   ~UniqueHandle() { Reset(); }
