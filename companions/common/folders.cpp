@@ -92,9 +92,8 @@ bool IsOnServer(HANDLE file) noexcept {
 // made, the folder above it is looked at. What is no link lies where its path says.
 bool RefuseServer(const wchar_t* path, FolderFailure& failure) noexcept {
   wchar_t looked[MAX_PATH];
-  if (FAILED(StringCchCopyW(looked, MAX_PATH, path))) {
-    return FailAt(failure, FolderProblem::kOnServer, path);
-  }
+  // It fits: see kLongestFolder.
+  static_cast<void>(StringCchCopyW(looked, MAX_PATH, path));
   do {
     const FileHandle file(CreateFileW(looked, FILE_READ_ATTRIBUTES,
                                       FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE,
@@ -198,8 +197,8 @@ bool RefuseLinkToServer(const Folder& folder, const wchar_t* name,
                         FolderFailure& failure) noexcept {
   wchar_t path[MAX_PATH];
   // It fits: see kLongestFolder.
-  return FAILED(StringCchPrintfW(path, MAX_PATH, L"%ls\\%ls", folder.path, name)) ||
-         !IsLink(path) || RefuseServer(path, failure);
+  static_cast<void>(StringCchPrintfW(path, MAX_PATH, L"%ls\\%ls", folder.path, name));
+  return !IsLink(path) || RefuseServer(path, failure);
 }
 
 bool FindRootFolder(Folder& folder, FolderFailure& failure, const Folder* own) noexcept {

@@ -69,6 +69,7 @@ TraceFileResult TraceFile::Lock(std::uint64_t& ownName) noexcept {
     }
     ReleaseLock(state.lock, ownName);
   }
+  // Only while somebody takes the page away as fast as it is made.
   return {TraceFileResult::Step::kOpenState, ERROR_PATH_NOT_FOUND};
 }
 

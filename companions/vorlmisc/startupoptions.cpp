@@ -128,7 +128,7 @@ bool IsWhole(const IniFile& file) noexcept {
     case SectionPlace::kLast:
       return false;
     case SectionPlace::kFollowed:
-      return true;
+      break;
   }
   return true;
 }

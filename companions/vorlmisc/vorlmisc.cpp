@@ -31,9 +31,13 @@ BOOLEAN Give(const char* functionName, const Folder& found, wchar_t* folder,
 bool FindConfigurationFile(const char* functionName,
                            wchar_t (&file)[kConfigurationFileSize]) noexcept {
   Folder folder;
-  return FindConfigFolder(functionName, folder) &&
-         SUCCEEDED(StringCchPrintfW(file, kConfigurationFileSize, L"%ls%ls", folder.path,
-                                    kConfigurationFileName));
+  if (!FindConfigFolder(functionName, folder)) {
+    return false;
+  }
+  // It fits: see kLongestFolder.
+  static_cast<void>(StringCchPrintfW(file, kConfigurationFileSize, L"%ls%ls", folder.path,
+                                     kConfigurationFileName));
+  return true;
 }
 
 }  // namespace

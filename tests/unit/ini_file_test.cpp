@@ -274,6 +274,22 @@ TEST_F(ConfigurationFile, ChangedWhileItIsReadIsBusy) {
   EXPECT_EQ(Read(), IniRead::kDone);
 }
 
+TEST_F(ConfigurationFile, OfAnotherSizeThanWhenItWasOpenedIsBusy) {
+  using Information = BY_HANDLE_FILE_INFORMATION;
+  Write("[S]\r\nK=value\r\n");
+  for (DWORD Information::*const size : {&Information::nFileSizeLow, &Information::nFileSizeHigh}) {
+    int looks = 0;
+    const CallPatch<struct Grow, decltype(GetFileInformationByHandle)> patch(
+        "KERNEL32.dll", "GetFileInformationByHandle", [&](HANDLE file, Information* information) {
+          const BOOL result = patch.CallOriginal(file, information);
+          information->*size += ++looks == 2 ? 1U : 0U;
+          return result;
+        });
+    EXPECT_EQ(Read(), IniRead::kBusy);
+    EXPECT_EQ(Value(L"K"), L"");
+  }
+}
+
 TEST_F(ConfigurationFile, EmptiedAMomentAgoIsBusyAndEmptyForLongerIsEmpty) {
   for (const std::string content : {"", "\xFF\xFE", "\xEF\xBB\xBF"}) {
     Write(content, 1);
@@ -327,6 +343,16 @@ TEST_F(ConfigurationFile, BeyondTheLargestSizeIsRefused) {
   Write(text + std::string(kLargestIniFile - text.size() + 1, ' '));
   EXPECT_EQ(Read(), IniRead::kTooLarge);
   EXPECT_EQ(Value(L"K"), L"");
+  // 4 GB and a little, of which only the little stands in the lower half of the size.
+  Write(text);
+  const CallPatch<struct Huge, decltype(GetFileInformationByHandle)> patch(
+      "KERNEL32.dll", "GetFileInformationByHandle",
+      [&](HANDLE file, BY_HANDLE_FILE_INFORMATION* information) {
+        const BOOL result = patch.CallOriginal(file, information);
+        information->nFileSizeHigh = 1;
+        return result;
+      });
+  EXPECT_EQ(Read(), IniRead::kTooLarge);
 }
 
 TEST_F(ConfigurationFile, WithNullCharactersIsNoText) {
@@ -357,12 +383,29 @@ TEST_F(ConfigurationFile, FailuresOfWindowsAreFailures) {
     EXPECT_EQ(Read(), IniRead::kFailed);
     EXPECT_EQ(m_file.Error(), DWORD{ERROR_GEN_FAILURE});
   }
-  {
-    const CallPatch<struct NoMemory, decltype(HeapAlloc)> patch(
-        "KERNEL32.dll", "HeapAlloc", [](HANDLE, DWORD, SIZE_T) -> void* { return nullptr; });
-    EXPECT_EQ(Read(), IniRead::kFailed);
-    EXPECT_EQ(m_file.Error(), DWORD{ERROR_NOT_ENOUGH_MEMORY});
+}
+
+// Of the bytes of the file, and of the text that is made of them.
+TEST_F(ConfigurationFile, WithoutMemoryForItIsAFailure) {
+  for (const std::string& content :
+       {std::string("[S]\r\nK=value\r\n"), std::string("\xFF\xFE[\0S\0]\0", 8)}) {
+    Write(content);
+    for (int failing = 1; failing <= 2; ++failing) {
+      int allocations = 0;
+      const CallPatch<struct NoMemory, decltype(HeapAlloc)> patch(
+          "KERNEL32.dll", "HeapAlloc", [&](HANDLE heap, DWORD flags, SIZE_T size) -> void* {
+            return ++allocations == failing ? nullptr : patch.CallOriginal(heap, flags, size);
+          });
+      EXPECT_EQ(Read(), IniRead::kFailed) << failing;
+      EXPECT_EQ(m_file.Error(), DWORD{ERROR_NOT_ENOUGH_MEMORY});
+    }
+    EXPECT_EQ(Read(), IniRead::kDone);
   }
+}
+
+TEST_F(ConfigurationFile, InNoFolderIsNotWaitedFor) {
+  EXPECT_FALSE(HasFolderJustChanged(L"vorlconf.ini"));
+  EXPECT_FALSE(HasFolderJustChanged((m_folder.Path() / "missing" / "vorlconf.ini").c_str()));
 }
 
 }  // namespace

@@ -3,11 +3,13 @@
 
 #include <atomic>
 #include <fstream>
+#include <functional>
 #include <map>
 #include <string>
 #include <thread>
 #include <vector>
 
+#include "companions/vlevtlog/torn_end.h"
 #include "tests/unit/trace_log_test.h"
 
 using ::testing::ElementsAre;
@@ -32,6 +34,32 @@ TEST_F(TraceLogTest, CutsAFileThatIsNothingButATornLine) {
   WriteFirst("torn");
   Log(2, "next");
   EXPECT_THAT(Messages(), ElementsAre("next"));
+}
+
+// A cut at another place would take lines away.
+TEST_F(TraceLogTest, CutsNothingWhereItCannotGoToTheTornEnd) {
+  const std::string torn =
+      "2026-03-09 07:05:02.041 +01:00 INFO 1 2 a b c:1 whole\r\n" + std::string(5000, 'x');
+  for (const std::string& content : {torn, std::string(600 * 1024, 'x')}) {
+    int moves = 0;
+    int failing = 0;
+    const CallPatch<struct MoveTag, decltype(SetFilePointerEx)> patch(
+        "KERNEL32.dll", "SetFilePointerEx",
+        [&](HANDLE file, LARGE_INTEGER offset, LARGE_INTEGER* position, DWORD method) -> BOOL {
+          return ++moves != failing && patch.CallOriginal(file, offset, position, method);
+        });
+    WriteFirst(content);
+    CutTornEnd(First().c_str());
+    EXPECT_NE(Content("vorltrace.log"), content);
+    WriteFirst(content);
+    for (const int last = moves; const int one : {1, last}) {
+      failing = one;
+      moves = 0;
+      CutTornEnd(First().c_str());
+      EXPECT_EQ(moves, failing);
+      EXPECT_EQ(Content("vorltrace.log"), content);
+    }
+  }
 }
 
 TEST_F(TraceLogTest, KeepsAFileThatIsNotALineOfItsOwn) {
@@ -213,40 +241,87 @@ TEST_F(TraceLogTest, TriesAFileThatCannotBeOpenedTenTimesASecondAndNotAtEveryLin
   EXPECT_EQ(SpilledMessages().size(), 101U);
 }
 
-// What is closed to a thread that acts for another user is not closed to the others.
-TEST_F(TraceLogTest, LetsOneThreadThatMayNotWriteKeepNoOtherFromIt) {
-  const DWORD self = GetCurrentThreadId();
-  int refusals = 0;
-  const CallPatch<struct TokenTag, BOOL WINAPI(HANDLE, DWORD, BOOL, HANDLE*)> token(
-      "ADVAPI32.dll", "OpenThreadToken", [&](HANDLE, DWORD access, BOOL, HANDLE* result) -> BOOL {
-        if (GetCurrentThreadId() != self) {
-          return OpenProcessToken(GetCurrentProcess(), access, result);
-        }
-        SetLastError(ERROR_NO_TOKEN);
-        return FALSE;
-      });
-  CallPatch<struct OpenTag,
-            HANDLE WINAPI(const wchar_t*, DWORD, DWORD, SECURITY_ATTRIBUTES*, DWORD, DWORD, HANDLE)>
-      open("KERNEL32.dll", "CreateFileW",
-           [&](const wchar_t* path, DWORD access, DWORD share, SECURITY_ATTRIBUTES* attributes,
-               DWORD disposition, DWORD flags, HANDLE like) -> HANDLE {
-             if (GetCurrentThreadId() != self) {
-               ++refusals;
-               SetLastError(ERROR_ACCESS_DENIED);
-               return INVALID_HANDLE_VALUE;
-             }
-             return open.CallOriginal(path, access, share, attributes, disposition, flags, like);
-           });
-  std::thread([&] {
-    for (int i = 0; i < 100; ++i) {
-      Log(2, "lost");
-    }
-  }).join();
-  // The configuration, the state and the file of the process's own, once each at most.
-  EXPECT_LE(refusals, 102);
-  Log(2, "mine");
-  EXPECT_THAT(Messages(),
-              ElementsAre("100 lines lost: the logs folder cannot be used (error 5)", "mine"));
+// A thread that acts for another user, who may not open the files. What is closed to it is not
+// closed to the others.
+class ActingForAnother : public TraceLogTest {
+ protected:
+  // A hundred lines of that thread, whose token `openToken` opens, and one of this one.
+  void LogAsBoth(const std::function<BOOL(DWORD access, HANDLE* token)>& openToken) {
+    const DWORD self = GetCurrentThreadId();
+    int refusals = 0;
+    const CallPatch<struct TokenTag, BOOL WINAPI(HANDLE, DWORD, BOOL, HANDLE*)> token(
+        "ADVAPI32.dll", "OpenThreadToken", [&](HANDLE, DWORD access, BOOL, HANDLE* result) -> BOOL {
+          if (GetCurrentThreadId() != self) {
+            return openToken(access, result);
+          }
+          SetLastError(ERROR_NO_TOKEN);
+          return FALSE;
+        });
+    CallPatch<struct OpenTag, HANDLE WINAPI(const wchar_t*, DWORD, DWORD, SECURITY_ATTRIBUTES*,
+                                            DWORD, DWORD, HANDLE)>
+        open("KERNEL32.dll", "CreateFileW",
+             [&](const wchar_t* path, DWORD access, DWORD share, SECURITY_ATTRIBUTES* attributes,
+                 DWORD disposition, DWORD flags, HANDLE like) -> HANDLE {
+               if (GetCurrentThreadId() != self) {
+                 ++refusals;
+                 SetLastError(ERROR_ACCESS_DENIED);
+                 return INVALID_HANDLE_VALUE;
+               }
+               return open.CallOriginal(path, access, share, attributes, disposition, flags, like);
+             });
+    std::thread([&] {
+      for (int i = 0; i < 100; ++i) {
+        Log(2, "lost");
+      }
+    }).join();
+    // The configuration, the state and the file of the process's own, once each at most.
+    EXPECT_LE(refusals, 102);
+    Log(2, "mine");
+    EXPECT_THAT(Messages(),
+                ElementsAre("100 lines lost: the logs folder cannot be used (error 5)", "mine"));
+  }
+
+  static BOOL OpenOwnToken(DWORD access, HANDLE* token) {
+    return OpenProcessToken(GetCurrentProcess(), access, token);
+  }
+
+  // What is said of the thread's token; nothing where it returns false.
+  std::function<bool(TOKEN_STATISTICS&)> m_describe = [](TOKEN_STATISTICS& statistics) {
+    statistics = {};  // as Wine does
+    return true;
+  };
+
+ private:
+  const CallPatch<ActingForAnother, decltype(GetTokenInformation)> m_information{
+      "ADVAPI32.dll", "GetTokenInformation",
+      [this](HANDLE token, TOKEN_INFORMATION_CLASS kind, void* buffer, DWORD size, DWORD* length) {
+        return kind == TokenStatistics
+                   ? static_cast<BOOL>(m_describe(*static_cast<TOKEN_STATISTICS*>(buffer)))
+                   : m_information.CallOriginal(token, kind, buffer, size, length);
+      }};
+};
+
+TEST_F(ActingForAnother, KeepsNoOtherThreadFromTheFile) { LogAsBoth(&OpenOwnToken); }
+
+TEST_F(ActingForAnother, IsToldFromTheProcessWhereItMayNotBeLookedAt) {
+  LogAsBoth([](DWORD, HANDLE*) {
+    SetLastError(ERROR_ACCESS_DENIED);
+    return FALSE;
+  });
+}
+
+TEST_F(ActingForAnother, IsToldFromTheProcessWhereNothingIsSaidOfIt) {
+  m_describe = [](TOKEN_STATISTICS&) { return false; };
+  LogAsBoth(&OpenOwnToken);
+}
+
+// As Windows does.
+TEST_F(ActingForAnother, IsKnownByTheNumberOfItsSession) {
+  m_describe = [](TOKEN_STATISTICS& statistics) {
+    statistics.AuthenticationId = {999, 0};
+    return true;
+  };
+  LogAsBoth(&OpenOwnToken);
 }
 
 TEST_F(TraceLogTest, TellsHowManyLinesWereLostWhileThereWasNoFolder) {
@@ -334,6 +409,13 @@ TEST_F(TraceLogTest, LosesEverythingQuietlyInAFolderThatIsTooDeep) {
   write("nowhere");
   deep.Close();
   EXPECT_THAT(fs::is_empty(m_folder.Path()), true);
+}
+
+TEST_F(TraceLogTest, RefusesAFolderThatHasRoomForTheTraceButNotForTheConfiguration) {
+  TraceLog log;
+  EXPECT_FALSE(log.SetFolder(std::wstring(250, L'x').c_str()));
+  EXPECT_TRUE(log.SetFolder(std::wstring(240, L'x').c_str()));
+  log.Close();
 }
 
 // Access.

@@ -214,13 +214,16 @@ TEST_F(HelperProcess, PrintsEachNotificationOnOneLineAndEndsAfterTheCount) {
 }
 
 TEST_F(HelperProcess, PrintsNamesInUtf8AndControlCharactersAsQuestionMarks) {
-  Helper helper = Start(2);
+  Helper helper = Start(3);
   EXPECT_EQ(helper.OutputLine(), "waiting for notifications");
   EXPECT_EQ(Notify(Request(L"\x00C4gent \x4E2D", 1, 0)), 1);
   EXPECT_EQ(helper.OutputLine(),
             "\"\xC3\x84gent \xE4\xB8\xAD\": about to be stopped (action 1, flag 0)");
   EXPECT_EQ(Notify(Request(L"two\r\nlines\x1b[2J", 1, 0)), 1);
   EXPECT_EQ(helper.OutputLine(), "\"two??lines?[2J\": about to be stopped (action 1, flag 0)");
+  EXPECT_EQ(Notify(Request(L"~\x7F\x80\x9F\xA0 \x2027\x2028\x2029", 1, 0)), 1);
+  EXPECT_EQ(helper.OutputLine(),
+            "\"~???\xC2\xA0 \xE2\x80\xA7??\": about to be stopped (action 1, flag 0)");
   EXPECT_EQ(helper.ExitCode(), 0U);
 }
 
@@ -469,6 +472,34 @@ TEST_F(Server, GivesUpASilentClientAndServesTheNext) {
   EXPECT_EQ(result.outcome, PipeServer::Outcome::kNotified);
   EXPECT_EQ(result.notification.serviceName, L"next");
   EXPECT_EQ(result.notification.actionCode, 2U);
+}
+
+TEST_F(Server, GivesUpAClientThatTalksOnAfterItsReply) {
+  // Time stands still until the second block behind the request has been read.
+  int transfers = 0;
+  const CallPatch<struct TransferTag, decltype(GetOverlappedResult)> transfer(
+      "KERNEL32.dll", "GetOverlappedResult",
+      [&](HANDLE pipe, OVERLAPPED* overlapped, DWORD* transferred, BOOL wait) {
+        ++transfers;
+        return transfer.CallOriginal(pipe, overlapped, transferred, wait);
+      });
+  const CallPatch<struct TickTag, decltype(GetTickCount64)> tick(
+      "KERNEL32.dll", "GetTickCount64", [&] { return ULONGLONG{transfers < 5 ? 0U : 60'000U}; });
+  std::thread talker([&] {
+    const Client client(m_pipeName);
+    const Request request(L"x", 1, 0);
+    client.Send(request.Header());
+    client.Send(request.Body());
+    EXPECT_EQ(client.Reply(), 1);
+    const std::vector<BYTE> block(4096);
+    DWORD written = 0;
+    while (WriteFile(client.Get(), block.data(), 4096, &written, nullptr)) {
+    }
+  });
+  const PipeServer::Result result = m_server.ServeClient(m_stop.Get());
+  talker.join();
+  EXPECT_EQ(result.outcome, PipeServer::Outcome::kNotified);
+  EXPECT_EQ(transfers, 5);
 }
 
 // Checked by hand: bytes that add up to 0x1234, of which 0x41 is sent as 0x14 xor 0x34.
