@@ -2,7 +2,7 @@
 foreach(unit message_format readable_text line_text line_layout local_clock shared_lock trace_options trace_log)
   vorl_unit_test(${unit} trace_log)
 endforeach()
-vorl_test_parts(trace_log trace_log_rotation trace_log_failure trace_log_spill trace_folder)
+vorl_test_parts(trace_log trace_log_rotation trace_log_failure trace_log_back_off trace_log_spill trace_folder)
 configure_file("${PROJECT_SOURCE_DIR}/docs/configuration.md"
                "${VORL_UNIT_TEST_FOLDER}/sample/configuration.md" COPYONLY)
 
