@@ -28,7 +28,7 @@ configure_file("${PROJECT_SOURCE_DIR}/packaging/vorlconf.ini"
 vorl_module_test(vorlcore vorlcore)
 vorl_module_test(vorlhelper vorlhelper)
 target_link_libraries(vorlhelper_test PRIVATE helperserver)
-target_sources(vorlhelper_test PRIVATE vorlhelper_main_test.cpp)
+vorl_test_parts(vorlhelper vorlhelper_main vorlhelper_server)
 vorl_program_source(vorlhelper_test samples/helper/main.cpp HelperMain)
 vorl_module_test(vorlupd vorlupd vorlinfo vorlupd_victim)
 vorl_test_parts(vorlupd vorlupd_journal vorlupd_files)
