@@ -22,7 +22,7 @@ target_link_libraries(ini_file_test PRIVATE companion_ini_file ntdll)
 
 vorl_module_test(vorlinfo vorlinfo vorlinfo_next)
 vorl_module_test(vorlmisc vorlmisc)
-vorl_test_parts(vorlmisc vorlmisc_options)
+vorl_test_parts(vorlmisc vorlmisc_drives vorlmisc_options)
 configure_file("${PROJECT_SOURCE_DIR}/packaging/vorlconf.ini"
                "${VORL_UNIT_TEST_FOLDER}/sample/vorlconf.ini" COPYONLY)
 vorl_module_test(vorlcore vorlcore)
