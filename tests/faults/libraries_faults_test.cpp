@@ -246,6 +246,13 @@ class UpdateFaults : public testing::Test {
     return isDone;
   }
 
+  // Whether the fault is that Windows does not know what lies there. That is an answer, by which
+  // the module goes; what becomes of the files then is not said.
+  static bool IsMisled(const FaultRun& run) {
+    return run.IsFaultIn({"DeleteFileW", "FindFirstFileW"}) &&
+           (run.FaultError() == ERROR_FILE_NOT_FOUND || run.FaultError() == ERROR_PATH_NOT_FOUND);
+  }
+
   const Installation m_installation{{"vorlupd.dll"}};
   const Library m_module{m_installation / "vorlupd.dll"};
 };
@@ -259,6 +266,9 @@ TEST_F(UpdateFaults, Update) {
                 FakeTraceClear();
                 const bool isApplied = RunHooked(run);
                 EXPECT_GT(FakeTraceCount(), 1U);
+                if (IsMisled(run)) {
+                  return;
+                }
                 const Tree rest = Rest(m_installation);
                 EXPECT_TRUE(rest == (isApplied ? New() : Old()) ||
                             // What cannot be undone now is undone next time.
@@ -290,6 +300,9 @@ TEST_F(UpdateFaults, Undo) {
                 WriteText(m_installation / "update.work" / "journal",
                           {reinterpret_cast<const char*>(journal.data()), journal.size() * 2});
                 RunHooked(run);
+                if (IsMisled(run)) {
+                  return;
+                }
                 EXPECT_TRUE(RunUpdate(m_module));
                 Tree tree = TreeOfInstallation(m_installation);
                 // An empty folder that somebody holds is not worth holding back updates for.
