@@ -41,7 +41,10 @@ TEST(NarrowToWide, PassesTheCodePageTheFlagAndTheLimit) {
 TEST(NarrowToWide, ConvertsWithoutTheFlagWhereTheCodePageTakesNone) {
   std::optional<CallPatch<struct Utf8, int(UINT, DWORD, const char*, int, wchar_t*, int)>> patch;
   patch.emplace("KERNEL32.dll", "MultiByteToWideChar",
-                [&](UINT, DWORD flags, const char* text, int count, wchar_t* wide, int room) {
+                [&](UINT page, DWORD flags, const char* text, int count, wchar_t* wide, int room) {
+                  EXPECT_EQ(page, 0U);
+                  EXPECT_EQ(count, -1);
+                  EXPECT_EQ(room, 8);
                   if (flags != 0) {
                     SetLastError(ERROR_INVALID_FLAGS);
                     return 0;
