@@ -28,7 +28,9 @@ done
 $WINE_LAUNCHER "$WINE_LOADER" winedbg --gdb --no-start --port "$port" "$@" </dev/null &
 server=$!
 trap 'kill "$server" 2>/dev/null || true' EXIT
-# It tries again until the server listens. Not every machine knows the name of the address.
+# It tries again until the server listens. Not every machine knows the name of the address. Wine 10's
+# server answers the first question only when it is asked a second time, which is after remotetimeout
+# seconds; a busy machine may need some of them, too.
 gdb -q -iex "set debuginfod enabled off" -iex "set tcp connect-timeout 120" \
-  -iex "set remotetimeout 120" -iex "directory $root" -ex "target remote 127.0.0.1:$port" \
+  -iex "set remotetimeout 10" -iex "directory $root" -ex "target remote 127.0.0.1:$port" \
   "${mode[@]}" "$1"

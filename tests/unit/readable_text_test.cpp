@@ -216,8 +216,9 @@ TEST(ReadableMemory, KnowsThatWrongAddressesAreWrong) {
   }
 }
 
+constexpr char kLiteral[] = "literal";
+
 TEST(ReadableMemory, TakesTheCallersStackAndTheProgramForReadable) {
-  static constexpr char kLiteral[] = "literal";
   EXPECT_EQ(LengthOf(kLiteral), 7U);
   const char local[] = "local";
   wchar_t wideLocal[] = L"local";
@@ -229,6 +230,7 @@ TEST(ReadableMemory, TakesTheCallersStackAndTheProgramForReadable) {
 }
 
 TEST(ReadableMemory, AsksOncePerCallForTextsOfOneRegion) {
+  EXPECT_EQ(LengthOf(kLiteral), 7U);  // where the program ends is asked once in a process
   const auto text = std::make_unique<char[]>(100);
   std::memcpy(text.get(), "one\0two", 8);
   const Questions questions;
