@@ -25,12 +25,17 @@ constexpr int kExistenceOnly = 0;  // the access mode of _waccess
 // Of the service's body and of its steps.
 constexpr Trace runTrace{"CAcAsSvc::Run"};
 
-// Waits for the end of the closure watcher, and with it for the end of the agent's work.
-void AwaitWatcher(KernelHandle watcher) {
+// Waits for the end of the closure watcher, and with it for the end of the agent's work. False,
+// with a trace line, when the watcher may still run: another module has closed its handle.
+bool AwaitWatcher(KernelHandle watcher) {
   runTrace.Info("Before Calling WaitForSingleObject");
-  WaitForSingleObject(watcher.Get(), INFINITE);
+  const bool hasEnded = WaitForSingleObject(watcher.Get(), INFINITE) == WAIT_OBJECT_0;
+  if (!hasEnded) {
+    runTrace.Error("WaitForSingleObject Failed %u", GetLastError());
+  }
   runTrace.Info("After Calling WaitForSingleObject");
   watcher.Reset();
+  return hasEnded;
 }
 
 // The path of the module `file` (with its backslash) in the agent's root folder.
@@ -106,15 +111,18 @@ void CAcAsSvc::Run() {
   if (!StartCore(core, options)) {
     return;
   }
-  AwaitWatcher(KernelHandle(watcher));
+  const bool hasWatcherEnded = AwaitWatcher(KernelHandle(watcher));
   if (!CleanUpCore(core.Get(), options)) {
     return;
   }
   runTrace.Info("Before calling FreeSecurityAttributeForEveryone");
   core.Reset();
-  TakeBackSecurityDescriptor();
-  FreeSecurityAttributeForEveryone(&m_SecurityAttributes, m_pEveryoneSid, m_pAcl,
-                                   m_pSecurityDescriptor);
+  // A watcher that may still run needs them; they end with the process then.
+  if (hasWatcherEnded) {
+    TakeBackSecurityDescriptor();
+    FreeSecurityAttributeForEveryone(&m_SecurityAttributes, m_pEveryoneSid, m_pAcl,
+                                     m_pSecurityDescriptor);
+  }
   runTrace.Info("After calling FreeSecurityAttributeForEveryone");
   runTrace.Info("Exit");
 }

@@ -221,6 +221,7 @@ TEST(AgentFaults, Run) {
                      {"_waccess", "DoPendingPatchTasks failed..."},
                      {"ClientAgentCoreStartUp", "ClientAgentCoreStartUp Failed"},
                      {"ClientAgentCoreCleanUp", "ClientAgentCoreCleanUp Failed"},
+                     {"WaitForSingleObject", "WaitForSingleObject Failed %u"},
                      {"WaitForMultipleObjects", "WaitForMultipleObjects Failed"}});
   });
 }

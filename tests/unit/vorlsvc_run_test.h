@@ -173,6 +173,7 @@ class RunTest : public ::testing::Test {
   unsigned waitsForWatcher = 0;
   // What happens when the service has entered its wait for the watcher.
   std::function<void()> atWait;
+  bool waitFails = false;
   // Whether the journal shows which exports of the modules are looked up.
   bool journalsLookUps = false;
 
@@ -241,6 +242,11 @@ class RunTest : public ::testing::Test {
           ++waitsForWatcher;
           if (atWait) {
             atWait();
+          }
+          if (waitFails) {
+            m_thread = nullptr;
+            SetLastError(ERROR_INVALID_HANDLE);
+            return WAIT_FAILED;
           }
           // Does not let a lost signal hang the test.
           if (m_wait.CallOriginal(handle, 10000) == WAIT_TIMEOUT) {

@@ -150,6 +150,27 @@ TEST_F(LateStop, ThatIsAboutToUseTheDescriptorIsWaitedFor) {
   handler.join();
 }
 
+// Another module may close the handle of the watcher's thread.
+TEST_F(RunTest, FreesNothingOfAWatcherThatCannotBeWaitedFor) {
+  HoldWatcher();
+  waitFails = true;
+  const void* const descriptor = service->m_pSecurityDescriptor;
+  const void* const acl = service->m_pAcl;
+  unsigned frees = 0;
+  const CallPatch<struct LocalFreeTag, HLOCAL(HLOCAL)> free(
+      "KERNEL32.dll", "LocalFree", [&](HLOCAL memory) {
+        frees += memory == descriptor || memory == acl ? 1U : 0U;
+        return free.CallOriginal(memory);
+      });
+  HeldCore core(root);
+  service->Run();
+  EXPECT_EQ(core->cleanUpCalls, 1U);
+  EXPECT_EQ(frees, 0U);
+  EXPECT_EQ(service->m_SecurityAttributes.lpSecurityDescriptor, descriptor);
+  EXPECT_THAT(kRun.In(journal), ::testing::Contains(kRun.Error("WaitForSingleObject Failed 6")));
+  EXPECT_EQ(Lines().back(), kRun.Info("Exit"));
+}
+
 TEST_F(RunTest, LeavesNoFreedDescriptorToAStopThatComesAfterTheCleanUp) {
   HeldCore core(root);
   AtStartUp(core, [] { TestService::Handler(SERVICE_CONTROL_STOP); });
