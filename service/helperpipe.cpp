@@ -53,10 +53,9 @@ std::uint32_t SendHelperPipeMessage(std::uint32_t code, std::uint8_t* body, std:
   if (body == nullptr) {
     return 0;
   }
+  static_assert(sizeof(kHelperPipeName) <= kPipeNameSize);
   char szPipeName[kPipeNameSize];
-  if (FAILED(StringCchCopyA(szPipeName, kPipeNameSize, kHelperPipeName))) {
-    return 0;
-  }
+  static_cast<void>(StringCchCopyA(szPipeName, kPipeNameSize, kHelperPipeName));
   const FileHandle pipe = Connect(szPipeName);
   if (!pipe) {
     return 0;

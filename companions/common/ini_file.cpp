@@ -160,7 +160,6 @@ bool HasFolderJustChanged(const wchar_t* path) noexcept {
 IniRead IniFile::Read(const wchar_t* path) noexcept {
   m_text.reset();
   m_length = 0;
-  m_error = ERROR_SUCCESS;
   const FileHandle file(CreateFileW(path, GENERIC_READ, FILE_SHARE_READ | FILE_SHARE_DELETE,
                                     nullptr, OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL, nullptr));
   if (!file) {
