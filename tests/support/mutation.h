@@ -15,8 +15,6 @@
 #include "tests/support/watchdog.h"
 
 constexpr unsigned kLongMutations = 1'000'000;
-// Of input that stands in a file each time.
-constexpr unsigned kLongFileMutations = 100'000;
 
 // Changes samples at random, the same way for the same seed, which every program of tests prints.
 class Mutator {
@@ -83,12 +81,12 @@ class Mutator {
   std::vector<std::string> m_pieces;
 };
 
-// Calls `test` with so many inputs, or `longRounds` in the long form. A failure prints its input.
+// Calls `test` with so many inputs, or with the million of the long form. A failure prints its
+// input.
 template <typename Test>
-void ForEachMutation(const char* name, Mutator& mutator, unsigned bounded, Test test,
-                     unsigned longRounds = kLongMutations) {
+void ForEachMutation(const char* name, Mutator& mutator, unsigned bounded, Test test) {
   constexpr unsigned roundsOfOneWatch = 1000;
-  const unsigned rounds = IsLongRun() ? longRounds : bounded;
+  const unsigned rounds = IsLongRun() ? kLongMutations : bounded;
   for (unsigned round = 0; round < rounds; ++round) {
     if (round % roundsOfOneWatch == 0) {
       WatchTest(name);
