@@ -89,13 +89,7 @@ TEST_F(Server, GivesUpASilentClientAndServesTheNext) {
     EXPECT_EQ(result.outcome, PipeServer::Outcome::kRefused);
     EXPECT_EQ(silent.Reply(), -1);
   }
-  std::thread next([&] {
-    const Client client(m_pipeName);
-    const Request request(L"next", 2, 0);
-    client.Send(request.Header());
-    client.Send(request.Body());
-    EXPECT_EQ(client.Reply(), 1);
-  });
+  std::thread next([&] { EXPECT_EQ(Client(m_pipeName).Ask(Request(L"next", 2, 0)), 1); });
   // The silent client may be met once more, hanging up.
   PipeServer::Result result = m_server.ServeClient(m_stop.Get());
   while (result.outcome == PipeServer::Outcome::kRefused) {
@@ -108,7 +102,7 @@ TEST_F(Server, GivesUpASilentClientAndServesTheNext) {
 }
 
 TEST_F(Server, GivesUpAClientThatTalksOnAfterItsReply) {
-  // Time stands still until the second block behind the request has been read.
+  // Time stands still until something behind the request has been read.
   int transfers = 0;
   const CallPatch<struct TransferTag, decltype(GetOverlappedResult)> transfer(
       "KERNEL32.dll", "GetOverlappedResult",
@@ -120,10 +114,7 @@ TEST_F(Server, GivesUpAClientThatTalksOnAfterItsReply) {
       "KERNEL32.dll", "GetTickCount64", [&] { return ULONGLONG{transfers < 5 ? 0U : 60'000U}; });
   std::thread talker([&] {
     const Client client(m_pipeName);
-    const Request request(L"x", 1, 0);
-    client.Send(request.Header());
-    client.Send(request.Body());
-    EXPECT_EQ(client.Reply(), 1);
+    EXPECT_EQ(client.Ask(Request(L"x", 1, 0)), 1);
     const std::vector<BYTE> block(4096);
     DWORD written = 0;
     while (WriteFile(client.Get(), block.data(), 4096, &written, nullptr)) {

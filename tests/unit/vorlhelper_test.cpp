@@ -87,12 +87,7 @@ class HelperProcess : public ::testing::Test {
     return Helper("--pipe " + m_pipeName + " --count " + std::to_string(count));
   }
 
-  long long Notify(const Request& request) const {
-    const Client client(m_pipeName);
-    client.Send(request.Header());
-    client.Send(request.Body());
-    return client.Reply();
-  }
+  long long Notify(const Request& request) const { return Client(m_pipeName).Ask(request); }
 
   const std::string m_pipeName = NewPipeName();
 };

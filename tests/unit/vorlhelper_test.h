@@ -93,6 +93,13 @@ class Client {
                : -1;
   }
 
+  // Sends the whole request; its reply.
+  long long Ask(const Request& request) const {
+    Send(request.Header());
+    Send(request.Body());
+    return Reply();
+  }
+
   HANDLE Get() const { return m_pipe.Get(); }
 
  private:
