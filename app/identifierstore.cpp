@@ -1,6 +1,7 @@
 #include "app/identifierstore.h"
 
 #include <cwchar>
+#include <iterator>
 
 #include "companions/common/ini_file.h"
 #include "support/folder.h"
@@ -57,7 +58,8 @@ class ConfigurationLock {
 
 bool HasIdentifier(const IniFile& file) noexcept {
   wchar_t beginning[2];
-  return file.Value(kIdentifierSection, kIdentifierKey, beginning, 2) != 0;
+  return file.Value(kIdentifierSection, kIdentifierKey, beginning,
+                    static_cast<DWORD>(std::size(beginning))) != 0;
 }
 
 StoredIdentifier Unreadable(DWORD error) noexcept {
