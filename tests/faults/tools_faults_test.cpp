@@ -100,11 +100,16 @@ TEST(HelperFaults, ConsoleStop) {
 TEST(HelperFaults, Main) {
   const TempFolder folder;
   const std::string file = folder.File("output");
+  const std::string errorFile = folder.File("errors");
   const HANDLE former = GetStdHandle(STD_OUTPUT_HANDLE);
+  const HANDLE formerErrors = GetStdHandle(STD_ERROR_HANDLE);
   SweepFaults("vorlhelper", [&](FaultRun& run) {
     const FileHandle output(CreateFileA(file.c_str(), GENERIC_WRITE, FILE_SHARE_READ, nullptr,
                                         CREATE_ALWAYS, 0, nullptr));
     SetStdHandle(STD_OUTPUT_HANDLE, output.Get());
+    const FileHandle errors(CreateFileA(errorFile.c_str(), GENERIC_WRITE, FILE_SHARE_READ, nullptr,
+                                        CREATE_ALWAYS, 0, nullptr));
+    SetStdHandle(STD_ERROR_HANDLE, errors.Get());
     std::string arguments[] = {"vorlhelper", "--pipe", PipeName(), "--count", "1"};
     char* argv[] = {arguments[0].data(), arguments[1].data(), arguments[2].data(),
                     arguments[3].data(), arguments[4].data(), nullptr};
@@ -124,7 +129,13 @@ TEST(HelperFaults, Main) {
     isOver = true;
     client.join();
     SetStdHandle(STD_OUTPUT_HANDLE, former);
+    SetStdHandle(STD_ERROR_HANDLE, formerErrors);
 
+    if (!run.IsFaultIn({"GetStdHandle", "WriteFile", "WideCharToMultiByte"})) {
+      const ByteVector told = ReadBytes(errorFile);
+      const std::string complaints(told.begin(), told.end());
+      EXPECT_EQ(complaints.find("the pipe ") != std::string::npos, status != 0) << complaints;
+    }
     const ByteVector bytes = ReadBytes(file);
     const std::string text(bytes.begin(), bytes.end());
     if (run.IsFaultIn({"ConvertStringSecurityDescriptorToSecurityDescriptorW", "CreateEventW",
