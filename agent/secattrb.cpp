@@ -138,9 +138,7 @@ BOOL CreateSecurityAttributeForEveryone(SECURITY_ATTRIBUTES* sa, PSID* sid, PACL
   if (!MakeAcl(functions, accessMask, *sid, acl) || !MakeDescriptor(functions, *sid, *acl, sd)) {
     return FALSE;
   }
-  sa->nLength = sizeof(*sa);
-  sa->lpSecurityDescriptor = *sd;
-  sa->bInheritHandle = FALSE;
+  *sa = {.nLength = sizeof(*sa), .lpSecurityDescriptor = *sd, .bInheritHandle = FALSE};
   createTrace.Info("Exit");
   return TRUE;
 }
