@@ -117,7 +117,7 @@ void CAcAsSvc::Run() {
   }
   runTrace.Info("Before calling FreeSecurityAttributeForEveryone");
   core.Reset();
-  // A watcher that may still run needs them; they end with the process then.
+  // What a watcher that may still run makes its events with ends with the process.
   if (hasWatcherEnded) {
     TakeBackSecurityDescriptor();
     FreeSecurityAttributeForEveryone(&m_SecurityAttributes, m_pEveryoneSid, m_pAcl,
